@@ -1,0 +1,16 @@
+// The two debug files of the library lie in /tmp, where every user can write.
+#pragma once
+
+#include "base/UniqueFd.h"
+
+namespace eas {
+
+/// Whether the administrator asked for the debug files: the environment variable
+/// "DEBUG_THRESHOLD" is set, to whatever value. Looked up on every call.
+[[nodiscard]] bool debug_output_wanted() noexcept;
+
+/// Opens `path` for reading and appending, creating it with mode 0777 less the umask. A symbolic
+/// link that somebody planted there is not followed. The result is not open after a failure.
+[[nodiscard]] UniqueFd open_debug_file(const char* path) noexcept;
+
+}  // namespace eas

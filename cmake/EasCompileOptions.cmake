@@ -1,0 +1,53 @@
+# The options that every target of the project is compiled with: eas_options carries them.
+
+find_package(Threads REQUIRED)
+
+add_library(eas_options INTERFACE)
+target_compile_features(eas_options INTERFACE cxx_std_17 c_std_11)
+set(CMAKE_CXX_EXTENSIONS OFF)
+
+target_compile_options(
+    eas_options
+    INTERFACE # Predictions must come out the same to the bit everywhere: no fused, no reordered arithmetic.
+              -ffp-contract=off
+              -fno-fast-math
+              -fvisibility=hidden
+              $<$<COMPILE_LANGUAGE:CXX>:-fvisibility-inlines-hidden>
+              -Wall
+              -Wextra
+              -Wpedantic
+              -Wshadow
+              -Wconversion
+              -Wcast-qual
+              -Wformat=2
+              -Wundef
+              $<$<COMPILE_LANGUAGE:CXX>:-Wnon-virtual-dtor>
+              $<$<COMPILE_LANGUAGE:CXX>:-Woverloaded-virtual>
+              $<$<COMPILE_LANGUAGE:CXX>:-Wold-style-cast>
+              $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety>
+              $<$<BOOL:${EAS_WERROR}>:-Werror>)
+
+# Hardening: the library runs inside a daemon of root.
+target_compile_options(eas_options INTERFACE -fstack-protector-strong -fcf-protection=full
+                                             -fstack-clash-protection)
+target_link_options(
+    eas_options
+    INTERFACE
+    LINKER:-z,relro
+    LINKER:-z,now
+    LINKER:-z,noexecstack
+    LINKER:--as-needed
+    LINKER:--hash-style=gnu
+    LINKER:-O1)
+
+if(EAS_SANITIZE)
+    target_compile_options(eas_options INTERFACE -fsanitize=${EAS_SANITIZE}
+                                                 -fno-sanitize-recover=all -fno-omit-frame-pointer)
+    target_link_options(eas_options INTERFACE -fsanitize=${EAS_SANITIZE})
+elseif(NOT CMAKE_BUILD_TYPE STREQUAL "Debug")
+    target_compile_definitions(eas_options INTERFACE _FORTIFY_SOURCE=2)
+endif()
+if(EAS_COVERAGE)
+    target_compile_options(eas_options INTERFACE --coverage)
+    target_link_options(eas_options INTERFACE --coverage)
+endif()

@@ -1,0 +1,24 @@
+# What `cmake --install` lays down: library, headers, CMake package, pkg-config file.
+
+include(CMakePackageConfigHelpers)
+
+install(TARGETS eas EXPORT eas-targets
+        LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+                COMPONENT library
+                NAMELINK_COMPONENT development)
+foreach(header ${EAS_PUBLIC_HEADERS})
+    install(FILES ${header} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/eas COMPONENT development)
+endforeach()
+
+set(cmake_dir ${CMAKE_INSTALL_LIBDIR}/cmake/eas)
+install(EXPORT eas-targets NAMESPACE eas:: DESTINATION ${cmake_dir} COMPONENT development)
+configure_package_config_file(cmake/eas-config.cmake.in eas-config.cmake
+                              INSTALL_DESTINATION ${cmake_dir})
+write_basic_package_version_file(eas-config-version.cmake COMPATIBILITY SameMajorVersion)
+install(FILES ${PROJECT_BINARY_DIR}/eas-config.cmake ${PROJECT_BINARY_DIR}/eas-config-version.cmake
+        DESTINATION ${cmake_dir} COMPONENT development)
+
+file(RELATIVE_PATH EAS_PC_TO_PREFIX /prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig /prefix)
+configure_file(cmake/eas.pc.in eas.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/eas.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig
+        COMPONENT development)

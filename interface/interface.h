@@ -1,0 +1,186 @@
+/*
+ * interface.h - the scheduler's interface of libeas (C11 and C++17).
+ *
+ * A batch scheduler turns the counters of a job that ran at the cluster's default frequency into an
+ * energy policy tag, and for the next job that names the tag has a processor frequency selected.
+ *
+ * Conventions of every function here
+ *   Return value   0 on success, else a negative code of enum eas_return_code; no other value.
+ *                  Nothing is thrown. A cancelled thread unwinds through the library and leaves
+ *                  nothing behind.
+ *   Texts          NUL-terminated; read, never changed or kept. Lengths that are stored: cluster
+ *                  name 40 bytes, user and tag name 256 each, job id 1024; longer ones are cut.
+ *   Frequencies    KHz. Times: seconds. Power: watts. Changes: fractions (0.05 is 5 %).
+ *   Ownership      What a function hands out belongs to the caller, who frees it with free(3).
+ *   Threads        eas_initialize must not run beside any other call. The four others may run
+ *                  beside each other from any thread; each uses a connection of its own.
+ *   Privileges     None. The process needs read access to the ODBC configuration and to the
+ *                  threshold file, and what the database asks of it.
+ *   Database       The ODBC driver manager is opened at run time as "libodbc.so"; the data source
+ *                  is named in /etc/zemra/cfgloc ("mysql:dbname=NAME"), else it is "easdb".
+ *
+ * Names in a query or removal: a cluster, user or tag name that holds a double quote, or ends in a
+ * backslash that no other backslash escapes, makes the call fail with -4: no name that a user
+ * chooses can widen what is read or removed. In names that are stored a percent sign is read as by
+ * printf: write "%%" for one; any other use keeps its characters.
+ */
+#ifndef EAS_INTERFACE_H
+#define EAS_INTERFACE_H
+
+#include <stdint.h>
+
+#if defined(__GNUC__)
+#define EAS_API __attribute__((visibility("default")))
+#else
+#define EAS_API
+#endif
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* What the functions return. Some values mean different things from different functions. */
+enum eas_return_code {
+    EAS_OK = 0,
+
+    /* Every function: an argument is null, empty or out of range. */
+    EAS_BAD_ARGUMENT = -1,
+    /* Every function: no connection to the database (eas_initialize: or no driver manager). */
+    EAS_NO_CONNECTION = -2,
+    /* The four working functions: eas_initialize has not succeeded. */
+    EAS_NOT_INITIALIZED = -3,
+
+    /* eas_initialize */
+    EAS_NO_COEFFICIENTS = -3,           /* none readable for the cluster and default frequency */
+    EAS_BAD_THRESHOLD_FILE = -4,        /* the threshold file is missing or not valid */
+    EAS_THRESHOLDS_COMMENTED_OUT = -5,  /* the threshold file has no entry */
+
+    /* eas_generate_tag */
+    EAS_TAG_NOT_AVAILABLE = -4,         /* the figures allow no prediction */
+    EAS_STORE_FAILED = -5,              /* the database refused the tag; nothing of it is stored */
+    EAS_TAG_EXISTS = -6,                /* for this cluster, default frequency and user */
+
+    /* eas_query_tag */
+    EAS_QUERY_FAILED = -4,              /* or no memory for the result */
+    /* eas_remove_tag */
+    EAS_REMOVE_FAILED = -4,             /* nothing was removed */
+    /* eas_auto_select_frequency */
+    EAS_NO_UNIQUE_TAG = -4              /* not exactly one such tag */
+};
+
+/*
+ * One energy policy tag: what a job is predicted to do at each frequency.
+ *
+ * Entry i of each array belongs to frequencies[i]; they ascend. The caller owns the four strings
+ * and five arrays, each a block of its own.
+ */
+typedef struct energyPolicyTag {
+    char* energy_tag_name;        /* name of the tag */
+    char* job_id;                 /* the job (step) that it was generated from */
+    char* user_name;              /* its owner */
+    char* cluster_name;           /* the cluster it belongs to */
+    int32_t default_frequency;    /* KHz; the predictions are relative to it */
+    int32_t num_freq;             /* entries in each of the five arrays */
+    int32_t* frequencies;         /* KHz */
+    double* predict_power;        /* W, mean power of a node */
+    double* energy_saving_pct;    /* energy change, a fraction; negative saves energy */
+    int32_t* predict_elapse_time; /* s, run time */
+    double* perf_degrad_pct;      /* run-time change, a fraction; positive is slower */
+} energyPolicyTag, energyPolicyTag_t;
+
+/*
+ * Initialises the library for one cluster, or for another one.
+ *
+ * Whatever was initialised before is discarded first, even when the call then fails. Loads the
+ * driver manager, reads the cluster's coefficients and the threshold file.
+ *
+ *   cluster_name       as in the coefficient table
+ *   default_frequency  KHz, above 0: the frequency at which jobs are measured
+ *   threshold_file     path of the site's performance thresholds (see easctl-thresholds in the
+ *                      administrator's guide)
+ *
+ * Returns EAS_OK, EAS_BAD_ARGUMENT, EAS_NO_CONNECTION, EAS_NO_COEFFICIENTS,
+ * EAS_BAD_THRESHOLD_FILE or EAS_THRESHOLDS_COMMENTED_OUT.
+ * Not thread-safe: no other function of this header may run at the same time.
+ */
+EAS_API int eas_initialize(char* cluster_name, int default_frequency, char* threshold_file);
+
+/*
+ * Predicts a job at every frequency of the cluster and stores the result as a tag.
+ *
+ *   cluster_name, user_name, tag_name, job_id   not null, not empty
+ *   default_frequency  KHz; that of the loaded coefficients
+ *   hw_counters        three doubles: processor cycles, instructions, bytes of memory traffic
+ *   time_elapsed       s, above 0: run time of the job at the default frequency
+ *   power_consumed     W, at least 0.0000001: mean power of a node
+ *
+ * All rows of the tag are stored, or none. Two schedulers that generate the same tag at the same
+ * time cannot both succeed: one gets EAS_TAG_EXISTS or EAS_STORE_FAILED.
+ *
+ * Returns EAS_OK, EAS_BAD_ARGUMENT (also for another default frequency than the loaded one),
+ * EAS_NO_CONNECTION, EAS_NOT_INITIALIZED, EAS_TAG_NOT_AVAILABLE, EAS_STORE_FAILED or
+ * EAS_TAG_EXISTS. Thread-safe beside the other working functions.
+ */
+EAS_API int eas_generate_tag(char* cluster_name, int default_frequency, char* user_name,
+                             char* tag_name, double* hw_counters, char* job_id, int time_elapsed,
+                             double power_consumed);
+
+/*
+ * Hands out the stored tags of a cluster and default frequency.
+ *
+ *   user_name, tag_name   null or empty matches every user, or every tag
+ *   num_tags              out: how many were found, 0 on any failure after the argument checks
+ *   tags                  out: one block of num_tags records, null when there are none
+ *
+ * The caller frees, for each record, its four strings and five arrays, then the block.
+ *
+ * Returns EAS_OK (also for no tag at all), EAS_BAD_ARGUMENT, EAS_NO_CONNECTION,
+ * EAS_NOT_INITIALIZED or EAS_QUERY_FAILED. Thread-safe beside the other working functions.
+ */
+EAS_API int eas_query_tag(char* cluster_name, int default_frequency, char* user_name,
+                          char* tag_name, int* num_tags, energyPolicyTag_t** tags);
+
+/*
+ * Removes the stored tags of a cluster and default frequency, all that match or none.
+ *
+ *   user_name, tag_name   null or empty matches every user, or every tag
+ *   tag_count             out: how many tags were removed
+ *   user_list             out: tag_count owners, one per removed tag
+ *   tagname_list          out: tag_count names, in the same order
+ *
+ * The lists have no terminating null entry; with no tag removed both are null. The caller frees
+ * every entry and both lists. They are valid only when the call returns EAS_OK.
+ *
+ * Returns EAS_OK (also for no tag at all), EAS_BAD_ARGUMENT, EAS_NO_CONNECTION,
+ * EAS_NOT_INITIALIZED or EAS_REMOVE_FAILED. Thread-safe beside the other working functions.
+ */
+EAS_API int eas_remove_tag(char* cluster_name, int default_frequency, char* user_name,
+                           char* tag_name, int* tag_count, char*** user_list,
+                           char*** tagname_list);
+
+/*
+ * Selects the frequency for a job from the predictions of its tag.
+ *
+ *   user_name, tag_name   not null; together they must match exactly one tag (an empty one
+ *                         matches all)
+ *   energy_policy         "minimize_energy": the frequency, up to the default one, that saves most
+ *                         energy within the site's general limit; or "minimize_time": the highest
+ *                         frequency, from the default one up, that gains as much time as the
+ *                         site demands of it
+ *   selected_frequency    out, KHz; the default frequency when no other qualifies
+ *   time_var              out: expected run-time change, a fraction; 0 for the fall-back
+ *
+ * On a failure the outputs are not written.
+ *
+ * Returns EAS_OK, EAS_BAD_ARGUMENT (also for an unknown policy), EAS_NO_CONNECTION,
+ * EAS_NOT_INITIALIZED or EAS_NO_UNIQUE_TAG. Thread-safe beside the other working functions.
+ */
+EAS_API int eas_auto_select_frequency(char* cluster_name, int default_frequency, char* user_name,
+                                      char* tag_name, char* energy_policy,
+                                      int* selected_frequency, double* time_var);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* EAS_INTERFACE_H */
