@@ -6,7 +6,9 @@
 
 namespace eas {
 
-bool debug_output_wanted() noexcept { return std::getenv("DEBUG_THRESHOLD") != nullptr; }
+bool debug_output_wanted() noexcept {
+    return std::getenv("DEBUG_THRESHOLD") != nullptr;
+}
 
 UniqueFd open_debug_file(const char* path) noexcept {
     constexpr int flags = O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC | O_NOFOLLOW | O_NOCTTY;

@@ -8,10 +8,10 @@ namespace eas {
                                          int line) noexcept;
 
 /// Goes on when `holds`; otherwise stops the process. `condition` is the text for the message.
-inline void require_or_abort(bool holds, const char* condition,
-                             const char* file = __builtin_FILE(),
+inline void require_or_abort(bool holds, const char* condition, const char* file = __builtin_FILE(),
                              int line = __builtin_LINE()) noexcept {
-    if (!holds) fatal_assertion_failed(condition, file, line);
+    if (!holds)
+        fatal_assertion_failed(condition, file, line);
 }
 
 }  // namespace eas

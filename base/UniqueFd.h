@@ -5,6 +5,8 @@
 
 #include <utility>
 
+#include "base/DeferCancellation.h"
+
 namespace eas {
 
 class UniqueFd {
@@ -13,7 +15,8 @@ class UniqueFd {
     explicit UniqueFd(int fd) noexcept : fd_(fd) {}
     UniqueFd(UniqueFd&& other) noexcept : fd_(other.release()) {}
     UniqueFd& operator=(UniqueFd&& other) noexcept {
-        if (this != &other) reset(other.release());
+        if (this != &other)
+            reset(other.release());
         return *this;
     }
     UniqueFd(const UniqueFd&) = delete;
@@ -27,7 +30,10 @@ class UniqueFd {
     /// Closes what is held, if anything, and takes over `fd`.
     void reset(int fd = -1) noexcept {
         const int old = std::exchange(fd_, fd);
-        if (old >= 0) ::close(old);
+        if (old < 0)
+            return;
+        const DeferCancellation until_closed;
+        ::close(old);
     }
 
   private:
