@@ -1,0 +1,93 @@
+#include "common/CoEffsFromFile.h"
+
+#include <cstring>
+
+#include "base/UniqueFile.h"
+#include "common/Numbers.h"
+#include "common/ParallelArrays.h"
+
+namespace {
+
+/// Splits at commas in place; runs of them count as one. Returns how many values there are, of
+/// which the first six are converted.
+std::size_t split_values(char* text, std::array<double, 6>& values) {
+    std::size_t count = 0;
+    char* rest = nullptr;
+    for (char* token = ::strtok_r(text, ",", &rest); token != nullptr;
+         token = ::strtok_r(nullptr, ",", &rest)) {
+        if (count < values.size())
+            values[count] = eas::to_double(token);
+        ++count;
+    }
+    return count;
+}
+
+}  // namespace
+
+int CoEffsFromFile::ReadCoefficientsFromFile(const char* path) {
+    const eas::UniqueFile file = eas::open_for_reading(path);
+    if (file == nullptr)
+        return energy_err_reason = BAD_COEFFICIENTS_FILE;
+    return ReadCoefficients(file.get());
+}
+
+int CoEffsFromFile::ReadCoefficients(std::FILE* stream) {
+    std::array<char, 1024> line;
+    int result = 0;
+    while (result == 0 && std::fgets(line.data(), static_cast<int>(line.size()), stream)) {
+        if (line[0] != '#')
+            result = read_row(line.data());
+    }
+    // A folder can be opened, but not read.
+    if (result == 0 && std::ferror(stream) != 0)
+        result = BAD_COEFFICIENTS_FILE;
+    if (result != 0)
+        energy_err_reason = result;
+    return result;
+}
+
+int CoEffsFromFile::read_row(char* line) {
+    if (char* comment = std::strchr(line, '#'))
+        *comment = '\0';
+    char* colon = std::strchr(line, ':');
+    if (colon == nullptr)
+        return BAD_COEFFICIENTS_FILE;
+    *colon = '\0';
+    std::array<double, 6> factors{};
+    if (split_values(colon + 1, factors) != factors.size())
+        return BAD_COEFFICIENTS_FORMAT;
+    append_row(eas::to_int(line), factors);
+    return 0;
+}
+
+void CoEffsFromFile::append_row(int frequency, const std::array<double, 6>& factors) {
+    eas::make_room_for_row(frequencies, factor_a, factor_b, factor_c, factor_d, factor_e, factor_f);
+    frequencies.push_back(frequency);
+    factor_a.push_back(factors[0]);
+    factor_b.push_back(factors[1]);
+    factor_c.push_back(factors[2]);
+    factor_d.push_back(factors[3]);
+    factor_e.push_back(factors[4]);
+    factor_f.push_back(factors[5]);
+}
+
+int CoEffsFromFile::VecToCoEfficients(CoEfficients* target) const {
+    if (target == nullptr)
+        return -1;
+    for (std::size_t i = 0; i < frequencies.size(); ++i) {
+        target->setArrayData(frequencies[i], factor_a[i], factor_b[i], factor_c[i], factor_d[i],
+                             factor_e[i], factor_f[i]);
+    }
+    return static_cast<int>(frequencies.size());
+}
+
+void CoEffsFromFile::print_file_coefficients() const {
+    const eas::CLocaleScope c_locale;
+    for (std::size_t i = 0; i < frequencies.size(); ++i) {
+        // The two missing commas are what the readers of this listing expect.
+        std::printf(
+            "[%d] %10d: A = %10.4f, B = %10.4f C = %10.4f, D = %10.4f E = %10.4f F = %10.4f\n",
+            static_cast<int>(i), frequencies[i], factor_a[i], factor_b[i], factor_c[i], factor_d[i],
+            factor_e[i], factor_f[i]);
+    }
+}
