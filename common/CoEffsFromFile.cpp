@@ -1,10 +1,10 @@
 #include "common/CoEffsFromFile.h"
 
+#include <array>
 #include <cstring>
 
 #include "base/UniqueFile.h"
 #include "common/Numbers.h"
-#include "common/ParallelArrays.h"
 
 namespace {
 
@@ -53,41 +53,32 @@ int CoEffsFromFile::read_row(char* line) {
     if (colon == nullptr)
         return BAD_COEFFICIENTS_FILE;
     *colon = '\0';
-    std::array<double, 6> factors{};
-    if (split_values(colon + 1, factors) != factors.size())
+    std::array<double, 6> f{};
+    if (split_values(colon + 1, f) != f.size())
         return BAD_COEFFICIENTS_FORMAT;
-    append_row(eas::to_int(line), factors);
+    rows.setArrayData(eas::to_int(line), f[0], f[1], f[2], f[3], f[4], f[5]);
     return 0;
-}
-
-void CoEffsFromFile::append_row(int frequency, const std::array<double, 6>& factors) {
-    eas::make_room_for_row(frequencies, factor_a, factor_b, factor_c, factor_d, factor_e, factor_f);
-    frequencies.push_back(frequency);
-    factor_a.push_back(factors[0]);
-    factor_b.push_back(factors[1]);
-    factor_c.push_back(factors[2]);
-    factor_d.push_back(factors[3]);
-    factor_e.push_back(factors[4]);
-    factor_f.push_back(factors[5]);
 }
 
 int CoEffsFromFile::VecToCoEfficients(CoEfficients* target) const {
     if (target == nullptr)
         return -1;
+    const std::vector<int>& frequencies = getFrequencies();
     for (std::size_t i = 0; i < frequencies.size(); ++i) {
-        target->setArrayData(frequencies[i], factor_a[i], factor_b[i], factor_c[i], factor_d[i],
-                             factor_e[i], factor_f[i]);
+        target->setArrayData(frequencies[i], getFactorA()[i], getFactorB()[i], getFactorC()[i],
+                             getFactorD()[i], getFactorE()[i], getFactorF()[i]);
     }
     return static_cast<int>(frequencies.size());
 }
 
 void CoEffsFromFile::print_file_coefficients() const {
     const eas::CLocaleScope c_locale;
+    const std::vector<int>& frequencies = getFrequencies();
     for (std::size_t i = 0; i < frequencies.size(); ++i) {
-        // The two missing commas are what the readers of this listing expect.
+        // The two missing commas are part of the listing's format.
         std::printf(
             "[%d] %10d: A = %10.4f, B = %10.4f C = %10.4f, D = %10.4f E = %10.4f F = %10.4f\n",
-            static_cast<int>(i), frequencies[i], factor_a[i], factor_b[i], factor_c[i], factor_d[i],
-            factor_e[i], factor_f[i]);
+            static_cast<int>(i), frequencies[i], getFactorA()[i], getFactorB()[i], getFactorC()[i],
+            getFactorD()[i], getFactorE()[i], getFactorF()[i]);
     }
 }

@@ -5,7 +5,6 @@
 // Numbers are read as by atoi and atof, in the "C" locale. Used by one thread at a time.
 #pragma once
 
-#include <array>
 #include <cstdio>
 #include <vector>
 
@@ -34,30 +33,21 @@ class CoEffsFromFile {
     /// Lists the rows on standard output.
     void print_file_coefficients() const;
 
-    std::vector<int>& getFrequencies() { return frequencies; }
-    std::vector<double>& getFactorA() { return factor_a; }
-    std::vector<double>& getFactorB() { return factor_b; }
-    std::vector<double>& getFactorC() { return factor_c; }
-    std::vector<double>& getFactorD() { return factor_d; }
-    std::vector<double>& getFactorE() { return factor_e; }
-    std::vector<double>& getFactorF() { return factor_f; }
+    const std::vector<int>& getFrequencies() const { return rows.frequencyArray(); }
+    const std::vector<double>& getFactorA() const { return rows.CoEfficientA_Array(); }
+    const std::vector<double>& getFactorB() const { return rows.CoEfficientB_Array(); }
+    const std::vector<double>& getFactorC() const { return rows.CoEfficientC_Array(); }
+    const std::vector<double>& getFactorD() const { return rows.CoEfficientD_Array(); }
+    const std::vector<double>& getFactorE() const { return rows.CoEfficientE_Array(); }
+    const std::vector<double>& getFactorF() const { return rows.CoEfficientF_Array(); }
 
     /// Why the last reading failed, 0 when none has.
     EnergyErrorType_t energy_err_reason = 0;
+    /// A set that the caller associates with the reader, which does not own or use it.
+    CoEfficients* coeff_from_file = nullptr;
 
   private:
     int read_row(char* line);
-    void append_row(int frequency, const std::array<double, 6>& factors);
 
-    std::vector<int> frequencies;
-    std::vector<double> factor_a;
-    std::vector<double> factor_b;
-    std::vector<double> factor_c;
-    std::vector<double> factor_d;
-    std::vector<double> factor_e;
-    std::vector<double> factor_f;
-
-  public:
-    /// A set that the caller associates with the reader, which does not own or use it.
-    CoEfficients* coeff_from_file = nullptr;
+    CoEfficients rows;  // without a cluster name
 };

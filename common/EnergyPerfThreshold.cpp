@@ -247,7 +247,10 @@ int EnergyPerfThreshold::get_perf_threshold(const std::vector<std::string>& line
 }
 
 int EnergyPerfThreshold::get_time_threshhold(const std::vector<std::string>& lines) {
-    if (lines.empty() || coeffs == nullptr || !matches(lines[0], FREQ_TVAR))
+    if (lines.empty() || coeffs == nullptr)
+        return 1;
+    const std::string& header = lines[0];
+    if (header.find_first_of(" \t") == std::string::npos || !matches(header, FREQ_TVAR))
         return 1;
     const int default_frequency = coeffs->getDefaultFrequency();
     std::vector<int> sorted = coeffs->frequencyArray();
