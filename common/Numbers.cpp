@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <array>
-#include <climits>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -25,11 +24,6 @@ double to_double(const char* text) noexcept {
 int to_int(const char* text) noexcept {
     const long value = ::strtol_l(text, nullptr, 10, c_locale());
     return value >= INT_MIN && value <= INT_MAX ? static_cast<int>(value) : INT_MIN;
-}
-
-int truncate_to_int(double value) noexcept {
-    const bool fits = value > -2147483649.0 && value < 2147483648.0;
-    return fits ? static_cast<int>(value) : INT_MIN;
 }
 
 void append_formatted(std::string& out, std::size_t limit, const char* format, ...) {

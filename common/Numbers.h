@@ -5,6 +5,7 @@
 
 #include <locale.h>
 
+#include <climits>
 #include <cstddef>
 #include <string>
 
@@ -18,7 +19,10 @@ namespace eas {
 
 /// `value` cut to a whole number toward zero; what no int holds, NaN included, gives INT_MIN, which
 /// no time and no frequency can be.
-[[nodiscard]] int truncate_to_int(double value) noexcept;
+[[nodiscard]] constexpr int truncate_to_int(double value) noexcept {
+    const bool fits = value > -2147483649.0 && value < 2147483648.0;
+    return fits ? static_cast<int>(value) : INT_MIN;
+}
 
 /// White space, digits and letters of ASCII: what isspace() and friends answer in the "C" locale,
 /// defined for every char.

@@ -7,11 +7,15 @@
 namespace eas {
 
 template <typename T>
-void make_room(std::vector<T>& array) {
+[[gnu::noinline]] void grow(std::vector<T>& array) {
     constexpr std::size_t first_rows = 16;  // what most clusters' processors offer
-    if (array.size() < array.capacity())
-        return;
     array.reserve(array.empty() ? first_rows : 2 * array.size());
+}
+
+template <typename T>
+void make_room(std::vector<T>& array) {
+    if (array.size() == array.capacity())
+        grow(array);
 }
 
 /// Makes room for one more row in every array, so that appending one cannot fail half-way: when
