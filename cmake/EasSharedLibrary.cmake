@@ -20,7 +20,7 @@ if(NOT EAS_SANITIZE)
 endif()
 
 # The headers as they will be installed, so that every client in this tree includes <eas/...>.
-set(EAS_PUBLIC_HEADERS interface/interface.h)
+set(EAS_PUBLIC_HEADERS interface/interface.h common/EasMisc.h common/EnergyUtil.h)
 set(EAS_HEADER_DIR ${PROJECT_BINARY_DIR}/include)
 foreach(header ${EAS_PUBLIC_HEADERS})
     get_filename_component(name ${header} NAME)

@@ -1,0 +1,17 @@
+// The energy meter's sensor files and the processors' temperature. Keeps no state; any thread.
+#pragma once
+
+#include <array>
+
+#include "common/EasMisc.h"
+
+/// Sensor files in the order of the fields of enrusage, which have the same names.
+extern const std::array<const char*, 14> value_files;
+
+/// What inlet_temperature holds when there is no reading.
+constexpr unsigned NO_TEMPERATURE = 999;
+
+/// Fills inlet_temperature: degrees Celsius below the highest allowed junction temperature, mean of
+/// the sockets, or NO_TEMPERATURE when a socket has no valid reading. Needs the topology, root and
+/// the "msr" kernel module. Returns 0.
+int read_inlet_temperature(hwrusage* usage);
