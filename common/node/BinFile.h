@@ -9,4 +9,4 @@ int bin_read_file(const char* file, char* buf, int buf_len);
 
 /// Writes `buf_len` bytes to the existing `file` with one write(2), whose result is returned;
 /// 0 when the file cannot be opened (descriptor 0 as above).
-int bin_write_file(const char* file, char* buf, int buf_len);
+int bin_write_file(const char* file, const char* buf, int buf_len);

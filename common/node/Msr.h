@@ -34,9 +34,9 @@ struct RegisterStep {
 /// Runs the steps in order on a CPU. A failed access is passed over: the others still count.
 void run_sequence(int cpu, const RegisterStep* steps, std::size_t count);
 
-template <typename Sequence>
-void run_sequence(int cpu, const Sequence& steps) {
-    run_sequence(cpu, steps.data(), steps.size());
+template <std::size_t Count>
+void run_sequence(int cpu, const RegisterStep (&steps)[Count]) {
+    run_sequence(cpu, steps, Count);
 }
 
 }  // namespace eas

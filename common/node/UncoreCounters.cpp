@@ -1,0 +1,103 @@
+#include "common/node/UncoreCounters.h"
+
+#include "common/node/CpuTopology.h"
+#include "common/node/MemoryChannels.h"
+#include "common/node/UncoreMsrCounters.h"
+
+namespace {
+
+constexpr std::uint64_t BYTES_PER_LINE = 64;
+constexpr int NEWEST_MODEL = 62;
+
+enum class Method { none, uncore_msrs, memory_channels, uncore_boxes };
+
+Method method_of(int model) {
+    switch (model) {
+        case 26:
+        case 30:
+        case 37:
+        case 44:
+            return Method::uncore_msrs;
+        case 45:
+        case 62:
+            return Method::memory_channels;
+        case 47:
+            return Method::uncore_boxes;
+        default:
+            return Method::none;
+    }
+}
+
+int init_memory_channels() {
+    for (int s = 0; s < cinfo.numSockets; ++s) {
+        const auto socket = static_cast<unsigned>(s);
+        if (get_memory_channels(socket) == CHANNELS_PER_SOCKET &&
+            program_memory_channels(socket) == 0) {
+            continue;
+        }
+        // The failing socket keeps what it mapped until the tear-down, which gives it back.
+        for (unsigned earlier = 0; earlier < socket; ++earlier)
+            cleanup_memory_channels(earlier);
+        return -1;
+    }
+    return 0;
+}
+
+std::uint64_t bytes_of_socket(Method method, unsigned socket) {
+    switch (method) {
+        case Method::uncore_msrs:
+            return getuncrw(socket) * BYTES_PER_LINE;
+        case Method::memory_channels:
+            return getmcreads(socket) * BYTES_PER_LINE + getmcwrites(socket) * BYTES_PER_LINE;
+        case Method::uncore_boxes:
+            return getboxrw(socket) * BYTES_PER_LINE;
+        case Method::none:
+            break;
+    }
+    return 0;
+}
+
+}  // namespace
+
+int init_uncore_counters() {
+    if (cinfo.model > NEWEST_MODEL)
+        return 0;
+    switch (method_of(cinfo.model)) {
+        case Method::uncore_msrs:
+            init_uncore_msrs();
+            break;
+        case Method::memory_channels:
+            return init_memory_channels();
+        case Method::uncore_boxes:
+            init_uncore_boxes();
+            break;
+        case Method::none:
+            break;
+    }
+    return 0;
+}
+
+int read_uncore_counters(hwrusage* usage) {
+    const Method method = method_of(cinfo.model);
+    std::uint64_t bytes = 0;
+    for (int s = 0; s < cinfo.numSockets; ++s) {
+        bytes += bytes_of_socket(method, static_cast<unsigned>(s));
+    }
+    usage->membytes_xferred = bytes;
+    usage->netbytes_xferred = 0;
+    return 0;
+}
+
+int cleanup_uncore(unsigned socket) {
+    switch (method_of(cinfo.model)) {
+        case Method::uncore_msrs:
+            return cleanup_uncore_msrs(socket);
+        case Method::memory_channels:
+            return cleanup_memory_channels(socket);
+        case Method::uncore_boxes:
+            return cleanup_uncore_boxes(socket);
+        case Method::none:
+            break;
+    }
+    return 0;
+}
