@@ -92,11 +92,9 @@ bool TopologyReader::take_processor(std::string_view line) {
 }
 
 bool TopologyReader::take_physical_id(std::string_view line) {
-    const bool parsed = eas::parse_field(line, "physical id", socket_);
-    if (parsed && !within(socket_, MAX_SOCKETS))
+    eas::parse_field(line, "physical id", socket_);
+    if (!within(cpu_, MAX_CPUS) || !within(socket_, MAX_SOCKETS))
         return false;
-    if (cpu_ < 0 || socket_ < 0)
-        return true;  // belongs to no processor
     physical_id_[static_cast<std::size_t>(cpu_)] = socket_;
     if (cinfo.cpuId[socket_] == -1) {
         cinfo.SId[cinfo.numSockets] = socket_;
@@ -107,11 +105,10 @@ bool TopologyReader::take_physical_id(std::string_view line) {
 }
 
 bool TopologyReader::take_core_id(std::string_view line) {
-    const bool parsed = eas::parse_field(line, "core id", core_);
-    if (parsed && !within(core_, MAX_CORE_IDS))
+    eas::parse_field(line, "core id", core_);
+    if (!within(cpu_, MAX_CPUS) || !within(core_, MAX_CORE_IDS))
         return false;
-    if (cpu_ >= 0)
-        core_id_[static_cast<std::size_t>(cpu_)] = core_;
+    core_id_[static_cast<std::size_t>(cpu_)] = core_;
     return true;
 }
 

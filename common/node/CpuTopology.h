@@ -34,8 +34,8 @@ extern cpuinfo_t cinfo;
 
 /// Fills `cinfo` from /proc/cpuinfo and the platform-information register of CPU 0.
 /// 0; -1 when the file cannot be opened (`cinfo` is unchanged); -2 when the processor is not one
-/// of the known ones (`cinfo` is partly filled) or exceeds the array limits (`cinfo` is blank, so
-/// that the platform counts as unsupported).
+/// of the known ones (`cinfo` is partly filled) or exceeds the array limits, or has ids outside
+/// of any processor (`cinfo` is blank, so that the platform counts as unsupported).
 int discover_topology();
 
 /// 1 if sampling is possible on this node, else 0: the register device of CPU 0 opens for reading

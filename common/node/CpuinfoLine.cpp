@@ -33,8 +33,11 @@ bool parse_int(std::string_view text, int& value) noexcept {
     }
     int parsed = 0;
     const auto result = std::from_chars(text.data(), text.data() + text.size(), parsed);
-    if (result.ec != std::errc{})
+    if (result.ec == std::errc::result_out_of_range) {
+        parsed = text.front() == '-' ? INT_MIN : INT_MAX;
+    } else if (result.ec != std::errc{}) {
         return false;
+    }
     value = parsed;
     return true;
 }
