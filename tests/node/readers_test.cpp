@@ -1,7 +1,9 @@
 // What is read out of registers, counter descriptors and the lines of /proc/cpuinfo.
 #include <gmock/gmock.h>
+#include <pthread.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <climits>
 #include <cstdio>
 #include <memory>
@@ -92,6 +94,25 @@ TEST(CpuinfoLineTest, OnlyBlanksAndAColonStandBetweenKeyAndNumber) {
         EXPECT_EQ(row.field, field) << row.line;
         EXPECT_EQ(row.after_colon, after_colon) << row.line;
     }
+}
+
+// Destructors close descriptors, which a cancelled thread could not unwind through.
+TEST(CancellationTest, ACancelledThreadFinishesTheCall) {
+    bool finished = false;
+    pthread_t thread;
+    const auto body = [](void* out) -> void* {
+        pthread_cancel(pthread_self());
+        static char text[8];  // not on a stack that the address sanitizer would have to unpoison
+        sysfs_read_file("energy1_input", text, sizeof text);
+        *static_cast<bool*>(out) = true;
+        pthread_testcancel();
+        return nullptr;
+    };
+    ASSERT_EQ(0, pthread_create(&thread, nullptr, body, &finished));
+    void* result = nullptr;
+    ASSERT_EQ(0, pthread_join(thread, &result));
+    EXPECT_TRUE(finished);
+    EXPECT_EQ(PTHREAD_CANCELED, result);
 }
 
 struct CloseFile {
