@@ -2,9 +2,9 @@
 
 #include <algorithm>
 #include <array>
-#include <memory>
 #include <string_view>
 
+#include "base/UniqueFile.h"
 #include "common/EnergyUtil.h"
 #include "common/node/CpuinfoLine.h"
 #include "common/node/Msr.h"
@@ -46,10 +46,6 @@ const ProcessorModel* find_model(int model) noexcept {
                                      [model](const auto& row) { return row.model == model; });
     return found == MODELS.end() ? nullptr : found;
 }
-
-struct CloseFile {
-    void operator()(std::FILE* file) const { std::fclose(file); }
-};
 
 // Reads the lines of /proc/cpuinfo into `cinfo` and keeps what the core count needs.
 class TopologyReader {
@@ -201,7 +197,7 @@ int read_topology(std::FILE* cpuinfo) {
 }  // namespace eas
 
 int discover_topology() {
-    std::unique_ptr<std::FILE, CloseFile> cpuinfo(std::fopen(PROC_CPUINFO_PATH, "re"));
+    eas::UniqueFile cpuinfo = eas::open_for_reading(PROC_CPUINFO_PATH);
     if (!cpuinfo)
         return -1;
     const int result = eas::read_topology(cpuinfo.get());

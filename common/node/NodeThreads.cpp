@@ -4,11 +4,11 @@
 #include <algorithm>
 #include <array>
 #include <climits>
-#include <memory>
 #include <new>
 #include <string_view>
 
 #include "base/DeferCancellation.h"
+#include "base/UniqueFile.h"
 #include "common/EnergyUtil.h"
 #include "common/node/CpuinfoLine.h"
 
@@ -22,11 +22,6 @@ using Line = std::array<char, 64>;
 bool next_line(std::FILE* file, Line& line) {
     return std::fgets(line.data(), static_cast<int>(line.size()), file) != nullptr;
 }
-
-struct CloseFile {
-    void operator()(std::FILE* file) const { std::fclose(file); }
-};
-using File = std::unique_ptr<std::FILE, CloseFile>;
 
 int number_or_zero(std::string_view line) {
     int number = 0;
@@ -99,7 +94,7 @@ int count_node_threads(std::FILE* cpuinfo, int cpuid) {
 
 int EnergyUtil::get_all_cpu_ids(std::vector<int>& cpuids) {
     const eas::DeferCancellation deferred;
-    const File cpuinfo(std::fopen(PROC_CPUINFO_PATH, "re"));
+    const eas::UniqueFile cpuinfo = eas::open_for_reading(PROC_CPUINFO_PATH);
     if (!cpuinfo)
         return -1;
     try {
@@ -114,7 +109,7 @@ int EnergyUtil::get_node_threads(int cpuid) {
     if (cpu_threads_num >= 1)
         return cpu_threads_num;
     const eas::DeferCancellation deferred;
-    const File cpuinfo(std::fopen(PROC_CPUINFO_PATH, "re"));
+    const eas::UniqueFile cpuinfo = eas::open_for_reading(PROC_CPUINFO_PATH);
     if (!cpuinfo)
         return -1;
     const int threads = eas::count_node_threads(cpuinfo.get(), cpuid);

@@ -6,10 +6,10 @@
 #include <cerrno>
 #include <climits>
 #include <cstdio>
-#include <memory>
 #include <string>
 
 #include "base/UniqueFd.h"
+#include "base/UniqueFile.h"
 #include "common/EasMisc.h"
 #include "common/node/CoreCounters.h"
 #include "common/node/CpuTopology.h"
@@ -115,12 +115,8 @@ TEST(CancellationTest, ACancelledThreadFinishesTheCall) {
     EXPECT_EQ(PTHREAD_CANCELED, result);
 }
 
-struct CloseFile {
-    void operator()(std::FILE* file) const { std::fclose(file); }
-};
-
-std::unique_ptr<std::FILE, CloseFile> stream_of(std::string& text) {
-    return std::unique_ptr<std::FILE, CloseFile>(fmemopen(text.data(), text.size(), "r"));
+UniqueFile stream_of(std::string& text) {
+    return UniqueFile(fmemopen(text.data(), text.size(), "r"));
 }
 
 TEST(TopologyReaderTest, NumbersBeyondTheTablesLeaveABlankRecord) {
