@@ -4,6 +4,8 @@
 
 #include <cstdlib>
 
+#include "base/DeferCancellation.h"
+
 namespace eas {
 
 bool debug_output_wanted() noexcept {
@@ -12,6 +14,7 @@ bool debug_output_wanted() noexcept {
 
 UniqueFd open_debug_file(const char* path) noexcept {
     constexpr int flags = O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC | O_NOFOLLOW | O_NOCTTY;
+    const DeferCancellation until_opened;
     return UniqueFd(::open(path, flags, 0777));
 }
 
