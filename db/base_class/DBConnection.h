@@ -77,7 +77,16 @@ class DBConnection {
         void operator()(char* text) const noexcept { std::free(text); }
     };
     using OwnedText = std::unique_ptr<char, Free>;
+    /// Shared by all connections of the process; null while unset.
+    struct Settings {
+        OwnedText _db;
+        OwnedText _user;
+        OwnedText _pwd;
+        OwnedText _schema;
+    };
     class PendingConnection;
+
+    static Settings& settings() noexcept;
 
     static void replace(OwnedText& setting, const char* text);
     [[nodiscard]] static bool schemaDiffersFromUser() noexcept;
@@ -85,13 +94,9 @@ class DBConnection {
     bool connectWithRetries();
     bool connectOnce();
     bool waitForNextAttempt(int attempt);
+    void freeEnvHandle();
     SQLRETURN disconnectHandle();
     SQLRETURN freeConnHandle();
-
-    static OwnedText _db;
-    static OwnedText _user;
-    static OwnedText _pwd;
-    static OwnedText _schema;
 
     SQLHANDLE _hcon = SQL_NULL_HANDLE;
     SQLHANDLE _henv;

@@ -22,6 +22,8 @@ class DBConnectionPool {
     /// Disconnects every connection, those in use too, and destroys the pool.
     static void terminate();
 
+    /// Use init(); public for std::make_unique only.
+    explicit DBConnectionPool(std::unique_ptr<DBConnectionPoolImpl> impl) noexcept;
     ~DBConnectionPool();
     DBConnectionPool(const DBConnectionPool&) = delete;
     DBConnectionPool& operator=(const DBConnectionPool&) = delete;
@@ -44,7 +46,6 @@ class DBConnectionPool {
     void setTraceLevel(int level) noexcept;
 
   private:
-    explicit DBConnectionPool(std::unique_ptr<DBConnectionPoolImpl> impl) noexcept;
     template <typename... Arguments>
     static void create(Arguments... arguments);
 

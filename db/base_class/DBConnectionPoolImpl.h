@@ -35,11 +35,18 @@ class DBConnectionPoolImpl {
     void setTraceLevel(int level) noexcept { _trace_level = level; }
 
   private:
-    using Connections = std::vector<std::unique_ptr<DBConnection>>;
+    struct Disconnect {
+        void operator()(DBConnection* con) const;
+    };
+    using Connection = std::unique_ptr<DBConnection, Disconnect>;
+    using Connections = std::vector<Connection>;
 
-    void initPool();
+    /// Part of the constructors: no other thread knows the pool yet, so the lists need no lock.
+    void initPool() EAS_NO_THREAD_SAFETY_ANALYSIS;
+    [[nodiscard]] Connection openConnection(bool pooled) const;
     DBConnection* takeAvailable();
     DBConnection* expand();
+    Connection takeUsed(const DBConnection* con);
     void traceCounts(const char* what) const;
 
     std::optional<std::string> _database;

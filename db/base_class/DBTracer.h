@@ -50,6 +50,7 @@ class DBTracer : public std::streambuf, public std::ostream {
 
   private:
     int send_buf();
+    void write_prefix();
     [[nodiscard]] std::string logprefix();
     [[nodiscard]] std::string shown_ids();
 

@@ -28,8 +28,8 @@ class OdbcHandle {
     /// Frees what is held, result ignored. A pending cancellation waits: it could not leave here.
     ~OdbcHandle();
 
-    /// Frees what is held and allocates a handle below `parent`. Returns the ODBC result; after a
-    /// failure nothing is held.
+    /// Frees what is held and allocates a handle below `parent`. Returns the ODBC result; after an
+    /// error nothing is held.
     SQLRETURN allocate(SQLHANDLE parent);
     /// Frees what is held and returns the ODBC result (0 if nothing was); nothing is held
     /// afterwards.

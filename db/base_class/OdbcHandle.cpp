@@ -1,0 +1,28 @@
+#include "db/base_class/OdbcHandle.h"
+
+#include "db/base_class/CancelState.h"
+#include "db/base_class/DBLibrary.h"
+
+namespace eas {
+
+OdbcHandle::~OdbcHandle() {
+    const CancelState uncancelled(PTHREAD_CANCEL_DISABLE);
+    free();
+}
+
+SQLRETURN OdbcHandle::allocate(SQLHANDLE parent) {
+    free();
+    SQLHANDLE handle = SQL_NULL_HANDLE;
+    const SQLRETURN rc = DBLibrary::get()->SQLAllocHandle(type_, parent, &handle);
+    if (rc >= 0 && is_handle(handle))
+        handle_ = handle;
+    return rc;
+}
+
+SQLRETURN OdbcHandle::free() {
+    if (!is_open())
+        return SQL_SUCCESS;
+    return DBLibrary::get()->SQLFreeHandle(type_, release());
+}
+
+}  // namespace eas
