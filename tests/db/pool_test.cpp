@@ -1,0 +1,235 @@
+// The connection pool, and the properties file that configures it.
+#include "db/base_class/DBConnectionPool.h"
+
+#include <pthread.h>
+
+#include <fstream>
+#include <thread>
+#include <vector>
+
+#include "db/base_class/DBLibrary.h"
+#include "db/base_class/Properties.h"
+#include "gmock/gmock.h"
+#include "tests/support/ScriptedDriverManager/ScriptedDriverManager.h"
+#include "tests/support/TraceCapture.h"
+
+namespace {
+
+using eas::test::ScriptedDriverManager;
+
+std::atomic<int> switched{0};
+std::atomic<int> switched_back{0};
+
+int set_user(unsigned) {
+    return ++switched;
+}
+
+int unset_user() {
+    return ++switched_back;
+}
+
+class TextFile {
+  public:
+    explicit TextFile(const std::string& text) : file_(::memfd_create("properties", MFD_CLOEXEC)) {
+        EXPECT_EQ(::write(file_.get(), text.data(), text.size()),
+                  static_cast<ssize_t>(text.size()));
+    }
+    [[nodiscard]] std::string path() const {
+        return "/proc/self/fd/" + std::to_string(file_.get());
+    }
+
+  private:
+    eas::UniqueFd file_;
+};
+
+using Map = std::map<std::string, std::string>;
+
+TEST(PropertiesFile, LinesAreReadAsDocumented) {
+    struct Row {
+        std::string text;
+        Map expected;
+    };
+    const std::string long_value(300, 'v');
+    const std::vector<Row> rows{
+        {"a=1\n", {{"a", "1"}}},
+        {"a=1", {}},
+        {"a=1\nb=2", {{"a", "1"}}},
+        {"  a b  =  c = d  \n\nno pair\na b=2\n", {{"a b", "2"}}},
+        {"a=\n=b\n", {{"a", ""}, {"", "b"}}},
+        {"\ta=b\t\r\n", {{"\ta", "b\t\r"}}},
+        {"k=" + long_value + "\n", {{"k", long_value.substr(0, 253)}}},
+    };
+    for (const Row& row : rows)
+        EXPECT_EQ(Properties(TextFile(row.text).path().c_str()).getPropertiesMap(), row.expected)
+            << row.text;
+}
+
+TEST(PropertiesFile, IsRejectedByItsFirstLineAndWhenItCannotBeRead) {
+    const eas::test::TraceCapture log;
+    const TextFile commented("# a comment\na=1\n");
+    const TextFile empty("");
+    std::string expected;
+    for (const std::string& path : {commented.path(), empty.path(), std::string("/")}) {
+        EXPECT_THAT(Properties(path.c_str()).getPropertiesMap(), testing::IsEmpty());
+        expected += "Invalid properties file " + path + " specified\n\n";
+    }
+    EXPECT_THAT(Properties("/no/such/file").getPropertiesMap(), testing::IsEmpty());
+    EXPECT_EQ(log.text(), expected + "Cannot open properties file /no/such/file\n\n");
+    Properties missing;
+    EXPECT_EQ(missing["key"], "");
+    EXPECT_EQ(missing.getPropertiesMap().size(), 1);
+}
+
+class Pool : public testing::Test {
+  protected:
+    void SetUp() override {
+        odbc = ScriptedDriverManager::load(EAS_SCRIPTED_ODBC);
+        ASSERT_NE(odbc, nullptr);
+        ASSERT_TRUE(DBLibrary::init(EAS_SCRIPTED_ODBC));
+        ::unsetenv("MIN_POOL_CONNECTIONS");
+    }
+    void TearDown() override {
+        DBConnectionPool::terminate();
+        EXPECT_EQ(odbc->live(), 0);
+        EXPECT_TRUE(odbc->script_done());
+        DBLibrary::release();
+    }
+    static DBConnectionPool& start(int min, int max) {
+        DBConnectionPool::init("easdb", "anna", "pw", nullptr, min, max, set_user, unset_user);
+        return *DBConnectionPool::Instance();
+    }
+
+    ScriptedDriverManager* odbc = nullptr;
+};
+
+TEST_F(Pool, HandsOutPooledThenTemporaryConnections) {
+    DBConnectionPool& pool = start(1, 1);
+    EXPECT_EQ(pool.availableCount(), 1);
+    DBConnection* pooled = pool.checkout();
+    DBConnection* temporary = pool.checkout();
+    ASSERT_NE(temporary, nullptr);
+    EXPECT_TRUE(pooled->isPooled());
+    EXPECT_FALSE(temporary->isPooled());
+    EXPECT_EQ(pool.usedCount(), 2);
+    EXPECT_EQ(switched, 2);
+    EXPECT_EQ(switched_back, 2);
+    pool.checkin(temporary);
+    EXPECT_EQ(odbc->connected(), 1);
+    DBConnection stranger(nullptr, true, 0);
+    pool.checkin(&stranger);
+    pool.checkin(nullptr);
+    pool.checkin(pooled);
+    pool.checkin(pooled);
+    EXPECT_EQ(pool.availableCount(), 1);
+    EXPECT_EQ(pool.usedCount(), 0);
+}
+
+TEST_F(Pool, MessagesCountAvailableBeforeUsed) {
+    const eas::test::TraceCapture log;
+    DBConnectionPool& pool = start(0, 5);
+    start(3, 3);
+    const std::size_t before = log.text().size();
+    EXPECT_THAT(log.text(),
+                testing::StartsWith("Initializing connection pool with 0 connections (max "
+                                    "connections: 5)\n\nConnection pool initialized, available "
+                                    "connections in the pool: 0 (max connections: 5)\n\n"
+                                    "DBConnectionPool already initialized\n\n"));
+    pool.checkin(pool.checkout());
+    DBConnectionPool::terminate();
+    EXPECT_EQ(
+        log.text().substr(before),
+        "Obtaining a database connection... [available connections: 0, used connections: 0]\n\n"
+        "Out of connections, expanding the connection pool\n\n"
+        "Connected to the database: easdb\n\n"
+        "Successfully obtained a database connection "
+        "[available connections: 0, used connections: 1]\n\n"
+        "Releasing a database connection... [available connections: 0, used connections: 1]\n\n"
+        "Deleting the temporary DB connection\n\n"
+        "Disconnected from the database\n\n"
+        "Successfully released a database connection "
+        "[available connections: 0, used connections: 0]\n\n"
+        "Deleting the connection pool, available connections: 0, used connections: 0\n\n"
+        "Connection pool deleted, available connections: 0, used connections: 0\n\n");
+}
+
+TEST_F(Pool, FailedConnectionsAreDroppedAndFailedExpansionGivesNull) {
+    odbc->answer("SQLConnect", {0, SQL_ERROR, 0});
+    DBConnectionPool& pool = start(3, 3);
+    EXPECT_EQ(pool.availableCount(), 2);
+    EXPECT_NE(pool.checkout(), nullptr);
+    EXPECT_NE(pool.checkout(), nullptr);
+    odbc->answer("SQLConnect", {SQL_ERROR});
+    int state = -1;
+    EXPECT_EQ(pool.checkout(), nullptr);
+    pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, &state);
+    EXPECT_EQ(state, PTHREAD_CANCEL_ENABLE);
+    EXPECT_EQ(switched_back, switched);
+    EXPECT_EQ(pool.usedCount(), 2);
+    EXPECT_EQ(odbc->live(SQL_HANDLE_ENV), 2);  // terminate() takes those in use as well
+}
+
+TEST_F(Pool, CleanupKeepsTheMinimum) {
+    ::setenv("MIN_POOL_CONNECTIONS", "9", 1);  // only a properties file listens to it
+    DBConnectionPool& pool = start(2, 0);
+    pool.doCleanup();
+    EXPECT_EQ(pool.availableCount(), 2);
+    EXPECT_EQ(pool.minCount(), 2);
+}
+
+TEST_F(Pool, PropertiesFileConfiguresItUnlessTheEnvironmentSaysMore) {
+    struct Row {
+        const char* environment;
+        unsigned expected;
+    };
+    const TextFile file(
+        "database_name=db\ndatabase_user=u\nmin_pool_connections=2\nmax_pool_connections=40\n"
+        "pool_trace_level=3\n");
+    for (const Row& row : {Row{"30", 30}, Row{"31", 2}, Row{"0", 2}, Row{"many", 2}, Row{"1", 1}}) {
+        ::setenv("MIN_POOL_CONNECTIONS", row.environment, 1);
+        DBConnectionPool::init(file.path().c_str());
+        const DBConnectionPool& pool = *DBConnectionPool::Instance();
+        EXPECT_EQ(pool.minCount(), row.expected) << row.environment;
+        EXPECT_EQ(pool.availableCount(), row.expected);
+        EXPECT_EQ(pool.maxCount(), 40);
+        EXPECT_EQ(pool.trcLevel(), 3);
+        DBConnectionPool::terminate();
+    }
+    EXPECT_THAT(odbc->calls(), testing::Contains("SQLConnect(db, u, )"));
+}
+
+TEST_F(Pool, ThreadsShareIt) {
+    const eas::test::TraceCapture log;
+    DBConnectionPool& pool = start(2, 2);
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 4; ++i)
+        threads.emplace_back([&pool] {
+            for (int n = 0; n < 50; ++n) {
+                DBConnection* con = pool.checkout();
+                ASSERT_NE(con, nullptr);
+                EXPECT_EQ(con->getStatus(), 0);
+                pool.checkin(con);
+                pool.doCleanup();
+            }
+        });
+    for (auto& thread : threads)
+        thread.join();
+    EXPECT_EQ(pool.usedCount(), 0);
+    EXPECT_EQ(pool.availableCount(), 2);
+    EXPECT_EQ(odbc->connected(), 2);
+}
+
+TEST_F(Pool, CancelledThreadTakesNoConnectionAway) {
+    DBConnectionPool& pool = start(1, 1);
+    bool returned = false;
+    std::thread thread([&] {
+        pthread_cancel(pthread_self());
+        pool.checkout();
+        returned = true;
+    });
+    thread.join();
+    EXPECT_FALSE(returned);
+    EXPECT_EQ(pool.usedCount(), 0);
+    EXPECT_EQ(pool.availableCount(), 1);
+}
+
+}  // namespace
