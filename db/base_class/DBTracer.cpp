@@ -35,12 +35,20 @@ void log_once_init() {
     pthread_mutexattr_destroy(&attributes);
 }
 
+/// Who holds record_mutex; 0: nobody. An outer record whose lock an inner one released has nothing
+/// left to give back.
+std::atomic<pthread_t> record_owner{0};
+
 void lock_records() {
     pthread_once(&log_once, log_once_init);
-    pthread_mutex_lock(&record_mutex);
+    if (pthread_mutex_lock(&record_mutex) == 0)
+        record_owner = pthread_self();
 }
 
 void unlock_records() {
+    if (record_owner != pthread_self())
+        return;
+    record_owner = 0;
     pthread_mutex_unlock(&record_mutex);
 }
 
