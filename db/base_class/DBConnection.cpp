@@ -8,6 +8,7 @@
 #include <string>
 #include <utility>
 
+#include "base/DeferCancellation.h"
 #include "db/base_class/CancelState.h"
 #include "db/base_class/DBDiagnostics.h"
 #include "db/base_class/DBLibrary.h"
@@ -53,7 +54,7 @@ class DBConnection::PendingConnection {
     ~PendingConnection() {
         if (kept_)
             return;
-        const CancelState uncancelled(PTHREAD_CANCEL_DISABLE);
+        const eas::DeferCancellation until_done;
         if (connected_)
             con_.disconnectHandle();
         con_.freeConnHandle();
@@ -80,7 +81,7 @@ DBConnection::DBConnection(const char* propertiesFile, bool isPooled, int traceL
 }
 
 DBConnection::~DBConnection() {
-    const CancelState uncancelled(PTHREAD_CANCEL_DISABLE);
+    const eas::DeferCancellation until_done;
     freeEnvHandle();
 }
 
@@ -320,7 +321,7 @@ int DBConnection::disconnect() {
     if (_status != 0)
         return _status;
     // A thread cancelled in here would leave the handle behind.
-    const CancelState uncancelled(PTHREAD_CANCEL_DISABLE);
+    const eas::DeferCancellation until_done;
     _status = -1;
     _autocommit = -1;
     const SQLRETURN refused = disconnectHandle();

@@ -12,9 +12,9 @@
 #include <new>
 #include <string_view>
 
+#include "base/DeferCancellation.h"
 #include "base/FatalAssertion.h"
 #include "base/ThreadSafety.h"
-#include "db/base_class/CancelState.h"
 
 namespace {
 
@@ -143,13 +143,13 @@ DBTracer::DBTracer(const char* ident, int fd, bool resetfd)
 }
 
 DBTracer::~DBTracer() {
-    const eas::CancelState uncancelled(PTHREAD_CANCEL_DISABLE);
+    const eas::DeferCancellation until_done;
     send_buf();
     ::closelog();
 }
 
 bool DBTracer::init(int fd) {
-    const eas::CancelState uncancelled(PTHREAD_CANCEL_DISABLE);
+    const eas::DeferCancellation until_done;
     const RecordLock lock;
     std::unique_ptr<DBTracer>(_instance.exchange(nullptr)).reset();
     _instance = std::make_unique<DBTracer>("_DB", fd, true).release();
@@ -204,7 +204,7 @@ int DBTracer::send_buf() {
     const auto bit = static_cast<unsigned long>(severity) % 32;
     if (((static_cast<unsigned>(_logmask.load()) >> bit) & 1U) != 0) {
         // The record lock is held: a thread that ended in here would silence all the others.
-        const eas::CancelState uncancelled(PTHREAD_CANCEL_DISABLE);
+        const eas::DeferCancellation until_done;
         if (severity <= _syslog)
             ::syslog(static_cast<int>(severity), "%.*s", static_cast<int>(length), pbase());
         if (_logprefix)

@@ -1,12 +1,12 @@
 #include "db/base_class/OdbcHandle.h"
 
-#include "db/base_class/CancelState.h"
+#include "base/DeferCancellation.h"
 #include "db/base_class/DBLibrary.h"
 
 namespace eas {
 
 OdbcHandle::~OdbcHandle() {
-    const CancelState uncancelled(PTHREAD_CANCEL_DISABLE);
+    const eas::DeferCancellation until_done;
     free();
 }
 

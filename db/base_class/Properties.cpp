@@ -1,16 +1,12 @@
 #include "db/base_class/Properties.h"
 
 #include <array>
-#include <memory>
 #include <string_view>
 
+#include "base/UniqueFile.h"
 #include "db/base_class/DBTracer.h"
 
 namespace {
-
-struct CloseFile {
-    void operator()(std::FILE* file) const noexcept { std::fclose(file); }
-};
 
 constexpr std::size_t longest_line = 255;
 
@@ -35,8 +31,7 @@ std::string_view trimmed(std::string_view text) {
 }  // namespace
 
 Properties::Properties(const char* file) {
-    const std::unique_ptr<std::FILE, CloseFile> opened(file != nullptr ? std::fopen(file, "re")
-                                                                       : nullptr);
+    const eas::UniqueFile opened = eas::open_for_reading(file);
     const char* name = file != nullptr ? file : "(nil)";
     if (opened == nullptr)
         eas::trace(eas::severity_error, "Cannot open properties file %s\n", name);

@@ -16,7 +16,8 @@ namespace {
 
 std::vector<std::string> syslogged;
 
-void record_syslog(int priority, const char* format, std::va_list arguments) {
+__attribute__((format(printf, 2, 0))) void record_syslog(int priority, const char* format,
+                                                         std::va_list arguments) {
     std::array<char, 2048> text{};
     std::vsnprintf(text.data(), text.size(), format, arguments);
     syslogged.push_back(std::to_string(priority) + ":" + text.data());
@@ -25,13 +26,15 @@ void record_syslog(int priority, const char* format, std::va_list arguments) {
 }  // namespace
 
 // In place of the system's, under the plain and the fortified name.
-extern "C" void syslog(int priority, const char* format, ...) {
+extern "C" __attribute__((format(printf, 2, 3))) void syslog(int priority, const char* format,
+                                                             ...) {
     std::va_list arguments;
     va_start(arguments, format);
     record_syslog(priority, format, arguments);
     va_end(arguments);
 }
-extern "C" void __syslog_chk(int priority, int, const char* format, ...) {
+extern "C" __attribute__((format(printf, 3, 4))) void __syslog_chk(int priority, int,
+                                                                   const char* format, ...) {
     std::va_list arguments;
     va_start(arguments, format);
     record_syslog(priority, format, arguments);
