@@ -1,0 +1,22 @@
+-- Accounts of least privilege for libeas on MariaDB. Fill in the placeholders, then run it as an
+-- administrator of the server, for example:
+--
+--   sed -e s/@DATABASE@/easdb/ -e s/@HOSTS@/10.1.0.%/ -e s/@SCHEDULER_PASSWORD@/.../ \
+--       -e s/@ADMIN_PASSWORD@/.../ mariadb-grants.sql | mariadb
+--
+--   @DATABASE@            the database that holds the two tables
+--   @HOSTS@               where the accounts may connect from, as in CREATE USER: a host, an
+--                         address pattern such as 10.1.0.%, or localhost
+--   @SCHEDULER_PASSWORD@  password of eas_scheduler; it goes into the DSN of the scheduler's hosts
+--   @ADMIN_PASSWORD@      password of eas_admin; it goes into the DSN of whoever runs easctl
+
+-- The scheduler's daemon reads coefficients, and stores, reads and removes tags. It changes no row
+-- in place, creates nothing and sees no other database.
+CREATE USER 'eas_scheduler'@'@HOSTS@' IDENTIFIED BY '@SCHEDULER_PASSWORD@';
+GRANT SELECT ON `@DATABASE@`.TQVN_EnergyCoEfficients TO 'eas_scheduler'@'@HOSTS@';
+GRANT SELECT, INSERT, DELETE ON `@DATABASE@`.TQVN_EnergyPolicyTag TO 'eas_scheduler'@'@HOSTS@';
+
+-- The administrator's tool also imports and replaces coefficients.
+CREATE USER 'eas_admin'@'@HOSTS@' IDENTIFIED BY '@ADMIN_PASSWORD@';
+GRANT SELECT, INSERT, UPDATE, DELETE ON `@DATABASE@`.TQVN_EnergyCoEfficients TO 'eas_admin'@'@HOSTS@';
+GRANT SELECT, INSERT, UPDATE, DELETE ON `@DATABASE@`.TQVN_EnergyPolicyTag TO 'eas_admin'@'@HOSTS@';
