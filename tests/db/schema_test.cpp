@@ -1,0 +1,190 @@
+// The tables of sql/ behind the data sources of examples/odbc: what they accept, how they compare
+// and order, and that they are read through their keys.
+#include <algorithm>
+#include <array>
+#include <map>
+#include <vector>
+
+#include "gmock/gmock.h"
+#include "tests/support/ScratchDatabase.h"
+
+namespace eas::test {
+namespace {
+
+class Schema : public DatabaseTest {
+  protected:
+    /// Stores a row of a tag; the other columns get harmless values.
+    void store(const std::string& tag, const std::string& user, int frequency,
+               const std::string& cluster = "c1", const std::string& job = "1.0") {
+        plain().run("insert into TQVN_EnergyPolicyTag values (?,?,2600000,?," +
+                        std::to_string(frequency) + ",?,250.0,-0.1,3600,0.05,1700000000)",
+                    {tag, user, cluster, job});
+    }
+
+    /// 3 clusters of 20 users with 20 tags of 8 frequencies, highest first: enough for an engine to
+    /// prefer a scan where no key serves.
+    void fill() {
+        const auto values = [](const std::string& prefix, int from, int to, int step) {
+            std::string list;
+            for (int i = from; i != to; i += step) {
+                list += list.empty() ? "(select " : " union all select ";
+                list += prefix + std::to_string(i) + (prefix.empty() ? "" : "'");
+                list += " v";
+            }
+            return list + ") ";
+        };
+        plain().run(
+            "insert into TQVN_EnergyPolicyTag select t.v,u.v,2600000,c.v,f.v,'j',1,1,1,1,1 from " +
+            values("", 3300000, 2500000, -100000) + "f, " + values("'t", 19, -1, -1) + "t, " +
+            values("'u", 0, 20, 1) + "u, " + values("'c", 0, 3, 1) + "c");
+        ASSERT_EQ(database().rows("TQVN_EnergyPolicyTag"), 9600);
+    }
+};
+INSTANTIATE_TEST_SUITE_P(On, Schema, both_engines(), engine_suffix);
+
+/// Every combination of the names that the library may ask for. No row has the
+/// frequency of the last two: where nearly all rows match, an engine rightly scans.
+const std::array conditions{
+    "cluster_name=\"c1\" and default_frequency=2600000",
+    "cluster_name=\"c1\" and user_name=\"u7\" and default_frequency=2600000",
+    "cluster_name=\"c1\" and default_frequency=2600000 and energy_tag_name=\"t3\"",
+    "cluster_name=\"c1\" and user_name=\"u7\" and default_frequency=2600000 and "
+    "energy_tag_name=\"t3\"",
+    "cluster_name=\"c1\"",
+    "cluster_name=\"c1\" and energy_tag_name=\"t3\"",
+    "cluster_name=\"c1\" and user_name=\"u7\"",
+    "default_frequency=2500000",
+    "user_name=\"u7\" and default_frequency=2500000 and energy_tag_name=\"t3\"",
+};
+
+TEST_P(Schema, EveryStatementIsAnIndexLookup) {
+    fill();
+    if (GetParam() == Engine::mariadb)
+        plain().run("analyze table TQVN_EnergyPolicyTag");
+    for (const char* condition : conditions) {
+        for (const char* verb : {"select * from", "delete from"}) {
+            const std::string statement =
+                std::string(verb) + " TQVN_EnergyPolicyTag  where " + condition;
+            std::string plan;
+            EXPECT_TRUE(database().is_index_lookup(statement, &plan)) << statement << "\n" << plan;
+        }
+    }
+    database().seed_coefficients("c1", 2600000, 1200000, 100000, 16);
+    std::string plan;
+    EXPECT_TRUE(database().is_index_lookup(
+        "select * from TQVN_EnergyCoEfficients  where cluster_name=\"c1\" and "
+        "default_frequency=2600000 order by frequency asc",
+        &plan))
+        << plan;
+    EXPECT_FALSE(database().is_index_lookup(
+        "select * from TQVN_EnergyPolicyTag where predict_power > 2", &plan))
+        << "the check must see a scan: " << plan;
+}
+
+TEST_P(Schema, RowsOfATagComeInAscendingFrequencyOrder) {
+    fill();
+    for (const char* condition : conditions) {
+        std::map<std::string, std::vector<int>> tags;
+        std::string where = std::string(" where ") + condition;
+        if (const auto at = where.find("2500000"); at != std::string::npos)
+            where[at + 1] = '6';
+        for (const auto& row : plain().run("select * from TQVN_EnergyPolicyTag " + where)) {
+            tags[row.at(0) + row.at(1) + row.at(3)].push_back(std::stoi(row.at(4)));
+        }
+        ASSERT_FALSE(tags.empty());
+        for (const auto& [tag, frequencies] : tags) {
+            ASSERT_EQ(frequencies.size(), 8U) << where;
+            ASSERT_TRUE(std::is_sorted(frequencies.begin(), frequencies.end())) << tag << where;
+        }
+    }
+}
+
+TEST_P(Schema, ASecondRowForATagAndFrequencyIsRefused) {
+    store("t", "u", 1200000);
+    EXPECT_THROW(store("t", "u", 1200000, "c1", "other job"), std::runtime_error);
+    store("t", "u", 1300000);
+    store("t", "v", 1200000);
+    store("t", "u", 1200000, "c2");
+    EXPECT_EQ(database().rows("TQVN_EnergyPolicyTag"), 4);
+
+    database().seed_coefficients("c", 2600000, 1200000, 100000, 2);
+    EXPECT_THROW(database().seed_coefficients("c", 2600000, 1200000, 100000, 2),
+                 std::runtime_error);
+}
+
+TEST_P(Schema, NamesAreBytes) {
+    const std::vector<std::string> names{
+        "a",       "a ",        "a  ",          "A",          "\xc3\xa4", "\xc3\x84",
+        "\xe4",    "a\xcc\x88", "\xff\xfe\x80", "SITE\\anna", "SITEanna", "SITE\\\\anna",
+        "it's",    "a?b",       "\\?",          "{fn now()}", "{d '",     "-- x",
+        "/* x",    "x;--",      "%s%n",         "%",          "_",        "\x81\x8d\x8f\x90\x9d",
+        "\xbf\\'", " ",         "\t\n\x01\x1a", "0",          "00",       "1e0"};
+    for (const std::string& name : names)
+        store(name, name, 1200000);
+    for (const std::string& name : names) {
+        for (const char* column : {"energy_tag_name", "user_name"}) {
+            const auto found = plain().run("select * from TQVN_EnergyPolicyTag where " +
+                                           std::string(column) + "=\"" + name + "\"");
+            ASSERT_EQ(found.size(), 1U) << name;
+            EXPECT_EQ(found[0].at(0), name);
+            EXPECT_EQ(found[0].at(1), name);
+        }
+    }
+}
+
+TEST_P(Schema, ATextThatIsTooLongIsRefused) {
+    const std::string two_bytes = "\xc3\xa4";
+    std::string half;
+    for (int i = 0; i < 128; ++i)
+        half += two_bytes;
+    store(std::string(256, 't'), half, 1, std::string(40, 'c'), std::string(1024, 'j'));
+    EXPECT_EQ(plain().run("select user_name from TQVN_EnergyPolicyTag")[0][0], half);
+    EXPECT_THROW(store(std::string(257, 't'), "u", 2), std::runtime_error);
+    EXPECT_THROW(store("t", half + "x", 2), std::runtime_error);
+    EXPECT_THROW(store("t", "u", 2, std::string(41, 'c')), std::runtime_error);
+    EXPECT_THROW(store("t", "u", 2, "c", std::string(1025, 'j')), std::runtime_error);
+    EXPECT_EQ(database().rows("TQVN_EnergyPolicyTag"), 1);
+}
+
+TEST(SchemaGrants, TheSchedulerCanDoWhatItNeedsAndNothingElse) {
+    if (const auto why = ScratchDatabase::missing(Engine::mariadb))
+        GTEST_SKIP() << *why;
+    ScratchDatabase database(Engine::mariadb);
+    std::string grants = source_file("sql/mariadb-grants.sql");
+    const std::map<std::string, std::string> placeholders{
+        {"@DATABASE@", database.schema()},
+        {"@HOSTS@", "localhost"},
+        {"@SCHEDULER_PASSWORD@", "s"},
+        {"@ADMIN_PASSWORD@", "a"},
+        // Accounts belong to the server, which other tests use at the same time.
+        {"eas_scheduler", database.schema() + "s"},
+        {"eas_admin", database.schema() + "a"}};
+    for (const auto& [placeholder, text] : placeholders) {
+        for (auto at = grants.find(placeholder); at != std::string::npos;
+             at = grants.find(placeholder, at + text.size())) {
+            grants.replace(at, placeholder.size(), text);
+        }
+    }
+    database.plain().run_script(grants);
+    database.seed_coefficients("c", 2600000, 1200000, 100000, 3);
+
+    PlainOdbc scheduler("easdb", database.schema() + "s", "s");
+    EXPECT_EQ(scheduler.number("select count(*) from TQVN_EnergyCoEfficients"), 3);
+    scheduler.run("insert into TQVN_EnergyPolicyTag values ('t','u',1,'c',1,'j',1,1,1,1,1)");
+    EXPECT_EQ(scheduler.number("select count(*) from TQVN_EnergyPolicyTag"), 1);
+    scheduler.run("delete from TQVN_EnergyPolicyTag where user_name=\"u\"");
+    for (const char* refused :
+         {"update TQVN_EnergyPolicyTag set frequency=1", "delete from TQVN_EnergyCoEfficients",
+          "drop table TQVN_EnergyPolicyTag", "create table t (i int)",
+          "select * from mysql.user"}) {
+        EXPECT_THROW(scheduler.run(refused), std::runtime_error) << refused;
+    }
+    PlainOdbc admin("easdb", database.schema() + "a", "a");
+    admin.run("delete from TQVN_EnergyCoEfficients where frequency=1200000");
+    EXPECT_THROW(admin.run("drop table TQVN_EnergyPolicyTag"), std::runtime_error);
+    database.plain().run_script("drop user '" + database.schema() + "s'@'localhost';\ndrop user '" +
+                                database.schema() + "a'@'localhost';\n");
+}
+
+}  // namespace
+}  // namespace eas::test

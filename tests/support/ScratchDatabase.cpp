@@ -1,0 +1,160 @@
+#include "tests/support/ScratchDatabase.h"
+
+#include <unistd.h>
+
+#include <array>
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+
+namespace eas::test {
+namespace {
+
+using Keywords = std::map<std::string, std::string>;
+
+constexpr const char* server_folder = EAS_TEST_MARIADB_DIR;
+
+std::string whole_file(const std::filesystem::path& path) {
+    std::ifstream in(path, std::ios::binary);
+    if (!in)
+        throw std::runtime_error("cannot read " + path.string());
+    std::ostringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+/// The path of the server's socket; empty when no server runs for the tests.
+std::string server_socket() {
+    std::ifstream in(std::filesystem::path(server_folder) / "socket");
+    std::string path;
+    std::getline(in, path);
+    return path;
+}
+
+/// A sample data source with other values for some keywords; an empty value removes one.
+std::string with_keywords(const std::string& sample, Keywords keywords) {
+    std::istringstream in(sample);
+    std::string out;
+    for (std::string line; std::getline(in, line);) {
+        const auto found = keywords.find(line.substr(0, line.find(" = ")));
+        if (found == keywords.end()) {
+            out += line + '\n';
+        } else {
+            if (!found->second.empty())
+                out += found->first + " = " + found->second + '\n';
+            keywords.erase(found);
+        }
+    }
+    for (const auto& [key, text] : keywords) {
+        if (!text.empty())
+            out += key + " = " + text + '\n';
+    }
+    return out;
+}
+
+}  // namespace
+
+std::string name_of(Engine engine) {
+    return engine == Engine::sqlite ? "sqlite" : "mariadb";
+}
+
+std::string source_file(const std::string& name) {
+    return whole_file(std::filesystem::path(EAS_SOURCE_DIR) / name);
+}
+
+ScratchDatabase::Folder::Folder() {
+    std::string name = "/tmp/eas-test.XXXXXX";
+    if (::mkdtemp(name.data()) == nullptr)
+        throw std::runtime_error("no scratch folder");
+    path = name;
+}
+
+ScratchDatabase::Folder::~Folder() {
+    std::error_code ignored;
+    std::filesystem::remove_all(path, ignored);
+}
+
+std::optional<std::string> ScratchDatabase::missing(Engine engine) {
+    if (engine == Engine::mariadb && server_socket().empty()) {
+        return std::string(
+                   "no MariaDB server: install mariadb-server, then run through ctest, or "
+                   "tests/support/mariadb-server.sh start ") +
+               server_folder;
+    }
+    return std::nullopt;
+}
+
+ScratchDatabase::ScratchDatabase(Engine engine, const Keywords& keywords) : engine_(engine) {
+    schema_ =
+        "eas_" + std::to_string(::getpid()) + folder().extension().string().replace(0, 1, "_");
+    write_configuration(keywords);
+    ::setenv("ODBCINI", (folder() / "odbc.ini").c_str(), 1);
+    ::setenv("ODBCSYSINI", folder().c_str(), 1);
+    if (engine == Engine::mariadb)
+        PlainOdbc("server").run("create database " + schema_);
+    plain_ = std::make_unique<PlainOdbc>("easdb");
+    plain_->run_script(source_file("sql/" + name_of(engine) + ".sql"));
+}
+
+void ScratchDatabase::write_configuration(const Keywords& keywords) const {
+    std::ofstream(folder() / "odbcinst.ini") << source_file("examples/odbc/odbcinst.ini");
+    Keywords all = keywords;
+    std::ofstream odbc_ini(folder() / "odbc.ini");
+    if (engine_ == Engine::sqlite) {
+        all.insert({{"Database", (folder() / "easdb.sqlite").string()}, {"SyncPragma", "OFF"}});
+    } else {
+        const std::string socket = server_socket();
+        all.insert({{"SERVER", ""}, {"PORT", ""}, {"SOCKET", socket}, {"DATABASE", schema_}});
+        all.insert({{"UID", "root"}, {"PWD", ""}});
+        odbc_ini << "[server]\nDriver = MariaDB Unicode\nUID = root\nSOCKET = " << socket << "\n\n";
+    }
+    odbc_ini << with_keywords(source_file("examples/odbc/odbc.ini." + name_of(engine_)), all);
+}
+
+ScratchDatabase::~ScratchDatabase() {
+    try {
+        if (engine_ == Engine::mariadb)
+            PlainOdbc("server").run("drop database " + schema_);
+    } catch (const std::runtime_error& e) {
+        ADD_FAILURE() << e.what();
+    }
+}
+
+void ScratchDatabase::seed_coefficients(const std::string& cluster, int default_frequency,
+                                        int first, int step, int count) {
+    for (int i = count - 1; i >= 0; --i) {
+        const int frequency = first + i * step;
+        std::string values = std::to_string(frequency) + "," + std::to_string(default_frequency);
+        values += ",?";
+        for (int factor = 1; factor <= 6; ++factor) {
+            const bool is_default = frequency == default_frequency;
+            values += is_default ? ",0" : "," + std::to_string(factor * frequency / 1e6);
+        }
+        plain_->run("insert into TQVN_EnergyCoEfficients values (" + values + ")", {cluster});
+    }
+}
+
+std::int64_t ScratchDatabase::rows(const std::string& table, const std::string& condition) {
+    return plain_->number("select count(*) from " + table + " " + condition);
+}
+
+bool ScratchDatabase::is_index_lookup(const std::string& statement, std::string* plan) {
+    const bool sqlite = engine_ == Engine::sqlite;
+    bool lookup = true;
+    for (const auto& row : plain_->run((sqlite ? "explain query plan " : "explain ") + statement)) {
+        for (const std::string& word : row)
+            *plan += word + " | ";
+        // SQLite: id, parent, unused, detail; MariaDB: ..., type (4th), ..., remarks (last).
+        const std::string& detail = row.back();
+        const bool sorts = detail.find(sqlite ? "TEMP B-TREE" : "filesort") != std::string::npos;
+        const bool scans = sqlite
+                               ? detail.compare(0, 6, "SEARCH") != 0
+                               : row.at(3) != "ref" && row.at(3) != "range" && row.at(3) != "const";
+        if (sorts || scans)
+            lookup = false;
+    }
+    return lookup && !plan->empty();
+}
+
+}  // namespace eas::test
