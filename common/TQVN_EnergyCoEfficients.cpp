@@ -8,7 +8,7 @@ namespace {
 using Row = EnergyCoEfficientsRow;
 using eas::column;
 
-constexpr std::array<eas::Column, TQVN_EnergyCoEfficients::column_count> columns{
+constexpr std::array columns{
     column<decltype(Row::_frequency)>("frequency", offsetof(Row, _frequency)),
     column<decltype(Row::_default_frequency)>("default_frequency",
                                               offsetof(Row, _default_frequency)),

@@ -21,20 +21,6 @@ struct EnergyCoEfficientsRow {
 
 class TQVN_EnergyCoEfficients : public eas::RecordOf<EnergyCoEfficientsRow> {
   public:
-    /// Bits of the columns, for setBitMap().
-    enum ColumnNumber {
-        frequency,
-        default_frequency,
-        cluster_name,
-        factor_a,
-        factor_b,
-        factor_c,
-        factor_d,
-        factor_e,
-        factor_f,
-        column_count
-    };
-
     const std::type_info& typeinfo() override;
     /// The record, after three lines with the places of its members for a debugger's session.
     void dump(std::ostream& out) override;

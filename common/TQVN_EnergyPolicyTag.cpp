@@ -8,7 +8,7 @@ namespace {
 using Row = EnergyPolicyTagRow;
 using eas::column;
 
-constexpr std::array<eas::Column, TQVN_EnergyPolicyTag::column_count> columns{
+constexpr std::array columns{
     column<decltype(Row::_energy_tag_name)>("energy_tag_name", offsetof(Row, _energy_tag_name)),
     column<decltype(Row::_user_name)>("user_name", offsetof(Row, _user_name)),
     column<decltype(Row::_default_frequency)>("default_frequency",

@@ -22,22 +22,6 @@ struct EnergyPolicyTagRow {
 
 class TQVN_EnergyPolicyTag : public eas::RecordOf<EnergyPolicyTagRow> {
   public:
-    /// Bits of the columns, for setBitMap().
-    enum ColumnNumber {
-        energy_tag_name,
-        user_name,
-        default_frequency,
-        cluster_name,
-        frequency,
-        job_id,
-        predict_power,
-        energy_saving_pct,
-        predict_elapse_time,
-        perf_degrad_pct,
-        create_time,
-        column_count
-    };
-
     /// Written out, so that "TQVN_EnergyPolicyTag()" does not fill the fields with zeros either.
     TQVN_EnergyPolicyTag() noexcept {}  // NOLINT(modernize-use-equals-default)
 

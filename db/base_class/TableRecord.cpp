@@ -173,15 +173,14 @@ std::string TableRecord::buildUpdateString() const {
 std::string TableRecord::getSelectStatement(bool bykey) {
     if (bykey || _columns == 0)
         return {};
-    const Table all = table();
     std::string text = "select ";
     // By value: bits beyond the last column count as all columns, too.
-    if (_columns >= exp(static_cast<int>(all.count)) - 1) {
+    if (_columns >= all_columns()) {
         text += '*';
     } else {
         append_fields(text, {});
     }
-    return text.append(" from ").append(all.name);
+    return text.append(" from ").append(table().name);
 }
 
 std::string TableRecord::getInsertStatement() {

@@ -81,6 +81,8 @@ class TableRecord : public DBObj {
 
     [[nodiscard]] std::string getTableName() const { return std::string(table().name); }
 
+    /// Selects every column.
+    void selectAll() { _columns = all_columns(); }
     /// Empties the selected columns: no text, zero, not null. For records whose constructor leaves
     /// them as they are.
     void clear();
@@ -94,6 +96,9 @@ class TableRecord : public DBObj {
     virtual char* row() = 0;
     [[nodiscard]] virtual const char* row() const = 0;
 
+    [[nodiscard]] std::uint64_t all_columns() const {
+        return exp(static_cast<int>(table().count)) - 1;
+    }
     [[nodiscard]] bool selected(std::size_t i) const { return (_columns >> i & 1U) != 0; }
     template <typename Visit>
     void for_selected(const Visit& visit) const;
