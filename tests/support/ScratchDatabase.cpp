@@ -8,6 +8,8 @@
 #include <sstream>
 #include <stdexcept>
 
+#include "tests/support/DriverLeaks.h"
+
 namespace eas::test {
 namespace {
 
@@ -94,6 +96,7 @@ ScratchDatabase::ScratchDatabase(Engine engine, const Keywords& keywords) : engi
     if (engine == Engine::mariadb)
         PlainOdbc("server").run("create database " + schema_);
     plain_ = std::make_unique<PlainOdbc>("easdb");
+    keep_drivers_mapped();
     plain_->run_script(source_file("sql/" + name_of(engine) + ".sql"));
 }
 
