@@ -51,7 +51,7 @@ launch() {
         --innodb-buffer-pool-size=32M --innodb-log-file-size=16M --innodb-fast-shutdown=2 \
         --innodb-flush-log-at-trx-commit=0 --innodb-doublewrite=0 --innodb-flush-method=nosync \
         --key-buffer-size=1M --aria-pagecache-buffer-size=1M --table-open-cache=64 \
-        --max-connections=64 --lc-messages-dir=/usr/share/mysql \
+        --max-connections=64 \
         >"$scratch/server.log" 2>&1 </dev/null &
     echo $! >"$dir/pid"
 }
