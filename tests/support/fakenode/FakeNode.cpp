@@ -1,0 +1,257 @@
+#include "tests/support/fakenode/FakeNode.h"
+
+#include <fcntl.h>
+#include <sched.h>
+#include <sys/mman.h>
+#include <sys/mount.h>
+#include <sys/prctl.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <new>
+#include <system_error>
+#include <thread>
+
+#include "base/UniqueFd.h"
+#include "tests/support/fakenode/NodeServer.h"
+
+namespace eas::fake {
+namespace {
+
+namespace fs = std::filesystem;
+
+void check(bool good, const std::string& what) {
+    if (!good)
+        throw std::system_error(errno, std::generic_category(), what);
+}
+
+void write_text(const fs::path& path, const std::string& text) {
+    fs::create_directories(path.parent_path());
+    std::ofstream(path, std::ios::binary) << text;
+}
+
+void bind(const fs::path& from, const fs::path& to) {
+    check(::mount(from.c_str(), to.c_str(), nullptr, MS_BIND | MS_REC, nullptr) == 0, to);
+}
+
+/// `path` of the machine appears in the new /dev under its own name, if there is such a thing.
+void keep_device(const fs::path& stage, const char* name) {
+    const fs::path from = fs::path("/dev") / name, to = stage / "dev" / name;
+    if (!fs::exists(from))
+        return;
+    if (fs::is_directory(from))
+        fs::create_directories(to);
+    else
+        write_text(to, "");
+    bind(from, to);
+}
+
+void make_devices(const NodeShape& shape, const fs::path& stage) {
+    fs::create_directories(stage / "dev" / "cpu");
+    for (const char* name :
+         {"null", "zero", "full", "random", "urandom", "tty", "fuse", "pts", "shm"})
+        keep_device(stage, name);
+    fs::create_symlink("/proc/self/fd", stage / "dev" / "fd");
+    for (const char* name : {"stdin", "stdout", "stderr"})
+        fs::create_symlink(std::string("fd/") + std::to_string(name[3] == 'i'   ? 0
+                                                               : name[3] == 'o' ? 1
+                                                                                : 2),
+                           stage / "dev" / name);
+    write_text(stage / "dev" / "mem", "");
+    // Sparse: from address 0 to the end of the 256 MiB that configuration space takes.
+    fs::resize_file(stage / "dev" / "mem", shape.mcfg_base + (uint64_t{256} << 20));
+    bind(stage / "files" / "msr", stage / "dev" / "cpu");
+}
+
+void make_sysfs(const NodeShape& shape, const fs::path& stage) {
+    const fs::path cpu = stage / "cpu", meter = stage / "platform" / "qpx.1";
+    const std::string range = "0-" + std::to_string(shape.cpus() - 1) + "\n";
+    for (const char* name : {"online", "possible", "present"})
+        write_text(cpu / name, range);
+    fs::create_directories(cpu / "cpufreq");
+    bind(stage / "files" / "cpufreq", cpu / "cpufreq");
+    for (int i = 0; i < shape.cpus(); ++i) {
+        const fs::path folder = cpu / ("cpu" + std::to_string(i));
+        fs::create_directories(folder);
+        fs::create_symlink("../cpufreq/policy" + std::to_string(i), folder / "cpufreq");
+    }
+    write_text(meter / "energy1_input", "1000000\n");
+    if (!shape.workload.empty())
+        bind(stage / "files" / "meter" / "energy1_input", meter / "energy1_input");
+    write_text(stage / "firmware" / "acpi" / "tables" / "MCFG", mcfg_table(shape.mcfg_base));
+    write_text(stage / "cpuinfo", cpuinfo_text(shape));
+}
+
+void cover_machine(const NodeShape& shape, const fs::path& stage) {
+    make_sysfs(shape, stage);
+    make_devices(shape, stage);
+    bind(stage / "cpuinfo", "/proc/cpuinfo");
+    bind(stage / "cpu", "/sys/devices/system/cpu");
+    bind(stage / "platform", "/sys/devices/platform");
+    bind(stage / "firmware", "/sys/firmware");
+    bind(stage / "dev", "/dev");
+}
+
+int exit_status(pid_t child) {
+    int status = 0;
+    while (::waitpid(child, &status, 0) < 0 && errno == EINTR) {
+    }
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+/// The descriptor `number` of process `child`.
+UniqueFd take_descriptor(pid_t child, int number) {
+    const UniqueFd process(static_cast<int>(::syscall(SYS_pidfd_open, child, 0)));
+    return UniqueFd(static_cast<int>(::syscall(SYS_pidfd_getfd, process.get(), number, 0)));
+}
+
+struct Pipe {
+    Pipe() {
+        int ends[2];
+        check(::pipe2(ends, O_CLOEXEC) == 0, "pipe");
+        out.reset(ends[0]);
+        in.reset(ends[1]);
+    }
+    UniqueFd out, in;
+};
+
+/// The inhabitant: waits until the node stands, hands its listener over, lives.
+int inhabit(Pipe& ready, Pipe& calls, const NodeOptions& options,
+            const std::function<int()>& body) {
+    ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+    ready.in.reset();
+    calls.out.reset();
+    char go = 0;
+    if (::read(ready.out.get(), &go, 1) != 1)
+        return kNoNode;
+    UniqueFd listener(divert_system_calls(options.own_affinity));
+    const int number = listener.get();
+    if (!listener.is_open() || ::write(calls.in.get(), &number, sizeof number) < 0 ||
+        ::read(ready.out.get(), &go, 1) != 1)
+        return kNoNode;
+    listener.reset();
+    ready.out.reset();
+    calls.in.reset();
+    ::alarm(options.seconds);
+    return body();
+}
+
+/// Runs the node around `child` until it ends. Threads are not joined: the caller exits.
+int keep_node(NodeServer& server, pid_t child, Pipe& ready, Pipe& calls) {
+    const fs::path files = server.stage + "/files";
+    check(::mount("fakenode", server.stage.c_str(), "tmpfs", 0, "mode=755") == 0, "tmpfs");
+    fs::create_directories(files);
+    ::fuse* served = mount_files(server, files);
+    check(served != nullptr, "mounting the served files");
+    std::thread([served] { serve_files(served); }).detach();
+    cover_machine(server.shape, server.stage);
+    int number = -1;
+    check(::write(ready.in.get(), "g", 1) == 1, "starting the node");
+    check(::read(calls.out.get(), &number, sizeof number) == sizeof number, "diverting calls");
+    UniqueFd listener = take_descriptor(child, number);
+    check(listener.is_open() && ::write(ready.in.get(), "g", 1) == 1, "taking the calls over");
+    std::thread([&server, fd = listener.release()] { serve_system_calls(server, fd); }).detach();
+    if (server.workload.active())
+        std::thread([&server] {
+            for (;; std::this_thread::sleep_for(std::chrono::milliseconds(5))) {
+                const std::lock_guard<std::mutex> lock(server.mutex);
+                server.advance();
+            }
+        }).detach();
+    return exit_status(child);
+}
+
+}  // namespace
+
+FakeNode::FakeNode(NodeShape shape, NodeOptions options)
+    : shape_(std::move(shape)), options_(options) {
+    void* block = ::mmap(nullptr, sizeof(NodeState), PROT_READ | PROT_WRITE,
+                         MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    check(block != MAP_FAILED, "shared state");
+    state_ = new (block) NodeState{};
+    state_->reset(shape_);
+}
+
+FakeNode::~FakeNode() {
+    ::munmap(state_, sizeof(NodeState));
+}
+
+void FakeNode::serve(const std::function<int()>& body, const std::string& stage) {
+    int status = kNoNode;
+    try {
+        ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+        check(::unshare(CLONE_NEWNS) == 0, "private mount namespace");
+        check(::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0, "private mounts");
+        Pipe ready, calls;
+        // Forked before there are threads; the mounts that follow appear in its namespace too.
+        const pid_t child = ::fork();
+        check(child >= 0, "fork");
+        if (child == 0)
+            std::exit(inhabit(ready, calls, options_, body));
+        ready.out.reset();
+        calls.in.reset();
+        auto& server = *std::make_unique<NodeServer>(shape_, *state_, stage, options_.own_affinity)
+                            .release();  // outlives every thread: the process ends first
+        status = keep_node(server, child, ready, calls);
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "no fake node: %s\n", error.what());
+    }
+    ::_exit(status);
+}
+
+int FakeNode::run(const std::function<int()>& body) {
+    std::string stage = fs::temp_directory_path() / "fakenode.XXXXXX";
+    check(::mkdtemp(stage.data()) != nullptr, stage);
+    std::fflush(nullptr);
+    const pid_t server = ::fork();
+    check(server >= 0, "fork");
+    if (server == 0)
+        serve(body, stage);
+    const int status = exit_status(server);
+    fs::remove(stage);
+    return status;
+}
+
+int FakeNode::exec(char* const argv[]) {
+    return run([argv] {
+        ::execvp(argv[0], argv);
+        std::perror(argv[0]);
+        return 127;
+    });
+}
+
+std::string FakeNode::unavailable() {
+    const int status = FakeNode().run([] { return 0; });
+    return status == 0 ? "" : "a private mount namespace with FUSE is not to be had here";
+}
+
+void NodeState::reset(const NodeShape& shape) {
+    msr_count = {};
+    msr_device = MsrDevice::kPresent;
+    msr_stray_bits = 0;
+    driver = shape.driver;
+    counter_read = CounterRead::kWhole;
+    counter_fails_at = -1;
+    msr_log.clear();
+    freq_log.clear();
+    counters.clear();
+    for (int cpu = 0; cpu < shape.cpus() && cpu < kMaxCpus; ++cpu) {
+        set_msr(cpu, 0xCE, static_cast<uint64_t>(shape.nonturbo_ratio) << 8);
+        set_msr(cpu, 0x19C, 0x80000000 | 40 << 16);  // 40 degrees below the limit, valid
+        set_msr(cpu, 0x1A2, 95 << 16);
+        CpuFrequency& policy = cpufreq[static_cast<size_t>(cpu)];
+        policy = {
+            {}, shape.frequencies.front(), shape.frequencies.back(), shape.frequencies.front()};
+        std::strcpy(policy.governor.data(), "performance");
+    }
+}
+
+}  // namespace eas::fake

@@ -1,0 +1,121 @@
+// What a fake node knows and what it has seen: one block of memory shared by the test and the
+// node's server. The server writes while it answers a request, a test reads and writes between
+// requests.
+#pragma once
+
+#include <linux/perf_event.h>
+
+#include <array>
+#include <atomic>
+#include <cstdint>
+
+#include "tests/support/fakenode/NodeShape.h"
+
+namespace eas::fake {
+
+constexpr int kMaxCpus = 128;
+constexpr int kMaxCounters = 1024;
+
+using CpuMask = std::array<uint64_t, 2>;
+
+struct MsrRegister {
+    uint32_t number;
+    uint64_t value;
+};
+
+struct MsrAccess {
+    int cpu;
+    uint32_t reg;
+    bool write;
+    uint64_t value;
+    CpuMask affinity;  // of the thread that asked
+};
+
+enum class MsrDevice { kPresent, kMissing, kShortReads };
+
+struct CpuFrequency {
+    std::array<char, 16> governor;
+    int current;
+    int min;
+    int max;
+};
+
+/// A file write that reached cpufreq, refused or not.
+struct FreqWrite {
+    int cpu;
+    std::array<char, 32> file;
+    std::array<char, 32> text;
+};
+
+enum class CounterRead { kWhole, kInPieces, kEndOfFile, kError };
+
+/// One perf_event_open that was answered with a descriptor, and what a read of it gives.
+struct Counter {
+    perf_event_attr attr;
+    int pid;
+    int cpu;
+    int leader;
+    unsigned long flags;
+    std::array<uint64_t, 3> words;   // value, time enabled, time running
+    std::array<uint64_t, 3> served;  // the sample that a read in pieces is in
+    double opened_at;                // workload total at the open
+};
+
+template <typename T, size_t kSize>
+struct Log {
+    std::array<T, kSize> rows;
+    std::atomic<size_t> count;
+
+    void add(const T& row) {
+        if (count < kSize)
+            rows[count++] = row;
+    }
+    const T* begin() const { return rows.data(); }
+    const T* end() const { return rows.data() + count; }
+    void clear() { count = 0; }
+};
+
+struct NodeState {
+    std::array<std::array<MsrRegister, 96>, kMaxCpus> msrs;
+    std::array<size_t, kMaxCpus> msr_count;
+    MsrDevice msr_device;
+    uint64_t msr_stray_bits;  // set in whatever is read, as reserved bits may be
+    Log<MsrAccess, 4096> msr_log;
+    int stray_lookups;  // of register devices of CPUs that are not there
+
+    std::array<CpuFrequency, kMaxCpus> cpufreq;
+    FreqDriver driver;
+    Log<FreqWrite, 512> freq_log;
+
+    Log<Counter, kMaxCounters> counters;
+    CounterRead counter_read;
+    int counter_fails_at;  // index of the open that fails with ENODEV; -1: none
+
+    [[nodiscard]] uint64_t* find_msr(int cpu, uint32_t reg) {
+        auto& table = msrs[static_cast<size_t>(cpu)];
+        for (size_t i = 0; i < msr_count[static_cast<size_t>(cpu)]; ++i)
+            if (table[i].number == reg)
+                return &table[i].value;
+        return nullptr;
+    }
+
+    /// False when the register map of that CPU is full.
+    bool set_msr(int cpu, uint32_t reg, uint64_t value) {
+        uint64_t* found = find_msr(cpu, reg);
+        if (found == nullptr) {
+            size_t& count = msr_count[static_cast<size_t>(cpu)];
+            auto& table = msrs[static_cast<size_t>(cpu)];
+            if (count == table.size())
+                return false;
+            table[count] = {reg, value};
+            found = &table[count++].value;
+        }
+        *found = value;
+        return true;
+    }
+
+    /// Back to the power-on values of `shape`, logs emptied.
+    void reset(const NodeShape& shape);
+};
+
+}  // namespace eas::fake
