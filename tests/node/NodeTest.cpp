@@ -1,0 +1,128 @@
+#include "tests/node/NodeTest.h"
+
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/ptrace.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+namespace eas::test {
+
+namespace fs = std::filesystem;
+
+void NodeTest::SetUp() {
+    static const std::string reason = FakeNode::unavailable();
+    if (!reason.empty())
+        GTEST_SKIP() << reason;
+}
+
+NodeShape of_model(int model) {
+    NodeShape shape;
+    shape.model = model;
+    return shape;
+}
+
+void inside(FakeNode& node, const std::function<void()>& body) {
+    const int status = node.run([&] {
+        const std::string before = footprint();
+        body();
+        EXPECT_EQ(before, footprint());
+        return ::testing::Test::HasFailure() ? 1 : 0;
+    });
+    EXPECT_EQ(0, status) << "failed inside the node";
+}
+
+std::vector<std::string> open_descriptors() {
+    std::vector<std::string> found;
+    for (int fd = 0; fd < 1024; ++fd) {
+        std::error_code error;
+        const fs::path target = fs::read_symlink("/proc/self/fd/" + std::to_string(fd), error);
+        if (!error)
+            found.push_back(std::to_string(fd) + " " + target.string());
+    }
+    return found;
+}
+
+std::string footprint() {
+    std::ostringstream text;
+    for (const std::string& line : open_descriptors())
+        text << line << '\n';
+    const fs::directory_iterator tasks("/proc/self/task");
+    text << std::distance(begin(tasks), end(tasks)) << " threads, cpus";
+    cpu_set_t cpus;
+    CPU_ZERO(&cpus);
+    ::sched_getaffinity(0, sizeof cpus, &cpus);
+    for (int cpu = 0; cpu < fake::kMaxCpus; ++cpu)
+        if (CPU_ISSET(cpu, &cpus))
+            text << ' ' << cpu;
+    uid_t real = 0, effective = 0, saved = 0;
+    ::getresuid(&real, &effective, &saved);
+    text << ", users " << real << ' ' << effective << ' ' << saved;
+    return text.str();
+}
+
+void write_file(const std::string& path, const std::string& text) {
+    fs::create_directories(fs::path(path).parent_path());
+    std::ofstream out(path, std::ios::binary);
+    out << text;
+    out.close();
+    ASSERT_TRUE(out.good()) << path;
+}
+
+std::string read_file(const std::string& path) {
+    std::ostringstream text;
+    text << std::ifstream(path, std::ios::binary).rdbuf();
+    return text.str();
+}
+
+Hidden::Hidden(std::string path) : path_(std::move(path)) {
+    EXPECT_EQ(0, ::mount("hidden", path_.c_str(), "tmpfs", 0, nullptr)) << path_;
+}
+
+Hidden::~Hidden() {
+    EXPECT_EQ(0, ::umount(path_.c_str())) << path_;
+}
+
+std::vector<long> system_calls_of(const std::function<void()>& prepare,
+                                  const std::function<void()>& body) {
+    constexpr long kMarker = SYS_getsid;  // made before and after the body, by nothing else
+    const pid_t child = ::fork();
+    if (child == 0) {
+        ::ptrace(PTRACE_TRACEME, 0, nullptr, nullptr);
+        ::raise(SIGSTOP);
+        prepare();
+        ::syscall(kMarker, 0);
+        body();
+        ::syscall(kMarker, 0);
+        ::_exit(0);
+    }
+    std::vector<long> calls;
+    int status = 0, markers = 0;
+    ::waitpid(child, &status, 0);
+    ::ptrace(PTRACE_SETOPTIONS, child, nullptr, PTRACE_O_TRACESYSGOOD | PTRACE_O_EXITKILL);
+    while (WIFSTOPPED(status)) {
+        __ptrace_syscall_info info{};
+        if (WSTOPSIG(status) == (SIGTRAP | 0x80))
+            ::ptrace(PTRACE_GET_SYSCALL_INFO, child, sizeof info, &info);
+        if (info.op == PTRACE_SYSCALL_INFO_ENTRY) {
+            const long number = static_cast<long>(info.entry.nr);
+            if (number == kMarker)
+                ++markers;
+            else if (markers == 1)
+                calls.push_back(number);
+        }
+        ::ptrace(PTRACE_SYSCALL, child, nullptr, nullptr);
+        if (::waitpid(child, &status, 0) != child)
+            break;
+    }
+    EXPECT_EQ(2, markers);
+    return calls;
+}
+
+}  // namespace eas::test

@@ -1,0 +1,52 @@
+// What the tests of the node interface share: a body runs inside a fake node, in a process of its
+// own, and must leave descriptors, threads, affinity and user ids as it found them.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "tests/support/fakenode/FakeNode.h"
+
+namespace eas::test {
+
+using fake::FakeNode;
+using fake::NodeShape;
+
+class NodeTest : public ::testing::Test {
+  protected:
+    void SetUp() override;
+};
+
+/// Two sockets of four cores of two threads, of this processor model.
+NodeShape of_model(int model);
+
+/// Runs `body`, which may use gtest's assertions, inside the node.
+void inside(FakeNode& node, const std::function<void()>& body);
+
+/// Open descriptors, number of threads, affinity and user ids of this process, as text.
+std::string footprint();
+std::vector<std::string> open_descriptors();
+
+void write_file(const std::string& path, const std::string& text);
+std::string read_file(const std::string& path);
+
+/// An empty folder in place of `path` for the length of a block.
+class Hidden {
+  public:
+    explicit Hidden(std::string path);
+    ~Hidden();
+    Hidden(const Hidden&) = delete;
+    Hidden& operator=(const Hidden&) = delete;
+
+  private:
+    std::string path_;
+};
+
+/// Numbers of the system calls that `body` makes, in a forked process, after `prepare`.
+std::vector<long> system_calls_of(const std::function<void()>& prepare,
+                                  const std::function<void()>& body);
+
+}  // namespace eas::test

@@ -1,0 +1,256 @@
+// EnergyUtil against a cpufreq that behaves as the kernel's: what is written where, what the driver
+// then does, and what is said about it.
+#include <gmock/gmock.h>
+#include <unistd.h>
+
+#include <vector>
+
+#include "common/EnergyUtil.h"
+#include "common/node/BinFile.h"
+#include "tests/node/NodeTest.h"
+
+namespace eas::test {
+namespace {
+
+using fake::FreqDriver;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+using FrequencyTest = NodeTest;
+
+/// "cpu file=text" of every write since the last call.
+std::vector<std::string> writes(FakeNode& node) {
+    std::vector<std::string> lines;
+    for (const fake::FreqWrite& write : node.state().freq_log)
+        lines.push_back(std::to_string(write.cpu) + " " + write.file.data() + "=" +
+                        write.text.data());
+    node.state().freq_log.clear();
+    return lines;
+}
+
+std::string attribute(int cpu, const std::string& name) {
+    return read_file("/sys/devices/system/cpu/cpu" + std::to_string(cpu) + "/cpufreq/" + name);
+}
+
+int set_governor(std::string name, int cpu = 0) {
+    return EnergyUtil::set_cpu_governor(name.data(), cpu);
+}
+
+int set_all_governors(std::string name) {
+    return EnergyUtil::set_all_cpu_governors(name.data());
+}
+
+TEST_F(FrequencyTest, FixesAFrequencyThroughTheUserspaceGovernor) {
+    FakeNode node;
+    inside(node, [&] {
+        EXPECT_EQ(2667000, EnergyUtil::get_current_frequency(3));
+        EXPECT_EQ(1, EnergyUtil::set_cpu_frequency(1600000, 3));
+        EXPECT_THAT(writes(node),
+                    ElementsAre("3 scaling_governor=userspace", "3 scaling_setspeed=1600000"));
+        EXPECT_EQ("userspace\n", attribute(3, "scaling_governor"));
+        EXPECT_EQ(1600000, EnergyUtil::get_current_frequency(3));
+        EXPECT_EQ(2667000, EnergyUtil::get_current_frequency(2));
+        EXPECT_EQ(1, EnergyUtil::set_cpu_frequency(2000000, 3));
+        EXPECT_THAT(writes(node), ElementsAre("3 scaling_setspeed=2000000"));
+        EXPECT_EQ(2133000, EnergyUtil::get_current_frequency(3)) << "the driver has steps";
+        for (const int bad : {0, -5, 1000000000})
+            EXPECT_EQ(-1, EnergyUtil::set_cpu_frequency(bad, 3));
+        EXPECT_EQ(-1, EnergyUtil::set_cpu_frequency(1600000, 99));
+        EXPECT_EQ(-1, EnergyUtil::set_cpu_frequency(1600000, -1));
+        EXPECT_EQ(-1, EnergyUtil::get_current_frequency(99));
+        EXPECT_THAT(writes(node), IsEmpty());
+    });
+}
+
+TEST_F(FrequencyTest, AGovernorIsWrittenUnlessItsNameBeginsThePresentOne) {
+    FakeNode node;
+    inside(node, [&] {
+        EXPECT_EQ(1, set_governor("ondemand"));
+        EXPECT_THAT(writes(node), ElementsAre("0 scaling_governor=ondemand"));
+        for (const char* same : {"ondemand", "on", "", "ondemand\n"})
+            EXPECT_EQ(1, set_governor(same));
+        EXPECT_THAT(writes(node), IsEmpty());
+        EXPECT_EQ(-1, set_governor("ondemands")) << "the driver knows no such governor";
+        EXPECT_EQ("ondemand\n", attribute(0, "scaling_governor"));
+        EXPECT_EQ(1, set_governor("powersave"));
+        EXPECT_EQ(1600000, EnergyUtil::get_current_frequency(0));
+        EXPECT_EQ(-1, set_governor("powersave", 99));
+        EXPECT_EQ(-1, EnergyUtil::set_cpu_governor(nullptr, 0));
+    });
+}
+
+TEST_F(FrequencyTest, CapsLeaveTheGovernorAlone) {
+    FakeNode node;
+    inside(node, [&] {
+        EXPECT_EQ(1, EnergyUtil::set_cpu_frequency_cap(2133000, 5, CPU_FREQ_MAX));
+        EXPECT_EQ(1, EnergyUtil::set_cpu_frequency_cap(1867000, 5, CPU_FREQ_MIN));
+        EXPECT_THAT(writes(node),
+                    ElementsAre("5 scaling_max_freq=2133000", "5 scaling_min_freq=1867000"));
+        EXPECT_EQ("2133000\n", attribute(5, "scaling_max_freq"));
+        EXPECT_EQ("1867000\n", attribute(5, "scaling_min_freq"));
+        EXPECT_EQ(2133000, EnergyUtil::get_current_frequency(5));
+        EXPECT_EQ(-1, EnergyUtil::set_cpu_frequency_cap(0, 5, CPU_FREQ_MAX));
+        EXPECT_EQ(-1, EnergyUtil::set_cpu_frequency_cap(1000000000, 5, CPU_FREQ_MIN));
+        EXPECT_EQ(-1, EnergyUtil::set_cpu_frequency_cap(1, 99, CPU_FREQ_MIN));
+        EXPECT_THAT(writes(node), IsEmpty());
+    });
+}
+
+TEST_F(FrequencyTest, TheWholeNodeIsSetAsFarAsItGoes) {
+    FakeNode node;
+    inside(node, [&] {
+        EXPECT_EQ(1, EnergyUtil::set_all_cpu_freqs(1867000));
+        EXPECT_EQ(32U, writes(node).size());
+        EXPECT_EQ(1, EnergyUtil::set_all_cpu_freqs_cap(2400000, CPU_FREQ_MAX));
+        EXPECT_EQ(1, set_all_governors("ondemand"));
+        EXPECT_EQ(-1, EnergyUtil::set_all_cpu_governors(nullptr));
+        for (int cpu = 0; cpu < 16; ++cpu) {
+            EXPECT_EQ(1867000, EnergyUtil::get_current_frequency(cpu));
+            EXPECT_EQ("2400000\n", attribute(cpu, "scaling_max_freq"));
+            EXPECT_EQ("ondemand\n", attribute(cpu, "scaling_governor"));
+        }
+        // A processor without cpufreq in the middle: the others are still set.
+        const std::string cpuinfo = "processor\t: 2\nprocessor\t: 40\nprocessor\t: 1\n";
+        write_file("/proc/cpuinfo", cpuinfo);
+        EXPECT_EQ(-1, EnergyUtil::set_all_cpu_freqs(1600000));
+        EXPECT_EQ(1600000, EnergyUtil::get_current_frequency(1));
+        EXPECT_EQ(1600000, EnergyUtil::get_current_frequency(2));
+        EXPECT_EQ(1867000, EnergyUtil::get_current_frequency(3));
+        write_file("/proc/cpuinfo", "");
+        EXPECT_EQ(-1, EnergyUtil::set_all_cpu_freqs(1600000));
+        EXPECT_EQ(-1, set_all_governors("performance"));
+    });
+}
+
+TEST_F(FrequencyTest, DriversThatDoNotObeyAreToldApart) {
+    NodeShape shape;
+    shape.driver = FreqDriver::kNoUserspace;
+    FakeNode internal(shape);
+    inside(internal, [&] {
+        EXPECT_EQ(-1, EnergyUtil::set_cpu_frequency(1600000, 0));
+        EXPECT_EQ("performance\n", attribute(0, "scaling_governor"));
+        EXPECT_EQ("<unsupported>\n", attribute(0, "scaling_setspeed"));
+        EXPECT_EQ(1, set_governor("powersave"));
+        std::vector<int> steps;
+        EXPECT_EQ(-1, EnergyUtil::get_available_freqs(steps, 0));
+        EXPECT_EQ(2666600, EnergyUtil::get_nominal_freq(0)) << "no list: the register's value";
+    });
+    shape.driver = FreqDriver::kDeaf;
+    FakeNode deaf(shape);
+    inside(deaf, [&] {
+        EXPECT_EQ(1, EnergyUtil::set_cpu_frequency(1600000, 0)) << "every write was taken";
+        EXPECT_EQ(2667000, EnergyUtil::get_current_frequency(0)) << "only a reading tells";
+    });
+}
+
+TEST_F(FrequencyTest, ListsAreAppendedInTheKernelsOrder) {
+    FakeNode node;
+    inside(node, [] {
+        std::vector<int> steps = {7};
+        EXPECT_EQ(1, EnergyUtil::get_available_freqs(steps, 1));
+        EXPECT_THAT(steps, ElementsAre(7, 2667000, 2400000, 2133000, 1867000, 1600000));
+        EXPECT_EQ(-1, EnergyUtil::get_available_freqs(steps, 99));
+        std::vector<int> cpus;
+        write_file("/proc/cpuinfo", "processor\t: 3\nprocessors\nprocessor\t: 1\nmodel\t: 45\n");
+        EXPECT_EQ(1, EnergyUtil::get_all_cpu_ids(cpus));
+        EXPECT_THAT(cpus, ElementsAre(3, 0, 1)) << "a line without a number counts as 0";
+        const Hidden gone("/proc");
+        EXPECT_EQ(-1, EnergyUtil::get_all_cpu_ids(cpus));
+        EXPECT_EQ(3U, cpus.size());
+    });
+}
+
+TEST_F(FrequencyTest, TheNominalFrequencyIsTheNearestStepAndFoundOnce) {
+    const struct {
+        int ratio;
+        std::vector<int> steps;
+        int result;
+    } rows[] = {
+        {20, {2667000, 2400000}, 2667000},           // 2666600 by the register
+        {18, {2667000, 2400000, 2133000}, 2400000},  // 2399940
+        {1, {133430, 133230}, 133430},               // 133330: equally near, the first wins
+        {1, {2667000, 2400000}, 2667000},            // none nearer than the value itself: the first
+        {200, {26700000, 2400000}, 26700000},        // all eight bits of the ratio
+        {0, {2667000}, -1},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.ratio);
+        NodeShape shape;
+        shape.nonturbo_ratio = row.ratio;
+        shape.frequencies = row.steps;
+        FakeNode node(shape);
+        inside(node, [&] {
+            EXPECT_EQ(row.ratio > 0 ? row.ratio * 133330 : -1, EnergyUtil::cal_nominal_freq(2));
+            EXPECT_EQ(row.result, EnergyUtil::get_nominal_freq(2));
+            node.state().msr_device = fake::MsrDevice::kMissing;
+            EXPECT_EQ(-1, EnergyUtil::cal_nominal_freq(2));
+            EXPECT_EQ(row.result, EnergyUtil::get_nominal_freq(2));
+        });
+    }
+}
+
+TEST_F(FrequencyTest, CountsTheNodesThreadsOnce) {
+    NodeShape four;
+    four.sockets = 4;
+    four.cores = 10;
+    NodeShape plain;
+    plain.threads = 1;
+    const std::string six_of_four =
+        "processor\t: 0\nphysical id\t: 0\nsiblings\t: 6\ncpu cores\t: 4\n";
+    const struct {
+        const char* name;
+        std::string text;
+        int cpu, result;
+    } rows[] = {
+        {"two sockets", fake::cpuinfo_text({}), 0, 16},
+        {"asked for the last", fake::cpuinfo_text({}), 15, 16},
+        {"four sockets", fake::cpuinfo_text(four), 0, 80},
+        {"no hyper-threading", fake::cpuinfo_text(plain), 0, 8},
+        {"the division comes first", six_of_four, 0, 4},
+        {"no such processor", fake::cpuinfo_text({}), 16, -1},
+        {"no cores", "processor\t: 0\nphysical id\t: 0\nsiblings\t: 6\ncpu cores\t: 0\n", 0, -1},
+        {"cores not told", "processor\t: 0\nphysical id\t: 0\nsiblings\t: 6\n", 0, -1},
+        {"socket ids beyond the table",
+         "physical id\t: 256\nphysical id\t: -1\nphysical id\t: 255\n" + six_of_four, 0, 8},
+        {"an empty list", "", 0, -1},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        FakeNode node;
+        inside(node, [&] {
+            write_file("/proc/cpuinfo", row.text);
+            EXPECT_EQ(row.result, EnergyUtil::get_node_threads(row.cpu));
+            write_file("/proc/cpuinfo", "");
+            EXPECT_EQ(row.result, EnergyUtil::get_node_threads(row.cpu));
+        });
+    }
+}
+
+// A daemon without standard input would get descriptor 0 for a file; that counts as a failure.
+TEST_F(FrequencyTest, WholeFilesAreReadAndWrittenInOneCall) {
+    FakeNode node;
+    inside(node, [] {
+        const char* const path = "/dev/file";
+        write_file(path, "hello");
+        std::array<char, 8> text{};
+        EXPECT_EQ(5, bin_read_file(path, text.data(), 8));
+        EXPECT_STREQ("hello", text.data());
+        EXPECT_EQ(2, bin_read_file(path, text.data(), 3));
+        EXPECT_STREQ("he", text.data());
+        EXPECT_EQ(2, bin_write_file(path, text.data(), 2));
+        EXPECT_EQ("hello", read_file(path));
+        EXPECT_EQ(-1, bin_read_file("/dev", text.data(), 8));
+        EXPECT_EQ(0, bin_write_file("/dev/no_such_file", text.data(), 2));
+        const int keep = ::dup(0);
+        ::close(0);
+        const size_t open = open_descriptors().size();
+        EXPECT_EQ(0, bin_read_file(path, text.data(), 8));
+        EXPECT_EQ(0, bin_write_file(path, text.data(), 2));
+        EXPECT_EQ(open, open_descriptors().size()) << "it is given back all the same";
+        ::dup2(keep, 0);
+        ::close(keep);
+    });
+}
+
+}  // namespace
+}  // namespace eas::test

@@ -1,0 +1,275 @@
+// gethwrusage from the outside: what a daemon sees over a life of samples, which privileges it has
+// meanwhile, and what one sample costs.
+#include <gmock/gmock.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cstring>
+
+#include "common/EasMisc.h"
+#include "common/node/CpuTopology.h"
+#include "common/node/EnergySensors.h"
+#include "tests/node/NodeTest.h"
+
+namespace eas::test {
+namespace {
+
+using ::testing::ElementsAreArray;
+
+using SamplingTest = NodeTest;
+
+constexpr uid_t kUser = 65534;
+
+std::string users() {
+    uid_t real = 0, effective = 0, saved = 0;
+    ::getresuid(&real, &effective, &saved);
+    return std::to_string(real) + " " + std::to_string(effective) + " " + std::to_string(saved);
+}
+
+TEST_F(SamplingTest, SamplesTearsDownAndStartsAgainForAnotherProcess) {
+    for (const int number : {26, 45, 47, 42}) {
+        SCOPED_TRACE(number);
+        FakeNode node(of_model(number));
+        inside(node, [&] {
+            auto& counters = node.state().counters;
+            const std::string before = footprint();
+            hwrusage usage{};
+            ASSERT_EQ(0, gethwrusage(1001, &usage));
+            ASSERT_EQ(15U, counters.count);
+            EXPECT_EQ(1001, counters.rows[14].pid);
+            EXPECT_EQ(number == 42 ? 999U : 55U, usage.inlet_temperature);
+            counters.rows[0].words[0] = 123;
+            if (number == 26)
+                node.state().set_msr(4, 0x3B1, 2);
+            ASSERT_EQ(0, gethwrusage(2002, &usage));
+            EXPECT_EQ(15U, counters.count) << "the first process is followed for good";
+            EXPECT_EQ(123U, usage.cycles);
+            EXPECT_EQ(number == 26 ? 128U : 0U, usage.membytes_xferred);
+            EXPECT_GT(usage.tstamp, 0U);
+
+            EXPECT_EQ(0, gethwrusage(1001, nullptr));
+            EXPECT_EQ(before, footprint());
+            EXPECT_EQ(0, gethwrusage(1001, nullptr));
+            EXPECT_EQ(before, footprint());
+
+            ASSERT_EQ(0, gethwrusage(3003, &usage));
+            EXPECT_EQ(30U, counters.count);
+            EXPECT_EQ(3003, counters.rows[15].pid);
+            EXPECT_EQ(0U, usage.cycles);
+            EXPECT_EQ(0, gethwrusage(0, nullptr));
+        });
+    }
+}
+
+TEST_F(SamplingTest, AnUnsupportedNodeIsRefusedAndLookedAtAgain) {
+    FakeNode node(of_model(28));
+    inside(node, [&] {
+        hwrusage usage, untouched;
+        std::memset(&usage, 0x55, sizeof usage);
+        untouched = usage;
+        EXPECT_EQ(-1, gethwrusage(1, &usage));
+        EXPECT_EQ(0, std::memcmp(&usage, &untouched, sizeof usage));
+        EXPECT_EQ(0U, node.state().counters.count);
+        write_file("/proc/cpuinfo", fake::cpuinfo_text(of_model(44)));
+        EXPECT_EQ(0, gethwrusage(1, &usage));
+        EXPECT_EQ(0, gethwrusage(1, nullptr));
+    });
+}
+
+// Standard input is open all the while: a table of zeroes that is torn down would close it.
+TEST_F(SamplingTest, APartialSetUpIsAcceptedAndTornDownCleanly) {
+    for (const int failing : {0, 7}) {
+        SCOPED_TRACE(failing);
+        FakeNode node(of_model(45));
+        node.state().counter_fails_at = failing;
+        inside(node, [&] {
+            hwrusage usage{};
+            usage.cycles = 5;
+            write_file("/sys/firmware/acpi/tables/MCFG", "");
+            for (int sample = 0; sample < 2; ++sample) {
+                EXPECT_EQ(0, gethwrusage(1, &usage));
+                EXPECT_EQ(5U, usage.cycles) << "the core fields keep what they had";
+                EXPECT_EQ(0U, usage.membytes_xferred);
+                EXPECT_EQ(55U, usage.inlet_temperature);
+            }
+            EXPECT_EQ(0, gethwrusage(1, nullptr));
+        });
+    }
+}
+
+TEST_F(SamplingTest, AGapInTheSocketIdsCostsAReadingButNoTearDown) {
+    NodeShape shape = of_model(47);
+    shape.socket_ids = {0, 3};
+    FakeNode node(shape);
+    inside(node, [&] {
+        hwrusage usage{};
+        ASSERT_EQ(0, gethwrusage(1, &usage));
+        EXPECT_EQ(999U, usage.inlet_temperature) << "the second socket's CPU is not found";
+        EXPECT_EQ(0, node.state().stray_lookups);
+        node.state().msr_log.clear();
+        EXPECT_EQ(0, gethwrusage(1, nullptr));
+        std::vector<int> cpus;
+        for (const fake::MsrAccess& access : node.state().msr_log)
+            cpus.push_back(access.cpu);
+        EXPECT_THAT(cpus, ::testing::ElementsAre(0, 0, 0, 0, 0, 4, 4, 4, 4, 4));
+    });
+}
+
+TEST_F(SamplingTest, TheWholeNodeKeepsItsDescriptorsAfterTheTearDown) {
+    FakeNode node(of_model(62));
+    inside(node, [&] {
+        const size_t before = open_descriptors().size();
+        hwrusage usage{};
+        ASSERT_EQ(0, gethwrusage(-1, &usage));
+        for (fake::Counter& counter : node.state().counters.rows)
+            counter.words[0] = 2;
+        ASSERT_EQ(0, gethwrusage(-1, &usage));
+        EXPECT_EQ(16U, usage.instructions);
+        EXPECT_EQ(0, gethwrusage(-1, nullptr));
+        EXPECT_EQ(before + 15 * 8, open_descriptors().size());
+        // Starting again does not pile more of them up.
+        ASSERT_EQ(0, gethwrusage(-1, &usage));
+        EXPECT_EQ(0, gethwrusage(-1, nullptr));
+        EXPECT_EQ(before + 15 * 8, open_descriptors().size());
+        for (const std::string& line : open_descriptors())
+            if (line.find("/counter/") != std::string::npos)
+                ::close(std::stoi(line));
+    });
+}
+
+TEST_F(SamplingTest, RegainsRootForTheLengthOfASample) {
+    FakeNode node(of_model(44));
+    inside(node, [] {
+        hwrusage usage{};
+        ASSERT_EQ(0, ::setresuid(kUser, kUser, 0));
+        EXPECT_EQ(0, gethwrusage(1, &usage));
+        EXPECT_EQ(55U, usage.inlet_temperature) << "the registers are root's";
+        EXPECT_EQ("65534 65534 0", users());
+        EXPECT_EQ(0, gethwrusage(1, &usage));
+        EXPECT_EQ(0, gethwrusage(1, nullptr));
+        EXPECT_EQ("65534 65534 0", users());
+        EXPECT_EQ(0, gethwrusage(1, nullptr));
+        EXPECT_EQ("65534 0 0", users()) << "nothing to tear down: what was regained stays";
+        ASSERT_EQ(0, ::setresuid(0, 0, 0));
+    });
+    FakeNode unsupported(of_model(28));
+    inside(unsupported, [] {
+        hwrusage usage{};
+        ASSERT_EQ(0, ::setresuid(kUser, kUser, 0));
+        EXPECT_EQ(-1, gethwrusage(1, &usage));
+        EXPECT_EQ("65534 65534 0", users());
+        ASSERT_EQ(0, ::setresuid(-1U, 0, 0));
+        ASSERT_EQ(0, ::setresuid(0, 0, 0));
+    });
+}
+
+TEST_F(SamplingTest, SwitchesTheEffectiveUserAndGivesItUpForGood) {
+    FakeNode node;
+    const int status = node.run([] {
+        EXPECT_EQ(0, drop_priv_temp(::getuid()));
+        EXPECT_EQ("0 0 0", users());
+        EXPECT_EQ(0, drop_priv_temp(kUser));
+        EXPECT_EQ("0 65534 0", users());
+        EXPECT_EQ(-1, drop_priv_temp(kUser - 1)) << "an ordinary user may not become another";
+        EXPECT_EQ("0 65534 0", users());
+        EXPECT_EQ(0, restore_priv());
+        EXPECT_EQ(0, restore_priv());
+        EXPECT_EQ("0 0 0", users());
+        EXPECT_EQ(0, drop_priv_perm(kUser));
+        EXPECT_EQ("65534 65534 65534", users());
+        EXPECT_EQ(0, restore_priv());
+        EXPECT_EQ("65534 65534 65534", users());
+        EXPECT_EQ(-1, drop_priv_perm(0));
+        ::_exit(::testing::Test::HasFailure() ? 1 : 0);
+        return 0;
+    });
+    EXPECT_EQ(0, status);
+}
+
+TEST_F(SamplingTest, TheTemperatureIsTheMeanMarginOfTheSockets) {
+    constexpr uint64_t kValid = 1ULL << 31;
+    const struct {
+        int model;
+        uint64_t status[2], target[2];  // of the two sockets
+        uint64_t result;
+    } rows[] = {
+        {26, {kValid | 40 << 16, kValid | 30 << 16}, {95 << 16, 100 << 16}, 62},  // (55 + 70) / 2
+        {30, {kValid | 40 << 16, kValid | 40 << 16}, {95 << 16, 95 << 16}, 55},
+        {37, {kValid | 40 << 16, 41 << 16}, {95 << 16, 95 << 16}, 999},  // one without a reading
+        {44,
+         {kValid | 40 << 16, 1ULL << 32 | 40 << 16},
+         {95 << 16, 95 << 16},
+         55},  // bit 32 counts
+        {45, {0xFFFFFFFF, 0xFFFFFFFF}, {0xFFFFFFFF, 0xFFFFFFFF}, 0},
+        {47, {kValid, kValid}, {95 << 16, 90 << 16}, 92},
+        {62, {40 << 16, 40 << 16}, {95 << 16, 95 << 16}, 999},
+        {42,
+         {kValid | 40 << 16, kValid | 40 << 16},
+         {95 << 16, 95 << 16},
+         999},  // no such registers
+        {46, {kValid | 40 << 16, kValid | 40 << 16}, {95 << 16, 95 << 16}, 999},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.model);
+        FakeNode node(of_model(row.model));
+        inside(node, [&] {
+            ASSERT_EQ(0, discover_topology());
+            for (const size_t socket : {0U, 1U}) {
+                const int cpu = node.shape().first_cpu_of(static_cast<int>(socket));
+                node.state().set_msr(cpu, 0x19C, row.status[socket]);
+                node.state().set_msr(cpu, 0x1A2, row.target[socket]);
+            }
+            node.state().msr_log.clear();
+            hwrusage usage{};
+            EXPECT_EQ(0, read_inlet_temperature(&usage));
+            EXPECT_EQ(row.result, usage.inlet_temperature);
+            const bool reads = row.model != 42 && row.model != 46;
+            EXPECT_EQ(reads ? 4U : 0U, node.state().msr_log.count);
+            node.state().msr_device = fake::MsrDevice::kMissing;
+            EXPECT_EQ(0, read_inlet_temperature(&usage));
+            EXPECT_EQ(999U, usage.inlet_temperature);
+        });
+    }
+}
+
+// ---- the cost of a sample ----
+
+template <typename Calls>
+void append(std::vector<long>& to, const Calls& calls, int times = 1) {
+    for (int i = 0; i < times; ++i)
+        to.insert(to.end(), std::begin(calls), std::end(calls));
+}
+
+TEST_F(SamplingTest, CostsTheReadsAndTheSwitchesOfUserAndCpuOnly) {
+    const long regain[] = {SYS_getresuid, SYS_setresuid, SYS_geteuid};
+    const long drop[] = {SYS_getuid, SYS_geteuid, SYS_setresuid, SYS_geteuid};
+    const long counter[] = {SYS_read};
+    const long reg[] = {SYS_openat, SYS_pread64, SYS_close};
+    const long bind[] = {SYS_sched_getaffinity, SYS_sched_setaffinity};
+    const long unbind[] = {SYS_sched_setaffinity};
+    const struct {
+        int model, temperature_registers, uncore_registers;  // per socket
+    } rows[] = {{26, 2, 2}, {47, 2, 4}, {45, 2, 0}, {62, 2, 0}, {42, 0, 0}, {46, 0, 0}};
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.model);
+        std::vector<long> expected;
+        append(expected, regain);
+        append(expected, counter, 15);
+        append(expected, reg, 2 * row.temperature_registers);
+        for (int socket = 0; socket < 2 && row.uncore_registers > 0; ++socket) {
+            append(expected, bind);
+            append(expected, reg, row.uncore_registers);
+            append(expected, unbind);
+        }
+        append(expected, drop);
+        FakeNode node(of_model(row.model));
+        inside(node, [&] {
+            hwrusage usage{};
+            const auto sample = [&] { gethwrusage(1, &usage); };
+            EXPECT_THAT(system_calls_of(sample, sample), ElementsAreArray(expected));
+        });
+    }
+}
+
+}  // namespace
+}  // namespace eas::test

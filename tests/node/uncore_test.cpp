@@ -1,0 +1,415 @@
+// Memory traffic: the register sequences of the older models, the memory-channel pages of the newer
+// ones, each against what the node saw.
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <sys/mman.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstring>
+#include <filesystem>
+
+#include "base/UniqueFd.h"
+#include "common/node/CpuTopology.h"
+#include "common/node/MemoryChannels.h"
+#include "common/node/UncoreCounters.h"
+#include "common/node/UncoreMsrCounters.h"
+#include "tests/node/NodeTest.h"
+
+namespace eas::test {
+namespace {
+
+using ::testing::ElementsAreArray;
+
+using UncoreTest = NodeTest;
+
+// ---- register sequences ----
+
+struct Step {
+    bool write;
+    uint32_t reg;
+    uint64_t value;
+};
+
+const std::vector<Step> kProgramUncore = {
+    {true, 0x395, 0},           {true, 0x394, 0},  {true, 0x3C0, 0},        {true, 0x3C1, 0},
+    {true, 0x3B0, 0},           {true, 0x3B1, 0},  {true, 0x391, 0},        {true, 0x393, 0},
+    {true, 0x396, 0},           {true, 0x1A6, 0},  {true, 0x395, 1},        {true, 0x3C0, 0x400000},
+    {true, 0x3C1, 0x400000},    {false, 0x3C0, 0}, {true, 0x3C0, 0x41072C}, {false, 0x3C1, 0},
+    {true, 0x3C1, 0x41072F},    {true, 0x3B0, 0},  {true, 0x3B1, 0},        {true, 0x391, 0},
+    {true, 0x391, 0x10000001F},
+};
+const std::vector<Step> kProgramBoxes = {
+    {true, 0xCA0, 0},      {true, 0xCB0, 0},      {true, 0xCE0, 0},
+    {true, 0xCF0, 0},      {true, 0xC20, 0},      {true, 0xC32, 0},
+    {true, 0xC60, 0},      {true, 0xC72, 0},      {true, 0xC00, 0x20000000},
+    {true, 0xCAB, 0x5000}, {true, 0xCB0, 0x1A41}, {true, 0xCEB, 0x5000},
+    {true, 0xCF0, 0x1A41}, {true, 0xC32, 0x19},   {true, 0xC72, 0x19},
+    {true, 0xCB1, 0},      {true, 0xCF1, 0},      {true, 0xC33, 0},
+    {true, 0xC73, 0},      {true, 0xCA0, 3},      {true, 0xCE0, 3},
+    {true, 0xC20, 2},      {true, 0xC60, 2},      {true, 0xC00, 0x10000000},
+};
+const std::vector<Step> kStopUncore = {{true, 0x391, 0}};
+const std::vector<Step> kStopBoxes = {
+    {true, 0xCA0, 0}, {true, 0xCE0, 0}, {true, 0xC20, 0}, {true, 0xC60, 0}, {true, 0xC00, 0}};
+
+std::string line_of(int cpu, const Step& step) {
+    std::array<char, 80> text;
+    std::snprintf(text.data(), text.size(), "cpu %d %s %#x %#llx", cpu,
+                  step.write ? "write" : "read", step.reg,
+                  step.write ? static_cast<unsigned long long>(step.value) : 0ULL);
+    return text.data();
+}
+
+/// What the node saw since the last call; an access from a thread on other CPUs says so.
+std::vector<std::string> accesses(FakeNode& node) {
+    std::vector<std::string> lines;
+    for (const fake::MsrAccess& access : node.state().msr_log) {
+        lines.push_back(line_of(access.cpu, {access.write, access.reg, access.value}));
+        fake::CpuMask only{};
+        only[static_cast<size_t>(access.cpu) / 64] = uint64_t{1} << (access.cpu % 64);
+        if (access.affinity != only)
+            lines.back() += " from elsewhere";
+    }
+    node.state().msr_log.clear();
+    return lines;
+}
+
+std::vector<std::string> on_cpus(const std::vector<int>& cpus, const std::vector<Step>& steps) {
+    std::vector<std::string> lines;
+    for (const int cpu : cpus)
+        for (const Step& step : steps)
+            lines.push_back(line_of(cpu, step));
+    return lines;
+}
+
+struct UncoreRow {
+    int model;
+    const std::vector<Step>& program;
+    const std::vector<Step>& stop;
+    std::vector<uint32_t> counters;
+};
+
+const UncoreRow kRegisterModels[] = {
+    {26, kProgramUncore, kStopUncore, {0x3B0, 0x3B1}},
+    {30, kProgramUncore, kStopUncore, {0x3B0, 0x3B1}},
+    {37, kProgramUncore, kStopUncore, {0x3B0, 0x3B1}},
+    {44, kProgramUncore, kStopUncore, {0x3B0, 0x3B1}},
+    {47, kProgramBoxes, kStopBoxes, {0xCB1, 0xCF1, 0xC33, 0xC73}},
+};
+
+TEST_F(UncoreTest, ProgramsReadsAndStopsTheRegistersOnEachSocketsCpu) {
+    for (const UncoreRow& row : kRegisterModels) {
+        SCOPED_TRACE(row.model);
+        NodeShape shape = of_model(row.model);
+        shape.sockets = 4;
+        FakeNode node(shape);
+        inside(node, [&] {
+            const std::vector<int> cpus = {0, 4, 8, 12};
+            ASSERT_EQ(0, discover_topology());
+            accesses(node);
+            // Bits that a read-back returns beside what was written: only 31..16 may stay.
+            node.state().msr_stray_bits = 0xdead00000001beef;
+            EXPECT_EQ(0, init_uncore_counters());
+            node.state().msr_stray_bits = 0;
+            EXPECT_THAT(accesses(node), ElementsAreArray(on_cpus(cpus, row.program)));
+
+            uint64_t expected = 0, count = 1;
+            std::vector<Step> reads;
+            for (const uint32_t reg : row.counters)
+                reads.push_back({false, reg, 0});
+            for (const int cpu : cpus)
+                for (const uint32_t reg : row.counters) {
+                    node.state().set_msr(cpu, reg, count);
+                    expected += 64 * count;
+                    count *= 5;
+                }
+            hwrusage usage{};
+            usage.netbytes_xferred = 7;
+            EXPECT_EQ(0, read_uncore_counters(&usage));
+            EXPECT_EQ(expected, usage.membytes_xferred);
+            EXPECT_EQ(0U, usage.netbytes_xferred);
+            EXPECT_THAT(accesses(node), ElementsAreArray(on_cpus(cpus, reads)));
+
+            for (unsigned socket = 0; socket < 4; ++socket)
+                EXPECT_EQ(0, cleanup_uncore(socket));
+            EXPECT_THAT(accesses(node), ElementsAreArray(on_cpus(cpus, row.stop)));
+        });
+    }
+}
+
+TEST_F(UncoreTest, AGapInTheSocketIdsNeverLeadsToCpuMinusOne) {
+    NodeShape shape = of_model(44);
+    shape.socket_ids = {0, 3};
+    FakeNode node(shape);
+    inside(node, [&] {
+        ASSERT_EQ(0, discover_topology());
+        accesses(node);
+        node.state().msr_stray_bits = 0x10000;
+        init_uncore_counters();
+        node.state().msr_stray_bits = 0;
+        EXPECT_THAT(accesses(node), ElementsAreArray(on_cpus({0, 4}, kProgramUncore)));
+        node.state().set_msr(0, 0x3B0, 10);
+        hwrusage usage{};
+        read_uncore_counters(&usage);  // the second socket of the read-out has no CPU
+        EXPECT_EQ(640U, usage.membytes_xferred);
+        EXPECT_THAT(accesses(node),
+                    ElementsAreArray(on_cpus({0}, {{false, 0x3B0, 0}, {false, 0x3B1, 0}})));
+        EXPECT_EQ(0, node.state().stray_lookups);
+        for (const unsigned socket : {0U, 3U, 1U, 2U})
+            EXPECT_EQ(0, cleanup_uncore(socket));
+        EXPECT_THAT(accesses(node), ElementsAreArray(on_cpus({0, 4}, kStopUncore)));
+    });
+}
+
+TEST_F(UncoreTest, OtherModelsAreLeftAlone) {
+    for (const int model : {42, 46, 23, 28}) {
+        SCOPED_TRACE(model);
+        FakeNode node(of_model(model));
+        inside(node, [&] {
+            ASSERT_EQ(0, discover_topology());
+            accesses(node);
+            EXPECT_EQ(0, init_uncore_counters());
+            hwrusage usage{};
+            usage.membytes_xferred = 5;
+            EXPECT_EQ(0, read_uncore_counters(&usage));
+            EXPECT_EQ(0U, usage.membytes_xferred);
+            EXPECT_EQ(0, cleanup_uncore(0));
+            EXPECT_TRUE(accesses(node).empty());
+        });
+    }
+}
+
+TEST_F(UncoreTest, UnreadableRegistersCountAsNothing) {
+    FakeNode node(of_model(47));
+    inside(node, [&] {
+        ASSERT_EQ(0, discover_topology());
+        for (const auto device : {fake::MsrDevice::kMissing, fake::MsrDevice::kShortReads}) {
+            node.state().msr_device = device;
+            EXPECT_EQ(0, init_uncore_counters());
+            hwrusage usage{};
+            usage.membytes_xferred = 5;
+            EXPECT_EQ(0, read_uncore_counters(&usage));
+            EXPECT_EQ(0U, usage.membytes_xferred);
+            cleanup_uncore(0);
+        }
+    });
+}
+
+// ---- memory channels ----
+
+const std::pair<unsigned, unsigned> kChannels[] = {{16, 4}, {16, 5}, {16, 0}, {16, 1},
+                                                   {30, 4}, {30, 5}, {30, 0}, {30, 1}};
+
+uint64_t page_of(const NodeShape& shape, unsigned socket, size_t channel) {
+    const unsigned bus = socket == 0 ? 127 : 255;
+    const auto [device, function] = kChannels[channel];
+    return shape.mcfg_base + (uint64_t{bus} << 20 | device << 15 | function << 12);
+}
+
+template <typename T>
+T at(const UniqueFd& memory, uint64_t address) {
+    T value{};
+    EXPECT_EQ(ssize_t{sizeof value},
+              ::pread(memory.get(), &value, sizeof value, static_cast<off_t>(address)));
+    return value;
+}
+
+TEST_F(UncoreTest, ProgramsAndSumsTheMemoryChannels) {
+    for (const int model : {45, 62}) {
+        SCOPED_TRACE(model);
+        NodeShape shape = of_model(model);
+        shape.sockets = 3;
+        shape.mcfg_base = model == 45 ? 0x80000000 : 0x3C0000000;
+        FakeNode node(shape);
+        inside(node, [&] {
+            const UniqueFd memory(::open("/dev/mem", O_RDWR | O_CLOEXEC));
+            ASSERT_EQ(0, discover_topology());
+            ASSERT_EQ(0, init_uncore_counters());
+            uint64_t reads = 1, sum = 0;
+            for (unsigned socket = 0; socket < 3; ++socket) {
+                EXPECT_EQ(8, mchn[socket].num_channels);
+                for (size_t channel = 0; channel < 8; ++channel) {
+                    SCOPED_TRACE(channel);
+                    const uint64_t page = page_of(shape, socket, channel);
+                    EXPECT_EQ(0x10000U, at<uint32_t>(memory, page + 0xF4));
+                    EXPECT_EQ(0x400304U, at<uint32_t>(memory, page + 0xD8));
+                    EXPECT_EQ(0x400C04U, at<uint32_t>(memory, page + 0xDC));
+                    // Sockets 1 and 2 are both on bus 255: their counts are the same ones.
+                    if (socket == 2)
+                        continue;
+                    const uint64_t counts[] = {reads, 3 * reads};
+                    EXPECT_EQ(16, ::pwrite(memory.get(), counts, sizeof counts,
+                                           static_cast<off_t>(page + 0xA0)));
+                    sum += (socket == 0 ? 1 : 2) * 4 * reads;
+                    reads = reads * 4 + 1;
+                }
+            }
+            hwrusage usage{};
+            EXPECT_EQ(0, read_uncore_counters(&usage));
+            EXPECT_EQ(sum * 64, usage.membytes_xferred);
+            struct stat info {};
+            ::fstat(memory.get(), &info);
+            EXPECT_EQ(16 * 8, info.st_blocks) << "pages beside the channels were touched";
+            for (unsigned socket = 0; socket < 3; ++socket)
+                EXPECT_EQ(8, cleanup_uncore(socket));
+            EXPECT_EQ(0, read_uncore_counters(&usage));
+            EXPECT_EQ(0U, usage.membytes_xferred);
+            for (unsigned socket = 0; socket < 3; ++socket)
+                EXPECT_EQ(8, cleanup_uncore(socket));
+        });
+    }
+}
+
+/// The limit under which `spare` more descriptors can be opened.
+rlim_t limit_with(int spare) {
+    int limit = 0;
+    for (int free = 0; free < spare; ++limit)
+        free += ::fcntl(limit, F_GETFD) == -1;
+    return static_cast<rlim_t>(limit);
+}
+
+// The n-th descriptor fails, for every n: whatever was mapped is given back, nothing twice.
+TEST_F(UncoreTest, ChannelsThatCannotBeMappedAreGivenBack) {
+    FakeNode node(of_model(45));
+    inside(node, [&] {
+        ASSERT_EQ(0, discover_topology());
+        rlimit original{};
+        ::getrlimit(RLIMIT_NOFILE, &original);
+        int failures = 0;
+        for (int spare = 0; spare <= 17; ++spare) {
+            SCOPED_TRACE(spare);
+            const std::string before = footprint();
+            rlimit tight = original;
+            tight.rlim_cur = limit_with(spare);
+            ::setrlimit(RLIMIT_NOFILE, &tight);
+            const int result = init_uncore_counters();
+            ::setrlimit(RLIMIT_NOFILE, &original);
+            failures += result == -1;
+            // 16 descriptors stay open, and one more reads the table.
+            EXPECT_EQ(spare < 17 ? -1 : 0, result);
+            if (spare >= 9 && spare < 17) {
+                EXPECT_EQ(nullptr, mchn[0].mmaddr[0]) << "the sockets before are given back";
+                EXPECT_EQ(-1, mchn[0].fd[7]);
+            }
+            hwrusage usage{};
+            EXPECT_EQ(0, read_uncore_counters(&usage));
+            for (unsigned socket = 0; socket < 2; ++socket)
+                cleanup_uncore(socket);
+            EXPECT_EQ(before, footprint());
+        }
+        EXPECT_EQ(17, failures);
+    });
+}
+
+TEST_F(UncoreTest, NeedsTheTableAndTheMemoryDevice) {
+    FakeNode node(of_model(62));
+    inside(node, [&] {
+        const std::string table_path = "/sys/firmware/acpi/tables/MCFG";
+        const std::string table = read_file(table_path);
+        ASSERT_EQ(0, discover_topology());
+        const auto fails = [] {
+            int fd = 0;
+            EXPECT_EQ(MAP_FAILED, mmap_memory_channel(127, 16, 4, &fd));
+            if (fd >= 0)
+                ::close(fd);
+            EXPECT_EQ(-1, init_uncore_counters());
+            for (unsigned socket = 0; socket < 2; ++socket)
+                cleanup_uncore(socket);
+            return fd;
+        };
+        for (const size_t length : {size_t{0}, size_t{44}, size_t{51}}) {
+            write_file(table_path, table.substr(0, length));
+            EXPECT_GE(fails(), 0) << length;
+        }
+        write_file(table_path, table);
+        {
+            const Hidden gone("/sys/firmware");
+            EXPECT_GE(fails(), 0) << "the memory device stays open for the caller";
+        }
+        std::filesystem::rename("/dev/mem", "/dev/mem.away");
+        EXPECT_EQ(-1, fails());
+        std::filesystem::rename("/dev/mem.away", "/dev/mem");
+        EXPECT_EQ(0, init_uncore_counters());
+        EXPECT_EQ(0, init_uncore_counters()) << "what was mapped before is given back";
+        for (unsigned socket = 0; socket < 2; ++socket)
+            cleanup_uncore(socket);
+    });
+}
+
+// A page that traps: each access is single-stepped and written down.
+class TracedPage {
+  public:
+    TracedPage() {
+        page_ = static_cast<char*>(
+            ::mmap(nullptr, 4096, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+        struct sigaction action {};
+        action.sa_flags = SA_SIGINFO;
+        action.sa_sigaction = on_access;
+        ::sigaction(SIGSEGV, &action, &old_[0]);
+        action.sa_sigaction = on_step;
+        ::sigaction(SIGTRAP, &action, &old_[1]);
+        count_ = 0;
+    }
+    ~TracedPage() {
+        ::sigaction(SIGSEGV, &old_[0], nullptr);
+        ::sigaction(SIGTRAP, &old_[1], nullptr);
+        ::munmap(page_, 4096);
+    }
+    TracedPage(const TracedPage&) = delete;
+    TracedPage& operator=(const TracedPage&) = delete;
+
+    [[nodiscard]] static char* address() { return page_; }
+    [[nodiscard]] static std::vector<std::string> accesses() {
+        std::vector<std::string> lines;
+        for (size_t i = 0; i < count_; ++i)
+            lines.push_back(line_of(0, log_[i]));
+        return lines;
+    }
+
+  private:
+    static constexpr greg_t kTrapFlag = 0x100;
+
+    static void on_access(int, siginfo_t* info, void* context) {
+        const ptrdiff_t offset = static_cast<char*>(info->si_addr) - page_;
+        auto& registers = static_cast<ucontext_t*>(context)->uc_mcontext.gregs;
+        if (offset < 0 || offset >= 4096 || count_ == log_.size())
+            ::_exit(3);
+        log_[count_] = {(registers[REG_ERR] & 2) != 0, static_cast<uint32_t>(offset), 0};
+        registers[REG_EFL] |= kTrapFlag;
+        ::mprotect(page_, 4096, PROT_READ | PROT_WRITE);
+    }
+    static void on_step(int, siginfo_t*, void* context) {
+        Step& step = log_[count_++];
+        uint32_t value = 0;
+        std::memcpy(&value, page_ + step.reg, sizeof value);
+        step.value = value;
+        static_cast<ucontext_t*>(context)->uc_mcontext.gregs[REG_EFL] &= ~kTrapFlag;
+        ::mprotect(page_, 4096, PROT_NONE);
+    }
+
+    static inline char* page_;
+    static inline size_t count_;
+    static inline std::array<Step, 64> log_;
+    std::array<struct sigaction, 2> old_;
+};
+
+TEST(MemoryChannelTest, EveryStoreOfTheSequenceReachesThePageInOrder) {
+    const std::vector<Step> sequence = {
+        {true, 0xF4, 0x10000},  {true, 0xF4, 0x10100},  {false, 0xF4, 0},
+        {true, 0xD8, 0x400000}, {true, 0xD8, 0x400304}, {true, 0xDC, 0x400000},
+        {true, 0xDC, 0x400C04}, {true, 0xF4, 0x10102},  {true, 0xF4, 0x10000},
+    };
+    const TracedPage page;
+    mchn[2].mmaddr[0] = page.address();
+    mchn[2].num_channels = 1;
+    EXPECT_EQ(0, program_memory_channels(2));
+    const auto seen = page.accesses();
+    mchn[2] = {};
+    EXPECT_THAT(seen, ElementsAreArray(on_cpus({0}, sequence)));
+}
+
+}  // namespace
+}  // namespace eas::test
