@@ -51,21 +51,21 @@ enum eas_return_code {
     EAS_NOT_INITIALIZED = -3,
 
     /* eas_initialize */
-    EAS_NO_COEFFICIENTS = -3,           /* none readable for the cluster and default frequency */
-    EAS_BAD_THRESHOLD_FILE = -4,        /* the threshold file is missing or not valid */
-    EAS_THRESHOLDS_COMMENTED_OUT = -5,  /* the threshold file has no entry */
+    EAS_NO_COEFFICIENTS = -3,          /* none readable for the cluster and default frequency */
+    EAS_BAD_THRESHOLD_FILE = -4,       /* the threshold file is not valid */
+    EAS_THRESHOLDS_COMMENTED_OUT = -5, /* the threshold file has no entry, or is missing */
 
     /* eas_generate_tag */
-    EAS_TAG_NOT_AVAILABLE = -4,         /* the figures allow no prediction */
-    EAS_STORE_FAILED = -5,              /* the database refused the tag; nothing of it is stored */
-    EAS_TAG_EXISTS = -6,                /* for this cluster, default frequency and user */
+    EAS_TAG_NOT_AVAILABLE = -4, /* the figures allow no prediction */
+    EAS_STORE_FAILED = -5,      /* the database refused the tag; nothing of it is stored */
+    EAS_TAG_EXISTS = -6,        /* for this cluster, default frequency and user */
 
     /* eas_query_tag */
-    EAS_QUERY_FAILED = -4,              /* or no memory for the result */
+    EAS_QUERY_FAILED = -4, /* or no memory for the result */
     /* eas_remove_tag */
-    EAS_REMOVE_FAILED = -4,             /* nothing was removed */
+    EAS_REMOVE_FAILED = -4, /* nothing was removed */
     /* eas_auto_select_frequency */
-    EAS_NO_UNIQUE_TAG = -4              /* not exactly one such tag */
+    EAS_NO_UNIQUE_TAG = -4 /* not exactly one such tag */
 };
 
 /*
@@ -155,8 +155,7 @@ EAS_API int eas_query_tag(char* cluster_name, int default_frequency, char* user_
  * EAS_NOT_INITIALIZED or EAS_REMOVE_FAILED. Thread-safe beside the other working functions.
  */
 EAS_API int eas_remove_tag(char* cluster_name, int default_frequency, char* user_name,
-                           char* tag_name, int* tag_count, char*** user_list,
-                           char*** tagname_list);
+                           char* tag_name, int* tag_count, char*** user_list, char*** tagname_list);
 
 /*
  * Selects the frequency for a job from the predictions of its tag.
@@ -176,8 +175,8 @@ EAS_API int eas_remove_tag(char* cluster_name, int default_frequency, char* user
  * EAS_NOT_INITIALIZED or EAS_NO_UNIQUE_TAG. Thread-safe beside the other working functions.
  */
 EAS_API int eas_auto_select_frequency(char* cluster_name, int default_frequency, char* user_name,
-                                      char* tag_name, char* energy_policy,
-                                      int* selected_frequency, double* time_var);
+                                      char* tag_name, char* energy_policy, int* selected_frequency,
+                                      double* time_var);
 
 #ifdef __cplusplus
 }

@@ -1,0 +1,69 @@
+#include "interface/LibraryState.h"
+
+#include <unistd.h>
+
+#include <array>
+#include <cstdio>
+#include <cstring>
+#include <utility>
+
+#include "base/DebugFile.h"
+#include "base/FatalAssertion.h"
+#include "base/ThreadSafety.h"
+#include "common/CoEfficients.h"
+#include "common/EnergyPerfThreshold.h"
+#include "db/base_class/DBLibrary.h"
+#include "db/base_class/DBTracer.h"
+
+// Plain pointers, so that nothing has to run for them when the library is loaded.
+CoEfficients* global_coeffs = nullptr;
+EnergyPerfThreshold* global_threshold = nullptr;
+std::atomic<int> debug_fd{-1};
+
+namespace {
+
+constexpr const char* debug_log_path = "/tmp/.eas_lib_debug";
+
+eas::Mutex debug_mutex;  // guards the one-time opening of the debug log
+
+/// When the library is unloaded, or the process ends, nothing of it stays behind.
+[[gnu::destructor]] void discard_library_state() {
+    eas::set_global_threshold(nullptr);
+    eas::set_global_coeffs(nullptr);
+    DBLibrary::release();
+}
+
+}  // namespace
+
+void eas_debug_printf(int fd, const std::string& msg) {
+    if (!eas::debug_output_wanted())
+        return;
+    std::array<char, 1024> text{};
+    std::snprintf(text.data(), text.size(), "%s", msg.c_str());
+    // The log is an aid: a text that cannot be written is lost.
+    [[maybe_unused]] const ssize_t written = ::write(fd, text.data(), std::strlen(text.data()));
+}
+
+namespace eas {
+
+void set_global_coeffs(std::unique_ptr<CoEfficients> coeffs) noexcept {
+    const std::unique_ptr<CoEfficients> old(std::exchange(global_coeffs, coeffs.release()));
+}
+
+void set_global_threshold(std::unique_ptr<EnergyPerfThreshold> threshold) noexcept {
+    const std::unique_ptr<EnergyPerfThreshold> old(
+        std::exchange(global_threshold, threshold.release()));
+}
+
+void open_debug_log_if_wanted() {
+    if (!debug_output_wanted())
+        return;
+    const MutexLock lock(debug_mutex);
+    if (debug_fd >= 0)
+        return;
+    // Opening it is what the assertion is about: a log that was asked for must be there.
+    require_or_abort((debug_fd = open_debug_file(debug_log_path).release()) > 0, "debug_fd > 0");
+    dbtrace_config(debug_fd);
+}
+
+}  // namespace eas
