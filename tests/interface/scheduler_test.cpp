@@ -1,0 +1,377 @@
+// The five functions on real databases, as a scheduler calls them.
+#include <pthread.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "gtest/gtest.h"
+#include "interface/LibraryState.h"
+#include "interface/interface.h"
+#include "tests/support/ScratchDatabase.h"
+
+namespace {
+
+using eas::test::both_engines;
+using eas::test::engine_suffix;
+
+constexpr int default_frequency = 2000000;
+
+char* text(const std::string& s) {
+    return const_cast<char*>(s.c_str());
+}
+
+/// What a query hands out, freed as the documentation says.
+class Tags {
+  public:
+    Tags(const char* user, const char* tag, const char* cluster = "c1", int frequency = 2000000) {
+        status = eas_query_tag(const_cast<char*>(cluster), frequency, const_cast<char*>(user),
+                               const_cast<char*>(tag), &count, &records);
+    }
+    ~Tags() {
+        for (int i = 0; i < count; ++i) {
+            energyPolicyTag_t& tag = records[i];
+            for (char* name : {tag.energy_tag_name, tag.job_id, tag.user_name, tag.cluster_name})
+                std::free(name);
+            std::free(tag.frequencies);
+            std::free(tag.predict_power);
+            std::free(tag.energy_saving_pct);
+            std::free(tag.predict_elapse_time);
+            std::free(tag.perf_degrad_pct);
+        }
+        std::free(records);
+    }
+    Tags(const Tags&) = delete;
+    Tags& operator=(const Tags&) = delete;
+
+    int status = 1;
+    int count = -1;
+    energyPolicyTag_t* records = nullptr;
+};
+
+struct Removed {
+    int status;
+    std::vector<std::string> names;  // "user/tag"
+};
+
+Removed remove_tags(const char* user, const char* tag) {
+    int count = -1;
+    char** users = nullptr;
+    char** names = nullptr;
+    Removed removed{eas_remove_tag(text("c1"), default_frequency, const_cast<char*>(user),
+                                   const_cast<char*>(tag), &count, &users, &names),
+                    {}};
+    for (int i = 0; i < count; ++i) {
+        removed.names.push_back(std::string(users[i]) + "/" + names[i]);
+        std::free(users[i]);
+        std::free(names[i]);
+    }
+    if (count <= 0) {
+        EXPECT_EQ(users, nullptr);
+        EXPECT_EQ(names, nullptr);
+    }
+    std::free(users);
+    std::free(names);
+    return removed;
+}
+
+int generate(const std::string& user, const std::string& tag, double power = 200.0,
+             int frequency = default_frequency, int elapsed = 1000) {
+    double counters[] = {2e12, 1e12, 1e12};
+    return eas_generate_tag(text("c1"), frequency, text(user), text(tag), counters, text("42.0"),
+                            elapsed, power);
+}
+
+struct Selection {
+    int status;
+    int frequency = -7;
+    double time_var = -7.0;
+};
+
+Selection select(const char* user, const char* tag, const char* policy) {
+    Selection s{0};
+    s.status = eas_auto_select_frequency(text("c1"), default_frequency, const_cast<char*>(user),
+                                         const_cast<char*>(tag), const_cast<char*>(policy),
+                                         &s.frequency, &s.time_var);
+    return s;
+}
+
+class Scheduler : public eas::test::DatabaseTest {
+  protected:
+    void SetUp() override {
+        DatabaseTest::SetUp();
+        if (IsSkipped())
+            return;
+        const char* rows[] = {"1600000,2000000,?,0.5,0,10,0.88,0,0",
+                              "1800000,2000000,?,0.8,0,0,0.92,0,0", "2000000,2000000,?,0,0,0,0,0,0",
+                              "2400000,2000000,?,1.5,0,0,1,0,0"};
+        for (const char* row : rows) {
+            plain().run(std::string("insert into TQVN_EnergyCoEfficients values (") + row + ")",
+                        {"c1"});
+        }
+        threshold_file_ = (database().folder() / "thresholds").string();
+        write_thresholds(
+            "Begin Min_Energy\nTHRESHOLD_RUNTIME_VAR = 5\nEnd Min_Energy\n"
+            "Begin Min_Time\nCPU_FREQ RUNTIME_VAR\n2.4GHz -15\nEnd Min_Time\n");
+    }
+
+    void write_thresholds(const std::string& content) const {
+        std::ofstream(threshold_file_) << content;
+    }
+    [[nodiscard]] int initialize(const char* cluster = "c1", int frequency = default_frequency) {
+        return eas_initialize(const_cast<char*>(cluster), frequency, text(threshold_file_));
+    }
+    std::int64_t tag_rows() { return database().rows("TQVN_EnergyPolicyTag"); }
+
+    std::string threshold_file_;
+};
+
+TEST(SchedulerWithoutDatabase, SaysThatThereIsNoDataSource) {
+    ::setenv("ODBCINI", "/nonexistent", 1);
+    ::setenv("ODBCSYSINI", "/nonexistent", 1);
+    EXPECT_EQ(eas_initialize(const_cast<char*>("c1"), default_frequency, const_cast<char*>("/")),
+              EAS_NO_CONNECTION);
+    EXPECT_EQ(generate("anna", "t"), EAS_NOT_INITIALIZED);
+}
+
+INSTANTIATE_TEST_SUITE_P(On, Scheduler, both_engines(), engine_suffix);
+
+TEST_P(Scheduler, TakesAJobFromItsCountersToASelectedFrequency) {
+    ASSERT_EQ(initialize(), EAS_OK);
+    ASSERT_EQ(generate("anna", "cfd"), EAS_OK);
+    EXPECT_EQ(generate("anna", "cfd"), EAS_TAG_EXISTS);
+    EXPECT_EQ(generate("bert", "cfd"), EAS_OK);
+
+    // By hand: cycles per instruction 2, one billion instructions and one GB in a second.
+    const Tags tags("anna", "cfd");
+    ASSERT_EQ(tags.status, EAS_OK);
+    ASSERT_EQ(tags.count, 1);
+    const energyPolicyTag_t& tag = tags.records[0];
+    EXPECT_STREQ(tag.energy_tag_name, "cfd");
+    EXPECT_STREQ(tag.user_name, "anna");
+    EXPECT_STREQ(tag.cluster_name, "c1");
+    EXPECT_STREQ(tag.job_id, "42.0");
+    EXPECT_EQ(tag.default_frequency, default_frequency);
+    ASSERT_EQ(tag.num_freq, 4);
+    const struct {
+        int frequency;
+        double power;
+        double saving;
+        int time;
+        double degrade;
+    } expected[] = {{1600000, 110.0, -0.395, 1100, 0.1},
+                    {1800000, 160.0, -0.1824, 1022, 0.022},
+                    {2000000, 200.0, 0.0, 1000, 0.0},
+                    {2400000, 300.0, 0.2495, 833, -0.167}};
+    for (int i = 0; i < 4; ++i) {
+        EXPECT_EQ(tag.frequencies[i], expected[i].frequency);
+        EXPECT_NEAR(tag.predict_power[i], expected[i].power, 1e-12);
+        EXPECT_NEAR(tag.energy_saving_pct[i], expected[i].saving, 1e-12);
+        EXPECT_EQ(tag.predict_elapse_time[i], expected[i].time);
+        EXPECT_NEAR(tag.perf_degrad_pct[i], expected[i].degrade, 1e-12);
+    }
+
+    const Selection energy = select("anna", "cfd", "minimize_energy");
+    EXPECT_EQ(energy.status, EAS_OK);
+    EXPECT_EQ(energy.frequency, 1800000);
+    EXPECT_NEAR(energy.time_var, 0.022, 1e-12);
+    const Selection time = select("anna", "cfd", "minimize_time");
+    EXPECT_EQ(time.status, EAS_OK);
+    EXPECT_EQ(time.frequency, 2400000);
+    EXPECT_NEAR(time.time_var, -0.167, 1e-12);
+
+    const Removed removed = remove_tags("anna", "cfd");
+    EXPECT_EQ(removed.status, EAS_OK);
+    EXPECT_EQ(removed.names, (std::vector<std::string>{"anna/cfd"}));
+    EXPECT_EQ(tag_rows(), 4);  // bert's
+    EXPECT_EQ(select("anna", "cfd", "minimize_time").status, EAS_NO_UNIQUE_TAG);
+}
+
+TEST_P(Scheduler, QueriesAndRemovesSeveralTagsAtOnce) {
+    ASSERT_EQ(initialize(), EAS_OK);
+    for (const char* tag : {"t2", "t1", "T1"}) {
+        ASSERT_EQ(generate("anna", tag), EAS_OK);
+        ASSERT_EQ(generate("bert", tag), EAS_OK);
+    }
+    const Tags all(nullptr, nullptr);
+    EXPECT_EQ(all.status, EAS_OK);
+    EXPECT_EQ(all.count, 6);
+    for (int i = 0; i < all.count; ++i) {
+        ASSERT_EQ(all.records[i].num_freq, 4);
+        for (int f = 1; f < 4; ++f)
+            EXPECT_LT(all.records[i].frequencies[f - 1], all.records[i].frequencies[f]);
+    }
+    EXPECT_EQ(Tags("", "t1").count, 2);
+    EXPECT_EQ(Tags(nullptr, "t3").count, 0);
+    EXPECT_EQ(Tags(nullptr, nullptr, "c2").count, 0);
+    EXPECT_EQ(Tags(nullptr, nullptr, "c1", 1600000).count, 0);
+    EXPECT_EQ(select("anna", "", "minimize_time").status, EAS_NO_UNIQUE_TAG);
+
+    EXPECT_EQ(remove_tags("anna", "t3").status, EAS_OK);
+    const Removed removed = remove_tags("anna", nullptr);
+    EXPECT_EQ(removed.status, EAS_OK);
+    EXPECT_EQ(removed.names, (std::vector<std::string>{"anna/T1", "anna/t1", "anna/t2"}));
+    EXPECT_EQ(tag_rows(), 12);
+}
+
+TEST_P(Scheduler, RefusesBadArgumentsBeforeItLooksAtItsState) {
+    double counters[] = {1.0, 1.0, 1.0};
+    const auto refused = [&](const char* cluster, int frequency, const char* user, const char* tag,
+                             double* hw, const char* job, int elapsed, double power) {
+        return eas_generate_tag(const_cast<char*>(cluster), frequency, const_cast<char*>(user),
+                                const_cast<char*>(tag), hw, const_cast<char*>(job), elapsed, power);
+    };
+    int n = 0;
+    energyPolicyTag_t* tags = nullptr;
+    char** list = nullptr;
+    for (const int state : {EAS_NOT_INITIALIZED, EAS_BAD_ARGUMENT}) {
+        EXPECT_EQ(refused(nullptr, 1, "u", "t", counters, "j", 1, 1.0), EAS_BAD_ARGUMENT);
+        EXPECT_EQ(refused("c1", 0, "u", "t", counters, "j", 1, 1.0), EAS_BAD_ARGUMENT);
+        EXPECT_EQ(refused("c1", 1, nullptr, "t", counters, "j", 1, 1.0), EAS_BAD_ARGUMENT);
+        EXPECT_EQ(refused("c1", 1, "u", "", counters, "j", 1, 1.0), EAS_BAD_ARGUMENT);
+        EXPECT_EQ(refused("c1", 1, "u", "t", nullptr, "j", 1, 1.0), EAS_BAD_ARGUMENT);
+        EXPECT_EQ(refused("c1", 1, "u", "t", counters, "", 1, 1.0), EAS_BAD_ARGUMENT);
+        EXPECT_EQ(refused("c1", 1, "u", "t", counters, "j", 0, 1.0), EAS_BAD_ARGUMENT);
+        EXPECT_EQ(refused("c1", 1, "u", "t", counters, "j", 1, 0.00000009), EAS_BAD_ARGUMENT);
+        // Everything is in order but the frequency: an uninitialised library says so first.
+        EXPECT_EQ(refused("c1", 1, "u", "t", counters, "j", 1, 0.0000001), state);
+
+        EXPECT_EQ(eas_query_tag(nullptr, 1, nullptr, nullptr, &n, &tags), EAS_BAD_ARGUMENT);
+        EXPECT_EQ(eas_query_tag(text("c1"), 0, nullptr, nullptr, &n, &tags), EAS_BAD_ARGUMENT);
+        EXPECT_EQ(eas_query_tag(text("c1"), 1, nullptr, nullptr, nullptr, &tags), EAS_BAD_ARGUMENT);
+        EXPECT_EQ(eas_query_tag(text("c1"), 1, nullptr, nullptr, &n, nullptr), EAS_BAD_ARGUMENT);
+        EXPECT_EQ(eas_remove_tag(text("c1"), 0, nullptr, nullptr, &n, &list, &list),
+                  EAS_BAD_ARGUMENT);
+        EXPECT_EQ(eas_remove_tag(text("c1"), 1, nullptr, nullptr, &n, nullptr, &list),
+                  EAS_BAD_ARGUMENT);
+        EXPECT_EQ(select("u", "t", "Minimize_Energy").status, EAS_BAD_ARGUMENT);
+        EXPECT_EQ(select(nullptr, "t", "minimize_energy").status, EAS_BAD_ARGUMENT);
+        if (state == EAS_NOT_INITIALIZED) {
+            n = 7;
+            EXPECT_EQ(Tags("u", "t").status, state);
+            EXPECT_EQ(select("u", "t", "minimize_time").status, state);
+            EXPECT_EQ(remove_tags("u", "t").status, state);
+            ASSERT_EQ(initialize(), EAS_OK);
+        }
+    }
+    const Selection none = select("u", "t", "minimize_time");
+    EXPECT_EQ(none.status, EAS_NO_UNIQUE_TAG);
+    EXPECT_EQ(none.frequency, -7);  // outputs are not written on a failure
+    EXPECT_EQ(none.time_var, -7.0);
+}
+
+TEST_P(Scheduler, AFailedInitialisationLeavesNothingInitialised) {
+    const auto is_uninitialised = [] {
+        return global_coeffs == nullptr && global_threshold == nullptr &&
+               generate("anna", "t") == EAS_NOT_INITIALIZED;
+    };
+    const auto fails_with = [&](int code) {
+        const int status = initialize();
+        return status == code && is_uninitialised();
+    };
+    ASSERT_EQ(initialize(), EAS_OK);
+    EXPECT_EQ(eas_initialize(text("c1"), 0, text(threshold_file_)), EAS_BAD_ARGUMENT);
+    EXPECT_TRUE(is_uninitialised());
+    EXPECT_EQ(initialize("nowhere"), EAS_NO_COEFFICIENTS);
+    EXPECT_EQ(initialize("c1", 1600000), EAS_NO_COEFFICIENTS);
+    EXPECT_EQ(initialize("\" or \"\"=\"", 2000000), EAS_NO_COEFFICIENTS);
+    write_thresholds("# nothing\n\n");
+    EXPECT_TRUE(fails_with(EAS_THRESHOLDS_COMMENTED_OUT));
+    write_thresholds("Begin Min_Energy\n");
+    EXPECT_TRUE(fails_with(EAS_BAD_THRESHOLD_FILE));
+    std::filesystem::remove(threshold_file_);
+    EXPECT_TRUE(fails_with(EAS_THRESHOLDS_COMMENTED_OUT));  // like a file without an entry
+}
+
+TEST_P(Scheduler, RefusesAJobThatAllowsNoPrediction) {
+    ASSERT_EQ(initialize(), EAS_OK);
+    double no_instructions[] = {1e12, 0.0, 1e12};
+    EXPECT_EQ(eas_generate_tag(text("c1"), default_frequency, text("u"), text("t"), no_instructions,
+                               text("j"), 100, 100.0),
+              EAS_TAG_NOT_AVAILABLE);
+    EXPECT_EQ(generate("u", "t", 200.0, default_frequency, 1), EAS_TAG_NOT_AVAILABLE);  // < 1 s
+    EXPECT_EQ(generate("u", "t", 200.0, 1600000), EAS_BAD_ARGUMENT);
+    EXPECT_EQ(tag_rows(), 0);
+}
+
+TEST_P(Scheduler, NoNameReachesAnotherUsersTags) {
+    ASSERT_EQ(initialize(), EAS_OK);
+    ASSERT_EQ(generate("victim", "t"), EAS_OK);
+    ASSERT_EQ(generate("victim ", "t "), EAS_OK);
+    // Names that change the condition, and names that an engine takes for a column.
+    for (const std::string name : {"x\" or \"1\"=\"1", "\"", "x\\", "\\\" or 1=1 -- "}) {
+        EXPECT_EQ(Tags(text(name), "t").status, EAS_QUERY_FAILED) << name;
+        EXPECT_EQ(Tags("victim", text(name)).status, EAS_QUERY_FAILED) << name;
+        EXPECT_EQ(remove_tags(text(name), "t").status, EAS_REMOVE_FAILED) << name;
+        EXPECT_EQ(select(text(name), "t", "minimize_time").status, EAS_NO_UNIQUE_TAG) << name;
+    }
+    for (const char* name :
+         {"user_name", "USER_NAME", "VICTIM", "victim  ", "vict%", "x' or 1=1 --"}) {
+        EXPECT_EQ(Tags(name, nullptr).count, 0) << name;
+        EXPECT_TRUE(remove_tags(name, "t").names.empty()) << name;
+        EXPECT_TRUE(remove_tags(name, nullptr).names.empty()) << name;
+    }
+    EXPECT_TRUE(remove_tags("victim", "energy_tag_name").names.empty());
+    EXPECT_EQ(tag_rows(), 8);
+    EXPECT_EQ(remove_tags("victim", nullptr).names, (std::vector<std::string>{"victim/t"}));
+}
+
+TEST_P(Scheduler, KeepsNamesByteForByteAndCutsThemToTheirFields) {
+    ASSERT_EQ(initialize(), EAS_OK);
+    const std::string names[] = {"SITE\\anna", "j\xc3\xbcrgen", "caf\xe9\xff", "it's; -- `x`",
+                                 " t ",        "a\tb",          "%s%n"};
+    for (const std::string& name : names) {
+        ASSERT_EQ(generate(name, name), EAS_OK) << name;
+        const Tags tags(text(name), text(name));
+        ASSERT_EQ(tags.count, 1) << name;
+        EXPECT_EQ(tags.records[0].user_name, name);
+        EXPECT_EQ(tags.records[0].energy_tag_name, name);
+        EXPECT_EQ(generate(name, name), EAS_TAG_EXISTS) << name;
+        EXPECT_EQ(remove_tags(text(name), text(name)).names.size(), 1U) << name;
+    }
+    ASSERT_EQ(generate("u", "half %% done"), EAS_OK);
+    EXPECT_STREQ(Tags("u", "half % done").records[0].energy_tag_name, "half % done");
+    const std::string long_name(300, 'n');
+    ASSERT_EQ(generate(long_name, long_name), EAS_OK);
+    EXPECT_EQ(Tags(text(long_name), nullptr).count, 0);
+    EXPECT_EQ(Tags(text(long_name.substr(0, 256)), text(long_name.substr(0, 256))).count, 1);
+    // It is not found under its full length, and its second copy is refused by the key.
+    EXPECT_EQ(generate(long_name, long_name), EAS_STORE_FAILED);
+    EXPECT_EQ(tag_rows(), 8);
+}
+
+TEST_P(Scheduler, TwoProcessesThatGenerateTheSameTagStoreItOnce) {
+    constexpr int rounds = 20;
+    int start[2];
+    ASSERT_EQ(::pipe(start), 0);
+    std::vector<pid_t> children;
+    for (int c = 0; c < 2; ++c) {
+        children.push_back(::fork());
+        if (children.back() == 0) {
+            ::close(start[1]);
+            int stored = initialize() == EAS_OK ? 0 : 100;
+            char byte = 0;
+            (void)!::read(start[0], &byte, 1);
+            for (int i = 0; i < rounds; ++i)
+                stored += generate("u", "t" + std::to_string(i)) == EAS_OK ? 1 : 0;
+            ::_exit(stored);
+        }
+    }
+    ::close(start[0]);
+    ::close(start[1]);
+    int stored = 0;
+    for (const pid_t child : children) {
+        int status = 0;
+        ::waitpid(child, &status, 0);
+        stored += WEXITSTATUS(status);
+    }
+    EXPECT_EQ(tag_rows(), 4 * stored);  // a tag is whole or not there
+    EXPECT_LE(stored, rounds);
+    EXPECT_GE(stored, rounds / 2);
+}
+
+}  // namespace
