@@ -1,0 +1,43 @@
+#!/usr/bin/env bash
+# Installs the library into a scratch prefix and builds and runs clients there, as C and as C++,
+# through pkg-config and through the CMake package, and one that only loads it.
+#
+# usage: clients.sh SOURCE_FOLDER BUILD_FOLDER
+set -euo pipefail
+
+source=$1
+build=$2
+clients=$source/tests/install/consumer
+scratch=$(mktemp -d)
+trap 'rm -rf "$scratch"' EXIT
+
+cmake --install "$build" --prefix "$scratch/first" >"$scratch/log"
+# The files must work wherever an administrator moves them.
+mkdir "$scratch/elsewhere"
+mv "$scratch/first" "$scratch/elsewhere/usr"
+prefix=$scratch/elsewhere/usr
+libdir=$(dirname "$(find "$prefix" -name libeas.so.1)")
+[ -L "$libdir/libeas.so" ]
+
+echo "pkg-config"
+export PKG_CONFIG_PATH=$libdir/pkgconfig
+read -ra flags <<<"$(pkg-config --cflags --libs eas)"
+[ "$(pkg-config --modversion eas)" = "$(cd "$libdir" && echo libeas.so.*.*.* | sed 's/.*\.so\.//')" ]
+strict=(-Wall -Wextra -Wpedantic -Werror "-Wl,-rpath,$libdir")
+cc -std=c11 "${strict[@]}" "$clients/client.c" -o "$scratch/c" "${flags[@]}"
+c++ -std=c++17 "${strict[@]}" "$clients/client.cpp" -o "$scratch/cpp" "${flags[@]}"
+cc -std=c11 "${strict[@]}" "$source/examples/scheduler.c" -o "$scratch/scheduler" "${flags[@]}"
+"$scratch/c"
+"$scratch/cpp"
+"$scratch/scheduler" --help >/dev/null
+
+echo "CMake package"
+cmake -S "$clients" -B "$scratch/consumer" -DCMAKE_PREFIX_PATH="$prefix" >"$scratch/log" ||
+    { cat "$scratch/log" && exit 1; }
+cmake --build "$scratch/consumer" >"$scratch/log" || { cat "$scratch/log" && exit 1; }
+"$scratch/consumer/client-c"
+"$scratch/consumer/client-cpp"
+
+echo "dlopen"
+cc -std=c11 "${strict[@]}" "$clients/loader.c" -o "$scratch/loader"
+"$scratch/loader"
