@@ -131,7 +131,7 @@ class Scheduler : public eas::test::DatabaseTest {
 };
 
 TEST(SchedulerWithoutDatabase, SaysThatThereIsNoDataSource) {
-    ::setenv("ODBCINI", "/nonexistent", 1);
+    ::setenv("ODBCINI", "/nonexistent/odbc.ini", 1);
     ::setenv("ODBCSYSINI", "/nonexistent", 1);
     EXPECT_EQ(eas_initialize(const_cast<char*>("c1"), default_frequency, const_cast<char*>("/")),
               EAS_NO_CONNECTION);
