@@ -39,9 +39,9 @@ inline constexpr std::string_view FREQ_TVAR = "CPU_FREQ RUNTIME_VAR";
 class EnergyPerfThreshold {
   public:
     EnergyPerfThreshold() = default;
-    /// Reads `file` against `coeffs`, which is not owned and must outlive the reading; without a
+    /// Reads `file` against `coefficients`, which is not owned and must outlive the reading; without a
     /// set no time section is valid.
-    EnergyPerfThreshold(CoEfficients* coeffs, const char* file);
+    EnergyPerfThreshold(CoEfficients* coefficients, const char* file);
     EnergyPerfThreshold(const EnergyPerfThreshold&) = default;
     ~EnergyPerfThreshold() = default;
 

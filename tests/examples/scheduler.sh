@@ -32,7 +32,8 @@ stored_rows() {
 runner=()
 # The driver manager stays mapped, so that what it remembers of odbc.ini is not taken for a leak.
 [ -z "${3:-}" ] ||
-    runner=(env LD_PRELOAD=libodbc.so.2 "$3" --quiet --leak-check=full "--show-leak-kinds=definite,indirect,possible"
+    runner=(env LD_PRELOAD=libodbc.so.2 "$3" --quiet --leak-check=full
+        "--show-leak-kinds=definite,indirect,possible"
         "--errors-for-leak-kinds=definite,indirect,possible" --error-exitcode=99
         "--suppressions=$1/tests/support/valgrind.supp")
 
