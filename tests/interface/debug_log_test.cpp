@@ -1,0 +1,119 @@
+// The debug log and the locator file at their places, in a private mount namespace.
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+#include <string>
+
+#include "gmock/gmock.h"
+#include "interface/LibraryState.h"
+#include "interface/Locator.h"
+#include "interface/interface.h"
+#include "tests/support/ScratchDatabase.h"
+
+namespace {
+
+using ::testing::ContainsRegex;
+using ::testing::HasSubstr;
+using ::testing::Not;
+
+constexpr const char* debug_log = "/tmp/.eas_lib_debug";
+
+std::string content(const std::string& path) {
+    std::stringstream text;
+    text << std::ifstream(path).rdbuf();
+    return text.str();
+}
+
+int query(const std::string& tag) {
+    int count = 0;
+    energyPolicyTag_t* tags = nullptr;
+    return eas_query_tag(const_cast<char*>("c1"), 2000000, nullptr, const_cast<char*>(tag.c_str()),
+                         &count, &tags);
+}
+
+/// /tmp and /etc are this process's own, and hold a database of cluster "c1".
+class InPrivateNamespace : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        if (::unshare(CLONE_NEWNS) != 0)
+            GTEST_SKIP() << "a private mount namespace needs CAP_SYS_ADMIN";
+        ASSERT_EQ(::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
+        ASSERT_EQ(::mount("tmpfs", "/tmp", "tmpfs", 0, nullptr), 0);
+        ::mkdir("/tmp/upper", 0755);
+        ::mkdir("/tmp/work", 0755);
+        ASSERT_EQ(::mount("overlay", "/etc", "overlay", 0,
+                          "lowerdir=/etc,upperdir=/tmp/upper,workdir=/tmp/work"),
+                  0);
+        if (const auto why = eas::test::ScratchDatabase::missing(eas::test::Engine::sqlite))
+            GTEST_SKIP() << *why;
+        database_.emplace(eas::test::Engine::sqlite);
+        database_->seed_coefficients("c1", 2000000, 1600000, 200000, 3);
+        thresholds_ = database_->folder() / "thresholds";
+        std::ofstream(thresholds_) << "Begin Min_Time\nCPU_FREQ RUNTIME_VAR\nEnd Min_Time\n";
+    }
+    int initialize() {
+        return eas_initialize(const_cast<char*>("c1"), 2000000,
+                              const_cast<char*>(thresholds_.c_str()));
+    }
+
+    std::optional<eas::test::ScratchDatabase> database_;
+    std::string thresholds_;
+};
+
+TEST_F(InPrivateNamespace, TheDebugLogBeginsWithTheFirstQueryThatIsAskedToLog) {
+    ::unsetenv("DEBUG_THRESHOLD");
+    ASSERT_EQ(initialize(), EAS_OK);
+    ASSERT_EQ(query("quiet"), EAS_OK);
+    eas_debug_printf(debug_fd, "nowhere\n");
+    EXPECT_NE(::access(debug_log, F_OK), 0);
+
+    ::setenv("DEBUG_THRESHOLD", "", 1);
+    ASSERT_EQ(initialize(), EAS_OK);
+    EXPECT_NE(::access(debug_log, F_OK), 0);  // only a query opens it
+    ASSERT_EQ(query("loud"), EAS_OK);
+    ASSERT_EQ(query("a\"b"), EAS_QUERY_FAILED);
+    eas_debug_printf(debug_fd, std::string(2000, 'x'));
+
+    const std::string log = content(debug_log);
+    EXPECT_THAT(log, Not(HasSubstr("quiet")));
+    EXPECT_THAT(log, HasSubstr("The SQL condition:  where cluster_name=\"c1\" and "
+                               "default_frequency=2000000 and energy_tag_name=\"loud\"\n"));
+    EXPECT_THAT(log, HasSubstr("Failed to query energy tags from DB.\n"));
+    // The database layer's records stand in the same file, each followed by an empty line.
+    EXPECT_THAT(log, ContainsRegex("[A-Z][a-z]+ [ 0-9]+ [0-9:]+ \\(D\\) \\[[0-9]+\\]\t"
+                                   "Connected to the database: easdb\n\n"));
+    EXPECT_THAT(log,
+                HasSubstr("Successfully executed: select * from TQVN_EnergyPolicyTag  where "));
+    EXPECT_EQ(log.size() - log.find(std::string(1023, 'x')), 1023U);
+}
+
+TEST_F(InPrivateNamespace, ADebugLogThatCannotBeOpenedStopsTheProcess) {
+    ASSERT_EQ(::mkdir(debug_log, 0700), 0);
+    ASSERT_EQ(initialize(), EAS_OK);
+    ::setenv("DEBUG_THRESHOLD", "1", 1);
+    EXPECT_EXIT(query("t"), ::testing::KilledBySignal(SIGABRT), "debug_fd > 0");
+}
+
+TEST_F(InPrivateNamespace, TheLocatorFileNamesTheDataSource) {
+    const auto locate = [](const std::string& line) {
+        std::ofstream(cfgloc) << line;
+        return get_dsn();
+    };
+    ::unlink(cfgloc);
+    EXPECT_EQ(get_dsn(), "");
+    ::mkdir("/etc/zemra", 0755);
+    EXPECT_EQ(locate("mysql:dbname=nosuchdsn\n"), "nosuchdsn");
+    EXPECT_EQ(initialize(), EAS_NO_CONNECTION);
+    EXPECT_EQ(locate("nonsense\n"), "");
+    EXPECT_EQ(initialize(), EAS_OK);  // by the default name
+    ASSERT_EQ(::unlink(cfgloc), 0);
+    ASSERT_EQ(::mkdir(cfgloc, 0755), 0);
+    EXPECT_EQ(get_dsn(), "");
+}
+
+}  // namespace
