@@ -39,8 +39,8 @@ inline constexpr std::string_view FREQ_TVAR = "CPU_FREQ RUNTIME_VAR";
 class EnergyPerfThreshold {
   public:
     EnergyPerfThreshold() = default;
-    /// Reads `file` against `coefficients`, which is not owned and must outlive the reading; without a
-    /// set no time section is valid.
+    /// Reads `file` against `coefficients`, which is not owned and must outlive the reading;
+    /// without a set no time section is valid.
     EnergyPerfThreshold(CoEfficients* coefficients, const char* file);
     EnergyPerfThreshold(const EnergyPerfThreshold&) = default;
     ~EnergyPerfThreshold() = default;
