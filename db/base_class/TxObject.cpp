@@ -219,7 +219,10 @@ int TxObject::count(const char* tbname, const char* whereclause) {
     const SQLRETURN freed = _hstmt.free();
     if (rc != SQL_SUCCESS)
         return rc;
-    if (freed != SQL_SUCCESS && eas::check_statement(freed, hdbc, hstmt) != 0)
+    // The statement is gone, whatever the driver answered: ask the connection what went wrong.
+    if (freed != SQL_SUCCESS && eas::check(SQL_HANDLE_DBC, hdbc, freed) != 0) {
+        TransRollback(hdbc);
         return freed;
+    }
     return rows;
 }
