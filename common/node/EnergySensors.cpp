@@ -97,16 +97,20 @@ unsigned int sysfs_read_file(const char* fname, char* buf, size_t buflen) {
     return static_cast<unsigned int>(count);
 }
 
+unsigned long eas::parse_sensor_value(const char* text) noexcept {
+    char* end = nullptr;
+    errno = 0;  // an earlier overflow is not this sensor's
+    const unsigned long value = std::strtoul(text, &end, 0);
+    return end == text || errno == ERANGE ? 0 : value;
+}
+
 unsigned long sysfs_get_one_value(unsigned int which) {
     if (which >= value_files.size())
         return 0;
     std::array<char, VALUE_SIZE> text{};
     if (sysfs_read_file(value_files[which], text.data(), text.size()) == 0)
         return 0;
-    char* end = nullptr;
-    errno = 0;  // an earlier overflow is not this sensor's
-    const unsigned long value = std::strtoul(text.data(), &end, 0);
-    return end == text.data() || errno == ERANGE ? 0 : value;
+    return eas::parse_sensor_value(text.data());
 }
 
 int getenrusage(__rusage_who_t, enrusage* usage) {

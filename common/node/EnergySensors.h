@@ -15,3 +15,11 @@ constexpr unsigned NO_TEMPERATURE = 999;
 /// the sockets, or NO_TEMPERATURE when a socket has no valid reading. Needs the topology, root and
 /// the "msr" kernel module. Returns 0.
 int read_inlet_temperature(hwrusage* usage);
+
+namespace eas {
+
+/// The number that the text of a sensor file begins with (strtoul(3), base 0); 0 for none and for
+/// one that does not fit.
+[[nodiscard]] unsigned long parse_sensor_value(const char* text) noexcept;
+
+}  // namespace eas

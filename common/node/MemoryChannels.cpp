@@ -70,13 +70,9 @@ char* failed_mapping() {
     return static_cast<char*>(MAP_FAILED);
 }
 
-bool read_config_base(std::uint64_t& base) {
+bool find_config_base(std::uint64_t& base) {
     const eas::UniqueFd table(::open(MCFG_PATH, O_RDONLY | O_CLOEXEC));
-    if (!table.is_open())
-        return false;
-    if (::lseek(table.get(), FIRST_BASE_ADDRESS, SEEK_SET) != FIRST_BASE_ADDRESS)
-        return false;
-    return ::read(table.get(), &base, sizeof base) == sizeof base;
+    return table.is_open() && eas::read_config_base(table.get(), base);
 }
 
 void program_channel(char* page) {
@@ -107,6 +103,12 @@ std::uint64_t sum_of_channels(unsigned socket, std::uint64_t offset) {
 
 }  // namespace
 
+bool eas::read_config_base(int table, std::uint64_t& base) {
+    if (::lseek(table, FIRST_BASE_ADDRESS, SEEK_SET) != FIRST_BASE_ADDRESS)
+        return false;
+    return ::read(table, &base, sizeof base) == sizeof base;
+}
+
 char* mmap_memory_channel(unsigned bus, unsigned device, unsigned function, int* fd) {
     *fd = ::open("/dev/mem", O_RDWR | O_CLOEXEC);
     if (*fd < 0) {
@@ -114,7 +116,7 @@ char* mmap_memory_channel(unsigned bus, unsigned device, unsigned function, int*
         return failed_mapping();
     }
     std::uint64_t base = 0;
-    if (!read_config_base(base))
+    if (!find_config_base(base))
         return failed_mapping();
     const std::uint32_t offset = ((bus * 32 + device) * 8 + function) * 4096;
     const std::uint64_t address = base + offset;

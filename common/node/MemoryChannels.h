@@ -44,3 +44,11 @@ std::uint64_t getmcwrites(unsigned socket);
 /// Unmaps and closes what a socket holds; mappings are null and descriptors -1 afterwards, so that
 /// a second call does nothing. Returns num_channels, which stays.
 int cleanup_memory_channels(unsigned socket);
+
+namespace eas {
+
+/// Where the PCI configuration space begins in physical memory, from the open ACPI table MCFG.
+/// False when the table ends before it; `base` is then not meaningful.
+bool read_config_base(int table, std::uint64_t& base);
+
+}  // namespace eas
