@@ -47,6 +47,11 @@ if(EAS_SANITIZE)
 elseif(NOT CMAKE_BUILD_TYPE STREQUAL "Debug")
     target_compile_definitions(eas_options INTERFACE _FORTIFY_SOURCE=2)
 endif()
+if(EAS_BUILD_FUZZ)
+    # Coverage for the fuzzers to be guided by; a number that its new type cannot hold is a finding.
+    target_compile_options(eas_options INTERFACE -fsanitize=fuzzer-no-link,float-cast-overflow
+                                                 -fno-sanitize-recover=all)
+endif()
 if(EAS_COVERAGE)
     target_compile_options(eas_options INTERFACE --coverage)
     target_link_options(eas_options INTERFACE --coverage)
