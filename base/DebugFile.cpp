@@ -1,12 +1,22 @@
 #include "base/DebugFile.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 
 #include <cstdlib>
 
 #include "base/DeferCancellation.h"
 
 namespace eas {
+namespace {
+
+/// A file that is only here: no pipe to wait on, no second name of a file elsewhere.
+bool is_safe_to_append(int fd) noexcept {
+    struct stat file {};
+    return ::fstat(fd, &file) == 0 && S_ISREG(file.st_mode) && file.st_nlink == 1;
+}
+
+}  // namespace
 
 bool debug_output_wanted() noexcept {
     return std::getenv("DEBUG_THRESHOLD") != nullptr;
@@ -15,7 +25,10 @@ bool debug_output_wanted() noexcept {
 UniqueFd open_debug_file(const char* path) noexcept {
     constexpr int flags = O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC | O_NOFOLLOW | O_NOCTTY;
     const DeferCancellation until_opened;
-    return UniqueFd(::open(path, flags, 0777));
+    UniqueFd file(::open(path, flags, 0777));
+    if (file.is_open() && !is_safe_to_append(file.get()))
+        file.reset();
+    return file;
 }
 
 }  // namespace eas

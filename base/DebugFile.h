@@ -9,8 +9,9 @@ namespace eas {
 /// "DEBUG_THRESHOLD" is set, to whatever value. Looked up on every call.
 [[nodiscard]] bool debug_output_wanted() noexcept;
 
-/// Opens `path` for reading and appending, creating it with mode 0777 less the umask. A symbolic
-/// link that somebody planted there is not followed. The result is not open after a failure.
+/// Opens `path` for reading and appending, creating it with mode 0777 less the umask. What somebody
+/// planted there is refused: a symbolic link, another name of a file elsewhere, a pipe. The result
+/// is not open after a failure.
 [[nodiscard]] UniqueFd open_debug_file(const char* path) noexcept;
 
 }  // namespace eas

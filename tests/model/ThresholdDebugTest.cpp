@@ -1,6 +1,7 @@
 // The debug file of the threshold reader, in a private /tmp.
 #include <sched.h>
 #include <sys/mount.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -55,16 +56,25 @@ TEST(ThresholdDebugFile, AppendsEachReading) {
     EXPECT_EXIT(run(), testing::ExitedWithCode(0), "");
 }
 
-TEST(ThresholdDebugFile, StopsTheProcessWhenItCannotBeOpened) {
-    const auto run = [] {
-        enter_private_tmp();
-        ::setenv("DEBUG_THRESHOLD", "1", 1);
-        if (::symlink("/tmp/elsewhere", debug_file) != 0)
-            ::_exit(3);
-        read_thresholds();
-        ::_exit(0);
+TEST(ThresholdDebugFile, StopsTheProcessWhenSomethingElseStandsInItsPlace) {
+    constexpr const char* elsewhere = "/tmp/elsewhere";
+    int (*const plants[])() = {
+        [] { return ::symlink(elsewhere, debug_file); },
+        [] { return ::link(elsewhere, debug_file); },
+        [] { return ::mkfifo(debug_file, 0666); },
     };
-    EXPECT_EXIT(run(), testing::KilledBySignal(SIGABRT), "threshold debug file");
+    for (const auto plant : plants) {
+        const auto run = [plant] {
+            enter_private_tmp();
+            ::setenv("DEBUG_THRESHOLD", "1", 1);
+            std::ofstream{elsewhere};
+            if (plant() != 0)
+                ::_exit(3);
+            read_thresholds();
+            ::_exit(0);
+        };
+        EXPECT_EXIT(run(), testing::KilledBySignal(SIGABRT), "threshold debug file");
+    }
 }
 
 }  // namespace
