@@ -1,0 +1,46 @@
+// What every command of easctl shares: the options of the whole tool, and how a command is added.
+//
+// A command prints its result on standard output and everything else on standard error; it ends by
+// returning (its exit code is then Globals::outcome) or by throwing Failure. With --json standard
+// output holds one JSON document: the result, or {"error": {...}} of a Failure. A Failure therefore
+// leaves a command before its document is printed.
+#pragma once
+
+#include <CLI/CLI.hpp>
+#include <string>
+
+#include "tools/easctl/Errors.h"
+#include "tools/easctl/Output.h"
+
+namespace easctl {
+
+struct Globals {
+    bool json = false;
+    ColorMode color = ColorMode::automatic;
+    bool quiet = false;
+    ExitCode outcome = ExitCode::ok;  ///< of a command that ran to its end
+
+    [[nodiscard]] bool colored() const { return color_wanted(color); }
+};
+
+/// Adds a command below `parent`. `examples`: one command line per line, shown under --help.
+CLI::App& add_command(CLI::App& parent, const std::string& name, const std::string& description,
+                      const std::string& examples);
+/// Adds a group of commands, one of which must be given.
+CLI::App& add_group(CLI::App& parent, const std::string& name, const std::string& description);
+
+/// Prints a remark on standard error, unless the user wants quiet.
+void remark(const Globals& globals, const std::string& text);
+
+void add_db_commands(CLI::App& app, Globals& globals);
+/// Returns the group "model", to which fit and calibrate belong as well.
+CLI::App& add_model_commands(CLI::App& app, Globals& globals);
+void add_threshold_commands(CLI::App& app, Globals& globals);
+void add_doctor_command(CLI::App& app, Globals& globals);
+void add_fit_command(CLI::App& model, Globals& globals);
+void add_calibrate_command(CLI::App& model, Globals& globals);
+void add_node_commands(CLI::App& app, Globals& globals);
+void add_tag_commands(CLI::App& app, Globals& globals);
+void add_simulate_command(CLI::App& app, Globals& globals);
+
+}  // namespace easctl

@@ -1,0 +1,78 @@
+// easctl: the administrator's tool of the energy-aware scheduling library.
+#include <cstdio>
+#include <map>
+#include <string>
+
+#include "tools/easctl/Command.h"
+
+namespace easctl {
+namespace {
+
+void add_global_options(CLI::App& app, Globals& globals) {
+    static const std::map<std::string, ColorMode> modes{
+        {"auto", ColorMode::automatic}, {"always", ColorMode::always}, {"never", ColorMode::never}};
+    app.set_version_flag("--version", "easctl " EASCTL_VERSION);
+    app.add_flag("--json", globals.json, "print one JSON document on standard output");
+    app.add_flag("-q,--quiet", globals.quiet, "no remarks and no progress on standard error");
+    app.add_option_function<std::string>(
+           "--color", [&globals](const std::string& name) { globals.color = modes.at(name); },
+           "auto (on a terminal, without NO_COLOR), always, never")
+        ->check(CLI::IsMember({"auto", "always", "never"}))
+        ->type_name("WHEN");
+}
+
+void add_all_commands(CLI::App& app, Globals& globals) {
+    [[maybe_unused]] CLI::App& model = add_model_commands(app, globals);
+}
+
+/// Says what went wrong: for a person on standard error, with --json also as the result.
+int report(const Failure& failure, const Globals& globals) {
+    std::fprintf(stderr, "easctl: %s\n", printable(failure.message).c_str());
+    if (!failure.hint.empty())
+        std::fprintf(stderr, "  what to do: %s\n", printable(failure.hint).c_str());
+    const int code = static_cast<int>(failure.code);
+    if (globals.json) {
+        Json error{{"code", code}, {"name", name_of(failure.code)}, {"message", failure.message}};
+        if (!failure.hint.empty())
+            error["hint"] = failure.hint;
+        const std::string text =
+            Json{{"error", error}}.dump(2, ' ', false, Json::error_handler_t::replace);
+        std::puts(text.c_str());
+    }
+    return code;
+}
+
+int run(CLI::App& app, Globals& globals, int argc, char** argv) {
+    try {
+        app.parse(argc, argv);
+        flush_output();
+        return static_cast<int>(globals.outcome);
+    } catch (const CLI::ParseError& e) {
+        if (e.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success))
+            return app.exit(e);  // --help, --version
+        return report({ExitCode::usage, e.what(), "easctl COMMAND --help"}, globals);
+    } catch (const Failure& failure) {
+        return report(failure, globals);
+    } catch (const std::exception& e) {
+        return report({ExitCode::found, std::string("unexpected: ") + e.what()}, globals);
+    }
+}
+
+}  // namespace
+}  // namespace easctl
+
+int main(int argc, char** argv) {
+    easctl::Globals globals;
+    CLI::App app("The administrator's tool of the energy-aware scheduling library.", "easctl");
+    app.require_subcommand(1);
+    app.footer(
+        "Exit codes: 0 ok; 1 a check found something, or a part failed; 2 usage; 3 an input file\n"
+        "is wrong (the message has file and line); 4 database; 5 the library refused (the message\n"
+        "names its return code); 6 hardware or a privilege of the node is missing; 130 "
+        "interrupted.\n"
+        "With --json, standard output holds one JSON document: the result, or {\"error\": ...}.\n"
+        "\"easctl COMMAND --help\" shows the options of a command, with examples.");
+    easctl::add_global_options(app, globals);
+    easctl::add_all_commands(app, globals);
+    return easctl::run(app, globals, argc, argv);
+}
