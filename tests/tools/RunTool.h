@@ -1,0 +1,19 @@
+// Runs the built easctl as a person would, and says what it printed and how it ended.
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace eas::test {
+
+struct ToolRun {
+    int code = -1;  ///< the exit code; 128 + signal when a signal ended it
+    std::string out;
+    std::string err;
+};
+
+/// `arguments` follow the program's name. Standard input is empty; the environment is the test's.
+/// A run of more than a minute is ended and fails the test.
+ToolRun run_easctl(const std::vector<std::string>& arguments);
+
+}  // namespace eas::test
