@@ -8,7 +8,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <sstream>
 #include <string_view>
 
 #include "base/UniqueFile.h"
@@ -197,25 +196,6 @@ std::vector<Database::Row> Database::fetch_all(SQLHANDLE statement, const std::s
         rows.push_back(std::move(row));
     }
     return rows;
-}
-
-void Database::run_script(const std::string& script) {
-    std::istringstream lines(script);
-    std::string statement;
-    for (std::string line; std::getline(lines, line);) {
-        line.erase(std::min(line.find("--"), line.size()));
-        line.erase(line.find_last_not_of(" \t\r") + 1);
-        if (line.empty())
-            continue;
-        statement += line;
-        if (line.back() == ';') {
-            statement.pop_back();
-            run(statement);
-            statement.clear();
-        } else {
-            statement += '\n';
-        }
-    }
 }
 
 void Database::insert(DBObj& record) {

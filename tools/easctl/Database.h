@@ -55,8 +55,6 @@ class Database {
     /// Executes a statement; "?" stands for the texts of `values`, in order. Returns its rows, if
     /// it has any.
     std::vector<Row> run(const std::string& sql, const std::vector<std::string>& values = {});
-    /// Executes each statement of a script: they end in ";" at a line's end; "--" starts a comment.
-    void run_script(const std::string& script);
     void insert(DBObj& record);
     void commit();
     void rollback();

@@ -22,7 +22,9 @@ void add_global_options(CLI::App& app, Globals& globals) {
 }
 
 void add_all_commands(CLI::App& app, Globals& globals) {
+    add_db_commands(app, globals);
     [[maybe_unused]] CLI::App& model = add_model_commands(app, globals);
+    add_threshold_commands(app, globals);
 }
 
 /// Says what went wrong: for a person on standard error, with --json also as the result.

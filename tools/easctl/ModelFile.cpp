@@ -1,0 +1,264 @@
+#include "tools/easctl/ModelFile.h"
+
+#include <array>
+#include <cerrno>
+#include <charconv>
+#include <cmath>
+#include <cstring>
+#include <fstream>
+#include <optional>
+#include <sstream>
+
+#include "common/CoEffsFromFile.h"
+#include "common/EnergyTag.h"
+#include "tools/easctl/Errors.h"
+
+namespace easctl {
+namespace {
+
+constexpr std::size_t reader_buffer = 1024;
+constexpr int lowest_khz = 100'000;
+constexpr int highest_khz = 20'000'000;
+
+std::string trimmed(const std::string& text) {
+    const std::size_t first = text.find_first_not_of(" \t\r\n\v\f");
+    if (first == std::string::npos)
+        return {};
+    return text.substr(first, text.find_last_not_of(" \t\r\n\v\f") - first + 1);
+}
+
+template <typename Number>
+std::optional<Number> whole_number_of(const std::string& token) {
+    const std::string text = trimmed(token);
+    const char* first = text.data() + (!text.empty() && text[0] == '+' ? 1 : 0);
+    Number value{};
+    const auto [end, error] = std::from_chars(first, text.data() + text.size(), value);
+    if (error != std::errc() || end != text.data() + text.size() || text.empty())
+        return std::nullopt;
+    return value;
+}
+
+/// One line of the file, checked as strictly as the reader is lenient.
+class LineCheck {
+  public:
+    LineCheck(std::string where, Findings& findings)
+        : where_(std::move(where)), findings_(findings) {}
+
+    /// Whether the reader takes the line for a row.
+    bool check(const std::string& line) {
+        if (line.size() + 1 >= reader_buffer)
+            return wrong("the line is longer than 1022 characters, the reader would split it");
+        if (line.find('\0') != std::string::npos)
+            return wrong("the line holds a zero byte, the reader would end it there");
+        if (line[0] == '#')
+            return false;
+        const std::string text = line.substr(0, line.find('#'));
+        const std::size_t colon = text.find(':');
+        if (colon == std::string::npos)
+            return wrong(trimmed(text).empty() ? "a blank line, at which the reader gives up"
+                                               : "no \":\" between frequency and coefficients",
+                         "a row is KHz:A,B,C,D,E,F; a comment begins with #");
+        check_frequency(text.substr(0, colon));
+        check_values(text.substr(colon + 1));
+        return true;
+    }
+
+  private:
+    bool wrong(const std::string& text, const std::string& hint = {}) {
+        findings_.error(where_, text, hint);
+        return false;
+    }
+
+    void check_frequency(const std::string& token) {
+        if (!whole_number_of<int>(token))
+            wrong("the frequency \"" + trimmed(token) + "\" is not a whole number of KHz");
+    }
+
+    void check_values(const std::string& text) {
+        std::istringstream tokens(text);
+        std::size_t count = 0;
+        for (std::string token; std::getline(tokens, token, ',');) {
+            if (token.empty())
+                continue;  // the reader counts a run of commas as one
+            const std::string name(1, static_cast<char>('A' + count++));
+            const std::optional<double> value = whole_number_of<double>(token);
+            if (count > 6)
+                continue;
+            if (!value)
+                wrong("coefficient " + name + ", \"" + trimmed(token) + "\", is not a number");
+            else if (!std::isfinite(*value))
+                wrong("coefficient " + name + " is not finite");
+        }
+        if (count != 6)
+            wrong(std::to_string(count) + " coefficients instead of six");
+        if (text.find(",,") != std::string::npos)
+            findings_.warning(where_, "several commas in a row count as one; a value is missing?");
+    }
+
+    std::string where_;
+    Findings& findings_;
+};
+
+void scan(const std::string& path, ModelFile& file) {
+    std::ifstream in(path, std::ios::binary);
+    int number = 0;
+    for (std::string line; std::getline(in, line);) {
+        ++number;
+        if (LineCheck(place(path, number), file.findings).check(line))
+            file.lines.push_back(number);
+    }
+}
+
+bool is_marker(const CoEfficients& model, std::size_t i) {
+    constexpr double near_zero = 1e-6;
+    return model.CoEfficientA_Array()[i] < near_zero && model.CoEfficientB_Array()[i] < near_zero &&
+           model.CoEfficientC_Array()[i] < near_zero && model.CoEfficientD_Array()[i] < near_zero &&
+           model.CoEfficientE_Array()[i] < near_zero && model.CoEfficientF_Array()[i] < near_zero;
+}
+
+bool is_all_zero(const CoEfficients& model, std::size_t i) {
+    return model.CoEfficientA_Array()[i] == 0.0 && model.CoEfficientB_Array()[i] == 0.0 &&
+           model.CoEfficientC_Array()[i] == 0.0 && model.CoEfficientD_Array()[i] == 0.0 &&
+           model.CoEfficientE_Array()[i] == 0.0 && model.CoEfficientF_Array()[i] == 0.0;
+}
+
+class ModelCheck {
+  public:
+    ModelCheck(const CoEfficients& model, const std::vector<std::string>& places,
+               const std::string& whole, Findings& findings)
+        : model_(model), places_(places), whole_(whole), findings_(findings) {}
+
+    void run() {
+        if (model_.total_frequencies() == 0) {
+            findings_.error(whole_, "holds no coefficients");
+            return;
+        }
+        check_frequencies();
+        check_default_row();
+        for (const TypicalJob& job : typical_jobs())
+            check_predictions(job);
+    }
+
+  private:
+    void check_frequencies() {
+        const std::vector<int>& khz = model_.frequencyArray();
+        bool sorted = true;
+        for (std::size_t i = 0; i < khz.size(); ++i) {
+            if (khz[i] < lowest_khz || khz[i] > highest_khz)
+                findings_.error(places_[i], std::to_string(khz[i]) + " is no frequency in KHz",
+                                "2.3 GHz is 2300000");
+            const auto first = static_cast<std::size_t>(model_.getCoeffFreqIndex(khz[i]));
+            if (first != i)
+                findings_.error(places_[i], std::to_string(khz[i]) + " KHz stands at " +
+                                                places_[first] + " already");
+            else if (sorted && i > 0 && khz[i] < khz[i - 1]) {
+                sorted = false;
+                findings_.warning(places_[i], "the frequencies are not in ascending order",
+                                  "the database returns them sorted; other readers take the last "
+                                  "row for the nominal frequency");
+            }
+        }
+    }
+
+    void check_default_row() {
+        std::vector<std::size_t> markers;
+        for (std::size_t i = 0; i < places_.size(); ++i) {
+            if (!is_marker(model_, i))
+                continue;
+            markers.push_back(i);
+            if (!is_all_zero(model_, i))
+                findings_.error(places_[i],
+                                "all six coefficients are below 0.000001 but not all are 0: the "
+                                "library takes the row for the default frequency",
+                                "a bad fit looks like this; measure again");
+        }
+        if (markers.empty())
+            findings_.error(whole_, "no row of zeros, so there is no default frequency",
+                            "add KHz:0,0,0,0,0,0 for the frequency at which jobs are measured");
+        for (std::size_t k = 1; k < markers.size(); ++k)
+            findings_.error(places_[markers[k]], "another row of zeros stands at " +
+                                                     places_[markers[k - 1]] +
+                                                     "; the library takes the last one");
+    }
+
+    void check_predictions(const TypicalJob& job) {
+        const double default_khz = model_.getDefaultFrequency();
+        for (std::size_t i = 0; i < places_.size(); ++i) {
+            const int khz = model_.frequencyArray()[i];
+            if (is_marker(model_, i) || khz <= 0 || default_khz <= 0)
+                continue;
+            const Change change = predict(model_, static_cast<int>(i), job);
+            const double clock = default_khz / khz;
+            judge(i, job, "run time", change.time, std::min(1.0, clock) / 2,
+                  std::max(1.0, clock) * 2);
+            judge(i, job, "power", change.power, 0.1, 10.0);
+        }
+    }
+
+    void judge(std::size_t i, const TypicalJob& job, const char* what, double factor, double low,
+               double high) {
+        const std::string text = std::string("a ") + job.name + " job is predicted to have " +
+                                 number(factor, 2) + " times the " + what + " of " +
+                                 ghz(model_.getDefaultFrequency());
+        const std::string hint = std::string("expected is ") + number(low, 2) + " to " +
+                                 number(high, 2) + "; are digits or signs lost?";
+        if (!(factor > 0.0))
+            findings_.error(places_[i], text, hint);
+        else if (factor < low || factor > high)
+            findings_.warning(places_[i], text, hint);
+    }
+
+    const CoEfficients& model_;
+    const std::vector<std::string>& places_;
+    const std::string& whole_;
+    Findings& findings_;
+};
+
+}  // namespace
+
+const std::vector<TypicalJob>& typical_jobs() {
+    static const std::vector<TypicalJob> jobs{{"compute-bound", 300.0, 0.6, 0.1},
+                                              {"mixed", 300.0, 1.0, 0.7},
+                                              {"memory-bound", 300.0, 3.0, 3.0}};
+    return jobs;
+}
+
+Change predict(const CoEfficients& model, int i, const TypicalJob& job) {
+    if (model.frequencyArray()[static_cast<std::size_t>(i)] == model.getDefaultFrequency())
+        return {1.0, 1.0};              // what was measured
+    constexpr int seconds = 1'000'000;  // so that whole seconds are six digits
+    const EnergyTag formulas;
+    const double time =
+        formulas.predictTime(&model, i, seconds, job.bytes_per_instruction, 1.0, job.cpi);
+    const double power =
+        formulas.predictPower(&model, i, job.power, job.bytes_per_instruction, 1.0);
+    return {time / seconds, power / job.power};
+}
+
+void check_model(const CoEfficients& model, const std::vector<std::string>& places,
+                 const std::string& whole, Findings& findings) {
+    ModelCheck(model, places, whole, findings).run();
+}
+
+ModelFile read_model_file(const std::string& path) {
+    CoEffsFromFile reader;
+    errno = 0;
+    const int result = reader.ReadCoefficientsFromFile(path.c_str());
+    const int error = errno;
+    ModelFile file;
+    scan(path, file);
+    if (result != 0 && file.findings.has_errors())
+        return file;
+    if (result != 0)
+        throw Failure(ExitCode::input, path + ": cannot be read: " + std::strerror(error));
+    reader.VecToCoEfficients(&file.coefficients);
+    if (file.lines.size() != reader.getFrequencies().size())
+        return file;  // the findings say at which line
+    std::vector<std::string> places;
+    for (const int line : file.lines)
+        places.push_back(place(path, line));
+    check_model(file.coefficients, places, path, file.findings);
+    return file;
+}
+
+}  // namespace easctl

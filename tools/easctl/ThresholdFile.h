@@ -1,0 +1,23 @@
+// A threshold file: the library's own verdict, and line by line what it drops without a word.
+#pragma once
+
+#include <map>
+#include <string>
+
+#include "common/CoEfficients.h"
+#include "common/EnergyPerfThreshold.h"
+#include "tools/easctl/Findings.h"
+
+namespace easctl {
+
+struct ThresholdFile {
+    EnergyPerfThreshold thresholds;
+    std::map<int, int> given;  ///< the line that gives a frequency's value, by KHz
+    Findings findings;         ///< what is dropped is an error, too
+};
+
+/// Reads the file against a model, which must outlive the result. Throws Failure when it cannot be
+/// opened.
+ThresholdFile read_threshold_file(const std::string& path, CoEfficients& model);
+
+}  // namespace easctl
