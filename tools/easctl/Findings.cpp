@@ -48,7 +48,8 @@ std::string Findings::errors_as_message() const {
     std::string message;
     for (const Finding& one : all_) {
         if (one.severity == Severity::error)
-            message += (message.empty() ? "" : "\n") + one.place + ": " + one.text;
+            message += (message.empty() ? "" : "\n") + one.place + ": " + one.text +
+                       (one.hint.empty() ? "" : " (" + one.hint + ")");
     }
     return message;
 }

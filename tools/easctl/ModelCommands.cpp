@@ -53,11 +53,11 @@ std::vector<double> factors(const CoEfficients& model, std::size_t i) {
 CoEfficients model_of(const Options& options, Globals& globals) {
     ModelFile file = read_model_file(options.file);
     CoEfficients& model = file.coefficients;
-    if (!file.findings.empty() && !globals.quiet)
-        std::fputs(file.findings.text(color_wanted(globals.color, stderr)).c_str(), stderr);
     if (file.findings.has_errors())
         throw Failure(ExitCode::input, file.findings.errors_as_message(),
-                      "nothing was stored; the database is as it was");
+                      "mend these lines; the database is as it was");
+    if (!file.findings.empty() && !globals.quiet)
+        std::fputs(file.findings.text(color_wanted(globals.color, stderr)).c_str(), stderr);
     if (options.default_khz != 0 && options.default_khz != model.getDefaultFrequency())
         throw Failure(ExitCode::input, options.file + ": the row of zeros is that of " +
                                            std::to_string(model.getDefaultFrequency()) +

@@ -28,7 +28,7 @@ std::string trimmed(const std::string& text) {
 }
 
 template <typename Number>
-std::optional<Number> whole_number_of(const std::string& token) {
+std::optional<Number> number_of(const std::string& token) {
     const std::string text = trimmed(token);
     const char* first = text.data() + (!text.empty() && text[0] == '+' ? 1 : 0);
     Number value{};
@@ -70,7 +70,7 @@ class LineCheck {
     }
 
     void check_frequency(const std::string& token) {
-        if (!whole_number_of<int>(token))
+        if (!number_of<int>(token))
             wrong("the frequency \"" + trimmed(token) + "\" is not a whole number of KHz");
     }
 
@@ -81,7 +81,7 @@ class LineCheck {
             if (token.empty())
                 continue;  // the reader counts a run of commas as one
             const std::string name(1, static_cast<char>('A' + count++));
-            const std::optional<double> value = whole_number_of<double>(token);
+            const std::optional<double> value = number_of<double>(token);
             if (count > 6)
                 continue;
             if (!value)
@@ -135,8 +135,10 @@ class ModelCheck {
         }
         check_frequencies();
         check_default_row();
-        for (const TypicalJob& job : typical_jobs())
-            check_predictions(job);
+        for (std::size_t i = 0; i < places_.size(); ++i) {
+            if (model_.frequencyArray()[i] >= lowest_khz && !is_marker(model_, i))
+                check_predictions(i);
+        }
     }
 
   private:
@@ -181,31 +183,38 @@ class ModelCheck {
                                                      "; the library takes the last one");
     }
 
-    void check_predictions(const TypicalJob& job) {
+    /// One job is enough to doubt a row.
+    void check_predictions(std::size_t i) {
         const double default_khz = model_.getDefaultFrequency();
-        for (std::size_t i = 0; i < places_.size(); ++i) {
-            const int khz = model_.frequencyArray()[i];
-            if (is_marker(model_, i) || khz <= 0 || default_khz <= 0)
-                continue;
+        const double clock = default_khz / model_.frequencyArray()[i];
+        for (const TypicalJob& job : typical_jobs()) {
             const Change change = predict(model_, static_cast<int>(i), job);
-            const double clock = default_khz / khz;
-            judge(i, job, "run time", change.time, std::min(1.0, clock) / 2,
-                  std::max(1.0, clock) * 2);
-            judge(i, job, "power", change.power, 0.1, 10.0);
+            const Range time{std::min(1.0, clock) / 2, std::max(1.0, clock) * 2};
+            if (default_khz > 0 && (!plausible(i, job, "run time", change.time, time) ||
+                                    !plausible(i, job, "power", change.power, {0.1, 10.0})))
+                return;
         }
     }
 
-    void judge(std::size_t i, const TypicalJob& job, const char* what, double factor, double low,
-               double high) {
+    struct Range {
+        double low;
+        double high;
+    };
+
+    bool plausible(std::size_t i, const TypicalJob& job, const char* what, double factor,
+                   Range range) {
+        if (factor >= range.low && factor <= range.high)
+            return true;
         const std::string text = std::string("a ") + job.name + " job is predicted to have " +
                                  number(factor, 2) + " times the " + what + " of " +
                                  ghz(model_.getDefaultFrequency());
-        const std::string hint = std::string("expected is ") + number(low, 2) + " to " +
-                                 number(high, 2) + "; are digits or signs lost?";
-        if (!(factor > 0.0))
-            findings_.error(places_[i], text, hint);
-        else if (factor < low || factor > high)
+        const std::string hint = "expected: " + number(range.low, 2) + " to " +
+                                 number(range.high, 2) + "; are digits or signs lost?";
+        if (factor > 0.0)
             findings_.warning(places_[i], text, hint);
+        else
+            findings_.error(places_[i], text, hint);
+        return false;
     }
 
     const CoEfficients& model_;
@@ -252,8 +261,8 @@ ModelFile read_model_file(const std::string& path) {
     if (result != 0)
         throw Failure(ExitCode::input, path + ": cannot be read: " + std::strerror(error));
     reader.VecToCoEfficients(&file.coefficients);
-    if (file.lines.size() != reader.getFrequencies().size())
-        return file;  // the findings say at which line
+    if (file.findings.has_errors())
+        return file;  // values that are no numbers predict nothing
     std::vector<std::string> places;
     for (const int line : file.lines)
         places.push_back(place(path, line));

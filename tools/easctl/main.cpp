@@ -1,6 +1,7 @@
 // easctl: the administrator's tool of the energy-aware scheduling library.
 #include <cstdio>
 #include <map>
+#include <sstream>
 #include <string>
 
 #include "tools/easctl/Command.h"
@@ -25,11 +26,14 @@ void add_all_commands(CLI::App& app, Globals& globals) {
     add_db_commands(app, globals);
     [[maybe_unused]] CLI::App& model = add_model_commands(app, globals);
     add_threshold_commands(app, globals);
+    add_doctor_command(app, globals);
 }
 
 /// Says what went wrong: for a person on standard error, with --json also as the result.
 int report(const Failure& failure, const Globals& globals) {
-    std::fprintf(stderr, "easctl: %s\n", printable(failure.message).c_str());
+    std::istringstream lines(failure.message);
+    for (std::string line; std::getline(lines, line);)
+        std::fprintf(stderr, "easctl: %s\n", printable(line).c_str());
     if (!failure.hint.empty())
         std::fprintf(stderr, "  what to do: %s\n", printable(failure.hint).c_str());
     const int code = static_cast<int>(failure.code);

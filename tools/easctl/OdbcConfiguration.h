@@ -1,0 +1,33 @@
+// What the driver manager's configuration files say, read by its own configuration library.
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace easctl {
+
+class OdbcConfiguration {
+  public:
+    OdbcConfiguration();
+    ~OdbcConfiguration();
+    OdbcConfiguration(const OdbcConfiguration&) = delete;
+    OdbcConfiguration& operator=(const OdbcConfiguration&) = delete;
+
+    /// False when the configuration library is missing: everything is empty then.
+    [[nodiscard]] bool available() const { return read_ != nullptr; }
+    /// A key of a section of "odbc.ini" or "odbcinst.ini"; empty when it is not there. An empty key
+    /// gives the section's keys, run together: empty when there is no such section.
+    [[nodiscard]] std::string value(const std::string& section, const std::string& key,
+                                    const char* file) const;
+
+    /// The files that hold data sources, in the order in which they are looked into.
+    static std::vector<std::string> data_source_files();
+
+  private:
+    using Read = int (*)(const char*, const char*, const char*, char*, int, const char*);
+
+    void* library_;
+    Read read_ = nullptr;
+};
+
+}  // namespace easctl
