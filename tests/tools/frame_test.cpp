@@ -1,6 +1,5 @@
 // The frame of easctl: how it ends when the command line or its surroundings are wrong.
 #include <gtest/gtest.h>
-#include <stdlib.h>
 
 #include <nlohmann/json.hpp>
 
@@ -20,11 +19,14 @@ TEST(Frame, WrongCommandLinesAreUsageErrorsWhichAlsoProgramsCanRead) {
 }
 
 TEST(Frame, EveryCommandShowsHelpWithExamples) {
-    for (const auto& command : std::vector<std::vector<std::string>>{{"--help"}, {"model", "-h"}}) {
+    const std::vector<std::vector<std::string>> commands{
+        {"--help"}, {"db", "check", "-h"}, {"model", "import", "-h"}, {"doctor", "-h"}};
+    for (const auto& command : commands) {
         const auto run = run_easctl(command);
         EXPECT_EQ(run.code, 0);
         EXPECT_EQ(run.out.find('\033'), std::string::npos);
         EXPECT_NE(run.out.find("Usage: easctl"), std::string::npos) << run.out;
+        EXPECT_NE(run.out.find("  easctl "), std::string::npos) << run.out;
     }
 }
 

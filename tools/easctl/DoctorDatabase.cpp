@@ -111,12 +111,9 @@ Link driver(const OdbcConfiguration& odbc, const std::string& dsn) {
                 "the library cannot "
                 "connect",
                 "add Driver = to [" + dsn + "] in odbc.ini"};
-    void* const library = ::dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
-    if (library == nullptr) {
-        const char* why = ::dlerror();
-        return {name, LinkStatus::missing, why != nullptr ? why : path,
-                "the library cannot connect", remedy};
-    }
+    std::string why;
+    if (!odbc.can_open(path, why))
+        return {name, LinkStatus::missing, why, "the library cannot connect", remedy};
     return {name, LinkStatus::ok, path, "", ""};
 }
 

@@ -28,6 +28,24 @@ std::string OdbcConfiguration::value(const std::string& section, const std::stri
     return text.data();
 }
 
+bool OdbcConfiguration::can_open(const std::string& driver, std::string& why) const {
+    std::vector<std::string> candidates{driver};
+    Dl_info place{};
+    // The driver manager looks for a bare name in the folder of drivers beside its own library.
+    if (driver.find('/') == std::string::npos && available() &&
+        ::dladdr(reinterpret_cast<void*>(read_), &place) != 0 && place.dli_fname != nullptr) {
+        const std::string library = place.dli_fname;
+        candidates.push_back(library.substr(0, library.rfind('/') + 1) + "odbc/" + driver);
+    }
+    for (const std::string& candidate : candidates) {
+        if (::dlopen(candidate.c_str(), RTLD_NOW | RTLD_LOCAL) != nullptr)
+            return true;
+        const char* error = ::dlerror();
+        why = error != nullptr ? error : candidate;
+    }
+    return false;
+}
+
 std::vector<std::string> OdbcConfiguration::data_source_files() {
     std::vector<std::string> files;
     const char* named = std::getenv("ODBCINI");
@@ -37,7 +55,9 @@ std::vector<std::string> OdbcConfiguration::data_source_files() {
         files.emplace_back(named);
     else if (home != nullptr)
         files.push_back(std::string(home) + "/.odbc.ini");
-    files.push_back(std::string(system != nullptr ? system : "/etc") + "/odbc.ini");
+    const std::string last = std::string(system != nullptr ? system : "/etc") + "/odbc.ini";
+    if (files.empty() || files[0] != last)
+        files.push_back(last);
     return files;
 }
 

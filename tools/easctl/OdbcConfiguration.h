@@ -20,6 +20,9 @@ class OdbcConfiguration {
     [[nodiscard]] std::string value(const std::string& section, const std::string& key,
                                     const char* file) const;
 
+    /// Whether the driver manager can open a driver's library; otherwise `why` says why not.
+    [[nodiscard]] bool can_open(const std::string& driver, std::string& why) const;
+
     /// The files that hold data sources, in the order in which they are looked into.
     static std::vector<std::string> data_source_files();
 

@@ -206,8 +206,6 @@ void check_session(Database& database, Findings& findings) {
     if (value_of(database, "select \"a\\b\"") != "a\\b")
         findings.error(where, "a backslash in a text is not an ordinary character",
                        mariadb ? initstmt_hint : "a user SITE\\anna would not be found");
-    if (value_of(database, "select 'a' = 'A'") == "1")
-        findings.warning(where, "texts are compared without regard to case");
     if (database.connection().isAutoCommit())
         findings.error(where, "autocommit cannot be switched off",
                        "half a tag could stay behind after a failure");

@@ -72,6 +72,11 @@ int main(int argc, char** argv) {
     CLI::App app("The administrator's tool of the energy-aware scheduling library.", "easctl");
     app.require_subcommand(1);
     app.footer(
+        "From nothing to a working cluster:\n"
+        "  easctl db init\n"
+        "  easctl model import coefficients.txt --cluster NAME\n"
+        "  easctl thresholds check thresholds.conf --cluster NAME\n"
+        "  easctl doctor --cluster NAME --thresholds thresholds.conf\n\n"
         "Exit codes: 0 ok; 1 a check found something, or a part failed; 2 usage; 3 an input file\n"
         "is wrong (the message has file and line); 4 database; 5 the library refused (the message\n"
         "names its return code); 6 hardware or a privilege of the node is missing; 130 "

@@ -1,0 +1,178 @@
+// easctl against real databases: the tables, the coefficients, the whole chain.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <nlohmann/json.hpp>
+
+#include "tests/support/ScratchDatabase.h"
+#include "tests/tools/RunTool.h"
+#include "tests/tools/ScratchFile.h"
+
+namespace {
+
+using eas::test::Engine;
+using eas::test::run_easctl;
+using eas::test::ScratchDatabase;
+using eas::test::ScratchFile;
+using ::testing::HasSubstr;
+
+class Tool : public eas::test::DatabaseTest {
+  protected:
+    [[nodiscard]] bool sqlite() const { return GetParam() == Engine::sqlite; }
+    std::string names_and_values() {
+        std::string all;
+        for (const auto& row : plain().run("select * from TQVN_EnergyCoEfficients order by 3,1")) {
+            for (const std::string& value : row)
+                all += value + ' ';
+        }
+        return all;
+    }
+};
+
+INSTANTIATE_TEST_SUITE_P(On, Tool, eas::test::both_engines(), eas::test::engine_suffix);
+
+TEST_P(Tool, MakesTheTablesThatAreMissingAndLeavesTheOthers) {
+    EXPECT_EQ(run_easctl({"db", "check", "--grants"}).code, 0) << run_easctl({"db", "check"}).out;
+    database().seed_coefficients("kept", 2300000, 1200000, 100000, 16);
+    plain().run("drop table TQVN_EnergyPolicyTag");
+    const auto broken = run_easctl({"db", "check"});
+    EXPECT_EQ(broken.code, 1);
+    EXPECT_THAT(broken.out, HasSubstr("TQVN_EnergyPolicyTag: error: the table is missing"));
+    for (const char* created : {"created TQVN_EnergyPolicyTag", "ok: "}) {
+        const auto run = run_easctl({"db", "init"});
+        EXPECT_EQ(run.code, 0) << run.out << run.err;
+        EXPECT_THAT(run.out, HasSubstr(created));
+    }
+    EXPECT_EQ(database().rows("TQVN_EnergyCoEfficients"), 16);
+    EXPECT_EQ(run_easctl({"db", "check"}).code, 0);
+}
+
+TEST_P(Tool, SaysWhatDiffersFromTheTablesThatTheLibraryNeeds) {
+    plain().run("drop table TQVN_EnergyCoEfficients");
+    plain().run(std::string("create table TQVN_EnergyCoEfficients (default_frequency int not null, "
+                            "frequency bigint not null, cluster_name varchar(40), "
+                            "factor_a double not null, factor_b double not null, factor_c double "
+                            "not null, factor_d double not null, factor_e double not null, "
+                            "factor_f double not null)") +
+                (sqlite() ? "" : " engine=MyISAM"));
+    plain().run(sqlite() ? "drop index TQVN_EnergyPolicyTag_by_tag"
+                         : "alter table TQVN_EnergyPolicyTag drop key TQVN_EnergyPolicyTag_by_tag");
+    plain().run("alter table TQVN_EnergyPolicyTag add column extra int");
+    const auto run = run_easctl({"db", "check", "--json"});
+    EXPECT_EQ(run.code, 1);
+    const std::string findings = nlohmann::json::parse(run.out).at("findings").dump();
+    for (const char* expected :
+         {"the columns stand in another order", "TQVN_EnergyCoEfficients.cluster_name",
+          "nulls are allowed", "byte for byte", "the primary key is missing",
+          "the index TQVN_EnergyPolicyTag_by_tag is missing", "TQVN_EnergyPolicyTag.extra"})
+        EXPECT_THAT(findings, HasSubstr(expected));
+    EXPECT_EQ(findings.find("storage engine is MyISAM") == std::string::npos, sqlite());
+}
+
+TEST_P(Tool, CarriesCoefficientsThroughTheDatabaseToTheBit) {
+    const std::string rows =
+        "1600000:0.30000000000000004,107.33333333333333,1e-05,0.98999999999999999,-2.25,0.001\n"
+        "2000000:0,0,0,0,0,0\n"
+        "2400000:1.1000000000000001,-1.9999999999999998,-0.1,1.0000000000000002,1.5,0\n";
+    const ScratchFile file("# comment\n" + rows);
+    const std::vector<std::string> import{"model", "import", file.path(), "--cluster", "c"};
+    auto dry = import;
+    dry.emplace_back("--dry-run");
+    EXPECT_EQ(run_easctl(dry).code, 0);
+    EXPECT_EQ(database().rows("TQVN_EnergyCoEfficients"), 0);
+    for (const char* verdict : {", stored (", "stored already"}) {
+        const auto run = run_easctl(import);
+        EXPECT_EQ(run.code, 0) << run.err;
+        EXPECT_THAT(run.out, HasSubstr(verdict));
+    }
+    const ScratchFile exported("");
+    ASSERT_EQ(run_easctl({"model", "export", "--cluster", "c", "--output", exported.path()}).code,
+              0);
+    EXPECT_THAT(exported.text(),
+                HasSubstr("1600000:0.30000000000000004,107.33333333333333,1e-05,0.99,-2.25,0.001\n"
+                          "2000000:0,0,0,0,0,0\n"
+                          "2400000:1.1,-1.9999999999999998,-0.1,1.0000000000000002,1.5,0\n"));
+    EXPECT_THAT(run_easctl({"model", "list", "--csv"}).out,
+                HasSubstr("c,2.00 GHz,3,1.60 GHz,2.40 GHz,0"));
+    EXPECT_EQ(run_easctl({"model", "show", "--cluster", "c"}).code, 0);
+    EXPECT_EQ(run_easctl({"model", "remove", "--cluster", "c"}).code, 2);
+    EXPECT_EQ(database().rows("TQVN_EnergyCoEfficients"), 3);
+    EXPECT_EQ(run_easctl({"model", "remove", "--cluster", "c", "--yes"}).code, 0);
+    EXPECT_EQ(database().rows("TQVN_EnergyCoEfficients"), 0);
+}
+
+TEST_P(Tool, LosesNoCoefficientWhenAnImportFails) {
+    const ScratchFile first("1600000:0.5,2,1,0.99,0,0\n2000000:0,0,0,0,0,0\n");
+    const ScratchFile second("1800000:0.7,2,1,0.99,0,0\n2000000:0,0,0,0,0,0\n");
+    ASSERT_EQ(run_easctl({"model", "import", first.path(), "--cluster", "c"}).code, 0);
+    const std::string before = names_and_values();
+    const auto unasked = run_easctl({"model", "import", second.path(), "--cluster", "c"});
+    EXPECT_EQ(unasked.code, 4);
+    EXPECT_THAT(unasked.err, HasSubstr("--replace"));
+    EXPECT_EQ(names_and_values(), before);
+
+    plain().run(sqlite()
+                    ? "create trigger refuse before insert on TQVN_EnergyCoEfficients when "
+                      "new.frequency = 2000000 begin select raise(abort, 'refused by test'); end"
+                    : "create trigger refuse before insert on TQVN_EnergyCoEfficients for each row "
+                      "if new.frequency = 2000000 then signal sqlstate '45000' set message_text = "
+                      "'refused by test'; end if");
+    const std::vector<std::string> replace{"model",     "import", second.path(),
+                                           "--cluster", "c",      "--replace"};
+    const auto failed = run_easctl(replace);
+    EXPECT_EQ(failed.code, 4);
+    EXPECT_THAT(failed.err, HasSubstr("refused by test"));
+    EXPECT_EQ(names_and_values(), before);
+    plain().run("drop trigger refuse");
+    EXPECT_EQ(run_easctl(replace).code, 0);
+    EXPECT_NE(names_and_values(), before);
+}
+
+/// The statuses of doctor's links, "name=status", one per line.
+std::string statuses(const std::vector<std::string>& arguments, int code) {
+    std::vector<std::string> all{"doctor", "--json"};
+    all.insert(all.end(), arguments.begin(), arguments.end());
+    const auto run = run_easctl(all);
+    EXPECT_EQ(run.code, code) << run.out << run.err;
+    std::string text;
+    const auto document = nlohmann::json::parse(run.out);
+    for (const auto& link : document.at("links"))
+        text +=
+            link.at("name").get<std::string>() + "=" + link.at("status").get<std::string>() + "\n";
+    return text;
+}
+
+TEST_P(Tool, DoctorFindsTheBrokenLink) {
+    database().seed_coefficients("c", 2000000, 1600000, 400000, 2);
+    const ScratchFile thresholds("# only the default\n");
+    const std::vector<std::string> all{"--cluster", "c", "--thresholds", thresholds.path()};
+    // The scratch file of SQLite is not synchronised, which is worth a warning.
+    const std::string schema = sqlite() ? "schema=warning" : "schema=ok";
+    EXPECT_THAT(statuses(all, 0),
+                HasSubstr("connection=ok\n" + schema + "\ncoefficients of c=ok\nthresholds"));
+    EXPECT_THAT(statuses({"--dsn", "nodsn"}, 1),
+                HasSubstr("data source nodsn=missing\nconnection=missing"));
+    EXPECT_THAT(statuses({"--cluster", "d"}, 1), HasSubstr("coefficients of d=missing"));
+    std::ofstream(database().folder() / "odbcinst.ini", std::ios::app)
+        << "\n[ODBC]\nPooling = Yes\n";
+    EXPECT_THAT(statuses({}, 0), HasSubstr("ODBC pooling=warning"));
+    plain().run("drop table TQVN_EnergyPolicyTag");
+    EXPECT_THAT(statuses({}, 1), HasSubstr("schema=wrong\ncoefficients=skipped"));
+    std::ofstream(database().folder() / "odbcinst.ini")
+        << "[" << (sqlite() ? "SQLite3" : "MariaDB Unicode") << "]\nDriver = /nonexistent.so\n";
+    EXPECT_THAT(statuses({}, 1), HasSubstr("=missing\nconnection=missing"));
+}
+
+TEST(ToolOnMariaDb, NamesASessionInWhichNamesWouldMeanSomethingElse) {
+    if (const auto why = ScratchDatabase::missing(Engine::mariadb))
+        GTEST_SKIP() << *why;
+    const ScratchDatabase database(Engine::mariadb,
+                                   {{"INITSTMT", "SET SESSION sql_mode='ANSI_QUOTES'"}});
+    const auto run = run_easctl({"db", "check"});
+    EXPECT_EQ(run.code, 1);
+    for (const char* expected : {"ANSI_QUOTES", "backslash", "not strict", "INITSTMT"})
+        EXPECT_THAT(run.out, HasSubstr(expected));
+}
+
+}  // namespace

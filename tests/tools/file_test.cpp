@@ -1,0 +1,138 @@
+// What easctl says, line by line, of coefficient and threshold files.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <nlohmann/json.hpp>
+
+#include "tests/tools/RunTool.h"
+#include "tests/tools/ScratchFile.h"
+
+namespace {
+
+using eas::test::run_easctl;
+using eas::test::ScratchFile;
+using ::testing::HasSubstr;
+
+const char* const low = "1600000:0.5,20,10,0.99,-2,0.001\n";
+const char* const middle = "2000000:0,0,0,0,0,0\n";
+const char* const high = "4100000:1.8,-20,-9,1.01,2,-0.001\n";
+
+struct BadModel {
+    const char* what;
+    std::string text;
+    int line;
+    const char* reason;
+};
+
+TEST(ModelFile, IsRefusedWithTheLineOfEveryFaultThatTheReaderWouldAccept) {
+    const std::string good = std::string(low) + middle;
+    const BadModel files[] = {
+        {"word", good + "2400000:1,2,3,x,5,6\n", 3, "is not a number"},
+        {"trailing text", good + "2400000:1,2,3,4W,5,6\n", 3, "is not a number"},
+        {"nan", good + "2400000:1,2,3,nan,5,6\n", 3, "not finite"},
+        {"seven", good + "2400000:1,2,3,4,5,6,7\n", 3, "7 coefficients"},
+        {"five", good + "2400000:1,2,,4,5,6\n", 3, "5 coefficients"},
+        {"blank line", std::string(low) + "\n" + middle, 2, "blank line"},
+        {"no colon", good + "2400000 1,2,3,4,5,6\n", 3, "no \":\""},
+        {"unit", good + "2.4GHz:1,2,3,4,5,6\n", 3, "whole number of KHz"},
+        {"MHz", good + "2400:1,2,3,1,5,6\n", 3, "no frequency in KHz"},
+        {"long", "#" + std::string(1100, 'x') + "\n" + good, 1, "longer than"},
+        {"twice", good + low, 3, "stands at"},
+        {"two defaults", good + "2400000:0,0,0,0,0,0\n", 3, "takes the last one"},
+        {"all negative", good + "2400000:-1,-1,-1,-1,-1,-1\n", 3, "default frequency"},
+        {"negative time", good + "2400000:1,2,3,-1,-5,-6\n", 3, "times the run time"},
+    };
+    for (const BadModel& bad : files) {
+        SCOPED_TRACE(bad.what);
+        const ScratchFile file("# a cluster\n" + bad.text);
+        const auto run = run_easctl({"model", "import", file.path(), "--cluster", "c"});
+        EXPECT_EQ(run.code, 3) << run.err;
+        EXPECT_EQ(run.out, "");
+        EXPECT_THAT(run.err, HasSubstr(file.path() + ":" + std::to_string(bad.line + 1) + ": "));
+        EXPECT_THAT(run.err, HasSubstr(bad.reason));
+    }
+    const ScratchFile no_default(std::string(low) + high);
+    EXPECT_THAT(run_easctl({"model", "import", no_default.path(), "--cluster", "c"}).err,
+                HasSubstr("no row of zeros"));
+    EXPECT_EQ(run_easctl({"model", "import", "/nonexistent", "--cluster", "c"}).code, 3);
+    for (const char* name : {"a\"b", "back\\", "job_id", ""})
+        EXPECT_EQ(run_easctl({"model", "import", no_default.path(), "--cluster", name}).code, 2);
+}
+
+class Thresholds : public ::testing::Test {
+  protected:
+    /// Checks a file against five frequencies around a default of 2 GHz; returns the document.
+    nlohmann::json check(const std::string& text, int code) {
+        const ScratchFile file(text);
+        const auto run =
+            run_easctl({"thresholds", "check", file.path(), "--model", model_.path(), "--json"});
+        EXPECT_EQ(run.code, code) << run.out << run.err;
+        return nlohmann::json::parse(run.out);
+    }
+
+    ScratchFile model_{std::string(low) + middle + "2400000:1.1,-1,-1,1,1,0\n" +
+                       "2800000:1.2,-2,-2,1,2,0\n" + "3200000:1.3,-3,-3,1,3,0\n" + high};
+};
+
+TEST_F(Thresholds, AreShownWithWhatIsGivenInterpolatedAndExtrapolated) {
+    const nlohmann::json result = check(
+        "# site\nBegin Min_Energy\nTHRESHOLD_RUNTIME_VAR = 5\nEnd Min_Energy\n"
+        "Begin Min_Time\nCPU_FREQ RUNTIME_VAR\n2800MHz -8\nEnd Min_Time\n",
+        0);
+    EXPECT_TRUE(result.at("valid"));
+    EXPECT_EQ(result.at("min_energy_percent"), 5.0);
+    std::string rows;
+    for (const auto& row : result.at("min_time"))
+        rows += std::to_string(row.at("khz").get<int>() / 1000) + " " +
+                std::to_string(std::lround(row.at("percent").get<double>())) + " " +
+                row.at("source").get<std::string>() + "\n";
+    EXPECT_EQ(rows,
+              "2000 0 default\n2400 -4 interpolated\n2800 -8 given\n3200 -12 extrapolated\n"
+              "4100 -16 extrapolated\n");
+    EXPECT_TRUE(result.at("findings").empty());
+}
+
+TEST_F(Thresholds, SayWhichLinesAreDroppedAndWhatWouldBeAccepted) {
+    const struct {
+        const char* line;
+        const char* reason;
+    } lines[] = {
+        {"4.1GHz -5", "4099999"},           {"4.1GHz -5", "write 4100MHz"},
+        {"2600MHz -5", "does not have"},    {"1600MHz -5", "not above the default"},
+        {"2400mhz -5", "is no frequency"},  {"2400MHz 5", "below 0"},
+        {"2400MHz -5%", "no plain number"}, {"2800MHz -7", "gives the same frequency again"},
+        {"nonsense", "not of the form"},
+    };
+    for (const auto& [line, reason] : lines) {
+        SCOPED_TRACE(line);
+        const nlohmann::json result = check(std::string("Begin Min_Time\nCPU_FREQ RUNTIME_VAR\n") +
+                                                line + "\n2800MHz -8\nEnd Min_Time\n",
+                                            1);
+        EXPECT_TRUE(result.at("valid"));
+        ASSERT_EQ(result.at("findings").size(), 1U) << result;
+        EXPECT_THAT(result.at("findings")[0].at("place").get<std::string>(),
+                    ::testing::EndsWith(":3"));
+        EXPECT_THAT(result.at("findings")[0].dump(), HasSubstr(reason));
+    }
+}
+
+TEST_F(Thresholds, ThatAreRefusedSayWhy) {
+    const struct {
+        const char* text;
+        const char* reason;
+    } files[] = {
+        {"# nothing\n", "no section Min_Time"},
+        {"Begin Min_Time\nCPU_FREQ RUNTIME_VAR\n2800MHz -8\n", "never closed"},
+        {"Begin Min_Time\n2800MHz -8\nEnd Min_Time\n", "does not begin with"},
+        {"Begin Min_Time\nCPU_FREQ RUNTIME_VAR\n2800MHz 8\nEnd Min_Time\n", "below 0"},
+        {"Begin Min_Time\nCPU_FREQ RUNTIME_VAR\n2400MHz -10\n2800MHz -5\nEnd Min_Time\n",
+         "come out above 0"},
+    };
+    for (const auto& [text, reason] : files) {
+        const nlohmann::json result = check(text, 3);
+        EXPECT_FALSE(result.at("valid"));
+        EXPECT_THAT(result.at("findings").dump(), HasSubstr(reason));
+    }
+}
+
+}  // namespace
