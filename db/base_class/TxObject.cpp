@@ -139,9 +139,12 @@ SQLRETURN TxObject::open(SQLHANDLE hdbc) {
 
 /// Binds as `op` asks for, executes and logs; the result is that of the execution.
 SQLRETURN TxObject::run(const char* text, SQLHANDLE hdbc, Kind op, DBObj* o) {
-    // A bind that fails has rolled back; the statement then fails for want of a value.
-    if (op == Kind::update || op == Kind::insert)
-        o->bind_param(hdbc, _hstmt.get());
+    // A bind that fails has rolled back. Whatever is bound goes, so that the statement fails for
+    // want of a value: a row of its own would be half of what the transaction was to write.
+    if ((op == Kind::update || op == Kind::insert) &&
+        !SQL_SUCCEEDED(o->bind_param(hdbc, _hstmt.get()))) {
+        StmtResourcesFree(_hstmt.get());
+    }
     const SQLRETURN rc = exec_direct(_hstmt.get(), text);
     if (SQL_SUCCEEDED(rc)) {
         eas::trace(eas::severity_debug, "Successfully executed: %s\n", text);
