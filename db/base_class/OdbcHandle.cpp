@@ -16,7 +16,8 @@ SQLRETURN OdbcHandle::allocate(SQLHANDLE parent) {
     const SQLRETURN rc = DBLibrary::get()->SQLAllocHandle(type_, parent, &handle);
     if (rc >= 0 && is_handle(handle))
         handle_ = handle;
-    return rc;
+    // A success without a handle is none: driver managers do not bear the calls that would follow.
+    return SQL_SUCCEEDED(rc) && !is_open() ? SQLRETURN{SQL_ERROR} : rc;
 }
 
 SQLRETURN OdbcHandle::free() {
