@@ -114,7 +114,7 @@ void DBConnection::setEnvHandle(SQLHANDLE henv) {
 
 void DBConnection::freeEnvHandle() {
     if (_freehandle && eas::is_handle(_henv))
-        DBLibrary::get()->SQLFreeHandle(SQL_HANDLE_ENV, _henv);
+        eas::free_handle(SQL_HANDLE_ENV, _henv);
     _freehandle = false;
     _henv = eas::no_handle();
 }
@@ -353,8 +353,11 @@ SQLRETURN DBConnection::freeConnHandle() {
     if (SQL_SUCCEEDED(rc))
         return SQL_SUCCESS;
     const int answer = eas::check(SQL_HANDLE_DBC, handle, rc);
-    // The driver manager keeps the handle of a connection that it believes is open.
-    DBLibrary::get()->SQLDisconnect(handle);
-    DBLibrary::get()->SQLFreeHandle(SQL_HANDLE_DBC, handle);
+    // The driver manager keeps the handle of a connection that it believes is open. After any other
+    // answer the handle is gone, and to touch it again would be to touch freed memory.
+    if (rc == SQL_ERROR) {
+        DBLibrary::get()->SQLDisconnect(handle);
+        DBLibrary::get()->SQLFreeHandle(SQL_HANDLE_DBC, handle);
+    }
     return answer != 0 ? rc : SQLRETURN{SQL_SUCCESS};
 }

@@ -23,7 +23,14 @@ SQLRETURN OdbcHandle::allocate(SQLHANDLE parent) {
 SQLRETURN OdbcHandle::free() {
     if (!is_open())
         return SQL_SUCCESS;
-    return DBLibrary::get()->SQLFreeHandle(type_, release());
+    return free_handle(type_, release());
+}
+
+SQLRETURN free_handle(SQLSMALLINT type, SQLHANDLE handle) {
+    const SQLRETURN rc = DBLibrary::get()->SQLFreeHandle(type, handle);
+    if (rc == SQL_ERROR)
+        DBLibrary::get()->SQLFreeHandle(type, handle);
+    return rc;
 }
 
 }  // namespace eas

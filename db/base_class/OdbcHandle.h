@@ -18,6 +18,10 @@ inline bool is_handle(SQLHANDLE handle) noexcept {
     return handle != SQL_NULL_HANDLE && handle != no_handle();
 }
 
+/// Frees a handle, which is still valid after SQL_ERROR and is then tried once more: an open one
+/// would keep its connection from closing. Returns the result of the first attempt.
+SQLRETURN free_handle(SQLSMALLINT type, SQLHANDLE handle);
+
 class OdbcHandle {
   public:
     /// `type` is SQL_HANDLE_ENV, SQL_HANDLE_DBC or SQL_HANDLE_STMT.

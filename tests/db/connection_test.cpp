@@ -244,7 +244,6 @@ TEST_F(Connection, RefusedDisconnectLeavesNoHandle) {
         {"SQLDisconnect", {SQL_STILL_EXECUTING}, -1},  // the free is then refused at first
         {"SQLDisconnect", {SQL_ERROR, SQL_INVALID_HANDLE}, -2},
         {"SQLFreeHandle", {SQL_ERROR}, -1},
-        {"SQLFreeHandle", {SQL_NO_DATA}, 0},
     };
     for (const Row& row : rows) {
         SCOPED_TRACE(row.entry_point);
