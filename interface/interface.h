@@ -72,7 +72,8 @@ enum eas_return_code {
  * One energy policy tag: what a job is predicted to do at each frequency.
  *
  * Entry i of each array belongs to frequencies[i]; they ascend. The caller owns the four strings
- * and five arrays, each a block of its own.
+ * and five arrays, each a block of its own. The arrays are never null; a string is null where
+ * memory was too short for its copy.
  */
 typedef struct energyPolicyTag {
     char* energy_tag_name;        /* name of the tag */
