@@ -13,6 +13,7 @@
 #include <utility>
 #include <vector>
 
+#include "base/DeferCancellation.h"
 #include "common/CoEfficients.h"
 #include "common/EnergyPerfThreshold.h"
 #include "common/EnergyTag.h"
@@ -29,8 +30,13 @@ namespace {
 
 /// Runs `steps(failure)`. Where a step throws, `failure` holds the code to return, which the steps
 /// keep up to date; `clean_up` then undoes what they left.
+///
+/// The thread's cancellation waits meanwhile, but for the waits between two attempts to connect:
+/// the driver manager and the drivers know nothing of it, and a thread that ended inside them would
+/// keep their locks, handles and descriptors.
 template <typename Steps, typename CleanUp>
 int at_the_boundary(int failure, Steps&& steps, CleanUp&& clean_up) {
+    const eas::DeferCancellation until_done;
     try {
         return steps(failure);
     } catch (abi::__forced_unwind&) {
@@ -291,6 +297,7 @@ int select_frequency(const char* cluster_name, int default_frequency, const char
 }  // namespace
 
 int eas_initialize(char* cluster_name, int default_frequency, char* threshold_file) {
+    const eas::DeferCancellation until_done;
     uninitialize();
     if (cluster_name == nullptr || default_frequency < 1 || threshold_file == nullptr)
         return EAS_BAD_ARGUMENT;

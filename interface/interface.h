@@ -6,8 +6,8 @@
  *
  * Conventions of every function here
  *   Return value   0 on success, else a negative code of enum eas_return_code; no other value.
- *                  Nothing is thrown. A cancelled thread unwinds through the library and leaves
- *                  nothing behind.
+ *                  Nothing is thrown. A thread's cancellation acts after the call, or while the
+ *                  call waits for another attempt to connect, and leaves nothing behind.
  *   Texts          NUL-terminated; read, never changed or kept. Lengths that are stored: cluster
  *                  name 40 bytes, user and tag name 256 each, job id 1024; longer ones are cut.
  *   Frequencies    KHz. Times: seconds. Power: watts. Changes: fractions (0.05 is 5 %).
