@@ -86,8 +86,11 @@ class DatabaseTest : public ::testing::TestWithParam<Engine> {
     void SetUp() override {
         if (const auto why = ScratchDatabase::missing(GetParam()))
             GTEST_SKIP() << *why;
-        database_.emplace(GetParam());
+        database_.emplace(GetParam(), keywords());
     }
+
+    /// What replaces or adds keywords of the data source.
+    [[nodiscard]] virtual std::map<std::string, std::string> keywords() const { return {}; }
 
     ScratchDatabase& database() { return *database_; }
     PlainOdbc& plain() { return database_->plain(); }

@@ -1,0 +1,158 @@
+// Many threads at once: the four working functions with the trace log on and off, the pool, and
+// threads that are cancelled at any moment.
+#include <pthread.h>
+
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <iostream>
+#include <random>
+#include <thread>
+
+#include "db/base_class/DBConnectionPool.h"
+#include "db/base_class/TxObject.h"
+#include "tests/faults/Operations.h"
+#include "tests/support/TraceCapture.h"
+
+namespace {
+
+using namespace eas::test;
+
+constexpr unsigned threads = 8;
+
+void in_threads(const std::function<void(unsigned)>& body) {
+    std::vector<std::thread> all;
+    for (unsigned i = 0; i < threads; ++i)
+        all.emplace_back(body, i);
+    for (std::thread& thread : all)
+        thread.join();
+}
+
+class Threads : public OperationTest {
+  protected:
+    /// Who cannot write now shall be told so soon.
+    [[nodiscard]] std::map<std::string, std::string> keywords() const override {
+        if (GetParam() == Engine::mariadb)
+            return {};
+        return {{"Timeout", "50"}};
+    }
+
+    FaultyDriverManager& manager_ = FaultyDriverManager::load();
+};
+
+INSTANTIATE_TEST_SUITE_P(On, Threads, both_engines(), engine_suffix);
+
+/// Generates, queries, selects and removes a tag of its own; the calls that went wrong.
+int work_on(const std::string& user, int rounds) {
+    int wrong = 0;
+    for (int i = 0; i < rounds; ++i) {
+        const std::string tag = "t" + std::to_string(i);
+        // SQLite lets one write at a time, and who waits in vain is told so.
+        int code = generate(user, tag);
+        while (code == EAS_STORE_FAILED)
+            code = generate(user, tag);
+        wrong += code == EAS_OK ? 0 : 1;
+        wrong += Tags(user.c_str(), tag.c_str()).count == 1 ? 0 : 1;
+        wrong += select(user.c_str(), tag.c_str(), "minimize_time").frequency == 2400000 ? 0 : 1;
+        Removed removed = remove_tags(user.c_str(), tag.c_str());
+        while (removed.status == EAS_REMOVE_FAILED)
+            removed = remove_tags(user.c_str(), tag.c_str());
+        wrong += removed.names.size() == 1 ? 0 : 1;
+    }
+    return wrong;
+}
+
+TEST_P(Threads, WorkBesideEachOtherTracedOrNot) {
+    const auto descriptors = open_descriptors();
+    const int rounds = soak() ? 100 : 5;
+    std::atomic<int> wrong{0};
+    const auto all = [&] {
+        in_threads([&](unsigned i) { wrong += work_on("user" + std::to_string(i), rounds); });
+    };
+    all();
+    {
+        const TraceCapture trace(true);
+        all();
+        EXPECT_NE(trace.text().find("Successfully executed"), std::string::npos);
+    }
+    EXPECT_EQ(wrong, 0);
+    EXPECT_EQ(manager_.live_handles(), 0);
+    EXPECT_EQ(open_descriptors(), descriptors);
+    EXPECT_EQ(tag_rows(), 8);
+    std::cout << threads << " threads, " << threads * static_cast<unsigned>(rounds) * 8
+              << " calls\n";
+}
+
+TEST_P(Threads, SellNoConnectionOfThePoolTwice) {
+    DBConnectionPool::init("easdb", nullptr, nullptr, nullptr, 3, 4, nullptr, nullptr);
+    DBConnectionPool& pool = *DBConnectionPool::Instance();
+    std::array<std::atomic<DBConnection*>, threads> held{};
+    std::atomic<int> wrong{0};
+    in_threads([&](unsigned me) {
+        for (int i = 0; i < (soak() ? 2000 : 50); ++i) {
+            DBConnection* const con = pool.checkout();
+            for (const auto& other : held)
+                wrong += con == nullptr || other == con ? 1 : 0;
+            held.at(me) = con;
+            if (i % 10 == 0) {
+                TxObject tx(con);
+                wrong += tx.count("TQVN_EnergyPolicyTag", nullptr) == 8 ? 0 : 1;
+                tx.rollback();
+            }
+            held.at(me) = nullptr;
+            pool.checkin(con);
+            if (me == 0)
+                pool.doCleanup();
+        }
+    });
+    EXPECT_EQ(wrong, 0);
+    EXPECT_EQ(pool.usedCount(), 0U);
+    EXPECT_LE(pool.availableCount(), 3U);
+    DBConnectionPool::terminate();
+    EXPECT_EQ(manager_.live_handles(), 0);
+}
+
+/// Calls the four functions until it is cancelled.
+void* work_until_cancelled(void* user) {
+    for (const std::string name = static_cast<const char*>(user);;) {
+        generate(name, "cfd");
+        Tags(name.c_str(), "cfd");
+        select(name.c_str(), "cfd", "minimize_time");
+        int count = 0;
+        char** users = nullptr;
+        char** names = nullptr;
+        eas_remove_tag(text("c1"), default_frequency, text(name), text("cfd"), &count, &users,
+                       &names);
+        for (int i = 0; i < count; ++i) {
+            std::free(users[i]);
+            std::free(names[i]);
+        }
+        std::free(users);
+        std::free(names);
+        pthread_testcancel();
+    }
+}
+
+TEST_P(Threads, LeaveNothingWhenTheyAreCancelledAtAnyMoment) {
+    const auto descriptors = open_descriptors();
+    std::minstd_rand random(20);
+    const int rounds = soak() ? 2000 : 60;
+    for (int round = 0; round < rounds; ++round) {
+        std::string user = "carl";
+        pthread_t thread{};
+        ASSERT_EQ(pthread_create(&thread, nullptr, work_until_cancelled, user.data()), 0);
+        std::this_thread::sleep_for(std::chrono::microseconds(random() % 20000));
+        ASSERT_EQ(pthread_cancel(thread), 0);
+        void* result = nullptr;
+        ASSERT_EQ(pthread_join(thread, &result), 0);
+        ASSERT_EQ(result, PTHREAD_CANCELED);
+        ASSERT_EQ(manager_.live_handles(), 0) << "round " << round;
+        const auto left = database().rows("TQVN_EnergyPolicyTag", "where user_name='carl'");
+        ASSERT_TRUE(left == 0 || left == 4) << left << " rows, round " << round;
+        ASSERT_EQ(open_descriptors(), descriptors) << "round " << round;
+    }
+    expect_recovered(Operation::query);
+    std::cout << rounds << " threads cancelled\n";
+}
+
+}  // namespace
