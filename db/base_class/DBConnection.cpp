@@ -335,13 +335,31 @@ int DBConnection::disconnect() {
 
 /// Returns 0, or the ODBC result if the driver refuses even without a transaction.
 SQLRETURN DBConnection::disconnectHandle() {
+    const auto refused = [this](SQLRETURN rc) {
+        return eas::check(SQL_HANDLE_DBC, _hcon, rc) != 0;
+    };
     SQLRETURN rc = DBLibrary::get()->SQLDisconnect(_hcon);
-    if (eas::check(SQL_HANDLE_DBC, _hcon, rc) == 0)
+    if (!refused(rc))
         return SQL_SUCCESS;
     // SQLite's driver refuses (25000) while a transaction is open, even one that has only read.
     TransRollback(_hcon);
     rc = DBLibrary::get()->SQLDisconnect(_hcon);
-    return eas::check(SQL_HANDLE_DBC, _hcon, rc) == 0 ? SQLRETURN{SQL_SUCCESS} : rc;
+    if (!refused(rc))
+        return SQL_SUCCESS;
+    beginTransaction();
+    TransRollback(_hcon);
+    rc = DBLibrary::get()->SQLDisconnect(_hcon);
+    return refused(rc) ? rc : SQLRETURN{SQL_SUCCESS};
+}
+
+/// Where the database has rolled back by itself (SQLite on a full disk), its driver cannot, and
+/// believes for ever that a transaction is open. Now one is.
+void DBConnection::beginTransaction() {
+    eas::OdbcHandle statement(SQL_HANDLE_STMT);
+    if (!SQL_SUCCEEDED(statement.allocate(_hcon)))
+        return;
+    std::string sql = "begin";
+    execute(statement.get(), sql);
 }
 
 /// Returns 0, or the ODBC result of the first attempt if it failed.

@@ -96,6 +96,7 @@ class DBConnection {
     bool waitForNextAttempt(int attempt);
     void freeEnvHandle();
     SQLRETURN disconnectHandle();
+    void beginTransaction();
     SQLRETURN freeConnHandle();
 
     SQLHANDLE _hcon = SQL_NULL_HANDLE;
