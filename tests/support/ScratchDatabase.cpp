@@ -15,7 +15,7 @@ namespace {
 
 using Keywords = std::map<std::string, std::string>;
 
-constexpr const char* server_folder = EAS_TEST_MARIADB_DIR;
+std::string server_folder = EAS_TEST_MARIADB_DIR;
 
 std::string whole_file(const std::filesystem::path& path) {
     std::ifstream in(path, std::ios::binary);
@@ -75,6 +75,14 @@ ScratchDatabase::Folder::Folder() {
 ScratchDatabase::Folder::~Folder() {
     std::error_code ignored;
     std::filesystem::remove_all(path, ignored);
+}
+
+void ScratchDatabase::use_server(const std::string& folder) {
+    server_folder = folder;
+}
+
+void ScratchDatabase::reconnect() {
+    plain_ = std::make_unique<PlainOdbc>("easdb");
 }
 
 std::optional<std::string> ScratchDatabase::missing(Engine engine) {

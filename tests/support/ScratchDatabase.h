@@ -35,6 +35,9 @@ class ScratchDatabase {
     /// Why there can be none of this engine here, or nothing.
     static std::optional<std::string> missing(Engine engine);
 
+    /// From now on the server is that of mariadb-server.sh in `folder`.
+    static void use_server(const std::string& folder);
+
     /// `keywords` replace or add keywords of the data source. Throws std::runtime_error.
     explicit ScratchDatabase(Engine engine,
                              const std::map<std::string, std::string>& keywords = {});
@@ -48,6 +51,9 @@ class ScratchDatabase {
     [[nodiscard]] const std::string& schema() const { return schema_; }
     /// A connection beside the library under test.
     [[nodiscard]] PlainOdbc& plain() { return *plain_; }
+    /// Closes it, and opens a fresh one, for when the database goes away.
+    void disconnect() { plain_.reset(); }
+    void reconnect();
 
     /// Stores coefficients of a cluster: one row for each frequency from `first` in steps of `step`
     /// KHz, highest first; those of the default frequency are all zero.

@@ -3,6 +3,8 @@
 #
 #   mariadb-server.sh start DIR   starts it; DIR/socket then holds the path of its socket
 #   mariadb-server.sh stop DIR    ends it and removes what it wrote
+#   mariadb-server.sh crash DIR   ends it without notice, its data stay
+#   mariadb-server.sh resume DIR  starts it again on its data
 #
 # Where the server is not installed, start succeeds without a DIR/socket and the tests that need it
 # skip. A server that nobody stops ends by itself after an hour.
@@ -12,7 +14,7 @@ lifetime_s=3600
 start_limit_s=60
 
 usage() {
-    echo "usage: $0 start|stop DIR" >&2
+    echo "usage: $0 start|stop|crash|resume DIR" >&2
     exit 2
 }
 
@@ -23,22 +25,25 @@ find_server() {
     return 1
 }
 
+# Sends a signal to the process whose id stands in a file, and waits until it is gone.
+end_process() {
+    [ -f "$2" ] || return 0
+    pid=$(cat "$2")
+    # The id may have been given to another process since.
+    grep -qs "$scratch" "/proc/$pid/cmdline" || return 0
+    kill "$1" "$pid" 2>/dev/null || true
+    waited=0
+    while grep -qs "$scratch" "/proc/$pid/cmdline" && [ $waited -lt 300 ]; do
+        sleep 0.1
+        waited=$((waited + 1))
+    done
+}
+
 # Ends the server of $dir, by the process id that start wrote down, and waits until it is gone.
 stop() {
     [ -f "$dir/scratch" ] || return 0
     scratch=$(cat "$dir/scratch")
-    if [ -f "$dir/pid" ]; then
-        pid=$(cat "$dir/pid")
-        # The id may have been given to another process since.
-        if grep -qs "$scratch" "/proc/$pid/cmdline"; then
-            kill "$pid" 2>/dev/null || true
-            waited=0
-            while grep -qs "$scratch" "/proc/$pid/cmdline" && [ $waited -lt 300 ]; do
-                sleep 0.1
-                waited=$((waited + 1))
-            done
-        fi
-    fi
+    end_process -TERM "$dir/pid"
     rm -rf "$scratch"
     rm -f "$dir/socket" "$dir/pid" "$dir/scratch"
 }
@@ -93,10 +98,26 @@ start() {
     echo "MariaDB is ready on $scratch/sock"
 }
 
+crash() {
+    scratch=$(cat "$dir/scratch")
+    end_process -KILL "$scratch/pid"
+    end_process -TERM "$dir/pid"
+    rm -f "$scratch/sock"
+}
+
+resume() {
+    scratch=$(cat "$dir/scratch")
+    server=$(find_server)
+    launch
+    await
+}
+
 [ $# -eq 2 ] || usage
 dir=$2
 case $1 in
     start) start ;;
     stop) stop ;;
+    crash) crash ;;
+    resume) resume ;;
     *) usage ;;
 esac

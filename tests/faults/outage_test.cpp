@@ -1,0 +1,248 @@
+// Crashes and outages: this process killed, the server gone, the disk full, the database locked,
+// corrupt or read-only, no descriptor left. Each has its code, and nothing of it is left
+// afterwards.
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <atomic>
+#include <csignal>
+#include <functional>
+#include <iostream>
+#include <random>
+#include <thread>
+
+#include "tests/faults/Operations.h"
+
+namespace {
+
+using namespace eas::test;
+namespace fs = std::filesystem;
+
+using Codes = std::array<int, 5>;  // of the five operations, in their order
+
+class Outages : public OperationTest {
+  protected:
+    [[nodiscard]] std::map<std::string, std::string> keywords() const override {
+        if (GetParam() == Engine::mariadb)
+            return {};
+        return {{"Timeout", "50"}};
+    }
+
+    Codes try_all() {
+        Codes codes{};
+        for (std::size_t i = 0; i < codes.size(); ++i) {
+            // A failed initialisation would hide what becomes of the others: it comes last.
+            const OperationRow& row = operation_rows[(i + 1) % codes.size()];
+            codes.at(static_cast<std::size_t>(row.operation)) = run(row.operation);
+        }
+        return codes;
+    }
+
+    /// The library finds everything in order again; the tag is whole or not there.
+    void expect_all_in_order() {
+        EXPECT_EQ(run(Operation::initialize), EAS_OK);
+        expect_all_or_nothing(Operation::remove, EAS_OK);
+        for (const OperationRow& row : operation_rows) {
+            prepare(row.operation);
+            EXPECT_EQ(run(row.operation), EAS_OK) << row.name;
+            expect_all_or_nothing(row.operation, EAS_OK);
+        }
+        EXPECT_EQ(manager_.live_handles(), 0);
+    }
+
+    FaultyDriverManager& manager_ = FaultyDriverManager::load();
+};
+
+INSTANTIATE_TEST_SUITE_P(On, Outages, both_engines(), engine_suffix);
+
+TEST_P(Outages, AKilledProcessLeavesNoPartOfATag) {
+    std::minstd_rand random(5);
+    const int kills = soak() ? 2000 : 60;
+    for (int i = 0; i < kills; ++i) {
+        const pid_t child = ::fork();
+        if (child == 0) {
+            for (;;) {
+                run(Operation::remove);
+                run(Operation::generate);
+            }
+        }
+        ::usleep(static_cast<useconds_t>(random() % 20000));
+        ::kill(child, SIGKILL);
+        int status = 0;
+        ASSERT_EQ(::waitpid(child, &status, 0), child);
+        ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL);
+        expect_all_or_nothing(Operation::remove, EAS_OK);
+        ASSERT_FALSE(HasFailure()) << "kill " << i;
+    }
+    expect_all_in_order();
+    std::cout << kills << " processes killed\n";
+}
+
+TEST_P(Outages, WithoutDescriptorsACallFailsAndTheNextOneWorks) {
+    const auto open = static_cast<rlim_t>(open_descriptors());
+    rlimit usual{};
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &usual), 0);
+    int failed = 0;
+    for (rlim_t free = 0; free < 8; ++free) {
+        SCOPED_TRACE(free);
+        prepare(Operation::query);
+        const rlimit limit{open - 1 + free, usual.rlim_max};
+        ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &limit), 0);
+        const Codes codes = try_all();
+        ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &usual), 0);
+        for (const OperationRow& row : operation_rows) {
+            const int code = codes.at(static_cast<std::size_t>(row.operation));
+            EXPECT_TRUE(code <= 0 && code >= row.lowest_code) << row.name << " " << code;
+            failed += code != EAS_OK ? 1 : 0;
+        }
+        expect_all_in_order();
+    }
+    EXPECT_GT(failed, 5);
+}
+
+class SqliteOutages : public Outages {
+  protected:
+    /// The whole of /tmp is a small disk of this process's own.
+    void SetUp() override {
+        if (::unshare(CLONE_NEWNS) != 0 ||
+            ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+            ::mount("tmpfs", "/tmp", "tmpfs", 0, "size=1m") != 0)
+            GTEST_SKIP() << "needs a private mount namespace";
+        Outages::SetUp();
+    }
+
+    /// What the operations give while something is wrong; afterwards all is in order.
+    void expect_outage(const Codes& expected, const std::function<void()>& begin,
+                       const std::function<void()>& end) {
+        prepare(Operation::query);
+        begin();
+        const Codes codes = try_all();
+        end();
+        for (const OperationRow& row : operation_rows) {
+            const auto i = static_cast<std::size_t>(row.operation);
+            EXPECT_EQ(codes.at(i), expected.at(i)) << row.name;
+        }
+        expect_all_in_order();
+    }
+};
+
+INSTANTIATE_TEST_SUITE_P(On, SqliteOutages, ::testing::Values(Engine::sqlite), engine_suffix);
+
+TEST_P(SqliteOutages, EndInTheirCodesAndLeaveNothing) {
+    const fs::path file = database().folder() / "easdb.sqlite";
+    const fs::path filler = "/tmp/filler";
+    {
+        SCOPED_TRACE("full disk");
+        expect_outage(
+            {EAS_OK, EAS_TAG_EXISTS, EAS_OK, EAS_REMOVE_FAILED, EAS_OK},
+            [&] {
+                std::ofstream out(filler);
+                while (out << std::string(4096, 'x') << std::flush) {
+                }
+            },
+            [&] { fs::remove(filler); });
+    }
+    {
+        SCOPED_TRACE("read-only");
+        expect_outage(
+            {EAS_OK, EAS_TAG_EXISTS, EAS_OK, EAS_REMOVE_FAILED, EAS_OK},
+            [&] {
+                database().disconnect();
+                ASSERT_EQ(::mount(nullptr, "/tmp", nullptr, MS_REMOUNT | MS_RDONLY, nullptr), 0);
+            },
+            [&] {
+                ASSERT_EQ(::mount(nullptr, "/tmp", nullptr, MS_REMOUNT, nullptr), 0);
+                database().reconnect();
+            });
+    }
+    {
+        SCOPED_TRACE("locked");
+        expect_outage(
+            {EAS_NO_COEFFICIENTS, EAS_STORE_FAILED, EAS_QUERY_FAILED, EAS_REMOVE_FAILED,
+             EAS_NO_UNIQUE_TAG},
+            [&] { plain().run("begin exclusive"); }, [&] { plain().run("rollback"); });
+    }
+    {
+        SCOPED_TRACE("corrupt");
+        const fs::path good = database().folder() / "good";
+        fs::copy_file(file, good);
+        expect_outage(
+            {EAS_NO_COEFFICIENTS, EAS_STORE_FAILED, EAS_QUERY_FAILED, EAS_REMOVE_FAILED,
+             EAS_NO_UNIQUE_TAG},
+            [&] {
+                std::fstream out(file, std::ios::in | std::ios::out | std::ios::binary);
+                for (auto left = fs::file_size(file); left > 0; --left)
+                    out.put('\x5a');
+            },
+            [&] {
+                fs::copy_file(good, file, fs::copy_options::overwrite_existing);
+                database().reconnect();
+            });
+    }
+}
+
+/// A server of this test alone, which may crash.
+class PrivateServer {
+  protected:
+    PrivateServer() { ScratchDatabase::use_server(folder_); }
+    ~PrivateServer() {
+        server("stop");
+        fs::remove_all(folder_);
+    }
+
+    int server(const std::string& command) const {
+        return std::system((EAS_MARIADB_SCRIPT " " + command + " " + folder_ + " >&2").c_str());
+    }
+
+  private:
+    std::string folder_ = ::testing::TempDir() + "/eas-outage-" + std::to_string(::getpid());
+};
+
+class ServerOutages : private PrivateServer, public Outages {
+  protected:
+    void SetUp() override {
+        ASSERT_EQ(server("start"), 0);
+        Outages::SetUp();
+    }
+    using PrivateServer::server;
+};
+
+INSTANTIATE_TEST_SUITE_P(On, ServerOutages, ::testing::Values(Engine::mariadb), engine_suffix);
+
+TEST_P(ServerOutages, BetweenAndDuringCallsEndInTheirCodesAndLeaveNothing) {
+    ASSERT_EQ(server("crash"), 0);
+    const Codes none{EAS_NO_CONNECTION, EAS_NO_CONNECTION, EAS_NO_CONNECTION, EAS_NO_CONNECTION,
+                     EAS_NO_CONNECTION};
+    EXPECT_EQ(try_all(), none);
+    ASSERT_EQ(server("resume"), 0);
+    database().reconnect();
+    EXPECT_EQ(run(Operation::initialize), EAS_OK);
+    std::minstd_rand random(7);
+    for (int i = 0; i < (soak() ? 20 : 1); ++i) {
+        std::atomic<bool> crashed{false};
+        std::thread crash([&] {
+            ::usleep(static_cast<useconds_t>(random() % 200000));
+            EXPECT_EQ(server("crash"), 0);
+            crashed = true;
+        });
+        while (!crashed) {
+            for (const OperationRow& row : operation_rows) {
+                if (row.operation == Operation::initialize)
+                    continue;
+                const int code = run(row.operation);
+                EXPECT_TRUE(code <= 0 && code >= row.lowest_code) << row.name << " " << code;
+            }
+        }
+        crash.join();
+        EXPECT_EQ(manager_.live_handles(), 0);
+        ASSERT_EQ(server("resume"), 0);
+        database().reconnect();
+        expect_all_in_order();
+    }
+}
+
+}  // namespace
