@@ -32,7 +32,7 @@ class Blocks {
         ++count_;
     }
     void remove(const void* block) {
-        if (count_ == 0)
+        if (block == nullptr || count_ == 0)
             return;
         const Lock lock(busy_);
         std::size_t at = home(block);
