@@ -27,6 +27,10 @@ void eas_debug_printf(int fd, const std::string& msg);
 
 namespace eas {
 
+/// eas_initialize with the data source `dsn`; null: the one that the locator file names.
+int initialize(const char* dsn, const char* cluster_name, int default_frequency,
+               const char* threshold_file);
+
 /// Destroys what stood there before.
 void set_global_coeffs(std::unique_ptr<CoEfficients> coeffs) noexcept;
 void set_global_threshold(std::unique_ptr<EnergyPerfThreshold> threshold) noexcept;

@@ -97,14 +97,17 @@ int keep_thresholds(const char* threshold_file) {
     return EAS_OK;
 }
 
-int initialize(const char* cluster_name, int default_frequency, const char* threshold_file,
-               int& failure) {
+std::string located_dsn() {
+    std::string dsn = get_dsn();
+    return dsn.empty() ? defdsn : dsn;
+}
+
+int initialize(const char* dsn, const char* cluster_name, int default_frequency,
+               const char* threshold_file, int& failure) {
     if (!DBLibrary::init(odbc_lib))
         return EAS_NO_CONNECTION;
-    std::string dsn = get_dsn();
-    if (dsn.empty())
-        dsn = defdsn;
-    DBConnection::setDBinfo(dsn.c_str(), nullptr, nullptr, nullptr);
+    DBConnection::setDBinfo(dsn != nullptr ? dsn : located_dsn().c_str(), nullptr, nullptr,
+                            nullptr);
     eas::OwnedConnection conn = open_connection();
     if (!conn)
         return EAS_NO_CONNECTION;  // the driver manager stays loaded
@@ -297,6 +300,11 @@ int select_frequency(const char* cluster_name, int default_frequency, const char
 }  // namespace
 
 int eas_initialize(char* cluster_name, int default_frequency, char* threshold_file) {
+    return eas::initialize(nullptr, cluster_name, default_frequency, threshold_file);
+}
+
+int eas::initialize(const char* dsn, const char* cluster_name, int default_frequency,
+                    const char* threshold_file) {
     const eas::DeferCancellation until_done;
     uninitialize();
     if (cluster_name == nullptr || default_frequency < 1 || threshold_file == nullptr)
@@ -304,7 +312,7 @@ int eas_initialize(char* cluster_name, int default_frequency, char* threshold_fi
     return at_the_boundary(
         EAS_NO_CONNECTION,
         [&](int& failure) {
-            return initialize(cluster_name, default_frequency, threshold_file, failure);
+            return ::initialize(dsn, cluster_name, default_frequency, threshold_file, failure);
         },
         uninitialize);
 }
