@@ -27,6 +27,7 @@ void add_all_commands(CLI::App& app, Globals& globals) {
     [[maybe_unused]] CLI::App& model = add_model_commands(app, globals);
     add_threshold_commands(app, globals);
     add_doctor_command(app, globals);
+    add_tag_commands(app, globals);
 }
 
 /// Says what went wrong: for a person on standard error, with --json also as the result.

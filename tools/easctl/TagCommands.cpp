@@ -1,0 +1,254 @@
+// easctl tag: what the scheduler's functions do, for a person; and the commands that change tags.
+#include "tools/easctl/TagCommands.h"
+
+#include <unistd.h>
+
+#include <iostream>
+#include <map>
+
+#include "tools/easctl/JobsFile.h"
+#include "tools/easctl/Progress.h"
+
+namespace easctl {
+
+namespace {
+
+struct Generate {
+    LibraryOptions library;
+    TagRequest request;
+    std::string jobs;
+};
+
+Json as_json(const TagRequest& request) {
+    return {{"user", request.user}, {"tag", request.tag}, {"job_id", request.job_id}};
+}
+
+TagRequest request_of(const JobRow& row) {
+    return {std::string(row.user), std::string(row.tag), std::string(row.job_id),
+            row.counters,          row.elapsed_s,        row.power_w};
+}
+
+/// The tags of a jobs file: what can be made of it is made.
+class Generation {
+  public:
+    Generation(Globals& globals, Library& library, const std::string& path)
+        : globals_(globals),
+          library_(library),
+          jobs_(path, JobsFile::names | JobsFile::job | JobsFile::counters),
+          progress_("tags", jobs_.lines().bytes_total(), globals.quiet) {}
+
+    void run() {
+        JobRow row;
+        for (CsvFile::Step step{}; (step = jobs_.next(row)) != CsvFile::Step::end;) {
+            if (step == CsvFile::Step::row) {
+                generate(request_of(row));
+            } else {
+                failed({ExitCode::input, jobs_.problem()}, {{"where", jobs_.where()}});
+            }
+            progress_.update(jobs_.lines().bytes_read());
+        }
+        progress_.hide();
+        finish();
+    }
+
+  private:
+    void generate(const TagRequest& request) {
+        try {
+            library_.generate(request);
+        } catch (const Failure& failure) {
+            if (failure.code != ExitCode::refused)
+                throw;
+            failed({failure.code, jobs_.where() + ": " + failure.message, failure.hint},
+                   as_json(request));
+            return;
+        }
+        ++made_;
+        if (globals_.json) {
+            generated_.push_back(as_json(request));
+        } else {
+            progress_.hide();
+            print(printable("generated " + name_of_tag(request.user, request.tag) + " from job " +
+                            request.job_id) +
+                  '\n');
+        }
+    }
+
+    void failed(const Failure& failure, Json entry) {
+        progress_.hide();
+        remark(globals_, printable(failure.message));
+        entry["message"] = failure.message;
+        failed_.push_back(std::move(entry));
+    }
+
+    void finish() {
+        if (!failed_.empty())
+            globals_.outcome = ExitCode::found;
+        if (globals_.json) {
+            print_json({{"generated", std::move(generated_)}, {"failed", std::move(failed_)}});
+        } else {
+            remark(globals_, std::to_string(made_) + " tags generated, " +
+                                 std::to_string(failed_.size()) + " rows gave none");
+        }
+    }
+
+    Globals& globals_;
+    Library& library_;
+    JobsFile jobs_;
+    Progress progress_;
+    std::size_t made_ = 0;
+    Json generated_ = Json::array();
+    Json failed_ = Json::array();
+};
+
+void generate(Globals& globals, const Generate& options) {
+    const TagRequest& request = options.request;
+    if (options.jobs.empty() && (request.user.empty() || request.tag.empty())) {
+        throw Failure(ExitCode::usage, "what shall the tag be made of?",
+                      "give --jobs FILE, or --user, --tag, --job-id and the figures of the job");
+    }
+    Library library(options.library);
+    if (!options.jobs.empty()) {
+        Generation(globals, library, options.jobs).run();
+        return;
+    }
+    library.generate(request);
+    if (globals.json) {
+        print_json({{"generated", Json::array({as_json(request)})}, {"failed", Json::array()}});
+    } else {
+        print(printable("generated " + name_of_tag(request.user, request.tag) + " from job " +
+                        request.job_id) +
+              '\n');
+    }
+}
+
+struct Remove {
+    LibraryOptions library;
+    TagNames names;
+    bool all = false;
+    bool yes = false;
+};
+
+/// Asks on the terminal; without one the answer must have been given before.
+bool confirmed(const std::string& question) {
+    if (::isatty(STDIN_FILENO) != 1)
+        throw Failure(ExitCode::usage, question + " there is no terminal to ask on", "give --yes");
+    std::cerr << question << " [y/N] " << std::flush;
+    std::string answer;
+    std::getline(std::cin, answer);
+    return answer == "y" || answer == "Y" || answer == "yes";
+}
+
+void remove(Globals& globals, const Remove& options) {
+    const TagNames& names = options.names;
+    if (names.user.empty() && names.tag.empty() && !options.all) {
+        throw Failure(ExitCode::usage, "which tags?",
+                      "give --user, --tag or both; --all for every tag of the cluster");
+    }
+    Library library(options.library);
+    const std::size_t count = library.query(names.user, names.tag).size();
+    if (count > 1 && !options.yes &&
+        !confirmed("remove " + std::to_string(count) + " tags of cluster \"" + library.cluster() +
+                   "\" (" + name_of_tag(names.user, names.tag) + ")?")) {
+        remark(globals, "nothing was removed");
+        globals.outcome = ExitCode::found;
+        return;
+    }
+    const auto removed = library.remove(names.user, names.tag);
+    Json list = Json::array();
+    for (const auto& [user, tag] : removed) {
+        if (globals.json)
+            list.push_back({{"user", user}, {"tag", tag}});
+        else
+            print(printable("removed " + name_of_tag(user, tag)) + '\n');
+    }
+    if (globals.json)
+        print_json({{"removed", std::move(list)}});
+    else if (removed.empty())
+        remark(globals, "there is no " + name_of_tag(names.user, names.tag));
+}
+
+}  // namespace
+
+void TagNames::add_to(CLI::App& command, bool required) {
+    const std::string otherwise = required ? "" : " (default: all)";
+    command.add_option("--user", user, "owner of the tag" + otherwise)
+        ->required(required)
+        ->type_name("NAME");
+    command.add_option("--tag", tag, "name of the tag" + otherwise)
+        ->required(required)
+        ->type_name("NAME");
+}
+
+OneOrMany::OneOrMany(CLI::App& command, std::string& file, const std::string& description)
+    : command_(&command),
+      file_(command.add_option("--jobs", file, description)->type_name("FILE")) {}
+
+void OneOrMany::check() const {
+    for (const CLI::Option* single : singles_) {
+        if (file_->count() > 0 && single->count() > 0)
+            throw Failure(ExitCode::usage, single->get_name() + " and --jobs exclude each other",
+                          "the jobs file names them in a column");
+    }
+}
+
+void add_format_option(CLI::App& command, Format& format) {
+    static const std::map<std::string, Format> formats{{"table", Format::table},
+                                                       {"csv", Format::csv}};
+    command
+        .add_option_function<std::string>(
+            "--format", [&format](const std::string& name) { format = formats.at(name); },
+            "table or csv")
+        ->check(CLI::IsMember({"table", "csv"}))
+        ->type_name("FORMAT");
+}
+
+void add_tag_generate(CLI::App& group, Globals& globals) {
+    const auto options = std::make_shared<Generate>();
+    CLI::App& command = add_command(
+        group, "generate", "make tags of jobs that ran at the default frequency",
+        "easctl tag generate --jobs jobs.csv --thresholds /etc/eas/thresholds.conf\n"
+        "easctl tag generate --user anna --tag hpl --job-id 1001.0 --cycles 6.624e13 \\\n"
+        "    --instructions 1.5558e14 --memory-bytes 9.957e12 --elapsed 1800 --power 300.3");
+    options->library.add_to(command);
+    TagRequest& request = options->request;
+    OneOrMany given(command, options->jobs,
+                    "CSV file of jobs, - for standard input; its header names the columns\n"
+                    "user, tag, job_id, cycles, instructions, memory_bytes, elapsed_s, power_w");
+    given.add("--user", request.user, "owner of the tag", "NAME");
+    given.add("--tag", request.tag, "name of the tag", "NAME");
+    given.add("--job-id", request.job_id, "the job that was measured", "ID");
+    given.add("--cycles", request.counters[0], "processor cycles", "N");
+    given.add("--instructions", request.counters[1], "instructions", "N");
+    given.add("--memory-bytes", request.counters[2], "bytes of memory traffic", "N");
+    given.add("--elapsed", request.elapsed_s, "run time", "S");
+    given.add("--power", request.power_w, "mean power of a node", "W");
+    command.callback([options, given, &globals] {
+        given.check();
+        generate(globals, *options);
+    });
+}
+
+void add_tag_remove(CLI::App& group, Globals& globals) {
+    const auto options = std::make_shared<Remove>();
+    CLI::App& command =
+        add_command(group, "remove", "remove tags, and print which",
+                    "easctl tag remove --user anna --tag hpl\neasctl tag remove --user anna --yes");
+    options->library.add_to(command);
+    options->names.add_to(command, false);
+    command.add_flag("--all", options->all, "every tag of the cluster and default frequency");
+    command.add_flag("-y,--yes", options->yes, "do not ask before more than one tag is removed");
+    command.callback([options, &globals] { remove(globals, *options); });
+}
+
+void add_tag_commands(CLI::App& app, Globals& globals) {
+    CLI::App& group =
+        add_group(app, "tag", "energy policy tags: what past jobs are predicted to do");
+    add_tag_generate(group, globals);
+    add_tag_list(group, globals);
+    add_tag_show(group, globals);
+    add_tag_select(group, globals);
+    add_tag_verify(group, globals);
+    add_tag_remove(group, globals);
+}
+
+}  // namespace easctl
