@@ -4,6 +4,7 @@
 #include "tools/easctl/JobsFile.h"
 #include "tools/easctl/TagCommands.h"
 #include "tools/easctl/TagVerify.h"
+#include "tools/easctl/Units.h"
 
 namespace easctl {
 
@@ -116,7 +117,7 @@ class Verifier {
         };
         add(verification.power, 1.0, 1, limits_.power);
         add(verification.time, 1.0, 0, limits_.time);
-        add(verification.energy, 3.6e6, 4, limits_.energy);
+        add(verification.energy, joules_per_kwh, 4, limits_.energy);
         row.push_back(describes ? Cell("ok", Style::good) : Cell("STALE", Style::bad));
         table_.add(std::move(row));
     }

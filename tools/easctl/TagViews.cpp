@@ -6,12 +6,11 @@
 #include "tools/easctl/TagCommands.h"
 #include "tools/easctl/TagExplain.h"
 #include "tools/easctl/TradeOffPlot.h"
+#include "tools/easctl/Units.h"
 
 namespace easctl {
 
 namespace {
-
-constexpr double joules_per_kwh = 3.6e6;
 
 struct View {
     LibraryOptions library;

@@ -5,12 +5,11 @@
 #include "interface/FrequencyPolicy.h"
 #include "tools/easctl/Gnuplot.h"
 #include "tools/easctl/Output.h"
+#include "tools/easctl/Units.h"
 
 namespace easctl {
 
 namespace {
-
-constexpr double joules_per_kwh = 3.6e6;
 
 /// One point of the curve: run time, energy and, as its label, the frequency.
 std::string point(const EnergyTag& tag, std::size_t i) {
@@ -48,7 +47,7 @@ std::string trade_off_plot(const EnergyTag& tag, const EnergyPerfThreshold& thre
               plot_text("Tag \"" + tag.energy_tag_name() + "\" of " + tag.user_name() + " on " +
                         tag.cluster_name() + ": what each frequency costs") +
               "\nset xlabel 'Run time (s)'\nset ylabel 'Energy of a node (kWh)'\n"
-              "set grid lc rgb '#dddddd'\nset key below\n"
+              "set grid lt 1 lc rgb '#dddddd'\nset key below\n"
               "set offsets graph 0.04, graph 0.06, graph 0.08, graph 0.04\n"
               "plot $curve using 1:2 with linespoints lc rgb '#5a6b7b' lw 1.5 pt 7 ps 0.6"
               " title 'predicted', \\\n"

@@ -28,6 +28,7 @@ void add_all_commands(CLI::App& app, Globals& globals) {
     add_threshold_commands(app, globals);
     add_doctor_command(app, globals);
     add_tag_commands(app, globals);
+    add_simulate_command(app, globals);
 }
 
 /// Says what went wrong: for a person on standard error, with --json also as the result.
