@@ -17,9 +17,12 @@ constexpr double most_runs = 1e15;  // a double still counts every one
 
 JobsFile::JobsFile(std::string path, unsigned needs, const std::string& class_column)
     : csv_(std::move(path)) {
-    user_ = find("user", (needs & names) != 0);
-    tag_ = find("tag", (needs & names) != 0);
-    job_ = find("job_id", (needs & job) != 0);
+    if ((needs & names) != 0) {
+        user_ = find("user", true);
+        tag_ = find("tag", true);
+    }
+    if ((needs & job) != 0)
+        job_ = find("job_id", true);
     for (std::size_t i = 0; i < counters_.size(); ++i)
         counters_[i] = find(counter_names[i], (needs & counters) != 0);
     elapsed_ = find("elapsed_s", true);

@@ -20,7 +20,7 @@
 
 namespace easctl {
 
-/// One job. The texts are valid until the next row.
+/// One job. The texts are valid until the next row; those that nobody needs are empty.
 struct JobRow {
     std::string_view user;
     std::string_view tag;

@@ -1,0 +1,185 @@
+#!/usr/bin/env python3
+"""Holds `easctl simulate` against an independent calculation; --large: a million rows.
+
+usage: simulate.py EASCTL CLUSTER_FOLDER [--large]
+"""
+
+import csv
+import json
+import math
+import os
+import resource
+import subprocess
+import sys
+import tempfile
+import time
+
+LIMIT = 5.0  # percent, of thresholds.conf
+DEMANDED = {2400000: -0.01, 2500000: -0.03, 2600000: -0.06, 2700000: -0.10}
+LARGE_ROWS = 1_000_000
+MOST_MEMORY_KIB = 64 * 1024  # well below what a million jobs would take; Python itself counts
+MOST_SECONDS = 60
+
+
+def read_model(path):
+    rows = {}
+    with open(path, encoding="ascii") as file:
+        for line in file:
+            if not line.startswith("#"):
+                khz, values = line.split(":")
+                rows[int(khz)] = [float(value) for value in values.split(",")]
+    return rows, next(khz for khz, values in rows.items() if not any(values))
+
+
+def predict(model, default, job):
+    """khz -> (W, s, energy change, time change)"""
+    power, seconds = float(job["power_w"]), int(job["elapsed_s"])
+    cpi = float(job["cycles"]) / float(job["instructions"])
+    lines = float(job["memory_bytes"]) / float(job["instructions"]) / 64.0
+    result = {}
+    for khz, (a, b, c, d, e, f) in model.items():
+        if khz == default:
+            result[khz] = (power, seconds, 0.0, 0.0)
+            continue
+        watts = a * power + b * lines + c
+        there = int(seconds * (d * cpi + e * lines + f) / cpi * default / khz)
+        change = watts * there / (power * seconds) - 1.0
+        result[khz] = (watts, there, change, there / seconds - 1.0)
+    return result
+
+
+def select(rows, default, policy, limit, demanded):
+    if policy == "minimize_energy":
+        fit = [k for k, r in rows.items() if k <= default and r[3] <= limit / 100.0 + 1e-7]
+        best = min(fit, key=lambda k: (rows[k][2], k), default=default)
+        return best if rows[best][2] < 0.0 else default
+    fit = [k for k, r in rows.items() if k in demanded and r[3] <= demanded[k] + 1e-7]
+    return max(fit, default=default)
+
+
+def swept_demand(model, default, percent):
+    above = [khz for khz in sorted(model) if khz >= default]
+    return {k: -percent / 100.0 * i / (len(above) - 1) for i, k in enumerate(above)}
+
+
+def run(easctl, *arguments, code=0):
+    result = subprocess.run([easctl, "simulate", *arguments], capture_output=True, text=True,
+                            timeout=MOST_SECONDS, check=False)
+    assert result.returncode == code, (arguments, result.returncode, result.stderr)
+    return result
+
+
+def check_totals(result, jobs, model, default):
+    """Every sum of every class and policy, from the jobs themselves."""
+    classes = {entry["class"]: entry for entry in result["classes"]}
+    assert set(classes) == {job["class"] for job in jobs}
+    classes[None] = result["total"]
+    for name, entry in classes.items():
+        for outcome in entry["policies"]:
+            percent = outcome.get("threshold_pct", LIMIT)
+            demanded = DEMANDED
+            if "threshold_pct" in outcome:
+                demanded = swept_demand(model, default, percent)
+            energy, seconds, runs, changed = 0.0, 0.0, 0, 0
+            for job in jobs:
+                if name not in (None, job["class"]):
+                    continue
+                count = int(job["count"])
+                rows = predict(model, default, job)
+                khz = select(rows, default, outcome["policy"], percent, demanded)
+                energy += count * rows[khz][0] * rows[khz][1]
+                seconds += count * rows[khz][1]
+                runs += count
+                changed += count if khz != default else 0
+            where = (name, outcome)
+            assert entry["runs"] == runs, where
+            assert outcome["runs_changed"] == changed, where
+            assert math.isclose(outcome["energy_j"], energy, rel_tol=1e-9), (where, energy)
+            assert math.isclose(outcome["time_s"], seconds, rel_tol=1e-9), (where, seconds)
+
+
+def write_jobs(path, jobs, bad=()):
+    with open(path, "w", encoding="ascii", newline="") as file:
+        writer = csv.DictWriter(file, fieldnames=list(jobs[0]))
+        writer.writeheader()
+        writer.writerows(jobs)
+        file.writelines(bad)
+
+
+def sample_jobs(folder):
+    with open(os.path.join(folder, "jobs.csv"), encoding="ascii") as file:
+        jobs = list(csv.DictReader(file))
+    for number, job in enumerate(jobs):
+        job["count"] = str(7 * number + 1)
+        job["class"] = "memory, mostly" if number > 3 else "core"
+    return jobs
+
+
+def small(easctl, folder, scratch):
+    model_file = os.path.join(folder, "coefficients.txt")
+    thresholds = ("--thresholds", os.path.join(folder, "thresholds.conf"))
+    model, default = read_model(model_file)
+    jobs = sample_jobs(folder)
+    path = os.path.join(scratch, "jobs.csv")
+    source = (path, "--model", model_file)
+    write_jobs(path, jobs, bad=["x,y,z\n", ",,,,1e12,0,1e9,100,200,1,core\n"])
+
+    plain = run(easctl, *source, *thresholds, "--json")
+    result = json.loads(plain.stdout)
+    check_totals(result, jobs, model, default)
+    assert result["rows_left_out"] == 2, result
+    assert f"{path}:8: 3 fields, but the header names 11 columns" in plain.stderr, plain.stderr
+    assert f"{path}:9: the figures of this job allow no prediction" in plain.stderr, plain.stderr
+    run(easctl, *source, *thresholds, "--strict", code=3)
+
+    swept = json.loads(run(easctl, *source, "--sweep", "0:20:2.5", "--json").stdout)
+    assert len(swept["total"]["policies"]) == 2 * 9
+    check_totals(swept, jobs, model, default)
+
+    text = run(easctl, *source, *thresholds, "--class-column", "name", "--policy",
+               "minimize_energy").stdout
+    assert "stream-triad" in text and "minimize_time" not in text, text
+    table = run(easctl, *source, *thresholds, "--format", "csv").stdout.splitlines()
+    assert len(list(csv.reader(table))) == 1 + 3 * 2, table
+    for more in ((), ("--sweep", "0:20:1")):
+        picture = os.path.join(scratch, "savings.svg")
+        run(easctl, *source, *thresholds, *more, "--plot", picture)
+        with open(picture, encoding="utf-8") as file:
+            drawn = file.read()
+        assert "memory, mostly" in drawn and "</svg>" in drawn, drawn[:500]
+
+    run(easctl, *source, code=2)
+    for sweep in ("0:20", "5:1:1", "0:20:0", "0:200:1", "0:20:1e-9", "a:b:c"):
+        run(easctl, *source, "--sweep", sweep, code=2)
+    run(easctl, "/nowhere", *source[1:], *thresholds, code=3)
+
+
+def large(easctl, folder, scratch):
+    """Constant memory and bounded time, whatever the number of rows and of classes."""
+    model_file = os.path.join(folder, "coefficients.txt")
+    jobs = sample_jobs(folder)
+    path = os.path.join(scratch, "large.csv")
+    lines = [",".join(list(job.values())[:-1]) for job in jobs]
+    with open(path, "w", encoding="ascii") as file:
+        file.write(",".join(jobs[0]) + "\n")
+        file.writelines(f"{lines[i % len(lines)]},class {i}\n" for i in range(LARGE_ROWS))
+    start = time.monotonic()
+    result = json.loads(run(easctl, path, "--model", model_file, "--sweep", "0:10:1",
+                            "--json").stdout)
+    seconds = time.monotonic() - start
+    kib = resource.getrusage(resource.RUSAGE_CHILDREN).ru_maxrss
+    print(f"{LARGE_ROWS} rows: {seconds:.1f} s, {kib} KiB")
+    assert result["total"]["jobs"] == LARGE_ROWS
+    assert len(result["classes"]) == 1001  # and one of all others
+    assert kib < MOST_MEMORY_KIB, kib
+
+
+def main(arguments):
+    with tempfile.TemporaryDirectory() as scratch:
+        if arguments[2:] == ["--large"]:
+            large(arguments[0], arguments[1], scratch)
+        else:
+            small(arguments[0], arguments[1], scratch)
+
+
+main(sys.argv[1:])
