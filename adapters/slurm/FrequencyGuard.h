@@ -1,0 +1,24 @@
+// FrequencyGuard.h - sets the frequency of a node's CPUs, and sets them back as they were. What
+// they were is read before anything changes; the caller keeps it, so that another process can set
+// it back. KHz. Needs root; errors are std::runtime_error.
+#pragma once
+
+#include <vector>
+
+#include "adapters/slurm/EasLibrary.h"
+#include "adapters/slurm/JobRecord.h"
+
+namespace eas::slurm {
+
+/// Governor and speed of every CPU of the node.
+std::vector<CpuSetting> read_settings(const EasLibrary& library);
+
+/// Fixes every CPU of `settings` at `frequency`. When one refuses, all are set back first.
+void apply_frequency(const EasLibrary& library, const std::vector<CpuSetting>& settings,
+                     int frequency);
+
+/// Sets the CPUs back, by the kernel's files alone: the library may have gone in the meantime.
+/// All are tried, whichever fail.
+void restore(const std::vector<CpuSetting>& settings);
+
+}  // namespace eas::slurm

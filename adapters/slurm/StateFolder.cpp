@@ -1,0 +1,130 @@
+// The folder of the job records: every name is looked up in a folder that was checked, no link is
+// followed.
+#include <dirent.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <charconv>
+#include <chrono>
+#include <cstring>
+#include <memory>
+#include <stdexcept>
+#include <string_view>
+
+#include "adapters/slurm/JobRecord.h"
+
+namespace eas::slurm {
+namespace {
+
+constexpr std::string_view kPrefix = "job-";
+
+std::string name_of(uint32_t job) {
+    return std::string(kPrefix) + std::to_string(job);
+}
+
+[[noreturn]] void fail(const std::string& what) {
+    throw std::runtime_error(what + ": " + std::strerror(errno));
+}
+
+/// Text of an open file; a record is a few hundred bytes per CPU at most.
+std::string read_text(int fd) {
+    std::string text;
+    std::array<char, 4096> part;
+    for (ssize_t got = 0; (got = ::read(fd, part.data(), part.size())) != 0;) {
+        if (got < 0 && errno != EINTR)
+            fail("reading a job's record");
+        if (got > 0)
+            text.append(part.data(), static_cast<size_t>(got));
+    }
+    return text;
+}
+
+void write_at_once(int fd, const std::string& text) {
+    if (::write(fd, text.data(), text.size()) != static_cast<ssize_t>(text.size()))
+        fail("writing a job's record");
+}
+
+}  // namespace
+
+StateFolder::StateFolder(const std::string& path) {
+    if (::mkdir(path.c_str(), 0700) != 0 && errno != EEXIST)
+        fail(path);
+    folder_ = Descriptor(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    struct stat status {};
+    if (!folder_.is_open() || ::fstat(folder_.get(), &status) != 0)
+        fail(path);
+    if (status.st_uid != ::geteuid() || (status.st_mode & 077) != 0)
+        throw std::runtime_error(path + ": must belong to root, mode 0700");
+}
+
+Descriptor StateFolder::lock(int seconds) const {
+    Descriptor file(
+        ::openat(folder_.get(), "lock", O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
+    if (!file.is_open())
+        fail("the lock of the records");
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
+    while (::flock(file.get(), LOCK_EX | LOCK_NB) != 0) {
+        if (errno != EWOULDBLOCK || std::chrono::steady_clock::now() > deadline)
+            fail("the lock of the records");
+        ::poll(nullptr, 0, 10);
+    }
+    return file;
+}
+
+void StateFolder::create(const JobRequest& request) const {
+    remove(request.job);
+    const Descriptor file(::openat(folder_.get(), name_of(request.job).c_str(),
+                                   O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+    if (!file.is_open())
+        fail("a record for the job");
+    write_at_once(file.get(), line::request(request));
+}
+
+void StateFolder::append(uint32_t job, const std::string& lines) const {
+    const Descriptor file(::openat(folder_.get(), name_of(job).c_str(),
+                                   O_WRONLY | O_APPEND | O_NOFOLLOW | O_CLOEXEC));
+    if (!file.is_open())
+        fail("the job's record");
+    write_at_once(file.get(), lines);
+}
+
+std::optional<JobRecord> StateFolder::read(uint32_t job) const {
+    const Descriptor file(
+        ::openat(folder_.get(), name_of(job).c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
+    if (!file.is_open() && errno == ENOENT)
+        return std::nullopt;
+    if (!file.is_open())
+        fail("the job's record");
+    return parse_record(read_text(file.get()));
+}
+
+std::vector<uint32_t> StateFolder::jobs() const {
+    std::vector<uint32_t> found;
+    const int listed = ::openat(folder_.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    const std::unique_ptr<DIR, int (*)(DIR*)> entries(::fdopendir(listed), ::closedir);
+    if (entries == nullptr)
+        fail("the folder of the records");
+    while (const dirent* entry = ::readdir(entries.get())) {
+        std::string_view name = entry->d_name;
+        if (name.substr(0, kPrefix.size()) != kPrefix)
+            continue;
+        name.remove_prefix(kPrefix.size());
+        uint32_t job = 0;
+        const auto [end, error] = std::from_chars(name.data(), name.data() + name.size(), job);
+        if (error == std::errc{} && end == name.data() + name.size())
+            found.push_back(job);
+    }
+    return found;
+}
+
+void StateFolder::remove(uint32_t job) const {
+    if (::unlinkat(folder_.get(), name_of(job).c_str(), 0) != 0 && errno != ENOENT)
+        fail("removing a job's record");
+}
+
+}  // namespace eas::slurm
