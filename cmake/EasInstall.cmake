@@ -1,6 +1,8 @@
-# What `cmake --install` lays down: library, headers, CMake package, pkg-config file.
+# What `cmake --install` lays down: library, headers, CMake package, pkg-config file, examples,
+# schemas, guides, manual pages. The components are those of the packages (EasPackages).
 
 include(CMakePackageConfigHelpers)
+include(EasManPages)
 
 install(TARGETS eas EXPORT eas-targets
         LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
@@ -21,4 +23,16 @@ install(FILES ${PROJECT_BINARY_DIR}/eas-config.cmake ${PROJECT_BINARY_DIR}/eas-c
 file(RELATIVE_PATH EAS_PC_TO_PREFIX /prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig /prefix)
 configure_file(cmake/eas.pc.in eas.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/eas.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig
+        COMPONENT development)
+
+# The samples keep their places towards each other: load-sqlite finds the schema in ../../sql.
+set(data_dir ${CMAKE_INSTALL_DATADIR}/eas)
+install(FILES examples/scheduler.c examples/node_daemon.c DESTINATION ${data_dir}/examples
+        COMPONENT development)
+install(DIRECTORY examples/cluster examples/odbc DESTINATION ${data_dir}/examples COMPONENT tools
+        USE_SOURCE_PERMISSIONS)
+install(DIRECTORY sql DESTINATION ${data_dir} COMPONENT tools)
+install(DIRECTORY docs/ DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/eas COMPONENT tools
+        FILES_MATCHING PATTERN "*.md" PATTERN man EXCLUDE PATTERN developer-guide.md EXCLUDE)
+install(FILES docs/developer-guide.md DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/eas
         COMPONENT development)
