@@ -1,0 +1,115 @@
+#!/usr/bin/env bash
+# Makes the Debian packages, unpacks them into a clean root, and works there as a user of them would:
+# builds the example against each kind of package file and runs it on a database of its own.
+#
+# usage: packages.sh BUILD_FOLDER
+set -euo pipefail
+
+build=$1
+scratch=$(mktemp -d)
+trap 'rm -rf "$scratch"' EXIT
+root=$scratch/root
+
+fail() {
+    echo "packages: $*" >&2
+    exit 1
+}
+
+# quietly COMMAND...: shows what it said only when it fails.
+quietly() {
+    "$@" >"$scratch/log" 2>&1 || {
+        cat "$scratch/log" >&2
+        fail "$*"
+    }
+}
+
+package() {
+    ls "$scratch/packages/$1"_*.deb
+}
+
+# has PACKAGE FILE...: the package, and no other one, brings each of these files (patterns).
+has() {
+    local name=$1 file owners
+    shift
+    for file in "$@"; do
+        owners=$(grep -lxE "/usr/$file" "$scratch"/files/* | xargs -rn1 basename | xargs)
+        [ "$owners" = "$name" ] || fail "/usr/$file is in: $owners; should be in $name"
+    done
+}
+
+# field PACKAGE FIELD PATTERN
+field() {
+    dpkg-deb -f "$(package "$1")" "$2" | grep -qE "$3" ||
+        fail "$1: $2 does not say $3: $(dpkg-deb -f "$(package "$1")" "$2")"
+}
+
+echo "making the packages"
+quietly cpack --config "$build/CPackConfig.cmake" -B "$scratch/packages"
+mkdir -p "$root" "$scratch/files"
+for name in libeas1 libeas-dev eas-tools; do
+    dpkg-deb -x "$(package $name)" "$root"
+    dpkg-deb -c "$(package $name)" | grep -v '/$' | awk '{ print substr($6, 2) }' \
+        >"$scratch/files/$name"
+done
+
+echo "what is in them"
+lib='lib(/[^/]+)?'
+has libeas1 "$lib/libeas\.so\.1" "$lib/libeas\.so\.1\.[0-9.]+" 'share/doc/libeas1/copyright'
+has libeas-dev "$lib/libeas\.so" "$lib/pkgconfig/eas\.pc" "$lib/cmake/eas/eas-config\.cmake" \
+    'include/eas/(interface|EasMisc|EnergyUtil)\.h' 'share/eas/examples/scheduler\.c' \
+    'share/man/man3/eas_(initialize|remove_tag)\.3\.gz' 'share/doc/eas/developer-guide\.md'
+has eas-tools 'share/eas/sql/(sqlite|mariadb)\.sql' 'share/eas/examples/odbc/cfgloc' \
+    'share/man/man5/eas-thresholds\.5\.gz' 'share/doc/eas/administrator-guide\.md'
+if [ -x "$build/bin/easctl" ]; then
+    has eas-tools 'bin/easctl' 'share/man/man1/easctl\.1\.gz' \
+        'share/bash-completion/completions/easctl' 'share/zsh/vendor-completions/_easctl'
+    "$root/usr/bin/easctl" --version
+fi
+[ -z "$(sort "$scratch"/files/* | uniq -d)" ] || fail "a file is in two packages"
+dangling=$(find "$root" -xtype l)
+[ -z "$dangling" ] || fail "links that lead nowhere: $dangling"
+
+echo "what they need"
+field libeas1 Depends '(^|, )unixodbc-dev(,|$)'
+field libeas1 Depends 'libc6 \(>='
+field libeas1 Recommends 'libsqliteodbc \| odbc-mariadb'
+field eas-tools Depends '(^|, )unixodbc-dev(,|$)'
+field libeas-dev Depends "^libeas1 \(= $(dpkg-deb -f "$(package libeas1)" Version)\)"
+# The dependency is there for this one name.
+dpkg -L unixodbc-dev | grep -q '/libodbc\.so$' || fail "unixodbc-dev has no libodbc.so"
+# The solver that an administrator will use agrees; nothing is installed.
+quietly apt-get install --simulate --no-install-recommends "$scratch"/packages/*.deb
+# Not for Debian's archive, so no bug is closed; and CPack always adds a call of ldconfig to the
+# trigger that lintian asks for.
+quietly lintian --allow-root --fail-on error,warning --tag-display-limit 0 \
+    --suppress-tags initial-upload-closes-no-bugs,maintscript-calls-ldconfig \
+    "$scratch"/packages/*.deb
+
+echo "the example, built against them"
+libdir=$(dirname "$(find "$root" -name libeas.so.1)")
+source=$root/usr/share/eas/examples/scheduler.c
+read -ra flags <<<"$(PKG_CONFIG_PATH=$libdir/pkgconfig pkg-config --cflags --libs eas)"
+quietly cc -std=c11 "$source" -o "$scratch/by-pkg-config" "-Wl,-rpath,$libdir" "${flags[@]}"
+mkdir "$scratch/project"
+cat >"$scratch/project/CMakeLists.txt" <<'PROJECT'
+cmake_minimum_required(VERSION 3.22)
+project(client LANGUAGES C)
+find_package(eas 1.0 REQUIRED)
+add_executable(by-cmake ${SOURCE})
+target_link_libraries(by-cmake PRIVATE eas::eas)
+PROJECT
+quietly cmake -S "$scratch/project" -B "$scratch/project/build" -DCMAKE_PREFIX_PATH="$root/usr" \
+    -DSOURCE="$source"
+quietly cmake --build "$scratch/project/build"
+
+echo "the example at work, on what the tools package brings"
+cluster=$root/usr/share/eas/examples/cluster
+quietly "$cluster/load-sqlite" "$scratch/cluster"
+# shellcheck disable=SC1091
+. "$scratch/cluster/environment"
+for program in "$scratch/by-pkg-config" "$scratch/project/build/by-cmake"; do
+    ldd "$program" | grep -qF "$root/usr/lib" || fail "$program does not use the unpacked library"
+    "$program" --thresholds "$cluster/thresholds.conf" --jobs "$cluster/jobs.csv" \
+        >"$scratch/output" || fail "$program failed"
+    grep -q minimize_energy "$scratch/output"
+done
