@@ -44,7 +44,8 @@ field() {
 }
 
 echo "making the packages"
-quietly cpack --config "$build/CPackConfig.cmake" -B "$scratch/packages"
+quietly cpack --config "$build/CPackConfig.cmake" -B "$scratch/packages" \
+    -D CPACK_DEBIAN_COMPRESSION_TYPE=gzip
 mkdir -p "$root" "$scratch/files"
 for name in libeas1 libeas-dev eas-tools; do
     dpkg-deb -x "$(package $name)" "$root"

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "tools/easctl/Command.h"
+#include "tools/easctl/CommandTree.h"
 
 namespace easctl {
 namespace {
@@ -87,5 +88,6 @@ int main(int argc, char** argv) {
         "\"easctl COMMAND --help\" shows the options of a command, with examples.");
     easctl::add_global_options(app, globals);
     easctl::add_all_commands(app, globals);
+    easctl::add_completion_command(app);
     return easctl::run(app, globals, argc, argv);
 }
