@@ -112,6 +112,17 @@ configuration; the guides.")
 set(CPACK_DEBIAN_SLURM_PACKAGE_SECTION admin)
 set(CPACK_DEBIAN_SLURM_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_SLURM_PACKAGE_DEPENDS "${library_package} (= ${version})")
+# Slurm loads plugins of its own release only: 0x160508 is 22.05.8, any 22.05 will do.
+if(EXISTS "${SLURM_INCLUDE_DIR}/slurm/slurm_version.h")
+    file(STRINGS ${SLURM_INCLUDE_DIR}/slurm/slurm_version.h line REGEX "SLURM_VERSION_NUMBER 0x")
+    string(REGEX MATCH "0x(..)(..).." line "${line}")
+    math(EXPR year "0x${CMAKE_MATCH_1}")
+    math(EXPR month "0x${CMAKE_MATCH_2}")
+    string(REGEX MATCH "..$" month 0${month})
+    string(APPEND CPACK_DEBIAN_SLURM_PACKAGE_DEPENDS
+           ", slurm-wlm-basic-plugins (>= ${year}.${month})"
+           ", slurm-wlm-basic-plugins (<< ${year}.${month}.99)")
+endif()
 set(CPACK_COMPONENT_SLURM_DESCRIPTION "energy-aware job scheduling: Slurm adapter
 ${about}
 .

@@ -54,7 +54,7 @@ check() {
         for shell in bash zsh; do
             grep -qxe "$name" "$scratch/$shell" || problem "easctl $*: $shell does not offer $name"
         done
-        [[ $name == -h || $name == --help ]] || section "$@" | grep -qFe "$name" ||
+        [[ $name == -h || $name == --help ]] || section "$@" | grep -Fe "$name" >"$scratch/log" ||
             problem "easctl $*: the manual page has no $name"
     done < <(cat "$scratch/options" "$scratch/commands")
     mapfile -t below <"$scratch/commands"

@@ -47,10 +47,10 @@ echo "making the packages"
 quietly cpack --config "$build/CPackConfig.cmake" -B "$scratch/packages" \
     -D CPACK_DEBIAN_COMPRESSION_TYPE=gzip
 mkdir -p "$root" "$scratch/files"
-for name in libeas1 libeas-dev eas-tools; do
-    dpkg-deb -x "$(package $name)" "$root"
-    dpkg-deb -c "$(package $name)" | grep -v '/$' | awk '{ print substr($6, 2) }' \
-        >"$scratch/files/$name"
+for deb in "$scratch"/packages/*.deb; do
+    dpkg-deb -x "$deb" "$root"
+    dpkg-deb -c "$deb" | grep -v '/$' | awk '{ print substr($6, 2) }' \
+        >"$scratch/files/$(dpkg-deb -f "$deb" Package)"
 done
 
 echo "what is in them"
@@ -65,6 +65,10 @@ if [ -x "$build/bin/easctl" ]; then
     has eas-tools 'bin/easctl' 'share/man/man1/easctl\.1\.gz' \
         'share/bash-completion/completions/easctl' 'share/zsh/vendor-completions/_easctl'
     "$root/usr/bin/easctl" --version
+fi
+if grep -q '^EAS_SLURM_PLUGIN_DIR:' "$build/CMakeCache.txt"; then
+    has libeas-slurm "$lib/slurm-wlm/eas\.so"
+    field libeas-slurm Depends "^libeas1 \(= .*slurm-wlm-basic-plugins \(>= [0-9]"
 fi
 [ -z "$(sort "$scratch"/files/* | uniq -d)" ] || fail "a file is in two packages"
 dangling=$(find "$root" -xtype l)

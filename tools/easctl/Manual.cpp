@@ -13,6 +13,16 @@ std::string literal(const std::string& text) {
     return (request ? "\\&" : "") + result;
 }
 
+/// Running text: mdoc wants each sentence on a line of its own.
+std::string sentences(std::string text) {
+    std::string lines;
+    for (std::size_t end = 0; (end = text.find(". ")) != std::string::npos;) {
+        lines += literal(text.substr(0, end + 1)) + '\n';
+        text.erase(0, end + 2);
+    }
+    return lines + literal(text);
+}
+
 /// An argument of a macro: one that is called like a macro must not be taken for it.
 std::string argument(const std::string& text) {
     std::string result = "\"\\&";
@@ -38,7 +48,7 @@ std::string option_list(const std::vector<OptionEntry>& options) {
     for (const OptionEntry& option : options) {
         if (option.names.back() == "--help")
             continue;
-        items += ".It " + spelled(option) + '\n' + literal(option.text);
+        items += ".It " + spelled(option) + '\n' + sentences(option.text);
         for (std::size_t i = 0; i < option.choices.size(); ++i)
             items += (i == 0 ? "; one of " : ", ") + literal(option.choices[i]);
         items += '\n';
@@ -58,7 +68,7 @@ std::string synopsis(const CommandEntry& command) {
 std::string section(const CommandEntry& command) {
     std::string text;
     if (command.commands.empty()) {
-        text = synopsis(command) + literal(command.text) + '\n' + option_list(command.options);
+        text = synopsis(command) + sentences(command.text) + '\n' + option_list(command.options);
         if (!command.examples.empty())
             text += ".Pp\n";
         for (const std::string& example : command.examples)
