@@ -44,6 +44,8 @@ OptionEntry entry_of(const CLI::Option& option) {
     }
     entry.choices = choices_of(type);
     entry.text = one_line(option.get_description());
+    if (!option.get_envname().empty())
+        entry.text += " (else from the environment: " + option.get_envname() + ')';
     return entry;
 }
 
