@@ -242,7 +242,8 @@ TEST_F(Connection, RefusedDisconnectLeavesNoHandle) {
     const std::vector<Row> rows{
         {"SQLDisconnect", {SQL_ERROR}, 0},
         {"SQLDisconnect", {SQL_STILL_EXECUTING}, -1},  // the free is then refused at first
-        {"SQLDisconnect", {SQL_ERROR, SQL_INVALID_HANDLE}, -2},
+        {"SQLDisconnect", {SQL_ERROR, SQL_INVALID_HANDLE}, 0},
+        {"SQLDisconnect", {SQL_ERROR, SQL_ERROR, SQL_INVALID_HANDLE}, -2},
         {"SQLFreeHandle", {SQL_ERROR}, -1},
     };
     for (const Row& row : rows) {
