@@ -6,6 +6,7 @@
 
 #include "common/CoEfficients.h"
 #include "tools/easctl/Database.h"
+#include "tools/easctl/Output.h"
 
 namespace easctl {
 
@@ -33,6 +34,13 @@ struct DoctorOptions {
 std::vector<Link> examine_database(const DoctorOptions& options, CoEfficients& model);
 /// The links of the hardware of this node. `model` may be empty.
 std::vector<Link> examine_node(const CoEfficients& model);
+
+const char* name_of(LinkStatus status) noexcept;
+/// Missing, denied or wrong.
+bool is_broken(const Link& link);
+/// A line per link, with what follows and what to do below it.
+std::string text_of(const std::vector<Link>& links, bool colored);
+Json json_of(const std::vector<Link>& links);
 
 /// "denied" when `error` (of errno) says that a privilege is missing, else "missing".
 LinkStatus status_of(int error);

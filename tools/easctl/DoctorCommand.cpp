@@ -37,6 +37,12 @@ Shown shown(LinkStatus status) {
     return {"", Style::plain};
 }
 
+}  // namespace
+
+const char* name_of(LinkStatus status) noexcept {
+    return shown(status).text;
+}
+
 bool is_broken(const Link& link) {
     return link.status == LinkStatus::missing || link.status == LinkStatus::denied ||
            link.status == LinkStatus::wrong;
@@ -70,6 +76,8 @@ Json json_of(const std::vector<Link>& links) {
     }
     return {{"ok", std::none_of(links.begin(), links.end(), is_broken)}, {"links", list}};
 }
+
+namespace {
 
 void examine(const DoctorOptions& options, Globals& globals) {
     CoEfficients model;
