@@ -39,6 +39,11 @@ std::string_view governors() {
                : "conservative ondemand userspace powersave performance schedutil";
 }
 
+const char* driver_name() {
+    constexpr const char* kNames[] = {"acpi-cpufreq", "intel_pstate", "intel_cpufreq"};
+    return kNames[static_cast<int>(server().state.driver)];
+}
+
 std::string frequency_list() {
     std::string text;
     for (const int khz : server().shape.frequencies)
@@ -115,6 +120,7 @@ constexpr FreqFile kFreqFiles[] = {
     {"scaling_available_frequencies", [](int) { return frequency_list(); }, nullptr},
     {"scaling_available_governors", [](int) { return std::string(governors()) + " \n"; }, nullptr},
     {"scaling_cur_freq", [](int cpu) { return line(policy(cpu).current); }, nullptr},
+    {"scaling_driver", [](int) { return std::string(driver_name()) + "\n"; }, nullptr},
     {"scaling_governor", [](int cpu) { return std::string(policy(cpu).governor.data()) + "\n"; },
      store_governor},
     {"scaling_max_freq", [](int cpu) { return line(policy(cpu).max); },
