@@ -25,7 +25,8 @@ void add_global_options(CLI::App& app, Globals& globals) {
 
 void add_all_commands(CLI::App& app, Globals& globals) {
     add_db_commands(app, globals);
-    [[maybe_unused]] CLI::App& model = add_model_commands(app, globals);
+    CLI::App& model = add_model_commands(app, globals);
+    add_fit_command(model, globals);
     add_threshold_commands(app, globals);
     add_doctor_command(app, globals);
     add_tag_commands(app, globals);
