@@ -27,10 +27,12 @@ void add_all_commands(CLI::App& app, Globals& globals) {
     add_db_commands(app, globals);
     CLI::App& model = add_model_commands(app, globals);
     add_fit_command(model, globals);
+    add_calibrate_command(model, globals);
     add_threshold_commands(app, globals);
     add_doctor_command(app, globals);
     add_tag_commands(app, globals);
     add_simulate_command(app, globals);
+    add_node_commands(app, globals);
 }
 
 /// Says what went wrong: for a person on standard error, with --json also as the result.
