@@ -97,9 +97,8 @@ std::string report_text(const ModelFit& model, const FitLimits& limits, bool col
 }
 
 void add_panel(std::string& script, const std::string& name, const std::string& unit) {
-    script += "set title " + plot_text(name) + "\nset xlabel " +
-              plot_text("measured, " + unit) + "\nset ylabel " +
-              plot_text("predicted, " + unit) +
+    script += "set title " + plot_text(name) + "\nset xlabel " + plot_text("measured, " + unit) +
+              "\nset ylabel " + plot_text("predicted, " + unit) +
               "\nplot x with lines lc rgb '#999999' dt 2 title 'measured = predicted', $" +
               unit[0] + " using 1:2:3 with points pt 7 ps 0.9 lc palette notitle\n";
 }
@@ -122,8 +121,8 @@ void draw_fit(const ModelFit& model, const std::string& path) {
         plot_text("Seven kernels at each frequency; default " + ghz(model.default_khz)) +
         "\nset size square\nset grid lc rgb '#dddddd'\nset key top left\n"
         "set cblabel 'GHz'\nset palette rgbformulae 33,13,10\n"
-                         "set cbrange [" + exact(model.rows.front().khz / 1e6) + ':' +
-                         exact(model.rows.back().khz / 1e6) + "]\n";
+        "set cbrange [" +
+        exact(model.rows.front().khz / 1e6) + ':' + exact(model.rows.back().khz / 1e6) + "]\n";
     add_panel(script, "Node power", "W");
     add_panel(script, "Pace", "cycles per instruction");
     draw(path, script + "unset multiplot\n");
@@ -162,7 +161,7 @@ void run_fit(const FitOptions& options, Globals& globals) {
     }
     globals.outcome = warn(model, options.measurements);
     if (!options.output.empty() && model.usable())
-        remark(globals, "next: easctl model import --help, then store " + options.output);
+        remark(globals, "next: easctl model import " + options.output + " --cluster NAME");
 }
 
 }  // namespace
