@@ -1,4 +1,4 @@
-# eas_add_test(NAME LABELS label... SOURCES file... [LIBRARIES target...])
+# eas_add_test(NAME LABELS label SOURCES file... [LIBRARIES target...])
 #
 # One GoogleTest program; CTest then runs every case of it in a process of its own, since the
 # library keeps process-wide state. Labels: quick (no root, no server), node, database, faults.
