@@ -3,6 +3,9 @@
 #include <dlfcn.h>
 
 #include <array>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
 #include <type_traits>
 #include <utility>
 
@@ -10,78 +13,87 @@
 
 namespace {
 
+/// It holds no pointer, so that the list needs no relocation at load time.
 struct EntryPoint {
-    const char* name;
-    /// Fills the pointer if it is null; false if the library does not have the entry point.
-    bool (*resolve)(DBLibrary& table, void* library, const char* name);
+    char name[20];
+    std::uint16_t offset;  ///< of its pointer
 };
 
-template <auto Pointer>
-bool resolve(DBLibrary& table, void* library, const char* name) {
-    auto& pointer = table.*Pointer;
-    if (pointer == nullptr)
-        pointer =
-            reinterpret_cast<std::remove_reference_t<decltype(pointer)>>(::dlsym(library, name));
-    return pointer != nullptr;
+template <std::size_t length>
+constexpr EntryPoint entry_point(const char (&name)[length], std::size_t offset) {
+    static_assert(length <= sizeof(EntryPoint::name));
+    EntryPoint made{};
+    for (std::size_t i = 0; i < length; ++i)
+        made.name[i] = name[i];
+    made.offset = static_cast<std::uint16_t>(offset);
+    return made;
 }
 
-template <auto Pointer>
-constexpr EntryPoint entry_point(const char* name) {
-    return {name, &resolve<Pointer>};
+static_assert(std::is_standard_layout_v<OdbcEntryPoints>);
+
+/// Fills the pointer if it is null; false if the library does not have the entry point.
+bool resolve(const EntryPoint& entry, void* library, OdbcEntryPoints& table) {
+    char* const at = reinterpret_cast<char*>(&table) + entry.offset;
+    void* pointer = nullptr;
+    std::memcpy(&pointer, at, sizeof pointer);
+    if (pointer == nullptr)
+        pointer = ::dlsym(library, entry.name);
+    std::memcpy(at, &pointer, sizeof pointer);
+    return pointer != nullptr;
 }
 
 /// What a driver manager must have, in the order in which it is looked up.
 constexpr std::array entry_points{
-    entry_point<&DBLibrary::SQLAllocConnect>("SQLAllocConnect"),
-    entry_point<&DBLibrary::SQLAllocEnv>("SQLAllocEnv"),
-    entry_point<&DBLibrary::SQLAllocHandle>("SQLAllocHandle"),
-    entry_point<&DBLibrary::SQLAllocStmt>("SQLAllocStmt"),
-    entry_point<&DBLibrary::SQLBindCol>("SQLBindCol"),
-    entry_point<&DBLibrary::SQLBindParameter>("SQLBindParameter"),
-    entry_point<&DBLibrary::SQLCancel>("SQLCancel"),
-    entry_point<&DBLibrary::SQLCloseCursor>("SQLCloseCursor"),
-    entry_point<&DBLibrary::SQLColAttribute>("SQLColAttribute"),
-    entry_point<&DBLibrary::SQLColumns>("SQLColumns"),
-    entry_point<&DBLibrary::SQLConnect>("SQLConnect"),
-    entry_point<&DBLibrary::SQLDescribeCol>("SQLDescribeCol"),
-    entry_point<&DBLibrary::SQLDisconnect>("SQLDisconnect"),
-    entry_point<&DBLibrary::SQLEndTran>("SQLEndTran"),
-    entry_point<&DBLibrary::SQLError>("SQLError"),
-    entry_point<&DBLibrary::SQLExecDirect>("SQLExecDirect"),
-    entry_point<&DBLibrary::SQLExecute>("SQLExecute"),
-    entry_point<&DBLibrary::SQLFetch>("SQLFetch"),
-    entry_point<&DBLibrary::SQLFetchScroll>("SQLFetchScroll"),
-    entry_point<&DBLibrary::SQLFreeConnect>("SQLFreeConnect"),
-    entry_point<&DBLibrary::SQLFreeEnv>("SQLFreeEnv"),
-    entry_point<&DBLibrary::SQLFreeHandle>("SQLFreeHandle"),
-    entry_point<&DBLibrary::SQLFreeStmt>("SQLFreeStmt"),
-    entry_point<&DBLibrary::SQLGetConnectAttr>("SQLGetConnectAttr"),
-    entry_point<&DBLibrary::SQLGetConnectOption>("SQLGetConnectOption"),
-    entry_point<&DBLibrary::SQLGetCursorName>("SQLGetCursorName"),
-    entry_point<&DBLibrary::SQLGetData>("SQLGetData"),
-    entry_point<&DBLibrary::SQLGetDiagField>("SQLGetDiagField"),
-    entry_point<&DBLibrary::SQLGetDiagRec>("SQLGetDiagRec"),
-    entry_point<&DBLibrary::SQLGetEnvAttr>("SQLGetEnvAttr"),
-    entry_point<&DBLibrary::SQLGetFunctions>("SQLGetFunctions"),
-    entry_point<&DBLibrary::SQLGetInfo>("SQLGetInfo"),
-    entry_point<&DBLibrary::SQLGetStmtAttr>("SQLGetStmtAttr"),
-    entry_point<&DBLibrary::SQLGetStmtOption>("SQLGetStmtOption"),
-    entry_point<&DBLibrary::SQLGetTypeInfo>("SQLGetTypeInfo"),
-    entry_point<&DBLibrary::SQLNumResultCols>("SQLNumResultCols"),
-    entry_point<&DBLibrary::SQLParamData>("SQLParamData"),
-    entry_point<&DBLibrary::SQLPrepare>("SQLPrepare"),
-    entry_point<&DBLibrary::SQLPutData>("SQLPutData"),
-    entry_point<&DBLibrary::SQLRowCount>("SQLRowCount"),
-    entry_point<&DBLibrary::SQLSetConnectAttr>("SQLSetConnectAttr"),
-    entry_point<&DBLibrary::SQLSetConnectOption>("SQLSetConnectOption"),
-    entry_point<&DBLibrary::SQLSetCursorName>("SQLSetCursorName"),
-    entry_point<&DBLibrary::SQLSetEnvAttr>("SQLSetEnvAttr"),
-    entry_point<&DBLibrary::SQLSetStmtAttr>("SQLSetStmtAttr"),
-    entry_point<&DBLibrary::SQLSetStmtOption>("SQLSetStmtOption"),
-    entry_point<&DBLibrary::SQLSpecialColumns>("SQLSpecialColumns"),
-    entry_point<&DBLibrary::SQLStatistics>("SQLStatistics"),
-    entry_point<&DBLibrary::SQLTables>("SQLTables"),
-    entry_point<&DBLibrary::SQLTransact>("SQLTransact"),
+    entry_point("SQLAllocConnect", offsetof(OdbcEntryPoints, SQLAllocConnect)),
+    entry_point("SQLAllocEnv", offsetof(OdbcEntryPoints, SQLAllocEnv)),
+    entry_point("SQLAllocHandle", offsetof(OdbcEntryPoints, SQLAllocHandle)),
+    entry_point("SQLAllocStmt", offsetof(OdbcEntryPoints, SQLAllocStmt)),
+    entry_point("SQLBindCol", offsetof(OdbcEntryPoints, SQLBindCol)),
+    entry_point("SQLBindParameter", offsetof(OdbcEntryPoints, SQLBindParameter)),
+    entry_point("SQLCancel", offsetof(OdbcEntryPoints, SQLCancel)),
+    entry_point("SQLCloseCursor", offsetof(OdbcEntryPoints, SQLCloseCursor)),
+    entry_point("SQLColAttribute", offsetof(OdbcEntryPoints, SQLColAttribute)),
+    entry_point("SQLColumns", offsetof(OdbcEntryPoints, SQLColumns)),
+    entry_point("SQLConnect", offsetof(OdbcEntryPoints, SQLConnect)),
+    entry_point("SQLDescribeCol", offsetof(OdbcEntryPoints, SQLDescribeCol)),
+    entry_point("SQLDisconnect", offsetof(OdbcEntryPoints, SQLDisconnect)),
+    entry_point("SQLEndTran", offsetof(OdbcEntryPoints, SQLEndTran)),
+    entry_point("SQLError", offsetof(OdbcEntryPoints, SQLError)),
+    entry_point("SQLExecDirect", offsetof(OdbcEntryPoints, SQLExecDirect)),
+    entry_point("SQLExecute", offsetof(OdbcEntryPoints, SQLExecute)),
+    entry_point("SQLFetch", offsetof(OdbcEntryPoints, SQLFetch)),
+    entry_point("SQLFetchScroll", offsetof(OdbcEntryPoints, SQLFetchScroll)),
+    entry_point("SQLFreeConnect", offsetof(OdbcEntryPoints, SQLFreeConnect)),
+    entry_point("SQLFreeEnv", offsetof(OdbcEntryPoints, SQLFreeEnv)),
+    entry_point("SQLFreeHandle", offsetof(OdbcEntryPoints, SQLFreeHandle)),
+    entry_point("SQLFreeStmt", offsetof(OdbcEntryPoints, SQLFreeStmt)),
+    entry_point("SQLGetConnectAttr", offsetof(OdbcEntryPoints, SQLGetConnectAttr)),
+    entry_point("SQLGetConnectOption", offsetof(OdbcEntryPoints, SQLGetConnectOption)),
+    entry_point("SQLGetCursorName", offsetof(OdbcEntryPoints, SQLGetCursorName)),
+    entry_point("SQLGetData", offsetof(OdbcEntryPoints, SQLGetData)),
+    entry_point("SQLGetDiagField", offsetof(OdbcEntryPoints, SQLGetDiagField)),
+    entry_point("SQLGetDiagRec", offsetof(OdbcEntryPoints, SQLGetDiagRec)),
+    entry_point("SQLGetEnvAttr", offsetof(OdbcEntryPoints, SQLGetEnvAttr)),
+    entry_point("SQLGetFunctions", offsetof(OdbcEntryPoints, SQLGetFunctions)),
+    entry_point("SQLGetInfo", offsetof(OdbcEntryPoints, SQLGetInfo)),
+    entry_point("SQLGetStmtAttr", offsetof(OdbcEntryPoints, SQLGetStmtAttr)),
+    entry_point("SQLGetStmtOption", offsetof(OdbcEntryPoints, SQLGetStmtOption)),
+    entry_point("SQLGetTypeInfo", offsetof(OdbcEntryPoints, SQLGetTypeInfo)),
+    entry_point("SQLNumResultCols", offsetof(OdbcEntryPoints, SQLNumResultCols)),
+    entry_point("SQLParamData", offsetof(OdbcEntryPoints, SQLParamData)),
+    entry_point("SQLPrepare", offsetof(OdbcEntryPoints, SQLPrepare)),
+    entry_point("SQLPutData", offsetof(OdbcEntryPoints, SQLPutData)),
+    entry_point("SQLRowCount", offsetof(OdbcEntryPoints, SQLRowCount)),
+    entry_point("SQLSetConnectAttr", offsetof(OdbcEntryPoints, SQLSetConnectAttr)),
+    entry_point("SQLSetConnectOption", offsetof(OdbcEntryPoints, SQLSetConnectOption)),
+    entry_point("SQLSetCursorName", offsetof(OdbcEntryPoints, SQLSetCursorName)),
+    entry_point("SQLSetEnvAttr", offsetof(OdbcEntryPoints, SQLSetEnvAttr)),
+    entry_point("SQLSetStmtAttr", offsetof(OdbcEntryPoints, SQLSetStmtAttr)),
+    entry_point("SQLSetStmtOption", offsetof(OdbcEntryPoints, SQLSetStmtOption)),
+    entry_point("SQLSpecialColumns", offsetof(OdbcEntryPoints, SQLSpecialColumns)),
+    entry_point("SQLStatistics", offsetof(OdbcEntryPoints, SQLStatistics)),
+    entry_point("SQLTables", offsetof(OdbcEntryPoints, SQLTables)),
+    entry_point("SQLTransact", offsetof(OdbcEntryPoints, SQLTransact)),
 };
 
 }  // namespace
@@ -131,7 +143,7 @@ bool DBLibrary::loadLibrary(const char* libname) {
         return false;
     }
     for (const EntryPoint& entry : entry_points) {
-        if (entry.resolve(*this, _handle, entry.name))
+        if (resolve(entry, _handle, *this))
             continue;
         const char* error = ::dlerror();
         eas::trace(eas::severity_error, "Failed to load the function: %s.  Error: %s\n", entry.name,

@@ -13,32 +13,8 @@
 
 #include "base/ThreadSafety.h"
 
-class DBLibrary {
-  public:
-    DBLibrary() noexcept = default;
-    /// Closes the driver manager: pointers taken from this table are void from here on.
-    ~DBLibrary();
-    DBLibrary(const DBLibrary&) = delete;
-    DBLibrary& operator=(const DBLibrary&) = delete;
-
-    /// The current table, created with every pointer null if there is none. Never loads anything.
-    static DBLibrary* get();
-
-    /// Makes a fresh table the current one and loads `libname` into it; see loadLibrary(). An
-    /// earlier table stays valid for those who still hold it, until release().
-    static bool init(const char* libname);
-
-    /// Destroys the current table and the earlier ones, closing what they loaded.
-    static void release();
-
-    /// Opens `libname` and fills the pointers that are null. Returns whether the library is open
-    /// and every entry point was found; if not, the library is closed and what was filled is void.
-    bool loadLibrary(const char* libname);
-
-    /// Whether a driver manager is loaded.
-    [[nodiscard]] bool ready() const noexcept { return _handle != nullptr; }
-
-    // One pointer per entry point, named as it. "Never resolved" ones stay null.
+/// One pointer per entry point, named as it. "Never resolved" ones stay null.
+struct OdbcEntryPoints {
     decltype(&::SQLAllocConnect) SQLAllocConnect = nullptr;
     decltype(&::SQLAllocEnv) SQLAllocEnv = nullptr;
     decltype(&::SQLAllocHandle) SQLAllocHandle = nullptr;
@@ -97,6 +73,32 @@ class DBLibrary {
     decltype(&::SQLStatistics) SQLStatistics = nullptr;
     decltype(&::SQLTables) SQLTables = nullptr;
     decltype(&::SQLTransact) SQLTransact = nullptr;
+};
+
+class DBLibrary : public OdbcEntryPoints {
+  public:
+    DBLibrary() noexcept = default;
+    /// Closes the driver manager: pointers taken from this table are void from here on.
+    ~DBLibrary();
+    DBLibrary(const DBLibrary&) = delete;
+    DBLibrary& operator=(const DBLibrary&) = delete;
+
+    /// The current table, created with every pointer null if there is none. Never loads anything.
+    static DBLibrary* get();
+
+    /// Makes a fresh table the current one and loads `libname` into it; see loadLibrary(). An
+    /// earlier table stays valid for those who still hold it, until release().
+    static bool init(const char* libname);
+
+    /// Destroys the current table and the earlier ones, closing what they loaded.
+    static void release();
+
+    /// Opens `libname` and fills the pointers that are null. Returns whether the library is open
+    /// and every entry point was found; if not, the library is closed and what was filled is void.
+    bool loadLibrary(const char* libname);
+
+    /// Whether a driver manager is loaded.
+    [[nodiscard]] bool ready() const noexcept { return _handle != nullptr; }
 
   private:
     static std::atomic<DBLibrary*> _instance;
