@@ -209,13 +209,15 @@ class TagRecords {
     TagRecords(const TagRecords&) = delete;
     TagRecords& operator=(const TagRecords&) = delete;
 
-    [[nodiscard]] bool fill(const std::vector<EnergyTag>& tags) {
+    /// Empties each tag once its record stands: both are in memory for one tag only, not for all.
+    [[nodiscard]] bool fill(std::vector<EnergyTag>& tags) {
         if (records_ == nullptr) {
             eas_debug_printf(debug_fd, "eas_query_tag: Space allocation failed.\n");
             return false;
         }
         for (std::size_t i = 0; i < tags.size(); ++i) {
-            if (fill_tag_struct(tags[i], records_ + i) != 0)
+            const EnergyTag tag = std::move(tags[i]);
+            if (fill_tag_struct(tag, records_ + i) != 0)
                 return false;
         }
         return true;
