@@ -11,6 +11,7 @@ static double now_ns(void) {
     return (double)now.tv_sec * 1e9 + (double)now.tv_nsec;
 }
 
+/* Pages of its own: those of a file are shared, also while this process alone maps it. */
 static long private_kib(void) {
     char line[256];
     long sum = 0;
@@ -19,7 +20,7 @@ static long private_kib(void) {
     if (rollup == NULL)
         return -1;
     while (fgets(line, sizeof line, rollup) != NULL) {
-        if (sscanf(line, "Private_Dirty: %ld", &value) == 1)
+        if (sscanf(line, "Anonymous: %ld", &value) == 1)
             sum += value;
     }
     fclose(rollup);
