@@ -29,6 +29,21 @@ SQLCHAR* odbc_text(char* text) {
     return reinterpret_cast<SQLCHAR*>(text);
 }
 
+/// A text with its length, as SQLConnect takes user and password. One that is not set is an empty
+/// text of length 0: on a null one the driver manager's connection pooling crashes (unixODBC
+/// 2.3.11), and an empty one of length SQL_NTS replaces the data source's own (MariaDB's driver).
+struct Credential {
+    explicit Credential(char* set) : text(odbc_text(set)), length(SQL_NTS) {
+        static char unset[] = "";
+        if (set == nullptr) {
+            text = odbc_text(unset);
+            length = 0;
+        }
+    }
+    SQLCHAR* text;
+    SQLSMALLINT length;
+};
+
 const char* shown(const char* text) {
     return text != nullptr ? text : "(nil)";
 }
@@ -216,9 +231,11 @@ bool DBConnection::connectWithRetries() {
 
 /// Returns false after an answer that no further attempt would change.
 bool DBConnection::connectOnce() {
-    const SQLRETURN rc = DBLibrary::get()->SQLConnect(
-        _hcon, odbc_text(settings()._db.get()), SQL_NTS, odbc_text(settings()._user.get()), SQL_NTS,
-        odbc_text(settings()._pwd.get()), SQL_NTS);
+    const Credential user(settings()._user.get());
+    const Credential password(settings()._pwd.get());
+    const SQLRETURN rc =
+        DBLibrary::get()->SQLConnect(_hcon, odbc_text(settings()._db.get()), SQL_NTS, user.text,
+                                     user.length, password.text, password.length);
     _status = rc;
     if (rc == SQL_SUCCESS)
         return true;

@@ -86,9 +86,9 @@ struct PlainOdbc::Handles {
 PlainOdbc::PlainOdbc(const std::string& dsn, const std::string& user, const std::string& password)
     : handles_(std::make_unique<Handles>()) {
     const Handle& connection = handles_->connection;
-    connection.check(SQLConnect(connection.handle, sql_text(dsn), SQL_NTS,
-                                user.empty() ? nullptr : sql_text(user), SQL_NTS,
-                                password.empty() ? nullptr : sql_text(password), SQL_NTS),
+    connection.check(SQLConnect(connection.handle, sql_text(dsn), SQL_NTS, sql_text(user),
+                                static_cast<SQLSMALLINT>(user.size()), sql_text(password),
+                                static_cast<SQLSMALLINT>(password.size())),
                      "SQLConnect");
 }
 

@@ -95,10 +95,11 @@ std::optional<std::string> ScratchDatabase::missing(Engine engine) {
     return std::nullopt;
 }
 
-ScratchDatabase::ScratchDatabase(Engine engine, const Keywords& keywords) : engine_(engine) {
+ScratchDatabase::ScratchDatabase(Engine engine, const Keywords& keywords, bool pooled)
+    : engine_(engine) {
     schema_ =
         "eas_" + std::to_string(::getpid()) + folder().extension().string().replace(0, 1, "_");
-    write_configuration(keywords);
+    write_configuration(keywords, pooled);
     ::setenv("ODBCINI", (folder() / "odbc.ini").c_str(), 1);
     ::setenv("ODBCSYSINI", folder().c_str(), 1);
     if (engine == Engine::mariadb)
@@ -108,8 +109,16 @@ ScratchDatabase::ScratchDatabase(Engine engine, const Keywords& keywords) : engi
     plain_->run_script(source_file("sql/" + name_of(engine) + ".sql"));
 }
 
-void ScratchDatabase::write_configuration(const Keywords& keywords) const {
-    std::ofstream(folder() / "odbcinst.ini") << source_file("examples/odbc/odbcinst.ini");
+void ScratchDatabase::write_configuration(const Keywords& keywords, bool pooled) const {
+    std::string drivers = source_file("examples/odbc/odbcinst.ini");
+    if (pooled) {
+        drivers += "\n[ODBC]\nPooling = Yes\n";
+        const std::string setting = "\nCPTimeout = 60";
+        for (std::size_t at = 0; (at = drivers.find("\nDriver =", at)) != std::string::npos;
+             at += setting.size() + 1)
+            drivers.insert(at, setting);
+    }
+    std::ofstream(folder() / "odbcinst.ini") << drivers;
     Keywords all = keywords;
     std::ofstream odbc_ini(folder() / "odbc.ini");
     if (engine_ == Engine::sqlite) {

@@ -38,9 +38,10 @@ class ScratchDatabase {
     /// From now on the server is that of mariadb-server.sh in `folder`.
     static void use_server(const std::string& folder);
 
-    /// `keywords` replace or add keywords of the data source. Throws std::runtime_error.
-    explicit ScratchDatabase(Engine engine,
-                             const std::map<std::string, std::string>& keywords = {});
+    /// `keywords` replace or add keywords of the data source; `pooled` has the driver manager pool
+    /// connections, all those of the process. Throws std::runtime_error.
+    explicit ScratchDatabase(Engine engine, const std::map<std::string, std::string>& keywords = {},
+                             bool pooled = false);
     ~ScratchDatabase();
     ScratchDatabase(const ScratchDatabase&) = delete;
     ScratchDatabase& operator=(const ScratchDatabase&) = delete;
@@ -77,7 +78,7 @@ class ScratchDatabase {
         std::filesystem::path path;
     };
 
-    void write_configuration(const std::map<std::string, std::string>& keywords) const;
+    void write_configuration(const std::map<std::string, std::string>& keywords, bool pooled) const;
 
     Engine engine_;
     Folder folder_;
@@ -92,7 +93,7 @@ class DatabaseTest : public ::testing::TestWithParam<Engine> {
     void SetUp() override {
         if (const auto why = ScratchDatabase::missing(GetParam()))
             GTEST_SKIP() << *why;
-        database_.emplace(GetParam(), keywords());
+        database_.emplace(GetParam(), keywords(), pooled_);
     }
 
     /// What replaces or adds keywords of the data source.
@@ -100,6 +101,8 @@ class DatabaseTest : public ::testing::TestWithParam<Engine> {
 
     ScratchDatabase& database() { return *database_; }
     PlainOdbc& plain() { return database_->plain(); }
+
+    bool pooled_ = false;
 
   private:
     std::optional<ScratchDatabase> database_;
