@@ -23,8 +23,7 @@ class Connection {
         const auto version = static_cast<SQLULEN>(SQL_OV_ODBC3);
         SQLSetEnvAttr(env_, SQL_ATTR_ODBC_VERSION, reinterpret_cast<SQLPOINTER>(version), 0);
         check(SQLAllocHandle(SQL_HANDLE_DBC, env_, &dbc_), "connection");
-        check(SQLConnect(dbc_, sql_text("easdb"), SQL_NTS, sql_text(""), SQL_NTS, sql_text(""),
-                         SQL_NTS),
+        check(SQLConnect(dbc_, sql_text("easdb"), SQL_NTS, sql_text(""), 0, sql_text(""), 0),
               "SQLConnect");
     }
     ~Connection() {
