@@ -32,7 +32,7 @@ soci::session open_session() {
     const std::string& file = soci_sqlite_file();
     if (file.empty())
         return {soci::odbc, "DSN=easdb"};
-    return {soci::sqlite3, "db=" + file + " timeout=5"};
+    return {soci::sqlite3, "db=" + file + " timeout=5 synchronous=off"};
 }
 
 std::map<Key, Tag> read_tags(soci::session& session, const std::string& condition) {

@@ -78,8 +78,8 @@ TEST_F(Connection, ConnectsOnceAndDisconnects) {
     con.reset();
     EXPECT_THAT(odbc->calls(),
                 ElementsAre("SQLAllocHandle(env)", "SQLSetEnvAttr(3)", "SQLAllocHandle(dbc)",
-                            "SQLConnect(easdb, , )", "SQLDisconnect()",
-                            "SQLFreeHandle(dbc)", "SQLFreeHandle(env)"));
+                            "SQLConnect(easdb, , )", "SQLDisconnect()", "SQLFreeHandle(dbc)",
+                            "SQLFreeHandle(env)"));
     EXPECT_EQ(log.text(), "Connected to the database: easdb\n\nDisconnected from the database\n\n");
 }
 
@@ -309,8 +309,8 @@ TEST_F(Connection, SettingsAreReplacedOneByOne) {
     DBConnection::setDbName("db2");
     EXPECT_EQ(con->connect(nullptr, nullptr, nullptr, nullptr, nullptr, nullptr), 0);
     EXPECT_EQ(con->disconnect(), 0);
-    EXPECT_THAT(odbc->calls(), testing::IsSupersetOf(
-                                   {"SQLConnect(db, user, other)", "SQLConnect(db2, , )"}));
+    EXPECT_THAT(odbc->calls(),
+                testing::IsSupersetOf({"SQLConnect(db, user, other)", "SQLConnect(db2, , )"}));
 }
 
 TEST_F(Connection, CallersEnvironmentStaysTheCallers) {
