@@ -169,9 +169,9 @@ TEST_P(Tags, AreVerifiedByWhatALaterRunMeasured) {
     const double x = 9.957159e12 / instructions / 64.0;
     const double cpi = 0.996182 * 6.624e13 / instructions - 3.268926 * x + 0.001836;
     const auto counted = [&](const char* bytes) {
-        return tag_json(with({"2055", "--cycles", std::to_string(cpi * instructions),
-                              "--instructions", std::to_string(instructions), "--memory-bytes",
-                              "9.957159e12"}))["runs"][0]["selections"];
+        return tag_json(
+            with({"2055", "--cycles", std::to_string(cpi * instructions), "--instructions",
+                  std::to_string(instructions), "--memory-bytes", bytes}))["runs"][0]["selections"];
     };
     const json same = counted("9.957159e12");
     EXPECT_EQ(same["minimize_time"], (json{{"tag_khz", 2700000}, {"run_khz", 2700000}}));
