@@ -97,8 +97,7 @@ typedef struct energyPolicyTag {
  *
  *   cluster_name       as in the coefficient table
  *   default_frequency  KHz, above 0: the frequency at which jobs are measured
- *   threshold_file     path of the site's performance thresholds (see easctl-thresholds in the
- *                      administrator's guide)
+ *   threshold_file     path of the site's performance thresholds (see eas-thresholds(5))
  *
  * Returns EAS_OK, EAS_BAD_ARGUMENT, EAS_NO_CONNECTION, EAS_NO_COEFFICIENTS,
  * EAS_BAD_THRESHOLD_FILE or EAS_THRESHOLDS_COMMENTED_OUT.
@@ -115,8 +114,10 @@ EAS_API int eas_initialize(char* cluster_name, int default_frequency, char* thre
  *   time_elapsed       s, above 0: run time of the job at the default frequency
  *   power_consumed     W, at least 0.0000001: mean power of a node
  *
- * All rows of the tag are stored, or none. Two schedulers that generate the same tag at the same
- * time cannot both succeed: one gets EAS_TAG_EXISTS or EAS_STORE_FAILED.
+ * All rows of the tag are stored, or none. When two schedulers generate the same tag at the same
+ * time on one database server, one of them gets EAS_TAG_EXISTS or EAS_STORE_FAILED. On several
+ * servers that replicate, the server keeps one of the two tags, but both calls may return EAS_OK: a
+ * conflict that shows at the commit only is not reported.
  *
  * Returns EAS_OK, EAS_BAD_ARGUMENT (also for another default frequency than the loaded one),
  * EAS_NO_CONNECTION, EAS_NOT_INITIALIZED, EAS_TAG_NOT_AVAILABLE, EAS_STORE_FAILED or

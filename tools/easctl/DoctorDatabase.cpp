@@ -66,8 +66,9 @@ Link pooling(const OdbcConfiguration& odbc) {
     if (!is_yes(value))
         return {"ODBC pooling", LinkStatus::ok, "off", "", ""};
     return {"ODBC pooling", LinkStatus::warning, "[ODBC] Pooling = " + value,
-            "the driver manager hands used connections out again, with what their last user set",
-            "Pooling = No in section [ODBC] of odbcinst.ini"};
+            "closed connections are kept and handed out again: faster with a MariaDB server; with "
+            "SQLite each initialisation of the library leaves a descriptor open",
+            "nothing with MariaDB (see the guide to pooling); else Pooling = No in odbcinst.ini"};
 }
 
 bool others_may_read(const std::string& path, const std::string& dsn) {
