@@ -95,7 +95,7 @@ const Reader readers[] = {
          CoEfficients set;
          for (const int frequency : {2000000, 2200000, 2400000})
              set.setArrayData(frequency, frequency > 2000000 ? 1.0 : 0.0, 0, 0, 0, 0, 0);
-         EnergyPerfThreshold thresholds(&set, "/nonexistent");
+         EnergyPerfThreshold thresholds(&set, "/nonexistent/file");
          thresholds.parseThresholds(file);
          return thresholds.isValid() && thresholds.getThresValue().size() == 3;
      }},

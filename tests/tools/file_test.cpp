@@ -54,7 +54,7 @@ TEST(ModelFile, IsRefusedWithTheLineOfEveryFaultThatTheReaderWouldAccept) {
     const ScratchFile no_default(std::string(low) + high);
     EXPECT_THAT(run_easctl({"model", "import", no_default.path(), "--cluster", "c"}).err,
                 HasSubstr("no row of zeros"));
-    EXPECT_EQ(run_easctl({"model", "import", "/nonexistent", "--cluster", "c"}).code, 3);
+    EXPECT_EQ(run_easctl({"model", "import", "/nonexistent/file", "--cluster", "c"}).code, 3);
     for (const char* name : {"a\"b", "back\\", "job_id", ""})
         EXPECT_EQ(run_easctl({"model", "import", no_default.path(), "--cluster", name}).code, 2);
 }
