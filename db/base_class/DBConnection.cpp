@@ -33,7 +33,7 @@ SQLCHAR* odbc_text(char* text) {
 /// text of length 0: on a null one the driver manager's connection pooling crashes (unixODBC
 /// 2.3.11), and an empty one of length SQL_NTS replaces the data source's own (MariaDB's driver).
 struct Credential {
-    explicit Credential(char* set) : text(odbc_text(set)), length(SQL_NTS) {
+    explicit Credential(char* set) : text(odbc_text(set)) {
         static char unset[] = "";
         if (set == nullptr) {
             text = odbc_text(unset);
@@ -41,7 +41,7 @@ struct Credential {
         }
     }
     SQLCHAR* text;
-    SQLSMALLINT length;
+    SQLSMALLINT length = SQL_NTS;
 };
 
 const char* shown(const char* text) {

@@ -161,7 +161,10 @@ class Calibration {
     void wait(double seconds, double from, double to, const PlannedRun& run,
               const HeldSignals& signals, Progress& progress) const {
         const double start = monotonic_seconds();
-        for (double passed = 0; passed < seconds; passed = monotonic_seconds() - start) {
+        while (true) {
+            const double passed = monotonic_seconds() - start;
+            if (passed >= seconds)
+                return;
             const double part = from + (to - from) * passed / seconds;
             progress.update(
                 done_ * slices_per_run + static_cast<std::uint64_t>(part * slices_per_run),

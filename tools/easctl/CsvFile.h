@@ -19,7 +19,7 @@ namespace easctl {
 class LineReader {
   public:
     /// Longer lines are not handed out whole.
-    static constexpr std::size_t max_line = 64 * 1024;
+    static constexpr std::size_t max_line = std::size_t{64} * 1024;
 
     /// Throws Failure when the file cannot be opened.
     explicit LineReader(std::string path);
