@@ -28,7 +28,7 @@ int parse_cpu(std::string_view text, const std::string& whole) {
 }  // namespace
 
 std::vector<int> parse_cpus(const std::string& text) {
-    const std::vector<int> present = all_cpus();
+    std::vector<int> present = all_cpus();
     if (text == "all")
         return present;
     std::set<int> wanted;

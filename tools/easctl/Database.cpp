@@ -182,7 +182,7 @@ std::vector<Database::Row> Database::fetch_all(SQLHANDLE statement, const std::s
     std::vector<Row> rows;
     if (columns == 0)
         return rows;
-    std::vector<char> text(64 * 1024);
+    std::vector<char> text(std::size_t{64} * 1024);
     for (SQLRETURN rc = 0; (rc = odbc.SQLFetch(statement)) != SQL_NO_DATA;) {
         require(rc, SQL_HANDLE_STMT, statement, what);
         Row row;

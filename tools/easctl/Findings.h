@@ -20,8 +20,8 @@ struct Finding {
 
 class Findings {
   public:
-    void error(std::string place, std::string text, std::string hint = {});
-    void warning(std::string place, std::string text, std::string hint = {});
+    void error(std::string where, std::string text, std::string hint = {});
+    void warning(std::string where, std::string text, std::string hint = {});
 
     [[nodiscard]] bool has_errors() const;
     [[nodiscard]] bool empty() const { return all_.empty(); }

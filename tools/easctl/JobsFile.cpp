@@ -97,8 +97,8 @@ bool JobsFile::take_names(JobRow& row) {
 /// A file that does not need counters may leave them empty.
 bool JobsFile::take_counters(JobRow& row) {
     row.has_counters = true;
-    for (std::size_t i = 0; i < counters_.size(); ++i) {
-        if (!counters_[i] || csv_.fields()[*counters_[i]].empty())
+    for (const auto& column : counters_) {
+        if (!column || csv_.fields()[*column].empty())
             row.has_counters = false;
     }
     for (std::size_t i = 0; i < counters_.size() && row.has_counters; ++i) {
