@@ -41,7 +41,8 @@ TEST(CoefficientFile, ReadsRowsUpToTheFirstWrongLine) {
 
 TEST(CoefficientFile, RefusesWhatCannotBeRead) {
     CoEffsFromFile reader;
-    for (const char* path : {static_cast<const char*>(nullptr), "/nonexistent/file", "/proc/self"}) {
+    for (const char* path :
+         {static_cast<const char*>(nullptr), "/nonexistent/file", "/proc/self"}) {
         EXPECT_EQ(reader.ReadCoefficientsFromFile(path), BAD_COEFFICIENTS_FILE);
     }
 }

@@ -66,7 +66,8 @@ TEST(Thresholds, AreNotValidInAWrongFile) {
         EXPECT_FALSE(t.isValid());
         EXPECT_EQ(t.isAllCommentOut(), c.all_comment_out);
     }
-    for (const char* path : {static_cast<const char*>(nullptr), "/nonexistent/file", "/proc/self"}) {
+    for (const char* path :
+         {static_cast<const char*>(nullptr), "/nonexistent/file", "/proc/self"}) {
         EXPECT_FALSE(EnergyPerfThreshold(&set, path).isValid());
         EXPECT_TRUE(EnergyPerfThreshold(&set, path).isAllCommentOut());
     }
