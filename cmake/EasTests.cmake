@@ -1,4 +1,4 @@
-# eas_add_test(NAME LABELS label SOURCES file... [LIBRARIES target...])
+# eas_add_test(NAME [SERIAL] LABELS label SOURCES file... [LIBRARIES target...])
 #
 # One GoogleTest program; CTest then runs every case of it in a process of its own, since the
 # library keeps process-wide state. Labels: quick (no root, no server), node, database, faults.
@@ -7,7 +7,7 @@ find_package(GTest REQUIRED)
 include(GoogleTest)
 
 function(eas_add_test name)
-    cmake_parse_arguments(PARSE_ARGV 1 arg "" "TIMEOUT;FIXTURES" "LABELS;SOURCES;LIBRARIES")
+    cmake_parse_arguments(PARSE_ARGV 1 arg "SERIAL" "TIMEOUT;FIXTURES" "LABELS;SOURCES;LIBRARIES")
     if(NOT arg_TIMEOUT)
         set(arg_TIMEOUT 120)
     endif()
@@ -15,6 +15,9 @@ function(eas_add_test name)
     target_link_libraries(${name} PRIVATE eas_options eas_objects eas_test_support GTest::gmock
                                           GTest::gtest_main ${arg_LIBRARIES})
     set(properties LABELS "${arg_LABELS}" TIMEOUT ${arg_TIMEOUT})
+    if(arg_SERIAL)  # it holds times against each other
+        list(APPEND properties RUN_SERIAL TRUE)
+    endif()
     if(arg_FIXTURES)
         list(APPEND properties FIXTURES_REQUIRED ${arg_FIXTURES})
     endif()

@@ -357,6 +357,8 @@ struct Driver {
     }
     static SQLRETURN SQL_API free(SQLSMALLINT type, SQLHANDLE handle) {
         const bool refuse = refused("SQLFreeHandle");
+        if (refuse && code == SQL_ERROR)
+            return code;  // the one answer after which the handle is still there
         const SQLRETURN rc = real.SQLFreeHandle(type, handle);
         if (rc == SQL_SUCCESS && type == SQL_HANDLE_STMT)
             --open_statements;
