@@ -4,7 +4,7 @@
 #include <cstring>
 #include <string>
 
-#include "db/base_class/CancelState.h"
+#include "base/DeferCancellation.h"
 #include "db/base_class/DBConnection.h"
 #include "db/base_class/DBConnectionPool.h"
 #include "db/base_class/DBDiagnostics.h"
@@ -59,7 +59,7 @@ TxObject::TxObject(DBConnectionPool* pool) : TxObject(pool->checkout(), pool) {
 
 TxObject::~TxObject() {
     // A destructor cannot be left by a cancelled thread.
-    const eas::CancelState uninterrupted(PTHREAD_CANCEL_DISABLE);
+    const eas::DeferCancellation until_done;
     _hstmt.free();
     if (_checkincon)
         _dbpool->checkin(_dbcon);
