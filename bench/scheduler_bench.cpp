@@ -264,17 +264,19 @@ double peak_of(const std::function<void()>& call) {
 }
 
 int serve_peak(const std::string& who, const std::string& cluster) {
-    library_initialise();
-    library_query(one_tag, 1);  // what is loaded on first use is no result's
     const Which which{cluster, "", ""};
     int count = 0;
     energyPolicyTag_t* tags = nullptr;
-    const double peak = peak_of([&] {
+    const auto query = [&] {
         if (who == "floor")
             floor_query(which);
         else
             eas_query_tag(text(cluster), default_frequency, nullptr, nullptr, &count, &tags);
-    });
+    };
+    library_initialise();
+    query();  // what is loaded on first use is no result's
+    free_tags(tags, count);
+    const double peak = peak_of(query);
     double bytes = 0;
     for (int i = 0; i < count; ++i)
         bytes += static_cast<double>(handed_out(tags[i]));

@@ -20,6 +20,8 @@ using namespace eas::threshold_keyword;
 
 namespace {
 
+constexpr std::string_view blanks = " \t";
+
 bool matches(std::string_view line, std::string_view keyword) {
     return eas::compare_section(line, keyword) == 0;
 }
@@ -34,15 +36,16 @@ const char* content_of(char* line) {
 /// `value` of "key = value" lines whose key is TKEY; negative for any other line.
 double limit_in(const std::string& line) {
     constexpr double none = -1.0;
-    const std::size_t equals = line.find('=');
-    if (equals == std::string::npos || equals == 0 || equals + 1 == line.size())
+    const std::string_view text = line;
+    const std::size_t equals = text.find('=');
+    if (equals == std::string_view::npos || equals == 0 || equals + 1 == text.size())
         return none;
-    std::string_view key(line.data(), equals);
-    key = key.substr(0, key.find_first_of(" \t"));
+    std::string_view key = text.substr(0, equals);
+    key = key.substr(0, key.find_first_of(blanks));
     if (!matches(key, TKEY))
         return none;
-    const std::size_t blank = line.find_last_of(" \t");
-    const bool blank_in_value = blank != std::string::npos && blank > equals;
+    const std::size_t blank = text.find_last_of(blanks);
+    const bool blank_in_value = blank != std::string_view::npos && blank > equals;
     const char* value = line.c_str() + (blank_in_value ? blank : equals) + 1;
     return isfloat(value) != 0 ? eas::to_double(value) : none;
 }
@@ -249,8 +252,8 @@ int EnergyPerfThreshold::get_perf_threshold(const std::vector<std::string>& line
 int EnergyPerfThreshold::get_time_threshhold(const std::vector<std::string>& lines) {
     if (lines.empty() || coeffs == nullptr)
         return 1;
-    const std::string& header = lines[0];
-    if (header.find_first_of(" \t") == std::string::npos || !matches(header, FREQ_TVAR))
+    const std::string_view header = lines[0];
+    if (header.find_first_of(blanks) == std::string_view::npos || !matches(header, FREQ_TVAR))
         return 1;
     const int default_frequency = coeffs->getDefaultFrequency();
     std::vector<int> sorted = coeffs->frequencyArray();
@@ -259,15 +262,15 @@ int EnergyPerfThreshold::get_time_threshhold(const std::vector<std::string>& lin
     std::map<int, double> values;
     values[default_frequency] = 0.0;
     for (std::size_t i = 1; i < lines.size(); ++i) {
-        const std::string& line = lines[i];
-        const std::size_t first = line.find_first_of(" \t");
-        if (first == std::string::npos)
+        const std::string_view line = lines[i];
+        const std::size_t first = line.find_first_of(blanks);
+        if (first == std::string_view::npos)
             continue;
         int freq = 0;
         double tv = 0.0;
-        if (read_frequency(*this, line.substr(0, first), freq) && freq > default_frequency &&
-            std::binary_search(sorted.begin(), sorted.end(), freq) &&
-            get_timevar(line.substr(line.find_last_of(" \t") + 1), tv) == 0) {
+        if (read_frequency(*this, std::string(line.substr(0, first)), freq) &&
+            freq > default_frequency && std::binary_search(sorted.begin(), sorted.end(), freq) &&
+            get_timevar(std::string(line.substr(line.find_last_of(blanks) + 1)), tv) == 0) {
             values[freq] = tv;
         }
     }
@@ -313,12 +316,13 @@ int EnergyPerfThreshold::get_freq(const std::string& str, int& freq) const {
 }
 
 int EnergyPerfThreshold::get_freq_by_unit(const std::string& str, const std::string& unit) const {
-    const std::size_t pos = str.find(unit);
-    if (pos == std::string::npos)
+    const std::string_view text = str;
+    const std::size_t pos = text.find(unit);
+    if (pos == std::string_view::npos)
         return 0;
-    if (str.compare(pos, std::string::npos, unit) != 0)
+    if (text.substr(pos) != unit)
         return -1;
-    const std::string number = str.substr(0, pos);
+    const std::string number(text.substr(0, pos));
     // Cut, not rounded: "4.1GHz" gives 4099999, which no set has; sites write "4100MHz".
     if (unit == "GHz" && isfloat(number.c_str()) != 0) {
         return eas::truncate_to_int(1e6 * eas::to_double(number.c_str()));

@@ -14,9 +14,10 @@ constexpr std::size_t longest_line = 255;
 bool read_line(std::FILE* file, std::string& line) {
     std::array<char, longest_line + 1> buffer{};
     const bool read = std::fgets(buffer.data(), int{buffer.size()}, file) != nullptr;
-    line = buffer.data();
-    if (!line.empty() && line.back() == '\n')
-        line.pop_back();
+    std::string_view text = buffer.data();
+    if (!text.empty() && text.back() == '\n')
+        text.remove_suffix(1);
+    line = text;
     return read && std::feof(file) == 0;
 }
 
@@ -42,7 +43,7 @@ Properties::Properties(const char* file) {
 bool Properties::parse(std::FILE* file) {
     std::string line;
     bool complete = read_line(file, line);
-    if (line.find('=') == std::string::npos)
+    if (std::string_view(line).find('=') == std::string_view::npos)
         return false;
     for (; complete; complete = read_line(file, line)) {
         const std::string_view text = line;
