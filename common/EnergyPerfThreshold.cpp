@@ -17,6 +17,7 @@
 #include "common/TextHelpers.h"
 
 using namespace eas::threshold_keyword;
+using namespace std::string_view_literals;
 
 namespace {
 
@@ -324,13 +325,13 @@ int EnergyPerfThreshold::get_freq_by_unit(const std::string& str, const std::str
         return -1;
     const std::string number(text.substr(0, pos));
     // Cut, not rounded: "4.1GHz" gives 4099999, which no set has; sites write "4100MHz".
-    if (unit == "GHz" && isfloat(number.c_str()) != 0) {
+    if (unit == "GHz"sv && isfloat(number.c_str()) != 0) {
         return eas::truncate_to_int(1e6 * eas::to_double(number.c_str()));
     }
     if (isint(number.c_str()) == 0)
         return -1;
     const int value = eas::to_int(number.c_str());
-    if (unit != "MHz")
+    if (unit != "MHz"sv)
         return value;
     const long kilohertz = static_cast<long>(value) * 1000;
     return kilohertz >= INT_MIN && kilohertz <= INT_MAX ? static_cast<int>(kilohertz) : INT_MIN;

@@ -34,9 +34,9 @@ const std::type_info& TQVN_EnergyCoEfficients::typeinfo() {
 void TQVN_EnergyCoEfficients::dump(std::ostream& out) {
     if (_columns == 0)
         return;
-    out << " &_columns = " << &_columns << std::endl;
-    out << " &_ind= " << &_ind << std::endl;
-    out << " &_frequency = " << &_frequency << std::endl;
+    out << " &_columns = " << &_columns << '\n' << std::flush;
+    out << " &_ind= " << &_ind << '\n' << std::flush;
+    out << " &_frequency = " << &_frequency << '\n' << std::flush;
     dump_columns(out);
 }
 

@@ -1,6 +1,5 @@
 #include "interface/TagIndex.h"
 
-#include <algorithm>
 #include <functional>
 #include <utility>
 
@@ -37,18 +36,17 @@ TagIndex::TagIndex(std::vector<EnergyTag>& tags) : tags_(tags) {
 }
 
 EnergyTag* TagIndex::find(const TagKey& key) {
-    if (latest_ < tags_.size() && key.identifies(tags_[latest_]))
-        return &tags_[latest_];
-    const auto [begin, end] = positions_.equal_range(key.hash());
-    std::size_t first = tags_.size();
-    for (auto it = begin; it != end; ++it) {
-        if (key.identifies(tags_[it->second]))
-            first = std::min(first, it->second);
+    const std::size_t next = latest_ + 1 < tags_.size() ? latest_ + 1 : 0;
+    for (const std::size_t likely : {latest_, next}) {
+        if (is_at(likely, key))
+            return &tags_[latest_ = likely];
     }
-    if (first == tags_.size())
-        return nullptr;
-    latest_ = first;
-    return &tags_[first];
+    const auto [begin, end] = positions_.equal_range(key.hash());
+    for (auto it = begin; it != end; ++it) {
+        if (is_at(it->second, key))
+            return &tags_[latest_ = it->second];
+    }
+    return nullptr;
 }
 
 EnergyTag& TagIndex::append(const TagKey& key, EnergyTag&& tag) {

@@ -23,10 +23,11 @@ struct TagKey {
 
 class TagIndex {
   public:
-    /// Indexes what `tags` holds; new tags go to its end. It must outlive the index.
+    /// Indexes what `tags` holds, no two of the same key; new tags go to its end. It must outlive
+    /// the index.
     explicit TagIndex(std::vector<EnergyTag>& tags);
 
-    /// The first tag of that key, or null. Valid until the next append.
+    /// The tag of that key, or null. Valid until the next append.
     [[nodiscard]] EnergyTag* find(const TagKey& key);
 
     /// Appends `tag`, whose key is `key`, and returns where it stands until the next append.
@@ -35,9 +36,13 @@ class TagIndex {
   private:
     void insert(std::size_t hash, std::size_t position) { positions_.emplace(hash, position); }
 
+    [[nodiscard]] bool is_at(std::size_t position, const TagKey& key) const {
+        return position < tags_.size() && key.identifies(tags_[position]);
+    }
+
     std::vector<EnergyTag>& tags_;
     std::unordered_multimap<std::size_t, std::size_t> positions_;  // hash of a key -> tag
-    std::size_t latest_ = 0;  // rows of a tag mostly come together
+    std::size_t latest_ = 0;  // rows mostly come tag by tag, or tag after tag for each frequency
 };
 
 }  // namespace eas

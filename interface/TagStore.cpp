@@ -49,9 +49,13 @@ struct TagRequest {
     /// A row that does not bear the names asked for shows that the database read the condition in
     /// another sense: an engine may take a quoted name for a column, or compare without case.
     [[nodiscard]] bool asked_for(const TQVN_EnergyPolicyTag& row) const {
-        return (cluster.empty() || cluster == row._cluster_name) &&
-               (user.empty() || user == row._user_name) &&
-               (tag.empty() || tag == row._energy_tag_name);
+        return is_in(row._cluster_name, cluster) && is_in(row._user_name, user) &&
+               is_in(row._energy_tag_name, tag);
+    }
+
+  private:
+    static bool is_in(std::string_view field, std::string_view name) {
+        return name.empty() || name == field;
     }
 };
 
@@ -195,7 +199,7 @@ std::string format_condition(const std::string& cluster_name, int default_freque
     append_name("energy_tag_name", tag_name);
     if (text.size() == empty_length)
         return {};
-    text.resize(text.size() - std::string_view(" and ").size());
+    text.erase(text.size() - std::string_view(" and ").size());
     return text;
 }
 

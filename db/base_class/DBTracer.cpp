@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <charconv>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -96,7 +97,7 @@ void follow_stream(std::ios_base::event event, std::ios_base& stream, int slot) 
 
 void set_name(std::ios_base& stream, int slot, const std::string& name) {
     const char* held = name_in(stream, slot);
-    if (name == (held != nullptr ? held : ""))
+    if (name == std::string_view(held != nullptr ? held : ""))
         return;
     long& followed = stream.iword(slot);
     if (followed == 0) {
@@ -106,6 +107,13 @@ void set_name(std::ios_base& stream, int slot, const std::string& name) {
     std::free(std::exchange(stream.pword(slot), nullptr));
     if (!name.empty())
         stream.pword(slot) = ::strdup(name.c_str());
+}
+
+template <typename Number>
+void append_number(std::string& text, Number number) {
+    std::array<char, 24> digits{};
+    const auto end = std::to_chars(digits.data(), digits.data() + digits.size(), number).ptr;
+    text.append(digits.data(), end);
 }
 
 char severity_letter(long severity) {
@@ -233,7 +241,9 @@ std::string DBTracer::logprefix() {
     if (::localtime_r(&now, &local) != nullptr)
         prefix.assign(when.data(),
                       std::strftime(when.data(), when.size(), "%b %d %H:%M:%S", &local));
-    prefix.append(" (").append(1, severity_letter(iword(slots().severity))).append(")");
+    prefix += " (";
+    prefix += severity_letter(iword(slots().severity));
+    prefix += ')';
     prefix += shown_ids();
     const char* user = name_in(*this, slots().user);
     const char* resource = name_in(*this, slots().resource);
@@ -254,16 +264,16 @@ std::string DBTracer::shown_ids() {
         return {};
     std::string ids = " [";
     if (pid)
-        ids += std::to_string(::getpid());
+        append_number(ids, ::getpid());
     if (pid && tid)
         ids += ':';
     if (tid)
-        ids += std::to_string(::pthread_self());
+        append_number(ids, ::pthread_self());
     const long work_unit = iword(slots().work_unit);
     if (wid && work_unit != 0) {
         if (pid || tid)
             ids += ':';
-        ids += std::to_string(work_unit);
+        append_number(ids, work_unit);
     }
     return ids += ']';
 }
@@ -290,7 +300,7 @@ std::ostream& operator<<(std::ostream& out, const setworkunit& work_unit) {
 }
 
 std::ostream& logend(std::ostream& out) {
-    out << std::endl;
+    out << '\n' << std::flush;
     out.iword(slots().severity) = severity_between_records;
     unlock_records();
     return out;

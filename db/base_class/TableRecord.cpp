@@ -1,7 +1,9 @@
 #include "db/base_class/TableRecord.h"
 
+#include <algorithm>
 #include <array>
 #include <cstring>
+#include <string_view>
 
 #include "db/base_class/DBDiagnostics.h"
 #include "db/base_class/DBLibrary.h"
@@ -27,8 +29,9 @@ constexpr OdbcTypes types_of(const Column& column) {
     return odbc_types.at(static_cast<std::size_t>(column.kind));
 }
 
-/// Width of a field's name in a dump.
-constexpr std::size_t label_width = 26;
+/// What a field's name is filled up with in a dump, to its width.
+constexpr std::string_view label_blanks = "                          ";
+static_assert(label_blanks.size() == 26);
 
 template <typename Number>
 Number number_at(const char* field) {
@@ -134,15 +137,15 @@ void TableRecord::dump(std::ostream& out) {
 }
 
 void TableRecord::dump_columns(std::ostream& out) const {
-    out << "\n\n==> " << table().name << " record " << std::endl;
+    out << "\n\n==> " << table().name << " record \n" << std::flush;
     for_selected([&](const Column& column, std::size_t i) {
         if (_ind[i] == SQL_NULL_DATA)
             return;
-        std::string label = std::string("_") + column.name;
-        label.resize(label_width, ' ');
-        out << label << "= ";
+        const std::string_view name = column.name;
+        out << '_' << name << label_blanks.substr(std::min(label_blanks.size(), 1 + name.size()))
+            << "= ";
         print_field(out, column.kind, row() + column.offset);
-        out << std::endl;
+        out << '\n' << std::flush;
     });
 }
 
