@@ -12,6 +12,7 @@
 #include "base/ThreadSafety.h"
 #include "common/CoEfficients.h"
 #include "common/EnergyPerfThreshold.h"
+#include "db/base_class/DBConnection.h"
 #include "db/base_class/DBLibrary.h"
 #include "db/base_class/DBTracer.h"
 
@@ -26,11 +27,19 @@ constexpr const char* debug_log_path = "/tmp/.eas_lib_debug";
 
 eas::Mutex debug_mutex;  // guards the one-time opening of the debug log
 
-/// When the library is unloaded, or the process ends, nothing of it stays behind.
+constexpr int no_more_calls = -1;
+std::atomic<int> calls{0};  // in progress, or no_more_calls
+
+/// When the library is unloaded, or the process ends, nothing of it stays behind. Where a thread is
+/// in a call all of it stays: that call goes on until the process is gone.
 [[gnu::destructor]] void discard_library_state() {
+    int none = 0;
+    if (!calls.compare_exchange_strong(none, no_more_calls))
+        return;
     eas::set_global_threshold(nullptr);
     eas::set_global_coeffs(nullptr);
     DBLibrary::release();
+    DBConnection::clearDBinfo();
 }
 
 }  // namespace
@@ -45,6 +54,18 @@ void eas_debug_printf(int fd, const std::string& msg) {
 }
 
 namespace eas {
+
+CallInProgress::CallInProgress() noexcept {
+    int others = calls;
+    do
+        admitted_ = others != no_more_calls;
+    while (admitted_ && !calls.compare_exchange_weak(others, others + 1));
+}
+
+CallInProgress::~CallInProgress() {
+    if (admitted_)
+        --calls;
+}
 
 void set_global_coeffs(std::unique_ptr<CoEfficients> coeffs) noexcept {
     const std::unique_ptr<CoEfficients> old(std::exchange(global_coeffs, coeffs.release()));

@@ -1,5 +1,8 @@
 // What the five scheduler functions share: the loaded model, the thresholds, fixed names, the debug
 // log. eas_initialize replaces the model while no other call runs; nothing here locks for it.
+//
+// All of it is given back when the library is unloaded or the process ends, but not from under a
+// call: exit() does not wait for a daemon's other threads.
 #pragma once
 
 #include <atomic>
@@ -26,6 +29,21 @@ extern std::atomic<int> debug_fd;
 void eas_debug_printf(int fd, const std::string& msg);
 
 namespace eas {
+
+/// Stands for one call of a scheduler function: while one lives, the library's state stays.
+class CallInProgress {
+  public:
+    CallInProgress() noexcept;
+    ~CallInProgress();
+    CallInProgress(const CallInProgress&) = delete;
+    CallInProgress& operator=(const CallInProgress&) = delete;
+
+    /// False when the state has been given back: there is nothing left that a call may touch.
+    [[nodiscard]] bool admitted() const noexcept { return admitted_; }
+
+  private:
+    bool admitted_;
+};
 
 /// eas_initialize with the data source `dsn`; null: the one that the locator file names.
 int initialize(const char* dsn, const char* cluster_name, int default_frequency,

@@ -30,13 +30,8 @@ namespace {
 
 /// Runs `steps(failure)`. Where a step throws, `failure` holds the code to return, which the steps
 /// keep up to date; `clean_up` then undoes what they left.
-///
-/// The thread's cancellation waits meanwhile, but for the waits between two attempts to connect:
-/// the driver manager and the drivers know nothing of it, and a thread that ended inside them would
-/// keep their locks, handles and descriptors.
 template <typename Steps, typename CleanUp>
-int at_the_boundary(int failure, Steps&& steps, CleanUp&& clean_up) {
-    const eas::DeferCancellation until_done;
+int without_exceptions(int failure, Steps&& steps, CleanUp&& clean_up) {
     try {
         return steps(failure);
     } catch (abi::__forced_unwind&) {
@@ -48,9 +43,18 @@ int at_the_boundary(int failure, Steps&& steps, CleanUp&& clean_up) {
     }
 }
 
-template <typename Steps>
-int at_the_boundary(int failure, Steps&& steps) {
-    return at_the_boundary(failure, std::forward<Steps>(steps), [] {});
+/// Runs a working function's steps where its part of the library's state, `needed`, is there.
+///
+/// The thread's cancellation waits meanwhile, but for the waits between two attempts to connect:
+/// the driver manager and the drivers know nothing of it, and a thread that ended inside them would
+/// keep their locks, handles and descriptors.
+template <typename State, typename Steps>
+int at_the_boundary(State* const& needed, int failure, Steps&& steps) {
+    const eas::DeferCancellation until_done;
+    const eas::CallInProgress call;
+    if (!call.admitted() || needed == nullptr)
+        return EAS_NOT_INITIALIZED;
+    return without_exceptions(failure, std::forward<Steps>(steps), [] {});
 }
 
 eas::OwnedConnection open_connection() {
@@ -308,10 +312,13 @@ int eas_initialize(char* cluster_name, int default_frequency, char* threshold_fi
 int eas::initialize(const char* dsn, const char* cluster_name, int default_frequency,
                     const char* threshold_file) {
     const eas::DeferCancellation until_done;
+    const eas::CallInProgress call;
+    if (!call.admitted())
+        return EAS_NO_CONNECTION;  // the driver manager is gone for good
     uninitialize();
     if (cluster_name == nullptr || default_frequency < 1 || threshold_file == nullptr)
         return EAS_BAD_ARGUMENT;
-    return at_the_boundary(
+    return without_exceptions(
         EAS_NO_CONNECTION,
         [&](int& failure) {
             return ::initialize(dsn, cluster_name, default_frequency, threshold_file, failure);
@@ -325,9 +332,7 @@ int eas_generate_tag(char* cluster_name, int default_frequency, char* user_name,
                   job_id,       time_elapsed,      power_consumed};
     if (!job.is_valid())
         return EAS_BAD_ARGUMENT;
-    if (global_coeffs == nullptr)
-        return EAS_NOT_INITIALIZED;
-    return at_the_boundary(EAS_TAG_NOT_AVAILABLE,
+    return at_the_boundary(global_coeffs, EAS_TAG_NOT_AVAILABLE,
                            [&](int& failure) { return generate(job, failure); });
 }
 
@@ -337,9 +342,7 @@ int eas_query_tag(char* cluster_name, int default_frequency, char* user_name, ch
         return EAS_BAD_ARGUMENT;
     *num_tags = 0;
     *tags = nullptr;
-    if (global_threshold == nullptr)
-        return EAS_NOT_INITIALIZED;
-    return at_the_boundary(EAS_NO_CONNECTION, [&](int& failure) {
+    return at_the_boundary(global_threshold, EAS_NO_CONNECTION, [&](int& failure) {
         return query(cluster_name, default_frequency, user_name, tag_name, *num_tags, *tags,
                      failure);
     });
@@ -350,9 +353,7 @@ int eas_remove_tag(char* cluster_name, int default_frequency, char* user_name, c
     if (default_frequency < 1 || cluster_name == nullptr || tag_count == nullptr ||
         user_list == nullptr || tagname_list == nullptr)
         return EAS_BAD_ARGUMENT;
-    if (global_threshold == nullptr)
-        return EAS_NOT_INITIALIZED;
-    return at_the_boundary(EAS_NO_CONNECTION, [&](int& failure) {
+    return at_the_boundary(global_threshold, EAS_NO_CONNECTION, [&](int& failure) {
         return remove(cluster_name, default_frequency, user_name, tag_name, *tag_count, *user_list,
                       *tagname_list, failure);
     });
@@ -365,9 +366,7 @@ int eas_auto_select_frequency(char* cluster_name, int default_frequency, char* u
         tag_name == nullptr || energy_policy == nullptr || selected_frequency == nullptr ||
         time_var == nullptr || !is_policy(energy_policy))
         return EAS_BAD_ARGUMENT;
-    if (global_threshold == nullptr)
-        return EAS_NOT_INITIALIZED;
-    return at_the_boundary(EAS_NO_CONNECTION, [&](int& failure) {
+    return at_the_boundary(global_threshold, EAS_NO_CONNECTION, [&](int& failure) {
         return select_frequency(cluster_name, default_frequency, user_name, tag_name, energy_policy,
                                 *selected_frequency, *time_var, failure);
     });

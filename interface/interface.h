@@ -13,7 +13,8 @@
  *   Frequencies    KHz. Times: seconds. Power: watts. Changes: fractions (0.05 is 5 %).
  *   Ownership      What a function hands out belongs to the caller, who frees it with free(3).
  *   Threads        eas_initialize must not run beside any other call. The four others may run
- *                  beside each other from any thread; each uses a connection of its own.
+ *                  beside each other from any thread; each uses a connection of its own. The
+ *                  process may exit meanwhile.
  *   Privileges     None. The process needs read access to the ODBC configuration and to the
  *                  threshold file, and what the database asks of it.
  *   Database       The ODBC driver manager is opened at run time as "libodbc.so"; the data source

@@ -3,6 +3,7 @@
 #include <strings.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <cstring>
 #include <new>
 #include <string>
@@ -58,6 +59,8 @@ bool abort_is_refused() {
 }
 
 }  // namespace
+
+DBConnection::Settings DBConnection::_settings;
 
 /// While a connection is being made: unless kept, its handle is given back at the end of the block,
 /// also when an exception or the cancellation of the thread leaves it.
@@ -134,45 +137,44 @@ void DBConnection::freeEnvHandle() {
     _henv = eas::no_handle();
 }
 
-/// Made on first use, since it has a destructor: loading the library runs no code.
-DBConnection::Settings& DBConnection::settings() noexcept {
-    static Settings shared;
-    return shared;
-}
-
-void DBConnection::replace(OwnedText& setting, const char* text) {
-    OwnedText copy(text != nullptr ? ::strdup(text) : nullptr);
+void DBConnection::replace(char*& setting, const char* text) {
+    char* const copy = text != nullptr ? ::strdup(text) : nullptr;
     if (text != nullptr && copy == nullptr)
         throw std::bad_alloc();
-    setting = std::move(copy);
+    std::free(std::exchange(setting, copy));
+}
+
+void DBConnection::clearDBinfo() noexcept {
+    for (char** setting : {&_settings._db, &_settings._user, &_settings._pwd, &_settings._schema})
+        std::free(std::exchange(*setting, nullptr));
 }
 
 void DBConnection::setDBinfo(const char* db, const char* user, const char* pwd,
                              const char* schema) {
     if (user != nullptr)
-        replace(settings()._user, user);
+        replace(_settings._user, user);
     if (db != nullptr)
-        replace(settings()._db, db);
+        replace(_settings._db, db);
     if (pwd != nullptr)
-        replace(settings()._pwd, pwd);
+        replace(_settings._pwd, pwd);
     if (schema != nullptr)
-        replace(settings()._schema, schema);
+        replace(_settings._schema, schema);
 }
 
 void DBConnection::setDbName(const char* db) {
-    replace(settings()._db, db);
+    replace(_settings._db, db);
 }
 
 void DBConnection::setDbUser(const char* user) {
-    replace(settings()._user, user);
+    replace(_settings._user, user);
 }
 
 void DBConnection::setDbPassword(const char* pwd) {
-    replace(settings()._pwd, pwd);
+    replace(_settings._pwd, pwd);
 }
 
 int DBConnection::setDbSchema(const char* schema) {
-    replace(settings()._schema, schema);
+    replace(_settings._schema, schema);
     return _status == 0 ? setSchema() : 0;
 }
 
@@ -196,7 +198,7 @@ int DBConnection::connect(const char* db, const char* user, const char* pwd, con
         return _status;
     }
     pending.connected();
-    trace(severity_debug, "Connected to the database: %s\n", shown(settings()._db.get()));
+    trace(severity_debug, "Connected to the database: %s\n", shown(_settings._db));
     user_switch.back();
     if (schemaDiffersFromUser())
         _status = setSchema();
@@ -208,8 +210,8 @@ int DBConnection::connect(const char* db, const char* user, const char* pwd, con
 }
 
 bool DBConnection::schemaDiffersFromUser() noexcept {
-    return settings()._schema != nullptr && settings()._user != nullptr &&
-           std::strcmp(settings()._schema.get(), settings()._user.get()) != 0;
+    return _settings._schema != nullptr && _settings._user != nullptr &&
+           std::strcmp(_settings._schema, _settings._user) != 0;
 }
 
 bool DBConnection::allocate() {
@@ -231,10 +233,10 @@ bool DBConnection::connectWithRetries() {
 
 /// Returns false after an answer that no further attempt would change.
 bool DBConnection::connectOnce() {
-    const Credential user(settings()._user.get());
-    const Credential password(settings()._pwd.get());
+    const Credential user(_settings._user);
+    const Credential password(_settings._pwd);
     const SQLRETURN rc =
-        DBLibrary::get()->SQLConnect(_hcon, odbc_text(settings()._db.get()), SQL_NTS, user.text,
+        DBLibrary::get()->SQLConnect(_hcon, odbc_text(_settings._db), SQL_NTS, user.text,
                                      user.length, password.text, password.length);
     _status = rc;
     if (rc == SQL_SUCCESS)
@@ -276,11 +278,11 @@ int DBConnection::setSchema() {
     if (eas::check(SQL_HANDLE_DBC, _hcon, allocated) != 0)
         return allocated;
 
-    std::string sql = std::string("set schema ") + shown(settings()._schema.get());
+    std::string sql = std::string("set schema ") + shown(_settings._schema);
     execute(statement.get(), sql);  // not every database has it; the path decides
     trace(severity_debug, "Setting Schema: %s\n", sql.c_str());
 
-    sql = std::string("set path = current path,  ") + shown(settings()._schema.get());
+    sql = std::string("set path = current path,  ") + shown(_settings._schema);
     const SQLRETURN rc = execute(statement.get(), sql);
     trace(severity_debug, "Setting Schema Path: %s\n", sql.c_str());
     if (rc != SQL_SUCCESS)

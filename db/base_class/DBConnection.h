@@ -9,8 +9,6 @@
 #include <sqlext.h>
 
 #include <cstdint>
-#include <cstdlib>
-#include <memory>
 
 #include "db/base_class/UserSwitch.h"
 
@@ -40,6 +38,8 @@ class DBConnection {
 
     /// Replaces each setting whose argument is not null.
     static void setDBinfo(const char* db, const char* user, const char* pwd, const char* schema);
+    /// Clears all four.
+    static void clearDBinfo() noexcept;
     /// Replace one setting; null clears it.
     static void setDbName(const char* db);
     static void setDbUser(const char* user);
@@ -73,22 +73,18 @@ class DBConnection {
     int rollback();
 
   private:
-    struct Free {
-        void operator()(char* text) const noexcept { std::free(text); }
-    };
-    using OwnedText = std::unique_ptr<char, Free>;
-    /// Shared by all connections of the process; null while unset.
+    /// Shared by all connections of the process, owned, null while unset. Plain pointers: no code
+    /// runs for them when the library is loaded, and none takes them from a thread that is inside
+    /// a call when the process ends.
     struct Settings {
-        OwnedText _db;
-        OwnedText _user;
-        OwnedText _pwd;
-        OwnedText _schema;
+        char* _db = nullptr;
+        char* _user = nullptr;
+        char* _pwd = nullptr;
+        char* _schema = nullptr;
     };
     class PendingConnection;
 
-    static Settings& settings() noexcept;
-
-    static void replace(OwnedText& setting, const char* text);
+    static void replace(char*& setting, const char* text);
     [[nodiscard]] static bool schemaDiffersFromUser() noexcept;
     bool allocate();
     bool connectWithRetries();
@@ -98,6 +94,8 @@ class DBConnection {
     SQLRETURN disconnectHandle();
     void beginTransaction();
     SQLRETURN freeConnHandle();
+
+    static Settings _settings;
 
     SQLHANDLE _hcon = SQL_NULL_HANDLE;
     SQLHANDLE _henv;

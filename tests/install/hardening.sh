@@ -25,5 +25,6 @@ has ' __stack_chk_fail' nm -D || problem "no stack protector"
 has ' __v?snprintf_chk' nm -D || problem "library calls are not checked (fortify)"
 has 'endbr64' objdump -d || problem "no landing pads for indirect branches"
 ! has 'TEXTREL' readelf -dW || problem "writes to its code"
+! has ' __cxa_atexit' nm -D || problem "a static object of it is destroyed when the process ends"
 ! has 'RPATH|RUNPATH' readelf -dW || problem "looks for libraries in folders of its own"
 ((problems == 0))

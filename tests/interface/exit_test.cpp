@@ -1,0 +1,85 @@
+// The end of the process while threads are inside the library: nothing of it is taken from under
+// them.
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <chrono>
+#include <cstdlib>
+#include <random>
+#include <thread>
+
+#include "tests/support/SchedulerCalls.h"
+
+namespace {
+
+using namespace eas::test;
+
+class Exit : public SchedulerTest {};
+
+INSTANTIATE_TEST_SUITE_P(On, Exit, both_engines(), engine_suffix);
+
+/// Calls one function after another, for ever.
+void work(const std::string& user) {
+    for (;;) {
+        generate(user, "t");
+        Tags(user.c_str(), "t");
+        select(user.c_str(), "t", "minimize_time");
+        remove_tags(user.c_str(), "t");
+    }
+}
+
+const char* late_thresholds = nullptr;  // null: nobody calls late
+
+/// Runs after the library has given its state back, as a thread may that exit() did not wait for.
+[[gnu::destructor(101)]] void call_late() {
+    if (late_thresholds == nullptr)
+        return;
+    const std::array codes{generate("anna", "t"), Tags("anna", "t").status,
+                           select("anna", "t", "minimize_time").status,
+                           remove_tags("anna", "t").status};
+    for (const int code : codes) {
+        if (code != EAS_NOT_INITIALIZED)
+            ::_exit(1);
+    }
+    if (eas_initialize(text("c1"), default_frequency, text(late_thresholds)) != EAS_NO_CONNECTION)
+        ::_exit(2);
+}
+
+/// A daemon that is told to stop while its threads work.
+[[noreturn]] void work_and_exit(std::chrono::microseconds after) {
+    for (const char* user : {"anna", "bert", "carl", "dora"})
+        std::thread(work, user).detach();
+    std::this_thread::sleep_for(after);
+    std::exit(0);
+}
+
+TEST_P(Exit, IsSafeWhileThreadsAreInsideCalls) {
+    ASSERT_EQ(initialize(), EAS_OK);
+    std::minstd_rand random(11);
+    const int rounds = std::getenv("EAS_SOAK") != nullptr ? 3000 : 100;
+    for (int round = 0; round < rounds; ++round) {
+        const std::chrono::microseconds after(random() % 20000);
+        const pid_t child = ::fork();
+        if (child == 0)
+            work_and_exit(after);
+        int status = 0;
+        ASSERT_EQ(::waitpid(child, &status, 0), child);
+        ASSERT_EQ(status, 0) << "round " << round << ", after " << after.count() << " us";
+        ASSERT_EQ(tag_rows() % 4, 0) << "round " << round;
+    }
+}
+
+TEST_P(Exit, LeavesLateCallsNothingInitialised) {
+    ASSERT_EQ(initialize(), EAS_OK);
+    const pid_t child = ::fork();
+    if (child == 0) {
+        late_thresholds = threshold_file_.c_str();
+        std::exit(0);
+    }
+    int status = 0;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+}
+
+}  // namespace
