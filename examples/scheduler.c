@@ -54,8 +54,8 @@ static const char* reason(enum function function, int code) {
         /* code 0, -1, ... -5 */
         [INITIALIZE] = {"done", "bad argument", "no connection to the database",
                         "no coefficients for this cluster and default frequency",
-                        "the threshold file is missing or not valid",
-                        "the threshold file has no entry"},
+                        "the threshold file is not valid",
+                        "the threshold file has no entry, or is missing"},
         [GENERATE] = {"done", "bad argument", "no connection to the database", "not initialised",
                       "the figures allow no prediction", "the database refused the tag"},
         [QUERY] = {"done", "bad argument", "no connection to the database", "not initialised",
