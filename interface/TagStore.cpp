@@ -4,6 +4,7 @@
 #include <charconv>
 #include <cstdlib>
 #include <cstring>
+#include <exception>
 
 #include "base/DebugFile.h"
 #include "base/DeferCancellation.h"
@@ -282,6 +283,9 @@ namespace eas {
 
 void CloseConnection::operator()(DBConnection* conn) const {
     const DeferCancellation until_closed;
+    // What an exception cut short must not wait in a pool for the commit of a later call.
+    if (std::uncaught_exceptions() > exceptions_)
+        conn->rollback();
     close_db_connection(conn);
 }
 

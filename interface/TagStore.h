@@ -6,6 +6,7 @@
 #pragma once
 
 #include <cstddef>
+#include <exception>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -48,8 +49,13 @@ int remove_tags_from_db(DBConnection* conn, const std::string& cluster_name, int
 
 namespace eas {
 
-struct CloseConnection {
+/// Closes a connection; rolls back first where an exception ends the block that holds it.
+class CloseConnection {
+  public:
     void operator()(DBConnection* conn) const;
+
+  private:
+    int exceptions_ = std::uncaught_exceptions();
 };
 /// A connection that is closed on every path.
 using OwnedConnection = std::unique_ptr<DBConnection, CloseConnection>;

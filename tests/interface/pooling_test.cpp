@@ -4,11 +4,14 @@
 #include <atomic>
 #include <cstdlib>
 #include <fstream>
+#include <new>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "db/base_class/DBConnection.h"
+#include "db/base_class/DBLibrary.h"
 #include "gtest/gtest.h"
 #include "interface/interface.h"
 #include "tests/support/ScratchDatabase.h"
@@ -121,6 +124,40 @@ TEST_P(Pooling, ThreadsShareTheConnections) {
     EXPECT_EQ(failed, 0);
     plain().run("delete from TQVN_EnergyPolicyTag");
     EXPECT_EQ(generate("t"), EAS_OK) << "no call left a lock behind";
+}
+
+/// Where the memory runs out while a tag's rows are written: in the second one.
+struct Exhausted {
+    static inline decltype(OdbcEntryPoints::SQLBindParameter) real;
+    static inline int binds_left;
+    static SQLRETURN SQL_API bind(SQLHSTMT statement, SQLUSMALLINT position, SQLSMALLINT direction,
+                                  SQLSMALLINT type, SQLSMALLINT sql_type, SQLULEN column_size,
+                                  SQLSMALLINT digits, SQLPOINTER value, SQLLEN size,
+                                  SQLLEN* indicator) {
+        if (--binds_left < 0)
+            throw std::bad_alloc();
+        return real(statement, position, direction, type, sql_type, column_size, digits, value,
+                    size, indicator);
+    }
+
+    Exhausted() {
+        binds_left = 15;
+        real = std::exchange(DBLibrary::get()->SQLBindParameter, bind);
+    }
+    ~Exhausted() { DBLibrary::get()->SQLBindParameter = real; }
+    Exhausted(const Exhausted&) = delete;
+    Exhausted& operator=(const Exhausted&) = delete;
+};
+
+TEST_P(Pooling, WhatAnExceptionCutShortIsNotCommittedByALaterCall) {
+    ASSERT_EQ(generate("other"), EAS_OK);
+    {
+        const Exhausted memory;
+        EXPECT_EQ(generate("half"), EAS_STORE_FAILED);
+        EXPECT_LT(Exhausted::binds_left, 0);
+    }
+    EXPECT_EQ(remove("other"), 1);
+    EXPECT_EQ(database().rows("TQVN_EnergyPolicyTag"), 0);
 }
 
 class ServerPooling : public Pooling {};
