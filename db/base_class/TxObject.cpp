@@ -139,12 +139,9 @@ SQLRETURN TxObject::open(SQLHANDLE hdbc) {
 
 /// Binds as `op` asks for, executes and logs; the result is that of the execution.
 SQLRETURN TxObject::run(const char* text, SQLHANDLE hdbc, Kind op, DBObj* o) {
-    // A bind that fails has rolled back. Whatever is bound goes, so that the statement fails for
-    // want of a value: a row of its own would be half of what the transaction was to write.
-    if ((op == Kind::update || op == Kind::insert) &&
-        !SQL_SUCCEEDED(o->bind_param(hdbc, _hstmt.get()))) {
-        StmtResourcesFree(_hstmt.get());
-    }
+    SQLRETURN bound = SQL_SUCCESS;
+    if (op == Kind::update || op == Kind::insert)
+        bound = o->bind_param(hdbc, _hstmt.get());
     const SQLRETURN rc = exec_direct(_hstmt.get(), text);
     if (SQL_SUCCEEDED(rc)) {
         eas::trace(eas::severity_debug, "Successfully executed: %s\n", text);
@@ -155,6 +152,10 @@ SQLRETURN TxObject::run(const char* text, SQLHANDLE hdbc, Kind op, DBObj* o) {
     } else {
         eas::trace(eas::severity_debug, "Failed executing: %s (rc=%d)\n", text, rc);
     }
+    // A bind that fails has rolled back. A row that is written all the same would be half of what
+    // the transaction was to write: the failure is handed on, and takes it back.
+    if (SQL_SUCCEEDED(rc) && !SQL_SUCCEEDED(bound))
+        return bound;
     return rc;
 }
 

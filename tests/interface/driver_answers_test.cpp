@@ -1,0 +1,61 @@
+// Answers of a driver that no real one gives at will, put in front of SQLite's.
+#include "db/base_class/DBLibrary.h"
+#include "tests/support/SchedulerCalls.h"
+
+namespace {
+
+using namespace eas::test;
+
+/// The driver behind the entry points that a test replaces, and what they saw.
+DBLibrary real;
+int calls;
+
+class DriverAnswers : public SchedulerTest {
+  protected:
+    void SetUp() override {
+        SchedulerTest::SetUp();
+        if (IsSkipped())
+            return;
+        ASSERT_TRUE(real.loadLibrary("libodbc.so"));
+        ASSERT_EQ(initialize(), EAS_OK);
+        calls = 0;
+    }
+    static DBLibrary& odbc() { return *DBLibrary::get(); }
+};
+
+INSTANTIATE_TEST_SUITE_P(On, DriverAnswers, ::testing::Values(Engine::sqlite), engine_suffix);
+
+constexpr int last_of_second_row = 22;  // a row has eleven columns
+
+/// Binds, whatever it answers.
+SQLRETURN SQL_API bind_and_refuse(SQLHSTMT statement, SQLUSMALLINT position, SQLSMALLINT direction,
+                                  SQLSMALLINT type, SQLSMALLINT sql_type, SQLULEN column_size,
+                                  SQLSMALLINT digits, SQLPOINTER value, SQLLEN size,
+                                  SQLLEN* indicator) {
+    const SQLRETURN rc = real.SQLBindParameter(statement, position, direction, type, sql_type,
+                                               column_size, digits, value, size, indicator);
+    return ++calls == last_of_second_row ? SQLRETURN{SQL_ERROR} : rc;
+}
+
+TEST_P(DriverAnswers, ABindThatFailsAndTakesEffectStoresNoRowOfATag) {
+    odbc().SQLBindParameter = bind_and_refuse;
+    odbc().SQLFreeStmt = [](SQLHSTMT, SQLUSMALLINT) { return SQLRETURN{SQL_ERROR}; };
+    EXPECT_EQ(generate("anna", "t"), EAS_STORE_FAILED);
+    EXPECT_EQ(calls, last_of_second_row);
+    EXPECT_EQ(tag_rows(), 0);
+}
+
+TEST_P(DriverAnswers, AStatementThatFailsIsFreedOfItsBindingsOnce) {
+    odbc().SQLBindParameter = [](SQLHSTMT, SQLUSMALLINT, SQLSMALLINT, SQLSMALLINT, SQLSMALLINT,
+                                 SQLULEN, SQLSMALLINT, SQLPOINTER, SQLLEN,
+                                 SQLLEN*) { return SQLRETURN{SQL_ERROR}; };
+    odbc().SQLFreeStmt = [](SQLHSTMT statement, SQLUSMALLINT option) {
+        ++calls;
+        return real.SQLFreeStmt(statement, option);
+    };
+    EXPECT_EQ(generate("anna", "t"), EAS_STORE_FAILED);
+    EXPECT_EQ(calls, 3 + 3) << "for the bind, and for the execution without parameters";
+    EXPECT_EQ(tag_rows(), 0);
+}
+
+}  // namespace
