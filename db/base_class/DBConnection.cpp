@@ -275,7 +275,7 @@ bool DBConnection::waitForNextAttempt(int attempt) {
 int DBConnection::setSchema() {
     eas::OdbcHandle statement(SQL_HANDLE_STMT);
     const SQLRETURN allocated = statement.allocate(_hcon);
-    if (eas::check(SQL_HANDLE_DBC, _hcon, allocated) != 0)
+    if (eas::check(SQL_HANDLE_DBC, _hcon, allocated) != 0 || !statement.is_open())
         return allocated;
 
     std::string sql = std::string("set schema ") + shown(_settings._schema);

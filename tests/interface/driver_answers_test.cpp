@@ -1,4 +1,5 @@
 // Answers of a driver that no real one gives at will, put in front of SQLite's.
+#include "db/base_class/DBConnection.h"
 #include "db/base_class/DBLibrary.h"
 #include "tests/support/SchedulerCalls.h"
 
@@ -56,6 +57,24 @@ TEST_P(DriverAnswers, AStatementThatFailsIsFreedOfItsBindingsOnce) {
     EXPECT_EQ(generate("anna", "t"), EAS_STORE_FAILED);
     EXPECT_EQ(calls, 3 + 3) << "for the bind, and for the execution without parameters";
     EXPECT_EQ(tag_rows(), 0);
+}
+
+TEST_P(DriverAnswers, WithoutAStatementNoSchemaIsSet) {
+    DBConnection connection(nullptr, false, 0);
+    ASSERT_EQ(connection.connect(nullptr, nullptr, nullptr, nullptr, nullptr, nullptr), 0);
+    odbc().SQLExecDirect = [](SQLHSTMT, SQLCHAR*, SQLINTEGER) {
+        ++calls;
+        return SQLRETURN{SQL_ERROR};
+    };
+    for (const int code : {SQL_STILL_EXECUTING, SQL_NEED_DATA, SQL_NO_DATA}) {
+        static SQLRETURN answer;
+        answer = static_cast<SQLRETURN>(code);
+        odbc().SQLAllocHandle = [](SQLSMALLINT, SQLHANDLE, SQLHANDLE*) { return answer; };
+        EXPECT_EQ(connection.setDbSchema("site"), code);
+    }
+    EXPECT_EQ(calls, 0);
+    odbc().SQLAllocHandle = real.SQLAllocHandle;
+    EXPECT_EQ(connection.disconnect(), 0);
 }
 
 }  // namespace
