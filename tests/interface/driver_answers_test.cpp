@@ -1,6 +1,8 @@
 // Answers of a driver that no real one gives at will, put in front of SQLite's.
+#include "common/CoEfficients.h"
 #include "db/base_class/DBConnection.h"
 #include "db/base_class/DBLibrary.h"
+#include "interface/TagStore.h"
 #include "tests/support/SchedulerCalls.h"
 
 namespace {
@@ -75,6 +77,32 @@ TEST_P(DriverAnswers, WithoutAStatementNoSchemaIsSet) {
     EXPECT_EQ(calls, 0);
     odbc().SQLAllocHandle = real.SQLAllocHandle;
     EXPECT_EQ(connection.disconnect(), 0);
+}
+
+char* bound_name;  // of the coefficient row: the third column
+
+TEST_P(DriverAnswers, ACoefficientRowOfNoClusterIsTakenAndOneOfAnotherIsNot) {
+    odbc().SQLBindCol = [](SQLHSTMT statement, SQLUSMALLINT position, SQLSMALLINT type,
+                           SQLPOINTER value, SQLLEN size, SQLLEN* indicator) {
+        if (position == 3)
+            bound_name = static_cast<char*>(value);
+        return real.SQLBindCol(statement, position, type, value, size, indicator);
+    };
+    for (const char* name : {"", "C"}) {
+        static char first;
+        first = *name;
+        odbc().SQLFetch = [](SQLHSTMT statement) {
+            const SQLRETURN rc = real.SQLFetch(statement);
+            *bound_name = first;
+            return rc;
+        };
+        const eas::OwnedConnection connection(create_db_connection());
+        CoEfficients read;
+        const bool taken = *name == '\0';
+        EXPECT_EQ(read_coeffs_from_db(connection.get(), "c1", default_frequency, read),
+                  taken ? 0 : 1);
+        EXPECT_EQ(read.total_frequencies(), taken ? 4 : 0);
+    }
 }
 
 }  // namespace
