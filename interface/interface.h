@@ -19,6 +19,12 @@
  *                  threshold file, and what the database asks of it.
  *   Database       The ODBC driver manager is opened at run time as "libodbc.so"; the data source
  *                  is named in /etc/zemra/cfgloc ("mysql:dbname=NAME"), else it is "easdb".
+ *   Commits        A tag is stored or removed as a whole or not at all. Whether the commit succeeds
+ *                  is not looked at: where it fails, the call returns EAS_OK and the database is as
+ *                  it was. On SQLite that happens while another program reads for longer than the
+ *                  data source's Timeout, or with the last pages of a disk; on a server when it
+ *                  goes down at that moment; on servers that replicate also when a conflict with
+ *                  what another one stored shows only then. eas_query_tag says what is there.
  *
  * Names in a query or removal: a cluster, user or tag name that holds a double quote, or ends in a
  * backslash that no other backslash escapes, makes the call fail with -4: no name that a user
@@ -115,10 +121,10 @@ EAS_API int eas_initialize(char* cluster_name, int default_frequency, char* thre
  *   time_elapsed       s, above 0: run time of the job at the default frequency
  *   power_consumed     W, at least 0.0000001: mean power of a node
  *
- * All rows of the tag are stored, or none. When two schedulers generate the same tag at the same
- * time on one database server, one of them gets EAS_TAG_EXISTS or EAS_STORE_FAILED. On several
- * servers that replicate, the server keeps one of the two tags, but both calls may return EAS_OK: a
- * conflict that shows at the commit only is not reported.
+ * All rows of the tag are stored, or none; a commit that fails is not reported (see above). When
+ * two schedulers generate the same tag at the same time on one database server, one of them gets
+ * EAS_TAG_EXISTS or EAS_STORE_FAILED. On several servers that replicate, one of the two tags is
+ * kept, but both calls may return EAS_OK.
  *
  * Returns EAS_OK, EAS_BAD_ARGUMENT (also for another default frequency than the loaded one),
  * EAS_NO_CONNECTION, EAS_NOT_INITIALIZED, EAS_TAG_NOT_AVAILABLE, EAS_STORE_FAILED or
@@ -144,7 +150,8 @@ EAS_API int eas_query_tag(char* cluster_name, int default_frequency, char* user_
                           char* tag_name, int* num_tags, energyPolicyTag_t** tags);
 
 /*
- * Removes the stored tags of a cluster and default frequency, all that match or none.
+ * Removes the stored tags of a cluster and default frequency, all that match or none; a commit that
+ * fails is not reported (see above).
  *
  *   user_name, tag_name   null or empty matches every user, or every tag
  *   tag_count             out: how many tags were removed

@@ -11,6 +11,12 @@
 
 #include "tests/support/SchedulerCalls.h"
 
+// The race detector would sleep for a second at every exit.
+extern "C" __attribute__((visibility("default"))) const char* __tsan_default_options();
+extern "C" const char* __tsan_default_options() {
+    return "atexit_sleep_ms=0";
+}
+
 namespace {
 
 using namespace eas::test;
