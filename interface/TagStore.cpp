@@ -136,6 +136,13 @@ class StringList {
     std::size_t count_;
 };
 
+/// A commit that fails may leave the transaction open. It is taken back, or it would wait in a pool
+/// of connections, with its locks, for the commit of a later call.
+void commit(TxObject& tx) {
+    if (!SQL_SUCCEEDED(tx.commit()))
+        tx.rollback();
+}
+
 bool list_tags(const std::vector<EnergyTag>& tags, StringList& users, StringList& names) {
     if (!users.allocated() || !names.allocated())
         return false;
@@ -244,7 +251,7 @@ int load_etag_into_db(DBConnection* conn, const EnergyTag& etag) {
             return -1;
         }
     }
-    tx.commit();
+    commit(tx);
     return 0;
 }
 
@@ -273,7 +280,7 @@ int remove_tags_from_db(DBConnection* conn, const std::string& cluster_name, int
         tx.rollback();
         return -1;
     }
-    tx.commit();
+    commit(tx);
     user_list = users.release();
     tagname_list = names.release();
     return count;

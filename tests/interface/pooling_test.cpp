@@ -7,7 +7,6 @@
 #include <new>
 #include <string>
 #include <thread>
-#include <utility>
 #include <vector>
 
 #include "db/base_class/DBConnection.h"
@@ -126,38 +125,42 @@ TEST_P(Pooling, ThreadsShareTheConnections) {
     EXPECT_EQ(generate("t"), EAS_OK) << "no call left a lock behind";
 }
 
-/// Where the memory runs out while a tag's rows are written: in the second one.
-struct Exhausted {
-    static inline decltype(OdbcEntryPoints::SQLBindParameter) real;
-    static inline int binds_left;
-    static SQLRETURN SQL_API bind(SQLHSTMT statement, SQLUSMALLINT position, SQLSMALLINT direction,
-                                  SQLSMALLINT type, SQLSMALLINT sql_type, SQLULEN column_size,
-                                  SQLSMALLINT digits, SQLPOINTER value, SQLLEN size,
-                                  SQLLEN* indicator) {
-        if (--binds_left < 0)
-            throw std::bad_alloc();
-        return real(statement, position, direction, type, sql_type, column_size, digits, value,
-                    size, indicator);
-    }
+OdbcEntryPoints real;
+int binds_left;
 
-    Exhausted() {
-        binds_left = 15;
-        real = std::exchange(DBLibrary::get()->SQLBindParameter, bind);
-    }
-    ~Exhausted() { DBLibrary::get()->SQLBindParameter = real; }
-    Exhausted(const Exhausted&) = delete;
-    Exhausted& operator=(const Exhausted&) = delete;
-};
+/// The memory runs out in a tag's second row.
+SQLRETURN SQL_API bind_or_throw(SQLHSTMT statement, SQLUSMALLINT position, SQLSMALLINT direction,
+                                SQLSMALLINT type, SQLSMALLINT sql_type, SQLULEN column_size,
+                                SQLSMALLINT digits, SQLPOINTER value, SQLLEN size,
+                                SQLLEN* indicator) {
+    if (--binds_left < 0)
+        throw std::bad_alloc();
+    return real.SQLBindParameter(statement, position, direction, type, sql_type, column_size,
+                                 digits, value, size, indicator);
+}
 
-TEST_P(Pooling, WhatAnExceptionCutShortIsNotCommittedByALaterCall) {
+SQLRETURN SQL_API refuse_commit(SQLSMALLINT type, SQLHANDLE handle, SQLSMALLINT completion) {
+    return completion == SQL_COMMIT ? SQLRETURN{SQL_ERROR}
+                                    : real.SQLEndTran(type, handle, completion);
+}
+
+TEST_P(Pooling, WhatWasCutShortIsNotCommittedByALaterCall) {
+    OdbcEntryPoints& odbc = *DBLibrary::get();
+    real = odbc;
+    binds_left = 15;
+    const auto expect_nothing_of = [&](const char* tag, int code) {
+        EXPECT_EQ(generate(tag), code);
+        odbc = real;
+        EXPECT_EQ(remove("other"), 1);
+        EXPECT_EQ(database().rows("TQVN_EnergyPolicyTag"), 0) << tag;
+    };
     ASSERT_EQ(generate("other"), EAS_OK);
-    {
-        const Exhausted memory;
-        EXPECT_EQ(generate("half"), EAS_STORE_FAILED);
-        EXPECT_LT(Exhausted::binds_left, 0);
-    }
-    EXPECT_EQ(remove("other"), 1);
-    EXPECT_EQ(database().rows("TQVN_EnergyPolicyTag"), 0);
+    odbc.SQLBindParameter = bind_or_throw;
+    expect_nothing_of("half", EAS_STORE_FAILED);
+    EXPECT_LT(binds_left, 0);
+    ASSERT_EQ(generate("other"), EAS_OK);
+    odbc.SQLEndTran = refuse_commit;
+    expect_nothing_of("refused", EAS_OK);  // the outcome of the commit is not reported
 }
 
 class ServerPooling : public Pooling {};
