@@ -1,0 +1,31 @@
+#!/bin/sh
+# The example of a node daemon, end to end: the library itself, a program of its own, a whole node.
+#
+# usage: daemon.sh FAKE-NODE NODE_DAEMON WORKLOAD
+#
+# Exit status 77 where there can be no fake node.
+fake_node=$1
+daemon=$2
+workload=$3
+output=$(mktemp)
+trap 'rm -f "$output"' EXIT
+
+# run FAKE-NODE OPTION... -- COMMAND: it must end with 0; what it prints is kept and shown.
+run() {
+    "$fake_node" "$@" >"$output" 2>&1
+    status=$?
+    cat "$output"
+    [ "$status" -eq 0 ] || exit "$status"
+}
+
+prints() {
+    grep -qE -e "$1" "$output" || {
+        echo "not printed: $1"
+        exit 1
+    }
+}
+
+# Near 0.8 instructions per cycle, as the workload's highest frequency has: a busy machine reads the
+# two counters at different times. Then the sockets' temperature margin.
+run --model 44 --workload "$workload" -- "$daemon" --interval 0.5 sleep 1
+prints ' 0[.](7[5-9]|8[0-4])[0-9] .* 55[.]000 '
