@@ -19,6 +19,8 @@
 
 enum { EXIT_USAGE = 2, EXIT_NO_HARDWARE = 3, EXIT_NO_START = 126, EXIT_NOT_FOUND = 127 };
 
+enum { NO_TEMPERATURE = 999 }; /* a margin beyond it is one below 0, so none either */
+
 /* One look at everything. */
 struct sample {
     double seconds; /* monotonic clock */
@@ -88,6 +90,23 @@ static void explain_missing(const struct sources* sources) {
     }
 }
 
+/* What only a sample shows: the library reports no source that fails. */
+static void explain_missing_readings(const hwrusage* sample) {
+    if (sample->membytes_xferred == 0) {
+        fputs(
+            "node_daemon: no memory traffic: processor models 42 and 46 have no counters for it; "
+            "26, 30, 37, 44 and 47 need write access to /dev/cpu/N/msr (msr.allow_writes), 45 and "
+            "62 root with CAP_SYS_RAWIO, /dev/mem and /sys/firmware/acpi/tables/MCFG\n",
+            stderr);
+    }
+    if (sample->inlet_temperature >= NO_TEMPERATURE) {
+        fputs(
+            "node_daemon: no temperature: processor models 42 and 46 have no sensor that is read, "
+            "or /dev/cpu/N/msr of a socket gave no valid reading; it needs CAP_SYS_RAWIO\n",
+            stderr);
+    }
+}
+
 static int take_sample(pid_t pid, struct sample* sample) {
     memset(sample, 0, sizeof *sample);
     sample->seconds = now_seconds();
@@ -95,8 +114,19 @@ static int take_sample(pid_t pid, struct sample* sample) {
     return gethwrusage(pid, &sample->hardware);
 }
 
+/* What a counter grew by; -1, "unknown", where it has become smaller: it was started again. */
+static double growth(uint64_t before, uint64_t after) {
+    return after >= before ? (double)(after - before) : -1;
+}
+
+/* The same of the energy meter in J; a reading of 0 is none. */
+static double joules_between(const struct sample* before, const struct sample* after) {
+    const int known = before->energy.energy1_input != 0 && after->energy.energy1_input != 0;
+    return known ? growth(before->energy.energy1_input, after->energy.energy1_input) / 1e6 : -1;
+}
+
 static void print_ratio(double dividend, double divisor, int available) {
-    if (available && divisor > 0) {
+    if (available && dividend >= 0 && divisor > 0) {
         printf(" %10.3f", dividend / divisor);
     } else {
         printf(" %10s", "-");
@@ -108,28 +138,25 @@ static void print_header(void) {
            "GFLOP/s", "mem_GB/s", "margin_C", "energy_J", "power_W");
 }
 
-/* Rates between two samples, and the energy since the first one. */
-static void print_line(const struct sources* sources, const struct sample* first,
+/* Rates between two samples, and the time and energy (J, -1 unknown) since the first one. */
+static void print_line(const struct sources* sources, double start, double all_joules,
                        const struct sample* last, const struct sample* now) {
     const double seconds = now->seconds - last->seconds;
     const hwrusage* before = &last->hardware;
     const hwrusage* after = &now->hardware;
-    const double cycles = (double)(after->cycles - before->cycles);
-    const double joules = (double)(now->energy.energy1_input - last->energy.energy1_input) / 1e6;
-    const double all_joules =
-        (double)(now->energy.energy1_input - first->energy.energy1_input) / 1e6;
+    const double cycles = growth(before->cycles, after->cycles);
+    const int core = sources->core_counters;
 
-    printf("%10.2f", now->seconds - first->seconds);
-    print_ratio(cycles / 1e9, seconds, sources->core_counters);
-    print_ratio((double)(after->instructions - before->instructions), cycles,
-                sources->core_counters);
-    print_ratio((double)(after->flops - before->flops) / 1e9, seconds, sources->core_counters);
-    print_ratio((double)(after->membytes_xferred - before->membytes_xferred) / 1e9, seconds,
-                sources->hardware);
+    printf("%10.2f", now->seconds - start);
+    print_ratio(cycles / 1e9, seconds, core);
+    print_ratio(growth(before->instructions, after->instructions), cycles, core);
+    print_ratio(growth(before->flops, after->flops) / 1e9, seconds, core);
+    print_ratio(growth(before->membytes_xferred, after->membytes_xferred) / 1e9, seconds,
+                sources->hardware && after->membytes_xferred != 0);
     print_ratio((double)after->inlet_temperature, 1,
-                sources->hardware && after->inlet_temperature != 999);
+                sources->hardware && after->inlet_temperature < NO_TEMPERATURE);
     print_ratio(all_joules, 1, sources->energy);
-    print_ratio(joules, seconds, sources->energy);
+    print_ratio(joules_between(last, now), seconds, sources->energy);
     putchar('\n');
     fflush(stdout);
 }
@@ -187,12 +214,17 @@ static int sample_until_end(pid_t pid, double interval, const struct sources* so
     struct sample last = *first;
     int status = 0;
     int ended = 0;
+    double all_joules = 0;
     print_header();
     while (!ended) {
         struct sample now;
         ended = ended_within(pid, interval, signals, &status);
         take_sample(pid, &now);
-        print_line(sources, first, &last, &now);
+        if (sources->hardware && last.seconds == first->seconds)
+            explain_missing_readings(&now.hardware);
+        const double joules = joules_between(&last, &now);
+        all_joules = all_joules >= 0 && joules >= 0 ? all_joules + joules : -1;
+        print_line(sources, first->seconds, all_joules, &last, &now);
         last = now;
     }
     return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);

@@ -29,3 +29,9 @@ prints() {
 # two counters at different times. Then the sockets' temperature margin.
 run --model 44 --workload "$workload" -- "$daemon" --interval 0.5 sleep 1
 prints ' 0[.](7[5-9]|8[0-4])[0-9] .* 55[.]000 '
+
+# A model without memory counters and temperature, a meter that starts again: dashes, and why.
+run --model 46 -- "$daemon" sh -c 'echo 5 >/sys/devices/platform/qpx.1/energy1_input'
+prints 'no memory traffic: .*models 42 and 46 .*/dev/mem'
+prints 'no temperature: .*/dev/cpu/N/msr'
+prints ' 0[.]000( +-){4}$'
