@@ -194,6 +194,13 @@ int read_topology(std::FILE* cpuinfo) {
     return 0;
 }
 
+bool can_be_sampled(const cpuinfo_t& processors) noexcept {
+    if (processors.family != 6)
+        return false;
+    const ProcessorModel* model = find_model(processors.model);
+    return model != nullptr && model->sampled;
+}
+
 }  // namespace eas
 
 int discover_topology() {
@@ -215,10 +222,7 @@ int supported_platform() {
     if (checkmsr() != 0)
         return 0;
     discover_topology();  // what it refuses has no supported family and model
-    if (cinfo.family != 6)
-        return 0;
-    const ProcessorModel* model = find_model(cinfo.model);
-    return model != nullptr && model->sampled ? 1 : 0;
+    return eas::can_be_sampled(cinfo) ? 1 : 0;
 }
 
 cpu_set_t bind_this_thread(int cpu_id) {

@@ -54,6 +54,9 @@ namespace eas {
 /// stays open. 0 or -2 as above.
 int read_topology(std::FILE* cpuinfo);
 
+/// Whether counters of this family and model can be programmed.
+[[nodiscard]] bool can_be_sampled(const cpuinfo_t& processors) noexcept;
+
 /// Keeps the calling thread on a CPU for the length of a block.
 class ThreadBinding {
   public:

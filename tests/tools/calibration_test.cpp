@@ -1,7 +1,9 @@
 // easctl model calibrate and easctl node inside fake nodes: known coefficients come back through
 // the simulated hardware, an interrupted calibration leaves the node as it was and goes on later.
 #include <gmock/gmock.h>
+#include <linux/capability.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -21,7 +23,9 @@ namespace eas::test {
 namespace {
 
 namespace fs = std::filesystem;
+using ::testing::ElementsAre;
 using ::testing::HasSubstr;
+using ::testing::IsEmpty;
 using ::testing::Not;
 
 class Calibration : public NodeTest {
@@ -254,6 +258,67 @@ TEST_F(NodeCommands, ShowAndSteerANode) {
                     {{"model", "calibrate", "--out", path("m.csv")}, 6, "intel_pstate=passive"},
                     {{"node", "info"}, 1, "missing (the driver has no list)"}});
         EXPECT_FALSE(fs::exists(path("m.csv")));
+    });
+}
+
+/// Name of each link that easctl doctor finds broken, its status, and what to do about it.
+std::vector<std::string> broken_links() {
+    const auto run = run_easctl({"doctor", "--node-only", "--json"});
+    std::vector<std::string> broken;
+    const auto links = nlohmann::json::parse(run.out).at("links");
+    for (const auto& link : links)
+        if (link.at("status") != "ok")
+            broken.push_back(link.at("name").get<std::string>() + " " +
+                             link.at("status").get<std::string>() + ": " +
+                             link.at("remedy").get<std::string>());
+    EXPECT_EQ(run.code, broken.empty() ? 0 : 1);
+    return broken;
+}
+
+TEST_F(NodeCommands, NameTheBrokenLinkAndItsRemedy) {
+    FakeNode node(small_node());
+    inside(node, [&] {
+        EXPECT_THAT(broken_links(), IsEmpty());
+        node.state().counter_fails_at = 1;
+        EXPECT_THAT(broken_links(),
+                    ElementsAre("core counters (perf) missing: this (virtual) machine shows no "
+                                "counters"));
+        node.state().counter_fails_at = -1;
+        // Root without the right to read what it may not read, as the tool is for others.
+        for (const int capability : {CAP_DAC_OVERRIDE, CAP_DAC_READ_SEARCH})
+            ASSERT_EQ(0, ::prctl(PR_CAPBSET_DROP, capability, 0, 0, 0));
+        const Hidden registers("/dev/cpu");
+        write_file("/dev/cpu/0/msr", "");
+        fs::permissions("/dev/cpu/0/msr", fs::perms::none);
+        fs::permissions("/sys/devices/platform/qpx.1/energy1_input", fs::perms::none);
+        EXPECT_THAT(broken_links(),
+                    ElementsAre(HasSubstr("/dev/cpu/0/msr denied: run as root"),
+                                "energy meter denied: run as root, or chmod a+r the sensor files"));
+    });
+    NodeShape shape = small_node();
+    shape.driver = fake::FreqDriver::kNoUserspace;
+    FakeNode fixed(shape);
+    inside(fixed, [] {
+        EXPECT_THAT(broken_links(),
+                    ElementsAre(HasSubstr("intel_pstate=passive"),
+                                "cpufreq governor missing: modprobe cpufreq_userspace",
+                                "frequencies missing: see the cpufreq driver"));
+    });
+}
+
+TEST_F(NodeCommands, DoNotTakeEveryKnownProcessorForASupportedOne) {
+    FakeNode node(small_node());
+    inside(node, [] {
+        NodeShape older = small_node(), low_power = older, other = older;
+        older.model = 23;
+        low_power.model = 28;
+        other.vendor = "AuthenticAMD";
+        for (const std::string& cpuinfo :
+             {fake::cpuinfo_text(older), fake::cpuinfo_text(low_power), fake::cpuinfo_text(other),
+              std::string("processor\t: 0\nBogoMIPS\t: 50.00\n\n")}) {
+            write_file("/proc/cpuinfo", cpuinfo);
+            EXPECT_THAT(broken_links(), ElementsAre(HasSubstr("processor missing: "))) << cpuinfo;
+        }
     });
 }
 

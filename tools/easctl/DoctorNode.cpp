@@ -36,9 +36,9 @@ Link processor() {
     const std::string found = cpuinfo_value("model name") + ", family " +
                               cpuinfo_value("cpu family") + ", model " + cpuinfo_value("model\t");
     const eas::UniqueFile cpuinfo = eas::open_for_reading(PROC_CPUINFO_PATH);
-    if (cpuinfo != nullptr && eas::read_topology(cpuinfo.get()) == 0)
+    if (cpuinfo != nullptr && eas::read_topology(cpuinfo.get()) == 0 && eas::can_be_sampled(cinfo))
         return {"processor", LinkStatus::ok, found, "", ""};
-    return {"processor", LinkStatus::wrong, found, "gethwrusage does not know this processor",
+    return {"processor", LinkStatus::missing, found, "gethwrusage does not support this processor",
             "calibrate and sample on a node whose model is one of those in EasMisc.h"};
 }
 
