@@ -1,5 +1,5 @@
 // Every allocation failure of a sample, in a fake node: the n-th allocation fails, once and with
-// all later ones, for every n until the sample is taken untouched.
+// all later ones, for every n until the sample is taken untouched. Later samples make none.
 #include <fcntl.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -71,6 +71,26 @@ TEST_F(NodeAllocationFaults, EndInADocumentedCodeAndLeaveNothing) {
                     EXPECT_LE(verdict, met) << "allocation " << n << " for good: " << for_good;
                 }
             }
+        });
+    }
+}
+
+TEST_F(NodeAllocationFaults, NoSampleAfterTheFirstOneAllocates) {
+    for (const int model : {44, 45, 47}) {
+        FakeNode node(of_model(model));
+        inside(node, [] {
+            hwrusage usage{};
+            enrusage energy{};
+            ASSERT_EQ(0, gethwrusage(1001, &usage));
+            int second = -1;
+            fail_allocation(1, false);
+            {
+                const WatchAllocations watch;
+                second = gethwrusage(1001, &usage) + getenrusage(RUSAGE_SELF, &energy);
+            }
+            EXPECT_FALSE(allocation_failed());
+            EXPECT_EQ(0, second);
+            EXPECT_EQ(0, gethwrusage(0, nullptr));
         });
     }
 }
