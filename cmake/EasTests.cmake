@@ -24,3 +24,11 @@ function(eas_add_test name)
     gtest_discover_tests(${name} TEST_PREFIX "${name}." DISCOVERY_TIMEOUT 60
                          PROPERTIES ${properties})
 endfunction()
+
+# eas_tests_left_out(REASON): says which tests are not built, and why; in CI that is an error.
+function(eas_tests_left_out reason)
+    if("$ENV{CI}" STREQUAL "true")
+        message(FATAL_ERROR "${reason}")
+    endif()
+    message(WARNING "${reason}")
+endfunction()
