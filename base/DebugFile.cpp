@@ -10,10 +10,11 @@
 namespace eas {
 namespace {
 
-/// A file that is only here: no pipe to wait on, no second name of a file elsewhere.
+/// A file that is only here: no pipe to wait on, no second name of a file elsewhere. One that was
+/// removed since it was opened has no name left, and harms nobody.
 bool is_safe_to_append(int fd) noexcept {
     struct stat file {};
-    return ::fstat(fd, &file) == 0 && S_ISREG(file.st_mode) && file.st_nlink == 1;
+    return ::fstat(fd, &file) == 0 && S_ISREG(file.st_mode) && file.st_nlink <= 1;
 }
 
 }  // namespace
