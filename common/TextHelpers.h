@@ -26,10 +26,11 @@ int stricmp(const char* s1, const char* s2);
 /// 1 when the text holds nothing but white space, else 0.
 int blankline(const char* str);
 
-/// Reads a line, trimmed, with the lines joined to it that a backslash at the end continues.
-/// Null at the end of the file and for a line of more than 57343 characters. At an end of file
-/// that a backslash precedes, the last piece read. The result lies in a buffer that every caller
-/// shares and the next call overwrites: not for two threads at once.
+/// Reads a line, trimmed, with the lines joined to it that a backslash at the end continues. A line
+/// of the file that is longer than the room left in the buffer (57343 characters when empty) comes
+/// in pieces, one per call. Null at the end of the file and when continued lines fill the buffer.
+/// At an end of file that a backslash precedes, the last piece read. The result lies in a buffer
+/// that every caller shares and the next call overwrites: not for two threads at once.
 char* my_getline(std::FILE* fp);
 
 namespace eas {
