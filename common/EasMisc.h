@@ -52,11 +52,13 @@ typedef struct hwrusage {
     uint64_t cache_references;    /* accesses to the last-level cache */
     uint64_t cache_misses;        /* misses of the last-level cache */
     uint64_t bus_cycles;          /* bus cycles */
-    uint64_t membytes_xferred;    /* bytes between the node's memory and its caches, both ways */
+    uint64_t membytes_xferred;    /* bytes between the node's memory and its caches, both ways; 0 or
+                                     meaningless where they are not counted, see gethwrusage */
     uint64_t netbytes_xferred;    /* always 0 */
     uint64_t flops;               /* floating-point operations, packed ones by their elements */
     uint64_t inlet_temperature;   /* degrees Celsius below the processors' highest allowed junction
-                                     temperature, mean of the sockets; 999: no reading */
+                                     temperature, mean of the sockets; 999: no reading; huge: below
+                                     0, see gethwrusage */
     uint64_t l2_transactions;     /* accesses to the L2 caches */
     uint64_t l1d_all_ref;         /* accesses to the L1 data caches */
     uint64_t tstamp;              /* wall-clock time of the core counters' reading, ns since 1970 */
@@ -97,9 +99,12 @@ typedef struct enrusage {
  * programmed leaves the saved user in force.
  *
  * A source that fails is not reported: without perf events the core fields and tstamp keep what
- * the caller had in them (clear the record first), without the memory counters membytes_xferred is
- * 0, without a temperature the field is 999. Once a process followed the whole node (pid -1) it
- * does so for the rest of its life, and those descriptors stay open.
+ * the caller had in them (clear the record first). Without the memory counters membytes_xferred is
+ * 0, or a meaningless value where only some memory channels could be mapped. Without a temperature
+ * the field is 999; a highest temperature that cannot be read (register 0x1A2) counts as 0, so that
+ * the margin is too small, and one below 0 wraps to a huge unsigned value. Once a process
+ * followed the whole node (pid -1) it does so for the rest of its life, and those descriptors stay
+ * open.
  *
  * Needs: the "msr" kernel module (/dev/cpu/N/msr); perf_event_open(2) for the process; for models
  * 45 and 62 /dev/mem and /sys/firmware/acpi/tables/MCFG; at most 4 sockets, 128 processors and,
@@ -169,7 +174,9 @@ EAS_API int extract_bits(unsigned long long val, int high, int low);
  * restore_priv goes back. The real user stays. See setresuid(2).
  *
  * Every thread of the process is affected. Needs CAP_SETUID, or new_uid to be one of the process's
- * own ids. Returns 0, or -1 with errno as the system call left it (nothing was changed).
+ * own ids. Returns 0, or -1 with errno as the system call left it (nothing was changed). The id
+ * (uid_t)-1 means "leave it" to setresuid: the effective user stays, the saved one becomes the
+ * effective one all the same, and -1 is returned with errno untouched, although nothing failed.
  */
 EAS_API int drop_priv_temp(uid_t new_uid);
 
@@ -177,7 +184,8 @@ EAS_API int drop_priv_temp(uid_t new_uid);
  * Makes new_uid the real, effective and saved user for good.
  *
  * Returns 0 only when all three were seen to be new_uid afterwards, else -1: treat the process as
- * still privileged then. Groups are not changed. Every thread of the process is affected.
+ * still privileged then (the id (uid_t)-1 changes none). Groups are not changed. Every thread of
+ * the process is affected.
  */
 EAS_API int drop_priv_perm(uid_t new_uid);
 
