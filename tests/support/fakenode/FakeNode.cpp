@@ -42,9 +42,13 @@ void bind(const fs::path& from, const fs::path& to) {
     check(::mount(from.c_str(), to.c_str(), nullptr, MS_BIND | MS_REC, nullptr) == 0, to);
 }
 
-/// `path` of the machine appears in the new /dev under its own name, if there is such a thing.
-void keep_device(const fs::path& stage, const char* name) {
-    const fs::path from = fs::path("/dev") / name, to = stage / "dev" / name;
+/// What of the machine's own /dev stays, if it is there.
+constexpr const char* kKept[] = {"null", "zero", "full", "random", "urandom", "tty",   "fuse",
+                                 "pts",  "shm",  "fd",   "stdin",  "stdout",  "stderr"};
+
+void keep_device(const fs::path& from, const fs::path& to) {
+    if (fs::is_symlink(from))
+        return fs::copy_symlink(from, to);
     if (!fs::exists(from))
         return;
     if (fs::is_directory(from))
@@ -56,15 +60,8 @@ void keep_device(const fs::path& stage, const char* name) {
 
 void make_devices(const NodeShape& shape, const fs::path& stage) {
     fs::create_directories(stage / "dev" / "cpu");
-    for (const char* name :
-         {"null", "zero", "full", "random", "urandom", "tty", "fuse", "pts", "shm"})
-        keep_device(stage, name);
-    fs::create_symlink("/proc/self/fd", stage / "dev" / "fd");
-    for (const char* name : {"stdin", "stdout", "stderr"})
-        fs::create_symlink(std::string("fd/") + std::to_string(name[3] == 'i'   ? 0
-                                                               : name[3] == 'o' ? 1
-                                                                                : 2),
-                           stage / "dev" / name);
+    for (const char* name : kKept)
+        keep_device(fs::path("/dev") / name, stage / "dev" / name);
     write_text(stage / "dev" / "mem", "");
     // Sparse: from address 0 to the end of the 256 MiB that configuration space takes.
     fs::resize_file(stage / "dev" / "mem", shape.mcfg_base + (uint64_t{256} << 20));
@@ -163,7 +160,7 @@ int keep_node(NodeServer& server, pid_t child, Pipe& ready, Pipe& calls) {
         std::thread([&server] {
             for (;; std::this_thread::sleep_for(std::chrono::milliseconds(5))) {
                 const std::lock_guard<std::mutex> lock(server.mutex);
-                server.advance();
+                server.workload.advance();
             }
         }).detach();
     return exit_status(child);
@@ -238,7 +235,6 @@ void NodeState::reset(const NodeShape& shape) {
     msr_device = MsrDevice::kPresent;
     msr_stray_bits = 0;
     driver = shape.driver;
-    counter_read = CounterRead::kWhole;
     counter_fails_at = -1;
     msr_log.clear();
     freq_log.clear();

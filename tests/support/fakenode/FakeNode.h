@@ -5,7 +5,7 @@
 // (CAP_SYS_ADMIN) and /dev/fuse.
 //
 // Where it is unlike a real node: registers of a socket are kept per CPU and take any value; the
-// counters in physical memory stand still unless a workload runs, and reads of them go unseen; an
+// counters in physical memory stand still, also under a workload, and reads of them go unseen; an
 // event is counted for any process id; answered affinity binds nothing and is not inherited.
 #pragma once
 

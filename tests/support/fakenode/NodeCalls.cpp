@@ -106,7 +106,7 @@ int64_t new_counter(NodeServer& server, const Call& call) {
         return -EMFILE;
     if (static_cast<int>(index) == server.state.counter_fails_at)
         return -ENODEV;
-    server.advance();
+    server.workload.advance();
     counter.opened_at = server.workload.total(counter.attr);
     server.state.counters.add(counter);
     return static_cast<int64_t>(index);

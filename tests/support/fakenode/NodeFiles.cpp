@@ -114,9 +114,6 @@ struct FreqFile {
 };
 
 constexpr FreqFile kFreqFiles[] = {
-    {"affected_cpus", [](int cpu) { return line(cpu); }, nullptr},
-    {"cpuinfo_max_freq", [](int) { return line(server().shape.frequencies.front()); }, nullptr},
-    {"cpuinfo_min_freq", [](int) { return line(server().shape.frequencies.back()); }, nullptr},
     {"scaling_available_frequencies", [](int) { return frequency_list(); }, nullptr},
     {"scaling_available_governors", [](int) { return std::string(governors()) + " \n"; }, nullptr},
     {"scaling_cur_freq", [](int cpu) { return line(policy(cpu).current); }, nullptr},
@@ -188,40 +185,9 @@ int get_attributes(const char* path, struct stat* out, fuse_file_info*) {
     *out = {};
     out->st_nlink = 1;
     out->st_size = 4096;
-    switch (entry.kind) {
-        case Kind::kNone:
-            return -ENOENT;
-        case Kind::kFolder:
-            out->st_mode = S_IFDIR | 0755;
-            break;
-        case Kind::kFreq:
-            out->st_mode = S_IFREG | (entry.freq->store != nullptr ? 0644 : 0444);
-            break;
-        case Kind::kMeter:
-            out->st_mode = S_IFREG | 0444;
-            break;
-        default:
-            out->st_mode = S_IFREG | 0600;
-    }
-    return 0;
-}
-
-int list(const char* path, void* buf, fuse_fill_dir_t fill, off_t, fuse_file_info*,
-         fuse_readdir_flags) {
-    const std::string_view text = path;
-    const auto add = [&](const std::string& name) {
-        fill(buf, name.c_str(), nullptr, 0, fuse_fill_dir_flags{});
-    };
-    const std::string prefix = text == "/cpufreq" ? "policy" : "";
-    if (text == "/msr" || text == "/cpufreq")
-        for (int cpu = 0; cpu < server().shape.cpus(); ++cpu)
-            add(prefix + std::to_string(cpu));
-    else if (text.substr(0, 5) == "/msr/")
-        add("msr");
-    else if (text.substr(0, 9) == "/cpufreq/")
-        for (const FreqFile& file : kFreqFiles)
-            add(file.name);
-    return 0;
+    const bool folder = entry.kind == Kind::kFolder;
+    out->st_mode = folder ? S_IFDIR | 0755 : S_IFREG | (entry.kind == Kind::kMsr ? 0600 : 0644);
+    return entry.kind == Kind::kNone ? -ENOENT : 0;
 }
 
 int open_file(const char*, fuse_file_info* info) {
@@ -262,28 +228,17 @@ int write_msr(int cpu, const char* buf, size_t size, off_t reg) {
     return server().state.set_msr(cpu, static_cast<uint32_t>(reg), value) ? 8 : -EIO;
 }
 
-int read_counter(Counter& counter, char* buf, size_t size, off_t offset) {
-    const CounterRead how = server().state.counter_read;
-    if (how == CounterRead::kEndOfFile)
-        return 0;
-    if (how == CounterRead::kError)
-        return -EIO;
-    const size_t done = static_cast<size_t>(offset) % sizeof counter.served;
-    if (done == 0) {
-        counter.served = counter.words;
-        if (server().workload.active()) {
-            const double total = server().workload.total(counter.attr) - counter.opened_at;
-            const int sharers =
-                counter.pid == -1 ? server().shape.sockets * server().shape.cores : 1;
-            counter.served = {static_cast<uint64_t>(total / sharers), 1, 1};
-        }
+int read_counter(const Counter& counter, char* buf, size_t size) {
+    std::array<uint64_t, 3> words = counter.words;
+    if (server().workload.active()) {
+        const double total = server().workload.total(counter.attr) - counter.opened_at;
+        const int sharers = counter.pid == -1 ? server().shape.sockets * server().shape.cores : 1;
+        words = {static_cast<uint64_t>(total / sharers), 1, 1};
     }
-    if (how == CounterRead::kWhole && size < sizeof counter.served)
+    if (size < sizeof words)
         return -ENOSPC;
-    const size_t length =
-        std::min(how == CounterRead::kInPieces ? size_t{8} : size, sizeof counter.served - done);
-    std::memcpy(buf, reinterpret_cast<const char*>(counter.served.data()) + done, length);
-    return static_cast<int>(length);
+    std::memcpy(buf, words.data(), sizeof words);
+    return static_cast<int>(sizeof words);
 }
 
 int read_text(const std::string& text, char* buf, size_t size, off_t offset) {
@@ -295,7 +250,7 @@ int read_text(const std::string& text, char* buf, size_t size, off_t offset) {
 
 int read_file(const char* path, char* buf, size_t size, off_t offset, fuse_file_info*) {
     const Lock lock(server().mutex);
-    server().advance();
+    server().workload.advance();
     const Entry entry = find(path);
     switch (entry.kind) {
         case Kind::kMsr:
@@ -308,7 +263,7 @@ int read_file(const char* path, char* buf, size_t size, off_t offset, fuse_file_
                 size, offset);
         case Kind::kCounter:
             return read_counter(server().state.counters.rows[static_cast<size_t>(entry.index)], buf,
-                                size, offset);
+                                size);
         default:
             return -EISDIR;
     }
@@ -316,11 +271,11 @@ int read_file(const char* path, char* buf, size_t size, off_t offset, fuse_file_
 
 int write_file(const char* path, const char* buf, size_t size, off_t offset, fuse_file_info*) {
     const Lock lock(server().mutex);
-    server().advance();
+    server().workload.advance();
     const Entry entry = find(path);
     if (entry.kind == Kind::kMsr)
         return write_msr(entry.index, buf, size, offset);
-    if (entry.kind != Kind::kFreq)
+    if (entry.kind != Kind::kFreq || entry.freq->store == nullptr)
         return -EINVAL;
     const std::string text(buf, size);
     FreqWrite write{entry.index, {}, {}};
@@ -342,7 +297,6 @@ void* start(fuse_conn_info*, fuse_config* config) {
     fuse_operations calls{};
     calls.init = start;
     calls.getattr = get_attributes;
-    calls.readdir = list;
     calls.open = open_file;
     calls.truncate = truncate_file;
     calls.read = read_file;

@@ -18,15 +18,14 @@ class Workload {
     Workload(const NodeShape& shape, NodeState& state) : shape_(shape), state_(state) {}
 
     [[nodiscard]] bool active() const { return !shape_.workload.empty(); }
-    /// Brings the totals, and the memory counters made from them, up to now.
-    void advance(const std::string& physical_memory);
+    /// Brings the totals, and the memory counter of models 26 to 44 made from them, up to now.
+    void advance();
     /// Node-wide total of a generic hardware event: cycles and instructions move, no other does.
     [[nodiscard]] double total(const perf_event_attr& event) const;
     [[nodiscard]] double joules() const { return joules_; }
 
   private:
     [[nodiscard]] const WorkloadRow& row() const;
-    void publish_lines(const std::string& physical_memory) const;
 
     const NodeShape& shape_;
     NodeState& state_;
@@ -46,7 +45,6 @@ struct NodeServer {
           workload(node, shared) {}
 
     [[nodiscard]] CpuMask affinity_of(int thread) const;
-    void advance() { workload.advance(stage + "/dev/mem"); }
 
     const NodeShape& shape;
     NodeState& state;

@@ -39,19 +39,15 @@ std::string cpuinfo_text(const NodeShape& shape) {
     std::ostringstream out;
     const std::string flags = flags_line();
     for (int cpu = 0; cpu < shape.cpus(); ++cpu) {
-        out << "processor\t: " << cpu << "\nvendor_id\t: " << shape.vendor
-            << "\ncpu family\t: " << shape.family << "\nmodel\t\t: " << shape.model
+        out << "processor\t: " << cpu
+            << "\nvendor_id\t: GenuineIntel\ncpu family\t: 6\nmodel\t\t: " << shape.model
             << "\nmodel name\t: Intel(R) Xeon(R) CPU E5-2680 0 @ 2.70GHz\nstepping\t: 7"
-            << "\nmicrocode\t: 0x710\ncpu MHz\t\t: 2667.000\ncache size\t: 20480 KB"
             << "\nphysical id\t: " << id_at(shape.socket_ids, shape.socket_of(cpu))
             << "\nsiblings\t: " << shape.cores * shape.threads
             << "\ncore id\t\t: " << id_at(shape.core_ids, shape.core_of(cpu))
             << "\ncpu cores\t: " << shape.cores << "\napicid\t\t: " << cpu
-            << "\ninitial apicid\t: " << cpu << "\nfpu\t\t: yes\nfpu_exception\t: yes"
-            << "\ncpuid level\t: 13\nwp\t\t: yes\nflags\t\t: " << flags
-            << "\nbugs\t\t: cpu_meltdown spectre_v1\nbogomips\t: 5399.28\nclflush size\t: 64"
-            << "\ncache_alignment\t: 64\naddress sizes\t: 46 bits physical, 48 bits virtual"
-            << "\npower management:\n\n";
+            << "\ncpuid level\t: 13\nflags\t\t: " << flags
+            << "\naddress sizes\t: 46 bits physical, 48 bits virtual\npower management:\n\n";
     }
     return out.str();
 }

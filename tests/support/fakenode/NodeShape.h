@@ -28,8 +28,6 @@ struct WorkloadRow {
 
 struct NodeShape {
     int model = 45;
-    int family = 6;
-    std::string vendor = "GenuineIntel";
     int sockets = 2;
     int cores = 4;    // per socket
     int threads = 2;  // per core

@@ -47,8 +47,6 @@ struct FreqWrite {
     std::array<char, 32> text;
 };
 
-enum class CounterRead { kWhole, kInPieces, kEndOfFile, kError };
-
 /// One perf_event_open that was answered with a descriptor, and what a read of it gives.
 struct Counter {
     perf_event_attr attr;
@@ -56,9 +54,8 @@ struct Counter {
     int cpu;
     int leader;
     unsigned long flags;
-    std::array<uint64_t, 3> words;   // value, time enabled, time running
-    std::array<uint64_t, 3> served;  // the sample that a read in pieces is in
-    double opened_at;                // workload total at the open
+    std::array<uint64_t, 3> words;  // value, time enabled, time running
+    double opened_at;               // workload total at the open
 };
 
 template <typename T, size_t kSize>
@@ -88,7 +85,6 @@ struct NodeState {
     Log<FreqWrite, 512> freq_log;
 
     Log<Counter, kMaxCounters> counters;
-    CounterRead counter_read;
     int counter_fails_at;  // index of the open that fails with ENODEV; -1: none
 
     [[nodiscard]] uint64_t* find_msr(int cpu, uint32_t reg) {

@@ -1,6 +1,5 @@
 // fake-node [options] -- COMMAND: runs a command inside a fake node; exit status is the command's.
 #include <CLI/CLI.hpp>
-#include <map>
 #include <string>
 #include <vector>
 
@@ -11,23 +10,17 @@ using namespace eas::fake;
 int main(int argc, char** argv) {
     CLI::App app{"Runs a command on a node that this machine is not.", "fake-node"};
     NodeShape shape;
-    NodeOptions options{false, 0};
     std::string workload;
     std::vector<std::string> command;
-    const std::map<std::string, FreqDriver> drivers{{"table", FreqDriver::kTable},
-                                                    {"no-userspace", FreqDriver::kNoUserspace},
-                                                    {"deaf", FreqDriver::kDeaf}};
     app.add_option("--model", shape.model, "processor model, decimal")->capture_default_str();
     app.add_option("--sockets", shape.sockets)->check(CLI::Range(1, 4))->capture_default_str();
     app.add_option("--cores", shape.cores, "per socket")->check(CLI::Range(1, 64));
     app.add_option("--threads", shape.threads, "per core")->check(CLI::Range(1, 2));
-    app.add_option("--ratio", shape.nonturbo_ratio, "highest non-turbo multiplier");
     app.add_option("--frequencies", shape.frequencies, "kHz, highest first")->delimiter(',');
-    app.add_option("--driver", shape.driver)->transform(CLI::CheckedTransformer(drivers));
-    app.add_option(
-        "--workload", workload,
-        "file of lines: kHz, watts, cycles per instruction, memory lines per instruction");
-    app.add_flag("--own-affinity", options.own_affinity, "let threads bind to the node's CPUs");
+    app.add_option("--workload", workload,
+                   "file of lines: kHz, watts, cycles per instruction, memory lines per "
+                   "instruction (counted on "
+                   "models 26 to 44)");
     app.add_option("command", command)->required();
     CLI11_PARSE(app, argc, argv);
     try {
@@ -39,7 +32,7 @@ int main(int argc, char** argv) {
         for (std::string& word : command)
             words.push_back(word.data());
         words.push_back(nullptr);
-        return FakeNode(shape, options).exec(words.data());
+        return FakeNode(shape, NodeOptions{false, 0}).exec(words.data());
     } catch (const std::exception& error) {
         std::fprintf(stderr, "fake-node: %s\n", error.what());
         return 2;
