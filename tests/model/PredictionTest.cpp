@@ -37,55 +37,43 @@ void expect_empty(const EnergyTag& tag) {
 }
 
 TEST(Coefficients, DeriveDefaultAndNominalFrequencyFromTheRows) {
-    struct Row {
-        int frequency;
-        std::vector<double> factors;
-    };
-    const std::vector<double> zero(6, 0.0);
-    const std::vector<double> one(6, 1.0);
     struct {
         const char* what;
-        std::vector<Row> rows;
+        std::vector<std::pair<int, double>> rows;  // a frequency, and all its factors but the last
+        double last_factor;
         int default_frequency, nominal;
     } const cases[] = {
-        {"empty", {}, 0, 0},
-        {"no marker row", {{16, one}, {24, one}}, 0, 24},
-        {"the last marker counts", {{12, zero}, {16, zero}, {24, one}}, 16, 24},
-        {"negative counts as zero", {{12, {-5, -1, -2, -3, -4, -6}}, {24, one}}, 12, 24},
-        {"1e-6 is not zero", {{12, {0, 0, 0, 0, 0, 1e-6}}, {24, one}}, 0, 24},
-        {"below 1e-6 is", {{12, {9e-7, 9e-7, 9e-7, 9e-7, 9e-7, 9e-7}}, {24, one}}, 12, 24},
-        {"nominal is the last, not the highest", {{24, one}, {16, zero}}, 16, 16},
+        {"empty", {}, 0, 0, 0},
+        {"no marker row", {{16, 1}, {24, 1}}, 0, 0, 24},
+        {"the last marker counts", {{12, 0}, {16, 0}, {24, 1}}, 0, 16, 24},
+        {"negative counts as zero", {{12, -5}, {24, 1}}, -6, 12, 24},
+        {"1e-6 is not zero", {{12, 0}, {24, 1}}, 1e-6, 0, 24},
+        {"below 1e-6 is", {{12, 9e-7}, {24, 1}}, 9e-7, 12, 24},
+        {"nominal is the last, not the highest", {{24, 1}, {16, 0}}, 0, 16, 16},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
         CoEfficients set;
         for (const auto& [f, v] : c.rows)
-            set.setArrayData(f, v[0], v[1], v[2], v[3], v[4], v[5]);
+            set.setArrayData(f, v, v, v, v, v, c.last_factor);
         EXPECT_EQ(set.getDefaultFrequency(), c.default_frequency);
         EXPECT_EQ(set.getNominalFrequency(), c.nominal);
         EXPECT_EQ(set.total_frequencies(), static_cast<int>(c.rows.size()));
     }
 }
 
-TEST(Coefficients, CopyDeeplyAndFindTheFirstRowOfAFrequency) {
+TEST(Coefficients, FindTheFirstRowOfAFrequencyAndCopyDeeply) {
     CoEfficients set = eas_test::make_set({16, 20, 16}, 20);
-    set.setClusterName("c1");
     CoEfficients copy;
     copy = set;
-    set.setClusterName("c2");
     set.setArrayData(28, 1, 2, 3, 4, 5, 6);
-    EXPECT_EQ(copy.getClusterName(), "c1");
-    EXPECT_EQ(copy.frequencyArray(), (std::vector<int>{16, 20, 16}));
-    EXPECT_EQ(copy.CoEfficientF_Array().size(), 3U);
     EXPECT_EQ(set.getCoeffFreqIndex(16), 0);
     EXPECT_EQ(set.getCoeffFreqIndex(28), 3);
     EXPECT_EQ(set.CoEfficientB_Array()[3], 2.0);
     EXPECT_EQ(copy.getCoeffFreqIndex(28), -1);
-
     CoEfficients& same = copy;
     copy = same;
-    EXPECT_EQ(copy.frequencyArray().size(), 3U);
-    EXPECT_EQ(copy.getClusterName(), "c1");
+    EXPECT_EQ(copy.frequencyArray(), (std::vector<int>{16, 20, 16}));
 }
 
 TEST(Coefficients, ListRowsExceptThoseOfFrequencyMinusOne) {
@@ -127,43 +115,30 @@ TEST(Prediction, IsRightToTheBit) {
         int seconds;
         double slowdown;
     };
+    const std::vector<Row> compute_bound = {
+        {1200000, 0x1.7789db0a48b0ep+7, 0x1.1f8f933be5c4cp-2, 7072, 0x1.ebd7f89e69774p-1},
+        {1800000, 0x1.e03daae6328c5p+7, 0x1.974aae1c02a10p-4, 4747, 0x1.43a32acbfa09cp-2},
+        {2400000, 0x1.1f6e147ae147bp+8, 0.0, 3607, 0.0},
+        {3000000, 0x1.6f57c06aa5971p+8, 0x1.69e245fda9a00p-5, 2947, -0x1.76bcee2f8d4ecp-3}};
+    const std::vector<Row> memory_bound = {
+        {1200000, 0x1.cd5efff7a32b9p+7, -0x1.cbfb09fed67e4p-3, 4129, 0x1.d9adf6bb2ce40p-4},
+        {1800000, 0x1.1a71b74c087b0p+8, -0x1.3e7ced3267fb0p-4, 4011, 0x1.5715ed52ef780p-4},
+        {2400000, 0x1.4be8f5c28f5c3p+8, 0.0, 3701, 0.0},
+        {3000000, 0x1.a316f099d6ab9p+8, 0x1.171875648a068p-2, 3730, 0x1.00c2c8bb97200p-7}};
     struct {
-        const char* what;
-        double cycles, instructions, bytes;
+        double cycles, instructions, bytes, power;
         int seconds;
-        double power, gbs, gips, cpi;
-        std::vector<Row> rows;
+        double gbs, gips, cpi;
+        const std::vector<Row>& rows;
     } const jobs[] = {
-        {"compute-bound",
-         2.3517e13,
-         3.1093e13,
-         4.2119e12,
-         3607,
-         287.43,
-         0x1.2aee7f7effd0dp+0,
-         0x1.13d889f8c2c01p+3,
-         0x1.833f810232c45p-1,
-         {{1200000, 0x1.7789db0a48b0ep+7, 0x1.1f8f933be5c4cp-2, 7072, 0x1.ebd7f89e69774p-1},
-          {1800000, 0x1.e03daae6328c5p+7, 0x1.974aae1c02a10p-4, 4747, 0x1.43a32acbfa09cp-2},
-          {2400000, 0x1.1f6e147ae147bp+8, 0.0, 3607, 0.0},
-          {3000000, 0x1.6f57c06aa5971p+8, 0x1.69e245fda9a00p-5, 2947, -0x1.76bcee2f8d4ecp-3}}},
-        {"memory-bound",
-         2.2091e13,
-         0.9037e13,
-         2.9023e14,
-         3701,
-         331.91,
-         0x1.39ad6911ea47dp+6,
-         0x1.388c0046d4a14p+1,
-         0x1.38e591eade08ep+1,
-         {{1200000, 0x1.cd5efff7a32b9p+7, -0x1.cbfb09fed67e4p-3, 4129, 0x1.d9adf6bb2ce40p-4},
-          {1800000, 0x1.1a71b74c087b0p+8, -0x1.3e7ced3267fb0p-4, 4011, 0x1.5715ed52ef780p-4},
-          {2400000, 0x1.4be8f5c28f5c3p+8, 0.0, 3701, 0.0},
-          {3000000, 0x1.a316f099d6ab9p+8, 0x1.171875648a068p-2, 3730, 0x1.00c2c8bb97200p-7}}},
+        {2.3517e13, 3.1093e13, 4.2119e12, 287.43, 3607, 0x1.2aee7f7effd0dp+0, 0x1.13d889f8c2c01p+3,
+         0x1.833f810232c45p-1, compute_bound},
+        {2.2091e13, 0.9037e13, 2.9023e14, 331.91, 3701, 0x1.39ad6911ea47dp+6, 0x1.388c0046d4a14p+1,
+         0x1.38e591eade08ep+1, memory_bound},
     };
     const CoEfficients set = sample_set();
     for (const auto& job : jobs) {
-        SCOPED_TRACE(job.what);
+        SCOPED_TRACE(job.cycles);
         const double gbs = GBS(job.bytes, job.seconds);
         const double gips = GIPS(job.instructions, job.seconds);
         const double cpi = CPI(job.cycles, job.instructions);
@@ -231,12 +206,10 @@ TEST(Prediction, LeavesAnEmptyTagWhenItCannotBeMade) {
 TEST(Prediction, RefusesSingleRowsThatDoNotExist) {
     const CoEfficients set = sample_set();
     const EnergyTag tag;
-    for (const int fidx : {-1, 4, INT_MAX}) {
-        EXPECT_EQ(tag.predictPower(&set, fidx, 100, 1, 1), -1.0);
-        EXPECT_EQ(tag.predictTime(&set, fidx, 100, 1, 1, 1), -1);
+    for (const auto& [any_set, row] : {std::pair(&set, -1), {&set, 4}, {nullptr, 0}}) {
+        EXPECT_EQ(tag.predictPower(any_set, row, 100, 1, 1), -1.0);
+        EXPECT_EQ(tag.predictTime(any_set, row, 100, 1, 1, 1), -1);
     }
-    EXPECT_EQ(tag.predictPower(nullptr, 0, 100, 1, 1), -1.0);
-    EXPECT_EQ(tag.predictTime(nullptr, 0, 100, 1, 1, 1), -1);
     double change = 7.0;
     EXPECT_EQ(tag.perfDegrade(0, 100, change), -1);
     EXPECT_EQ(tag.perfDegrade(100, 0, change), -1);
@@ -274,29 +247,19 @@ TEST(Tag, IsTheSameForClusterNameUserAndDefaultFrequency) {
     }
 }
 
-TEST(Tag, CopiesAndMovesWhole) {
+TEST(Tag, CopiesWholeAndIsCleared) {
     const CoEfficients set = sample_set();
-    EnergyTag tag = tag_of(set, 100, 100);
-    tag.create_time(1LL << 40);
+    const EnergyTag tag(&set, nullptr, nullptr, "j.0", nullptr, 100, 100, 1, 1, 1);
     EnergyTag copy;
     copy = tag;
     EnergyTag& same = copy;
     copy = same;
-    const EnergyTag moved = std::move(tag);
-    EXPECT_EQ(copy.predict_power_array(), moved.predict_power_array());
-    EXPECT_EQ(copy.perf_degrad_pct_array(), moved.perf_degrad_pct_array());
+    EXPECT_EQ(copy.available(), 1);
+    EXPECT_EQ(copy.user_name(), "") << "a null name is an empty one";
     EXPECT_EQ(copy.job_step_id(), "j.0");
-    EXPECT_EQ(copy.create_time(), 1LL << 40);
-    EXPECT_EQ(copy.frequency_array().size(), 4U);
+    EXPECT_EQ(copy.perf_degrad_pct_array(), tag.perf_degrad_pct_array());
     copy.clear();
     expect_empty(copy);
-}
-
-TEST(Tag, TakesNullNamesAsEmpty) {
-    const CoEfficients set = sample_set();
-    const EnergyTag tag(&set, nullptr, nullptr, nullptr, nullptr, 100, 100, 1, 1, 1);
-    EXPECT_EQ(tag.available(), 1);
-    EXPECT_EQ(tag.user_name(), "");
 }
 
 }  // namespace
