@@ -21,19 +21,27 @@ const std::pair<uint32_t, uint64_t> kEvents[] = {
     {4, 0x538010}, {4, 0x534010}, {4, 0x531010}, {4, 0x530111}, {4, 0x530211},
 };
 
-/// The first 80 bytes of the attribute record as the kernel's interface lays them out.
-std::array<uint64_t, 10> record(size_t event, uint64_t flags) {
-    const auto [type, config] = kEvents[event];
-    return {type | uint64_t{80} << 32, config, 0, 0, 3, flags, 0, 0, 0, 0};
+/// What an event of the table asks of the kernel, in the 80 bytes of its interface's second
+/// version.
+perf_event_attr record(size_t event, bool node_wide) {
+    perf_event_attr attr{};
+    attr.type = kEvents[event].first;
+    attr.config = kEvents[event].second;
+    attr.size = 80;
+    attr.read_format = 3;  // the times enabled and running beside the value
+    attr.inherit = 1;
+    attr.enable_on_exec = node_wide ? 0 : 1;
+    return attr;
 }
 
-std::array<uint64_t, 10> record(const Counter& counter) {
-    std::array<uint64_t, 10> words;
-    std::memcpy(words.data(), &counter.attr, sizeof words);
-    return words;
+void expect_event(const Counter& counter, size_t event, int pid, int cpu) {
+    const perf_event_attr expected = record(event, pid == -1);
+    EXPECT_EQ(0, std::memcmp(&expected, &counter.attr, 80)) << event;
+    EXPECT_EQ(pid, counter.pid);
+    EXPECT_EQ(cpu, counter.cpu);
+    EXPECT_EQ(-1, counter.leader);
+    EXPECT_EQ(0U, counter.flags);
 }
-
-constexpr uint64_t kInherit = 1 << 1, kEnableOnExec = 1 << 12;
 
 size_t opened_counters() {
     size_t count = 0;
@@ -48,15 +56,8 @@ TEST_F(CountersTest, FollowsOneProcessWithFifteenEvents) {
         ASSERT_EQ(0, init_core_counters(4321));
         ASSERT_EQ(15U, node.state().counters.count);
         EXPECT_EQ(15U, opened_counters());
-        for (size_t i = 0; i < 15; ++i) {
-            SCOPED_TRACE(i);
-            const Counter& counter = node.state().counters.rows[i];
-            EXPECT_EQ(record(i, kInherit | kEnableOnExec), record(counter));
-            EXPECT_EQ(4321, counter.pid);
-            EXPECT_EQ(-1, counter.cpu);
-            EXPECT_EQ(-1, counter.leader);
-            EXPECT_EQ(0U, counter.flags);
-        }
+        for (size_t i = 0; i < 15; ++i)
+            expect_event(node.state().counters.rows[i], i, 4321, -1);
         EXPECT_EQ(0, core_counters.system_wide);
         close_core_counters();
         EXPECT_EQ(0U, opened_counters());
@@ -66,24 +67,25 @@ TEST_F(CountersTest, FollowsOneProcessWithFifteenEvents) {
     });
 }
 
-TEST_F(CountersTest, FollowsTheNodeOnAsManyCpusAsItHasCores) {
+TEST_F(CountersTest, FollowsTheNodeOnAsManyCpusAsItHasCoresAndKeepsItsDescriptors) {
     FakeNode node;  // 8 cores, 16 threads
     inside(node, [&] {
-        ASSERT_EQ(0, discover_topology());
-        ASSERT_EQ(0, init_core_counters(-1));
+        hwrusage usage{};
+        ASSERT_EQ(0, gethwrusage(-1, &usage));
         ASSERT_EQ(15U * 8, node.state().counters.count);
         for (size_t i = 0; i < 15 * 8; ++i) {
-            SCOPED_TRACE(i);
             Counter& counter = node.state().counters.rows[i];
-            EXPECT_EQ(record(i / 8, kInherit), record(counter));
-            EXPECT_EQ(-1, counter.pid);
-            EXPECT_EQ(static_cast<int>(i % 8), counter.cpu);
+            expect_event(counter, i / 8, -1, static_cast<int>(i % 8));
             counter.words = {1000 * (i / 8) + i % 8, 1, 1};
         }
-        hwrusage usage{};
-        EXPECT_EQ(0, read_core_counters(&usage));
+        EXPECT_EQ(0, gethwrusage(-1, &usage));
         EXPECT_EQ(28U, usage.cycles);
         EXPECT_EQ(8U * 8000 + 28, usage.l1d_all_ref);
+        EXPECT_EQ(0, gethwrusage(-1, nullptr));
+        EXPECT_EQ(15U * 8, opened_counters());
+        ASSERT_EQ(0, gethwrusage(-1, &usage));
+        EXPECT_EQ(0, gethwrusage(-1, nullptr));
+        EXPECT_EQ(15U * 8, opened_counters()) << "starting again does not pile more of them up";
         for (auto& row : core_counters.fds)
             for (int& fd : row)
                 if (fd >= 0)
@@ -114,24 +116,21 @@ TEST_F(CountersTest, EachEventLandsInItsField) {
         uint64_t value = 1;
         for (size_t i = 0; i < 15; ++i, value *= 10)
             node.state().counters.rows[i].words[0] = value;
+        // As the record lies in memory: daemons were built against it. Rows 9 to 14 hold 10^9 to
+        // 10^14, weighted 1, 1, 4, 2, 8, 4.
+        std::array<uint64_t, 14> expected = {1,    10,       10000,    100000, 100,
+                                             1000, 1000000,  7,        7,      482411000000000,
+                                             7,    10000000, 100000000};
         hwrusage usage{};
-        usage.membytes_xferred = usage.netbytes_xferred = usage.inlet_temperature = 77;
+        usage.membytes_xferred = usage.netbytes_xferred = usage.inlet_temperature = 7;
         const uint64_t before = rdclock();
         EXPECT_EQ(0, read_core_counters(&usage));
-        EXPECT_EQ(1U, usage.cycles);
-        EXPECT_EQ(10U, usage.instructions);
-        EXPECT_EQ(100U, usage.cache_references);
-        EXPECT_EQ(1000U, usage.cache_misses);
-        EXPECT_EQ(10000U, usage.branch_instructions);
-        EXPECT_EQ(100000U, usage.branch_misses);
-        EXPECT_EQ(1000000U, usage.bus_cycles);
-        EXPECT_EQ(10000000U, usage.l2_transactions);
-        EXPECT_EQ(100000000U, usage.l1d_all_ref);
-        // Rows 9 to 14 hold 10^9 to 10^14, weighted 1, 1, 4, 2, 8, 4.
-        EXPECT_EQ(482411000000000U, usage.flops);
         EXPECT_LE(before, usage.tstamp);
         EXPECT_GE(rdclock(), usage.tstamp);
-        EXPECT_EQ(77U, usage.membytes_xferred & usage.netbytes_xferred & usage.inlet_temperature);
+        expected[13] = usage.tstamp;
+        EXPECT_EQ(sizeof expected, sizeof usage);
+        EXPECT_EQ(0, std::memcmp(&usage, expected.data(), sizeof usage))
+            << ::testing::PrintToString(expected) << ::testing::PrintToString(usage);
 
         const UniqueFd failing(std::exchange(core_counters.fd[14], -1));
         const hwrusage untouched = usage;
@@ -140,25 +139,6 @@ TEST_F(CountersTest, EachEventLandsInItsField) {
         EXPECT_EQ(0, std::memcmp(&usage, &untouched, sizeof usage));
         close_core_counters();
     });
-}
-
-TEST_F(CountersTest, AnEventThatCannotBeOpenedEndsTheSetUp) {
-    for (const int failing : {0, 14}) {
-        SCOPED_TRACE(failing);
-        FakeNode node;
-        node.state().counter_fails_at = failing;
-        inside(node, [&] {
-            EXPECT_EQ(-1, init_core_counters(1));
-            EXPECT_EQ(static_cast<size_t>(failing), opened_counters());
-            hwrusage usage{};
-            EXPECT_EQ(-1, read_core_counters(&usage));
-            // The next attempt must not lose the descriptors of the first.
-            node.state().counter_fails_at = -1;
-            EXPECT_EQ(0, init_core_counters(1));
-            EXPECT_EQ(15U, opened_counters());
-            close_core_counters();
-        });
-    }
 }
 
 }  // namespace

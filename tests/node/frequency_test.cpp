@@ -52,7 +52,6 @@ TEST_F(FrequencyTest, FixesAFrequencyThroughTheUserspaceGovernor) {
         EXPECT_EQ(2667000, EnergyUtil::get_current_frequency(2));
         EXPECT_EQ(1, EnergyUtil::set_cpu_frequency(2000000, 3));
         EXPECT_THAT(writes(node), ElementsAre("3 scaling_setspeed=2000000"));
-        EXPECT_EQ(2133000, EnergyUtil::get_current_frequency(3)) << "the driver has steps";
         for (const int bad : {0, -5, 1000000000})
             EXPECT_EQ(-1, EnergyUtil::set_cpu_frequency(bad, 3));
         EXPECT_EQ(-1, EnergyUtil::set_cpu_frequency(1600000, 99));

@@ -28,7 +28,8 @@ std::array<unsigned long, 14> all_sensors() {
     enrusage usage;
     std::memset(&usage, 0x55, sizeof usage);
     EXPECT_EQ(0, getenrusage(RUSAGE_SELF, &usage));
-    std::array<unsigned long, 14> values;
+    std::array<unsigned long, 14> values;  // in the order in which daemons were built against them
+    EXPECT_EQ(sizeof values, sizeof usage);
     std::memcpy(values.data(), &usage, sizeof values);
     return values;
 }

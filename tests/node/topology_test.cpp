@@ -8,17 +8,13 @@
 namespace eas::test {
 namespace {
 
-using fake::CpuOrder;
-
 using TopologyTest = NodeTest;
 
-NodeShape shape_of(int model, int sockets, int cores, int threads,
-                   CpuOrder order = CpuOrder::kSocketBySocket) {
+NodeShape shape_of(int model, int sockets, int cores, int threads) {
     NodeShape shape = of_model(model);
     shape.sockets = sockets;
     shape.cores = cores;
     shape.threads = threads;
-    shape.order = order;
     return shape;
 }
 
@@ -51,8 +47,8 @@ const std::pair<NodeShape, const char*> kNodes[] = {
     {shape_of(42, 1, 4, 1),
      "model 42, 1 sockets, 4 cores, 4 threads, 1 per core; ids 0 -1 -1 -1; first CPUs 0 -1 -1 -1; "
      "2000000000 Hz"},
-    {shape_of(62, 2, 12, 2, CpuOrder::kRoundRobin),
-     "model 62, 2 sockets, 24 cores, 48 threads, 2 per core; ids 0 1 -1 -1; first CPUs 0 1 -1 -1; "
+    {shape_of(62, 2, 12, 2),
+     "model 62, 2 sockets, 24 cores, 48 threads, 2 per core; ids 0 1 -1 -1; first CPUs 0 12 -1 -1; "
      "2000000000 Hz"},
     {shape_of(46, 4, 16, 2),
      "model 46, 4 sockets, 64 cores, 128 threads, 2 per core; ids 0 1 2 3; first CPUs 0 16 32 48; "

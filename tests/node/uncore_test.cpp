@@ -128,29 +128,6 @@ TEST_F(UncoreTest, ProgramsReadsAndStopsTheRegistersOnEachSocketsCpu) {
     }
 }
 
-TEST_F(UncoreTest, AGapInTheSocketIdsNeverLeadsToCpuMinusOne) {
-    NodeShape shape = of_model(44);
-    shape.socket_ids = {0, 3};
-    FakeNode node(shape);
-    inside(node, [&] {
-        ASSERT_EQ(0, discover_topology());
-        accesses(node);
-        node.state().msr_stray_bits = 0x10000;
-        init_uncore_counters();
-        node.state().msr_stray_bits = 0;
-        EXPECT_THAT(accesses(node), ElementsAreArray(on_cpus({0, 4}, kProgramUncore)));
-        node.state().set_msr(0, 0x3B0, 10);
-        hwrusage usage{};
-        read_uncore_counters(&usage);  // the second socket of the read-out has no CPU
-        EXPECT_EQ(640U, usage.membytes_xferred);
-        EXPECT_THAT(accesses(node), ElementsAreArray(on_cpus({0}, kReadUncore)));
-        EXPECT_EQ(0, node.state().stray_lookups);
-        for (const unsigned socket : {0U, 3U, 1U, 2U})
-            EXPECT_EQ(0, cleanup_uncore(socket));
-        EXPECT_THAT(accesses(node), ElementsAreArray(on_cpus({0, 4}, kStopUncore)));
-    });
-}
-
 TEST_F(UncoreTest, OtherModelsAreLeftAloneAndUnreadableRegistersCountAsNothing) {
     for (const int model : {42, 46, 47}) {
         SCOPED_TRACE(model);

@@ -21,20 +21,6 @@ int id_at(const std::vector<int>& ids, int index) {
 
 }  // namespace
 
-int NodeShape::socket_of(int cpu) const {
-    const int core = cpu % (sockets * cores);
-    return order == CpuOrder::kRoundRobin ? core % sockets : core / cores;
-}
-
-int NodeShape::core_of(int cpu) const {
-    const int core = cpu % (sockets * cores);
-    return order == CpuOrder::kRoundRobin ? core / sockets : core % cores;
-}
-
-int NodeShape::first_cpu_of(int socket) const {
-    return order == CpuOrder::kRoundRobin ? socket : socket * cores;
-}
-
 std::string cpuinfo_text(const NodeShape& shape) {
     std::ostringstream out;
     const std::string flags = flags_line();

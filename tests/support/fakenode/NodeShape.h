@@ -15,9 +15,6 @@ enum class FreqDriver {
     kDeaf,         // takes every request and stays at its frequency
 };
 
-/// The order in which the firmware numbers logical CPUs; threads of a core are always far apart.
-enum class CpuOrder { kSocketBySocket, kRoundRobin };
-
 /// Power and pace of the simulated work at one frequency.
 struct WorkloadRow {
     int khz;
@@ -29,9 +26,8 @@ struct WorkloadRow {
 struct NodeShape {
     int model = 45;
     int sockets = 2;
-    int cores = 4;    // per socket
-    int threads = 2;  // per core
-    CpuOrder order = CpuOrder::kSocketBySocket;
+    int cores = 4;                // per socket
+    int threads = 2;              // per core
     std::vector<int> core_ids;    // by core of a socket; empty: 0, 1, 2, ...
     std::vector<int> socket_ids;  // by socket; empty: 0, 1, 2, ...
     int nonturbo_ratio = 20;      // bits 15..8 of register 0xCE
@@ -41,9 +37,10 @@ struct NodeShape {
     std::vector<WorkloadRow> workload;  // empty: counters and meter stand still
 
     [[nodiscard]] int cpus() const { return sockets * cores * threads; }
-    [[nodiscard]] int socket_of(int cpu) const;  // index, not id
-    [[nodiscard]] int core_of(int cpu) const;    // index within its socket
-    [[nodiscard]] int first_cpu_of(int socket) const;
+    // CPUs are numbered socket by socket, first the one thread of each core, then the other.
+    [[nodiscard]] int socket_of(int cpu) const { return cpu / cores % sockets; }  // index, not id
+    [[nodiscard]] int core_of(int cpu) const { return cpu % cores; }  // index within its socket
+    [[nodiscard]] int first_cpu_of(int socket) const { return socket * cores; }
 };
 
 /// /proc/cpuinfo as the kernel prints it for this processor.
