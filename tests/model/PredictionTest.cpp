@@ -230,21 +230,19 @@ TEST(Prediction, UsesTheFirstRowOfAFrequencyThatOccursTwice) {
 TEST(Tag, IsTheSameForClusterNameUserAndDefaultFrequency) {
     const CoEfficients set = sample_set();
     const EnergyTag tag = tag_of(set, 100, 100);
-    EnergyTag other;
-    other.cluster_name("c1");
-    other.user_name("anna");
-    other.energy_tag_name("t1");
-    other.default_frequency(2400000);
-    EXPECT_TRUE(tag == other);
-    other.default_frequency(2400001);
-    EXPECT_FALSE(tag == other);
-    using Setter = void (EnergyTag::*)(const std::string&);
-    for (const Setter set_name : {Setter(&EnergyTag::cluster_name), Setter(&EnergyTag::user_name),
-                                  Setter(&EnergyTag::energy_tag_name)}) {
-        EnergyTag changed = tag;
-        (changed.*set_name)("x");
-        EXPECT_FALSE(tag == changed);
-    }
+    const auto same_as = [&](const char* cluster, const char* user, const char* name, int khz) {
+        EnergyTag other;
+        other.cluster_name(cluster);
+        other.user_name(user);
+        other.energy_tag_name(name);
+        other.default_frequency(khz);
+        return tag == other;
+    };
+    EXPECT_TRUE(same_as("c1", "anna", "t1", 2400000));
+    EXPECT_FALSE(same_as("x", "anna", "t1", 2400000));
+    EXPECT_FALSE(same_as("c1", "x", "t1", 2400000));
+    EXPECT_FALSE(same_as("c1", "anna", "x", 2400000));
+    EXPECT_FALSE(same_as("c1", "anna", "t1", 2400001));
 }
 
 TEST(Tag, CopiesWholeAndIsCleared) {

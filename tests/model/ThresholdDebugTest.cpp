@@ -18,28 +18,29 @@ constexpr const char* content =
     "Begin Min_Energy\nTHRESHOLD_RUNTIME_VAR = 5\nEnd Min_Energy\n"
     "Begin Min_Time\nCPU_FREQ RUNTIME_VAR\n2.0GHz -5\nEnd Min_Time\n";
 
-void enter_private_tmp() {
-    const bool entered = ::unshare(CLONE_NEWNS) == 0 &&
-                         ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
-                         ::mount("tmpfs", "/tmp", "tmpfs", 0, nullptr) == 0;
-    if (!entered)
-        ::_exit(2);
-}
-
 void read_thresholds() {
     CoEfficients set = eas_test::make_set({1600000, 2000000}, 1600000);
     const eas::UniqueFile file = eas_test::file_of(content);
     EnergyPerfThreshold(&set, eas_test::path_of(file).c_str());
 }
 
+/// In a process that ends: with a /tmp of its own, and debug output asked for.
+void enter_private_tmp() {
+    const bool entered = ::unshare(CLONE_NEWNS) == 0 &&
+                         ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+                         ::mount("tmpfs", "/tmp", "tmpfs", 0, nullptr) == 0;
+    if (!entered)
+        ::_exit(2);
+    ::unsetenv("DEBUG_THRESHOLD");
+    read_thresholds();
+    if (::access(debug_file, F_OK) == 0)
+        ::_exit(3);
+    ::setenv("DEBUG_THRESHOLD", "", 1);
+}
+
 TEST(ThresholdDebugFile, AppendsEachReading) {
     const auto run = [] {
         enter_private_tmp();
-        ::unsetenv("DEBUG_THRESHOLD");
-        read_thresholds();
-        if (::access(debug_file, F_OK) == 0)
-            ::_exit(3);
-        ::setenv("DEBUG_THRESHOLD", "", 1);
         EnergyPerfThreshold().displayThresholds();
         read_thresholds();
         std::stringstream text;
@@ -57,20 +58,17 @@ TEST(ThresholdDebugFile, AppendsEachReading) {
 }
 
 TEST(ThresholdDebugFile, StopsTheProcessWhenSomethingElseStandsInItsPlace) {
-    constexpr const char* elsewhere = "/tmp/elsewhere";
     int (*const plants[])() = {
-        [] { return ::symlink(elsewhere, debug_file); },
-        [] { return ::link(elsewhere, debug_file); },
+        [] { return ::symlink("/tmp/elsewhere", debug_file); },
+        [] { return ::link("/tmp/elsewhere", debug_file); },
         [] { return ::mkfifo(debug_file, 0666); },
     };
     for (const auto plant : plants) {
         const auto run = [plant] {
             enter_private_tmp();
-            ::setenv("DEBUG_THRESHOLD", "1", 1);
-            std::ofstream{elsewhere};
-            if (plant() != 0)
-                ::_exit(3);
-            read_thresholds();
+            std::ofstream{"/tmp/elsewhere"};
+            if (plant() == 0)
+                read_thresholds();
             ::_exit(0);
         };
         EXPECT_EXIT(run(), testing::KilledBySignal(SIGABRT), "threshold debug file");

@@ -81,6 +81,11 @@ TEST(Thresholds, NeedNoTimeSectionWhenTheDefaultIsTheTopFrequency) {
     EXPECT_TRUE(t.isAllCommentOut());
     EXPECT_TRUE(parse(&top, time_section("x\n")).isValid());
     EXPECT_FALSE(EnergyPerfThreshold(&top, "/proc/self").isValid());
+    // An assignment leaves the commented-out mark of its target alone.
+    EnergyPerfThreshold source = parse(&top, "#\n"), target;
+    target = source;
+    EXPECT_TRUE(target.isValid());
+    EXPECT_FALSE(target.isAllCommentOut());
 }
 
 TEST(Thresholds, TakeTheFirstUsableEnergyLine) {
@@ -227,16 +232,6 @@ TEST(Thresholds, ReadLongLinesAsSeveral) {
     EXPECT_EQ(parse(&set, time_section(comment)).getThresValue().at(2000000), -0.05);
     const std::string zero_byte("2.0GHz -5\0 -7\n", 14);
     EXPECT_EQ(parse(&set, time_section(zero_byte)).getThresValue().at(2000000), -0.05);
-}
-
-TEST(Thresholds, KeepTheirOwnCommentedOutMarkWhenAssigned) {
-    CoEfficients set = eas_test::make_set({1600000}, 1600000);
-    EnergyPerfThreshold source = parse(&set, "#\n");
-    EnergyPerfThreshold target;
-    target = source;
-    EXPECT_TRUE(target.isValid());
-    EXPECT_FALSE(target.isAllCommentOut());
-    EXPECT_TRUE(source.isAllCommentOut());
 }
 
 }  // namespace

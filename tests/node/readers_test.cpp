@@ -135,29 +135,24 @@ UniqueFile stream_of(std::string& text) {
     return UniqueFile(fmemopen(text.data(), text.size(), "r"));
 }
 
+/// What is made of a processor: the result of the reading, and whether it can be sampled.
+std::pair<int, bool> verdict(const std::string& vendor, int family, int model) {
+    std::string text =
+        "processor\t: 0\nvendor_id\t: " + vendor + "\ncpu family\t: " + std::to_string(family) +
+        "\nmodel\t\t: " + std::to_string(model) + "\nprocessor\t: 1\nvendor_id\t: not looked at\n";
+    const int result = read_topology(stream_of(text).get());
+    return {result, can_be_sampled(cinfo)};
+}
+
 TEST(TopologyReaderTest, KnowsElevenModelsOfWhichNineCanBeSampled) {
-    const struct {
-        const char* vendor;
-        int family, model, result;
-        bool sampled;
-    } rows[] = {
-        {"GenuineIntel", 6, 23, 0, false},   {"GenuineIntel", 6, 26, 0, true},
-        {"GenuineIntel", 6, 28, 0, false},   {"GenuineIntel", 6, 30, 0, true},
-        {"GenuineIntel", 6, 37, 0, true},    {"GenuineIntel", 6, 42, 0, true},
-        {"GenuineIntel", 6, 44, 0, true},    {"GenuineIntel", 6, 45, 0, true},
-        {"GenuineIntel", 6, 46, 0, true},    {"GenuineIntel", 6, 47, 0, true},
-        {"GenuineIntel", 6, 62, 0, true},    {"GenuineIntel", 6, 63, -2, false},
-        {"GenuineIntel", 15, 45, -2, false}, {"GenuineIntelX", 6, 45, -2, false},
-        {"AuthenticAMD", 6, 45, -2, false},
-    };
-    for (const auto& row : rows) {
-        std::string text = std::string("processor\t: 0\nvendor_id\t: ") + row.vendor +
-                           "\ncpu family\t: " + std::to_string(row.family) +
-                           "\nmodel\t\t: " + std::to_string(row.model) +
-                           "\nprocessor\t: 1\nvendor_id\t: not looked at\n";
-        EXPECT_EQ(row.result, read_topology(stream_of(text).get())) << text;
-        EXPECT_EQ(row.sampled, can_be_sampled(cinfo)) << text;
-    }
+    for (const int model : {26, 30, 37, 42, 44, 45, 46, 47, 62})
+        EXPECT_EQ(std::pair(0, true), verdict("GenuineIntel", 6, model)) << model;
+    for (const int model : {23, 28})
+        EXPECT_EQ(std::pair(0, false), verdict("GenuineIntel", 6, model)) << model;
+    EXPECT_EQ(std::pair(-2, false), verdict("GenuineIntel", 6, 63));
+    EXPECT_EQ(std::pair(-2, false), verdict("GenuineIntel", 15, 45));
+    EXPECT_EQ(std::pair(-2, false), verdict("GenuineIntelX", 6, 45));
+    EXPECT_EQ(std::pair(-2, false), verdict("AuthenticAMD", 6, 45));
 }
 
 TEST(TopologyReaderTest, NumbersBeyondTheTablesLeaveABlankRecord) {

@@ -217,7 +217,6 @@ TEST_F(UncoreTest, ChannelsThatCannotBeMappedAreGivenBack) {
         ASSERT_EQ(0, discover_topology());
         rlimit original{};
         ::getrlimit(RLIMIT_NOFILE, &original);
-        int failures = 0;
         for (int spare = 0; spare <= 17; ++spare) {
             SCOPED_TRACE(spare);
             const std::string before = footprint();
@@ -226,7 +225,6 @@ TEST_F(UncoreTest, ChannelsThatCannotBeMappedAreGivenBack) {
             ::setrlimit(RLIMIT_NOFILE, &tight);
             const int result = init_uncore_counters();
             ::setrlimit(RLIMIT_NOFILE, &original);
-            failures += result == -1;
             // 16 descriptors stay open, and one more reads the table.
             EXPECT_EQ(spare < 17 ? -1 : 0, result);
             if (spare >= 9 && spare < 17) {
@@ -239,7 +237,6 @@ TEST_F(UncoreTest, ChannelsThatCannotBeMappedAreGivenBack) {
                 cleanup_uncore(socket);
             EXPECT_EQ(before, footprint());
         }
-        EXPECT_EQ(17, failures);
     });
 }
 
