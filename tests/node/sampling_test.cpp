@@ -151,6 +151,11 @@ TEST_F(SamplingTest, SwitchesTheEffectiveUserAndGivesItUpForGood) {
         EXPECT_EQ(0, restore_priv());
         EXPECT_EQ(0, restore_priv());
         EXPECT_EQ("0 0 0", users());
+        EXPECT_EQ(0, drop_priv_temp(kUser));
+        EXPECT_EQ(-1, drop_priv_temp(-1U)) << "not an id: only the saved one changes";
+        EXPECT_EQ("0 65534 65534", users());
+        EXPECT_EQ(0, drop_priv_temp(0));
+        EXPECT_EQ("0 0 65534", users()) << "what was effective is saved";
         EXPECT_EQ(0, drop_priv_perm(kUser));
         EXPECT_EQ("65534 65534 65534", users());
         EXPECT_EQ(0, restore_priv());
