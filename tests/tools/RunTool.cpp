@@ -5,6 +5,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <array>
 #include <cstdlib>
 
 #include "base/UniqueFd.h"
@@ -22,9 +23,17 @@ std::string text_of(const UniqueFd& file) {
     return text;
 }
 
-[[noreturn]] void become_easctl(std::vector<char*>& argv, int out, int err) {
-    const int nothing = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
-    ::dup2(nothing, STDIN_FILENO);
+/// The end to read of a pipe that holds `text`.
+UniqueFd pipe_with(const std::string& text) {
+    std::array<int, 2> ends{};
+    EXPECT_EQ(::pipe2(ends.data(), O_CLOEXEC), 0);
+    const UniqueFd out(ends[1]);
+    EXPECT_EQ(::write(out.get(), text.data(), text.size()), static_cast<ssize_t>(text.size()));
+    return UniqueFd(ends[0]);
+}
+
+[[noreturn]] void become_easctl(std::vector<char*>& argv, int in, int out, int err) {
+    ::dup2(in, STDIN_FILENO);
     ::dup2(out, STDOUT_FILENO);
     ::dup2(err, STDERR_FILENO);
     // What the drivers leak is not the tool's, and they are unmapped when a checker looks.
@@ -37,7 +46,7 @@ std::string text_of(const UniqueFd& file) {
 
 }  // namespace
 
-ToolRun run_easctl(const std::vector<std::string>& arguments) {
+ToolRun run_easctl(const std::vector<std::string>& arguments, const std::string& input) {
     std::vector<std::string> words{EAS_EASCTL};
     words.insert(words.end(), arguments.begin(), arguments.end());
     std::vector<char*> argv;
@@ -45,11 +54,12 @@ ToolRun run_easctl(const std::vector<std::string>& arguments) {
         argv.push_back(word.data());
     argv.push_back(nullptr);
 
+    const UniqueFd in = pipe_with(input);
     const UniqueFd out(::memfd_create("out", MFD_CLOEXEC));
     const UniqueFd err(::memfd_create("err", MFD_CLOEXEC));
     const pid_t child = ::fork();
     if (child == 0)
-        become_easctl(argv, out.get(), err.get());
+        become_easctl(argv, in.get(), out.get(), err.get());
     int status = 0;
     EXPECT_EQ(::waitpid(child, &status, 0), child);
     EXPECT_FALSE(WIFSIGNALED(status) && WTERMSIG(status) == SIGALRM) << "easctl did not end";

@@ -12,8 +12,8 @@ struct ToolRun {
     std::string err;
 };
 
-/// `arguments` follow the program's name. Standard input is empty; the environment is the test's.
-/// A run of more than a minute is ended and fails the test.
-ToolRun run_easctl(const std::vector<std::string>& arguments);
+/// `arguments` follow the program's name. Standard input is a pipe that holds `input`; the
+/// environment is the test's. A run of more than a minute is ended and fails the test.
+ToolRun run_easctl(const std::vector<std::string>& arguments, const std::string& input = {});
 
 }  // namespace eas::test

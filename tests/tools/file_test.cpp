@@ -135,4 +135,16 @@ TEST_F(Thresholds, ThatAreRefusedSayWhy) {
     }
 }
 
+TEST_F(Thresholds, AndModelsAreReadOnceSoThatAPipeIsAsGoodAsAFile) {
+    const char* const good = "Begin Min_Time\nCPU_FREQ RUNTIME_VAR\n2800MHz -8\nEnd Min_Time\n";
+    for (const std::string path : {"-", "/dev/stdin"}) {
+        EXPECT_EQ(run_easctl({"thresholds", "check", path, "--model", model_.path()}, good).code,
+                  0);
+        const auto twice =
+            run_easctl({"model", "import", path, "--cluster", "c"}, std::string(low) + low);
+        EXPECT_EQ(twice.code, 3);
+        EXPECT_THAT(twice.err, HasSubstr(path + ":2: 1600000 KHz stands at " + path + ":1"));
+    }
+}
+
 }  // namespace

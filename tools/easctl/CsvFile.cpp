@@ -1,6 +1,5 @@
 #include "tools/easctl/CsvFile.h"
 
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -8,19 +7,15 @@
 #include <charconv>
 #include <cmath>
 #include <cstring>
-#include <system_error>
 #include <utility>
 
 #include "common/TextHelpers.h"
 #include "tools/easctl/Errors.h"
+#include "tools/easctl/InputFile.h"
 
 namespace easctl {
 
 namespace {
-
-[[noreturn]] void fail(const std::string& path, int error) {
-    throw Failure(ExitCode::input, path + ": " + std::generic_category().message(error));
-}
 
 std::string_view trimmed(std::string_view text) {
     constexpr std::string_view blanks = " \t\r";
@@ -50,11 +45,8 @@ bool unquote(char* text, char* end, std::string_view& field, char*& rest) {
 
 }  // namespace
 
-LineReader::LineReader(std::string path) : path_(std::move(path)), buffer_(4 * max_line) {
-    fd_.reset(path_ == "-" ? ::fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 0)
-                           : ::open(path_.c_str(), O_RDONLY | O_CLOEXEC));
-    if (!fd_.is_open())
-        fail(path_, errno);
+LineReader::LineReader(std::string path)
+    : path_(std::move(path)), fd_(open_input(path_)), buffer_(4 * max_line) {
     struct stat status {};
     if (::fstat(fd_.get(), &status) == 0 && S_ISREG(status.st_mode))
         bytes_total_ = static_cast<std::uint64_t>(status.st_size);
@@ -72,7 +64,7 @@ bool LineReader::fill() {
         got = ::read(fd_.get(), buffer_.data() + end_, buffer_.size() - end_);
     } while (got < 0 && errno == EINTR);
     if (got < 0)
-        fail(path_, errno);
+        throw Failure(ExitCode::input, path_ + ": " + std::strerror(errno));
     at_end_ = got == 0;
     end_ += static_cast<std::size_t>(got);
     bytes_read_ += static_cast<std::uint64_t>(got);

@@ -79,13 +79,18 @@ void ModelOptions::add_to(CLI::App& command) {
         .add_option("--dsn", database.dsn,
                     "ODBC data source (default: the locator file's, else easdb)")
         ->type_name("NAME");
-    command.add_option("--cluster", cluster, "cluster (default: the only one with a model)")
-        ->type_name("NAME");
-    command
-        .add_option("--default-frequency", default_khz,
-                    "at which jobs are measured (default: the only one of the cluster)")
-        ->check(CLI::PositiveNumber)
-        ->type_name("KHZ");
+    add_names_to(command);
+}
+
+std::array<CLI::Option*, 2> ModelOptions::add_names_to(CLI::App& command) {
+    return {
+        command.add_option("--cluster", cluster, "cluster (default: the only one with a model)")
+            ->type_name("NAME"),
+        command
+            .add_option("--default-frequency", default_khz,
+                        "at which jobs are measured (default: the only one of the cluster)")
+            ->check(CLI::PositiveNumber)
+            ->type_name("KHZ")};
 }
 
 void ModelOptions::resolve(Database& from) {
@@ -113,7 +118,7 @@ void ModelOptions::resolve(Database& from) {
 
 void add_thresholds_option(CLI::App& command, std::string& file) {
     command.add_option("--thresholds", file, "performance thresholds of the site")
-        ->envname("EASCTL_THRESHOLDS")
+        ->envname(thresholds_variable)
         ->type_name("FILE");
 }
 
@@ -125,8 +130,10 @@ void LibraryOptions::add_to(CLI::App& command) {
 Library::Library(LibraryOptions options) : options_(std::move(options)) {
     if (options_.thresholds.empty()) {
         throw Failure(ExitCode::usage, "no file of performance thresholds is given",
-                      "give --thresholds FILE, or set EASCTL_THRESHOLDS");
+                      std::string("give --thresholds FILE, or set ") + thresholds_variable);
     }
+    if (options_.thresholds == "-")
+        options_.thresholds = "/dev/stdin";  // the library opens it itself
     {
         // A database that does not answer is explained better by a connection of our own.
         Database database(options_.database);

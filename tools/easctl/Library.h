@@ -27,6 +27,8 @@ struct ModelOptions {
     int default_khz = 0;
 
     void add_to(CLI::App& command);
+    /// The same without the database; returns the options.
+    std::array<CLI::Option*, 2> add_names_to(CLI::App& command);
     /// Completes what was not given, where the database leaves no choice.
     void resolve(Database& from);
 };
@@ -38,7 +40,9 @@ struct LibraryOptions : ModelOptions {
     void add_to(CLI::App& command);
 };
 
-/// The file of performance thresholds: --thresholds, else the environment variable.
+/// Names the file of performance thresholds where no option does.
+inline constexpr const char* thresholds_variable = "EASCTL_THRESHOLDS";
+/// --thresholds, else the variable.
 void add_thresholds_option(CLI::App& command, std::string& file);
 
 /// A job as eas_generate_tag wants it.

@@ -279,7 +279,8 @@ void add_import(CLI::App& group, Globals& globals, const std::shared_ptr<Options
             "easctl model import coefficients.txt --cluster sample\n"
             "easctl model import coefficients.txt --cluster sample --dry-run\n"
             "easctl model import new.txt --cluster sample --replace");
-    command.add_option("FILE", options->file, "rows KHz:A,B,C,D,E,F")->required();
+    command.add_option("FILE", options->file, "rows KHz:A,B,C,D,E,F; - for standard input")
+        ->required();
     options->add_cluster(command, true);
     options->add_default_frequency(command, "the default frequency that the file must have");
     command.add_flag("--dry-run", options->dry_run, "do all of it, then take it back");

@@ -1,17 +1,14 @@
 #include "tools/easctl/ModelFile.h"
 
-#include <array>
-#include <cerrno>
 #include <charconv>
 #include <cmath>
-#include <cstring>
-#include <fstream>
 #include <optional>
 #include <sstream>
 
 #include "common/CoEffsFromFile.h"
 #include "common/EnergyTag.h"
 #include "tools/easctl/Errors.h"
+#include "tools/easctl/InputFile.h"
 
 namespace easctl {
 namespace {
@@ -99,8 +96,8 @@ class LineCheck {
     Findings& findings_;
 };
 
-void scan(const std::string& path, ModelFile& file) {
-    std::ifstream in(path, std::ios::binary);
+void scan(const std::string& path, const std::string& text, ModelFile& file) {
+    std::istringstream in(text);
     int number = 0;
     for (std::string line; std::getline(in, line);) {
         ++number;
@@ -250,19 +247,16 @@ void check_model(const CoEfficients& model, const std::vector<std::string>& plac
 }
 
 ModelFile read_model_file(const std::string& path) {
-    CoEffsFromFile reader;
-    errno = 0;
-    const int result = reader.ReadCoefficientsFromFile(path.c_str());
-    const int error = errno;
+    const std::string text = read_input(path);
     ModelFile file;
-    scan(path, file);
-    if (result != 0 && file.findings.has_errors())
-        return file;
-    if (result != 0)
-        throw Failure(ExitCode::input, path + ": cannot be read: " + std::strerror(error));
-    reader.VecToCoEfficients(&file.coefficients);
+    scan(path, text, file);
+    CoEffsFromFile reader;
+    const bool refused = reader.ReadCoefficients(stream_of(text).get()) != 0;
     if (file.findings.has_errors())
         return file;  // values that are no numbers predict nothing
+    reader.VecToCoEfficients(&file.coefficients);
+    if (refused || file.lines.size() != file.coefficients.frequencyArray().size())
+        throw Failure(ExitCode::input, path + ": the library's reader refuses the file");
     std::vector<std::string> places;
     for (const int line : file.lines)
         places.push_back(place(path, line));

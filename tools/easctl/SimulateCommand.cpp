@@ -3,16 +3,15 @@
 #include <memory>
 
 #include "interface/FrequencyPolicy.h"
-#include "interface/TagStore.h"
 #include "interface/interface.h"
 #include "tools/easctl/Command.h"
 #include "tools/easctl/Gnuplot.h"
-#include "tools/easctl/Library.h"
-#include "tools/easctl/ModelFile.h"
-#include "tools/easctl/ModelStore.h"
+#include "tools/easctl/InputFile.h"
+#include "tools/easctl/ModelChoice.h"
 #include "tools/easctl/Progress.h"
 #include "tools/easctl/SavingsReport.h"
 #include "tools/easctl/TagCommands.h"
+#include "tools/easctl/ThresholdFile.h"
 
 namespace easctl {
 
@@ -23,8 +22,7 @@ constexpr std::uint64_t most_complaints = 20;    // rows that are named one by o
 constexpr std::uint64_t rows_per_update = 1024;  // of the progress bar
 
 struct Options {
-    ModelOptions stored;
-    std::string model;
+    ModelChoice model;
     std::string thresholds;
     std::string jobs;
     std::string sweep;
@@ -35,34 +33,6 @@ struct Options {
     Format format = Format::table;
     bool strict = false;
 };
-
-CoEfficients checked_model_file(const std::string& path) {
-    const ModelFile file = read_model_file(path);
-    if (file.findings.has_errors())
-        throw Failure(ExitCode::input, file.findings.errors_as_message());
-    return sorted(file.coefficients);
-}
-
-/// What the library would read.
-CoEfficients stored_model(ModelOptions& options) {
-    CoEfficients coeffs;
-    Database database(options.database);
-    options.resolve(database);
-    if (read_coeffs_from_db(&database.connection(), options.cluster, options.default_khz, coeffs) !=
-        0)
-        throw database.failure("the coefficients cannot be read");
-    if (coeffs.getDefaultFrequency() == 0) {
-        throw Failure(ExitCode::database,
-                      "data source \"" + database.dsn() + "\": the model of cluster \"" +
-                          options.cluster + "\" has no row of zeros for its default frequency",
-                      "easctl model show prints it, easctl model import replaces it");
-    }
-    return coeffs;
-}
-
-CoEfficients model_of(Options& options) {
-    return options.model.empty() ? stored_model(options.stored) : checked_model_file(options.model);
-}
 
 /// "FROM:TO:STEP" in percent.
 std::vector<double> steps_of(const std::string& sweep) {
@@ -89,7 +59,7 @@ std::vector<double> steps_of(const std::string& sweep) {
 }
 
 EnergyPerfThreshold thresholds_of(const std::string& file, CoEfficients& coeffs) {
-    EnergyPerfThreshold thresholds(&coeffs, file.c_str());
+    EnergyPerfThreshold thresholds = parse_thresholds(read_input(file), coeffs);
     if (!thresholds.isValid()) {
         throw refusal(
             Function::initialize,
@@ -101,11 +71,13 @@ EnergyPerfThreshold thresholds_of(const std::string& file, CoEfficients& coeffs)
 
 std::vector<Scenario> scenarios_of(const Options& options, CoEfficients& coeffs) {
     std::vector<Scenario> scenarios;
+    if (options.sweep.empty()) {
+        const EnergyPerfThreshold thresholds = thresholds_of(options.thresholds, coeffs);
+        for (const std::string& policy : options.policies)
+            scenarios.push_back({policy, {}, thresholds});
+        return scenarios;
+    }
     for (const std::string& policy : options.policies) {
-        if (options.sweep.empty()) {
-            scenarios.push_back({policy, {}, thresholds_of(options.thresholds, coeffs)});
-            continue;
-        }
         for (const double step : steps_of(options.sweep))
             scenarios.push_back({policy, step, swept_thresholds(coeffs, step)});
     }
@@ -160,12 +132,12 @@ class Reading {
     std::uint64_t bad_ = 0;
 };
 
-void simulate(const Globals& globals, Options options) {
+void simulate(const Globals& globals, const Options& options) {
     if (options.sweep.empty() && options.thresholds.empty()) {
         throw Failure(ExitCode::usage, "which thresholds?",
                       "give --thresholds FILE (or EASCTL_THRESHOLDS), or --sweep FROM:TO:STEP");
     }
-    CoEfficients coeffs = model_of(options);
+    CoEfficients coeffs = options.model.load();
     Savings savings(coeffs, scenarios_of(options, coeffs));
     Reading reading(globals, options);
     reading.run(savings);
@@ -199,9 +171,7 @@ void add_simulate_command(CLI::App& app, Globals& globals) {
                     "instructions, memory_bytes, elapsed_s, power_w and, if there are such, count\n"
                     "(how often the job ran) and class")
         ->required();
-    command.add_option("--model", options->model, "coefficient file (default: the database)")
-        ->type_name("FILE");
-    options->stored.add_to(command);
+    options->model.add_to(command);
     add_thresholds_option(command, options->thresholds);
     command
         .add_option(

@@ -2,33 +2,16 @@
 #include <memory>
 
 #include "tools/easctl/Command.h"
-#include "tools/easctl/ModelFile.h"
-#include "tools/easctl/ModelStore.h"
+#include "tools/easctl/ModelChoice.h"
 #include "tools/easctl/ThresholdFile.h"
 
 namespace easctl {
 namespace {
 
 struct Options {
-    DatabaseOptions database;
+    ModelChoice model;
     std::string file;
-    std::string cluster;
-    std::string model_file;
-    int default_khz = 0;
 };
-
-CoEfficients model_of(const Options& options) {
-    if (options.model_file.empty()) {
-        require_cluster_name(options.cluster);
-        Database database(options.database);
-        const StoredModel model = pick_model(database, options.cluster, options.default_khz);
-        return load_model(database, model.cluster, model.default_khz);
-    }
-    const ModelFile file = read_model_file(options.model_file);
-    if (file.findings.has_errors())
-        throw Failure(ExitCode::input, file.findings.errors_as_message());
-    return sorted(file.coefficients);
-}
 
 /// Where the value of a frequency comes from.
 std::string source_of(int khz, const ThresholdFile& file, int default_khz) {
@@ -36,7 +19,8 @@ std::string source_of(int khz, const ThresholdFile& file, int default_khz) {
         return "default";
     if (file.given.count(khz) > 0)
         return "given";
-    return khz < file.given.rbegin()->first ? "interpolated" : "extrapolated";
+    const bool below = !file.given.empty() && khz < file.given.rbegin()->first;
+    return below ? "interpolated" : "extrapolated";
 }
 
 Table table_of(const ThresholdFile& file, const CoEfficients& model) {
@@ -65,7 +49,7 @@ Json json_of(const ThresholdFile& file, const CoEfficients& model) {
 }
 
 void check(const Options& options, Globals& globals) {
-    CoEfficients model = model_of(options);
+    CoEfficients model = options.model.load();
     const ThresholdFile file = read_threshold_file(options.file, model);
     const bool valid = file.thresholds.isValid();
     if (!valid || file.findings.has_errors())
@@ -100,19 +84,12 @@ void add_threshold_commands(CLI::App& app, Globals& globals) {
         add_command(group, "check",
                     "Says whether the library accepts the file, which lines it drops and why, and\n"
                     "what it makes of the rest. Exit code 3: refused; 1: some lines are dropped.",
-                    "easctl thresholds check thresholds.conf --cluster sample\n"
+                    "easctl thresholds check thresholds.conf\n"
                     "easctl thresholds check thresholds.conf --model coefficients.txt --json");
-    command.add_option("FILE", options->file, "the threshold file")->required();
-    CLI::Option_group& model = *command.add_option_group("model", "against which model");
-    model.add_option("--cluster", options->cluster, "of the database")->type_name("NAME");
-    model.add_option("--model", options->model_file, "a coefficient file")->type_name("FILE");
-    model.require_option(1);
-    command
-        .add_option("--default-frequency", options->default_khz,
-                    "which, where the cluster has several")
-        ->type_name("KHZ")
-        ->check(CLI::PositiveNumber);
-    options->database.add_to(command);
+    command.add_option("FILE", options->file, "the threshold file, - for standard input")
+        ->envname(thresholds_variable)
+        ->required();
+    options->model.add_to(command);
     command.callback([options, &globals] { check(*options, globals); });
 }
 

@@ -1,15 +1,13 @@
 #include "tools/easctl/ThresholdFile.h"
 
 #include <array>
-#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <utility>
 
-#include "base/UniqueFile.h"
 #include "common/Numbers.h"
 #include "common/TextHelpers.h"
-#include "tools/easctl/Errors.h"
+#include "tools/easctl/InputFile.h"
 
 namespace easctl {
 namespace {
@@ -232,12 +230,16 @@ class Walk {
 
 }  // namespace
 
+EnergyPerfThreshold parse_thresholds(const std::string& text, CoEfficients& model) {
+    EnergyPerfThreshold thresholds(&model, "");  // without a file
+    thresholds.parseThresholds(stream_of(text).get());
+    return thresholds;
+}
+
 ThresholdFile read_threshold_file(const std::string& path, CoEfficients& model) {
-    const eas::UniqueFile stream = eas::open_for_reading(path.c_str());
-    if (stream == nullptr)
-        throw Failure(ExitCode::input, path + ": cannot be read: " + std::strerror(errno));
-    ThresholdFile file{EnergyPerfThreshold(&model, path.c_str()), {}, {}};
-    Walk(path, model, file).run(stream.get());
+    const std::string text = read_input(path);
+    ThresholdFile file{parse_thresholds(text, model), {}, {}};
+    Walk(path, model, file).run(stream_of(text).get());
     return file;
 }
 

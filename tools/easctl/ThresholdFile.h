@@ -16,8 +16,11 @@ struct ThresholdFile {
     Findings findings;         ///< what is dropped is an error, too
 };
 
+/// What the library makes of such a text for a model, which must outlive the result.
+EnergyPerfThreshold parse_thresholds(const std::string& text, CoEfficients& model);
+
 /// Reads the file against a model, which must outlive the result. Throws Failure when it cannot be
-/// opened.
+/// read.
 ThresholdFile read_threshold_file(const std::string& path, CoEfficients& model);
 
 }  // namespace easctl

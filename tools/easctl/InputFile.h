@@ -1,0 +1,24 @@
+// An input file, read once: what is judged of it is then what is used, whether it is a pipe or
+// changes meanwhile.
+#pragma once
+
+#include <string>
+
+#include "base/UniqueFd.h"
+#include "base/UniqueFile.h"
+
+namespace easctl {
+
+/// Opens a file for reading, "-" being standard input. Throws Failure.
+eas::UniqueFd open_input(const std::string& path);
+
+/// The whole of such a file. Throws Failure when it cannot be read, or is larger than any that this
+/// tool reads at once.
+std::string read_input(const std::string& path);
+
+/// A file in memory with `text`, at its start. Throws Failure.
+eas::UniqueFd memory_file(const std::string& text);
+/// The same as a stream.
+eas::UniqueFile stream_of(const std::string& text);
+
+}  // namespace easctl
