@@ -87,6 +87,20 @@ TEST_F(ModelFit, FindsTheCoefficientsThatTheMeasurementsWereMadeFrom) {
     picture << std::ifstream(path("fit.svg")).rdbuf();
     EXPECT_THAT(picture.str(), HasSubstr("</svg>"));
 
+    // A picture that cannot be drawn takes nothing else with it; a link and a mode stay.
+    fs::rename(path("c.txt"), path("secret"));
+    fs::permissions(path("secret"), fs::perms::owner_read | fs::perms::owner_write);
+    fs::create_symlink("secret", path("c.txt"));
+    const auto undrawn =
+        run_easctl({"model", "fit", path("m.csv"), "-o", path("c.txt"), "--plot",
+                    "/nowhere/fit.svg", "--json", "--default-frequency", "2400000"});
+    EXPECT_EQ(undrawn.code, 1);
+    EXPECT_EQ(undrawn.out, run.out);
+    EXPECT_THAT(undrawn.err, HasSubstr("fit.svg was not drawn"));
+    EXPECT_TRUE(fs::is_symlink(path("c.txt")));
+    EXPECT_EQ(fs::status(path("secret")).permissions(),
+              fs::perms::owner_read | fs::perms::owner_write);
+
     // Without a file to write to, standard output is the file.
     const auto piped =
         run_easctl({"model", "fit", path("m.csv"), "--default-frequency", "2400000"});
@@ -129,6 +143,7 @@ TEST_F(ModelFit, RefusesWhatIsNoCompleteMeasurementWithFileAndLine) {
     EXPECT_EQ(elsewhere.code, 3);
     EXPECT_THAT(elsewhere.err, HasSubstr("2000000"));
     EXPECT_EQ(run_easctl({"model", "fit", path("none.csv")}).code, 3);
+    EXPECT_EQ(run_easctl({"model", "fit", path("m.csv"), "--plot", path("fit.gif")}).code, 2);
 }
 
 // Exit code 1: what can be used is written, what would mislead the library is not.

@@ -60,6 +60,14 @@ CLI::App& add_group(CLI::App& parent, const std::string& name, const std::string
     return group;
 }
 
+void complain(const Failure& failure) {
+    std::istringstream lines(failure.message);
+    for (std::string line; std::getline(lines, line);)
+        std::fprintf(stderr, "easctl: %s\n", printable(line).c_str());
+    if (!failure.hint.empty())
+        std::fprintf(stderr, "  what to do: %s\n", printable(failure.hint).c_str());
+}
+
 void remark(const Globals& globals, const std::string& text) {
     if (!globals.quiet)
         std::fprintf(stderr, "easctl: %s\n", text.c_str());

@@ -9,7 +9,7 @@ namespace easctl {
 
 enum class ExitCode : int {
     ok = 0,
-    found = 1,     ///< a check found something, or only a part succeeded
+    found = 1,     ///< a check found something, a part failed, or the result could not be written
     usage = 2,     ///< the command line is wrong
     input = 3,     ///< an input file is wrong; the message begins with "FILE:LINE: "
     database = 4,  ///< the data source cannot be reached, or refused a statement

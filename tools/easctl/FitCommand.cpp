@@ -103,7 +103,7 @@ void add_panel(std::string& script, const std::string& name, const std::string& 
               unit[0] + " using 1:2:3 with points pt 7 ps 0.9 lc palette notitle\n";
 }
 
-void draw_fit(const ModelFit& model, const std::string& path) {
+std::string plot_of(const ModelFit& model) {
     std::string power = "$W << END\n", pace = "$c << END\n";
     const auto add = [](std::string& data, const Fit& fit, int khz) {
         for (std::size_t i = 0; i < kernel_count; ++i)
@@ -125,7 +125,7 @@ void draw_fit(const ModelFit& model, const std::string& path) {
         exact(model.rows.front().khz / 1e6) + ':' + exact(model.rows.back().khz / 1e6) + "]\n";
     add_panel(script, "Node power", "W");
     add_panel(script, "Pace", "cycles per instruction");
-    draw(path, script + "unset multiplot\n");
+    return script + "unset multiplot\n";
 }
 
 /// Says what is wrong with the fit; the outcome of the command.
@@ -148,8 +148,6 @@ void run_fit(const FitOptions& options, Globals& globals) {
     const std::string source = std::filesystem::path(options.measurements).filename().string();
     if (!options.output.empty() && model.usable())
         write_file(options.output, coefficient_text(model, source));
-    if (!options.plot.empty())
-        draw_fit(model, options.plot);
     if (globals.json) {
         print_json(json_of(model));
     } else if (!options.output.empty() || !model.usable()) {
@@ -161,7 +159,9 @@ void run_fit(const FitOptions& options, Globals& globals) {
     }
     globals.outcome = warn(model, options.measurements);
     if (!options.output.empty() && model.usable())
-        remark(globals, "next: easctl model import " + options.output + " --cluster NAME");
+        remark(globals, "written: " + options.output + "; next: easctl model import " +
+                            options.output + " --cluster NAME");
+    draw(options.plot, plot_of(model), globals);
 }
 
 }  // namespace
@@ -190,8 +190,7 @@ void add_fit_command(CLI::App& model, Globals& globals) {
                     "column nominal_khz, else the highest of the file")
         ->check(CLI::PositiveNumber)
         ->type_name("KHZ");
-    command.add_option("--plot", options->plot, "draws predicted against measured (.svg or .png)")
-        ->type_name("FILE");
+    add_plot_option(command, options->plot, "draw predicted against measured");
     command
         .add_option("--min-r2", options->limits.lowest_r_squared,
                     "a fit that explains less is doubtful: exit code 1")

@@ -1,45 +1,39 @@
 #include "tools/easctl/Gnuplot.h"
 
 #include <spawn.h>
-#include <sys/mman.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <string_view>
 
-#include "base/UniqueFd.h"
-#include "tools/easctl/Errors.h"
-#include "tools/easctl/Output.h"
+#include "tools/easctl/InputFile.h"
+#include "tools/easctl/OutputFile.h"
 
 namespace easctl {
 
 namespace {
 
-bool ends_in(const std::string& file, const char* ending) {
-    const std::size_t length = std::strlen(ending);
-    return file.size() > length && file.compare(file.size() - length, length, ending) == 0;
-}
+struct Kind {
+    std::string_view ending;    // of the file's name
+    const char* terminal;       // of gnuplot
+    std::string_view last_tag;  // without which the picture is not whole
+};
+constexpr std::array kinds{
+    Kind{".svg", "svg size 960,600 noenhanced font 'sans,13' background 'white'", "</svg>"},
+    Kind{".png", "pngcairo size 960,600 noenhanced font 'sans,11'", "IEND"}};
 
-std::string terminal_for(const std::string& file) {
-    if (ends_in(file, ".svg"))
-        return "svg size 960,600 noenhanced font 'sans,13' background 'white'";
-    if (ends_in(file, ".png"))
-        return "pngcairo size 960,600 noenhanced font 'sans,11'";
-    throw Failure(ExitCode::usage, file + ": what kind of picture?",
-                  "end its name in .svg or .png");
-}
-
-/// A file in memory with `text`, at its start.
-eas::UniqueFd memory_file(const std::string& text) {
-    eas::UniqueFd file(::memfd_create("gnuplot", MFD_CLOEXEC));
-    if (!file.is_open() ||
-        ::pwrite(file.get(), text.data(), text.size(), 0) != static_cast<ssize_t>(text.size())) {
-        throw Failure(ExitCode::found,
-                      std::string("no memory for a picture: ") + std::strerror(errno));
+/// Null for a name that tells no kind.
+const Kind* kind_of(std::string_view file) {
+    for (const Kind& kind : kinds) {
+        const std::size_t length = kind.ending.size();
+        if (file.size() > length && file.substr(file.size() - length) == kind.ending)
+            return &kind;
     }
-    return file;
+    return nullptr;
 }
 
 class SpawnActions {
@@ -48,37 +42,78 @@ class SpawnActions {
     ~SpawnActions() { ::posix_spawn_file_actions_destroy(&actions_); }
     SpawnActions(const SpawnActions&) = delete;
     SpawnActions& operator=(const SpawnActions&) = delete;
-    void read_from(int fd) { ::posix_spawn_file_actions_adddup2(&actions_, fd, STDIN_FILENO); }
+    void connect(int fd, int to) { ::posix_spawn_file_actions_adddup2(&actions_, fd, to); }
     [[nodiscard]] const posix_spawn_file_actions_t* get() const { return &actions_; }
 
   private:
     posix_spawn_file_actions_t actions_{};
 };
 
-}  // namespace
-
-void draw(const std::string& file, const std::string& commands) {
-    const eas::UniqueFd script = memory_file("set terminal " + terminal_for(file) +
-                                             "\nset output " + plot_text(file) + '\n' + commands);
+/// Runs gnuplot from one file into another; its messages go to standard error.
+void run_gnuplot(int script, int picture) {
     SpawnActions actions;
-    actions.read_from(script.get());
+    actions.connect(script, STDIN_FILENO);
+    actions.connect(picture, STDOUT_FILENO);
     std::array<char, 8> program{"gnuplot"};
     std::array<char, 2> from_standard_input{"-"};
     std::array<char*, 3> arguments{program.data(), from_standard_input.data(), nullptr};
     pid_t child = -1;
     const int error =
         ::posix_spawnp(&child, program.data(), actions.get(), nullptr, arguments.data(), environ);
-    if (error != 0) {
+    if (error == ENOENT)
+        throw Failure(ExitCode::found, "gnuplot is not installed",
+                      "apt install gnuplot-nox, then run the command again");
+    if (error != 0)
         throw Failure(ExitCode::found,
-                      std::string("gnuplot cannot be run: ") + std::strerror(error),
-                      "install it: apt install gnuplot-nox");
-    }
+                      std::string("gnuplot cannot be run: ") + std::strerror(error));
     int status = 0;
     while (::waitpid(child, &status, 0) < 0 && errno == EINTR) {
     }
     if (!WIFEXITED(status) || WEXITSTATUS(status) != 0)
-        throw Failure(ExitCode::found, file + ": gnuplot could not draw it",
-                      "its own message is above; is the folder there and writable?");
+        throw Failure(ExitCode::found, "gnuplot failed; its own message is above");
+}
+
+/// In memory: gnuplot itself would not notice a full disk.
+std::string picture_of(const Kind& kind, const std::string& commands) {
+    const eas::UniqueFd script =
+        memory_file(std::string("set terminal ") + kind.terminal + '\n' + commands);
+    const eas::UniqueFd file = memory_file("");
+    run_gnuplot(script.get(), file.get());
+    struct stat status {};
+    ::fstat(file.get(), &status);
+    std::string picture(static_cast<std::size_t>(status.st_size), '\0');
+    const ssize_t got = ::pread(file.get(), picture.data(), picture.size(), 0);
+    if (got != status.st_size || picture.find(kind.last_tag) == std::string::npos)
+        throw Failure(ExitCode::found, "gnuplot drew only a part");
+    return picture;
+}
+
+}  // namespace
+
+void add_plot_option(CLI::App& command, std::string& file, const std::string& description) {
+    command.add_option("--plot", file, description + " into a .svg or .png")
+        ->check(CLI::Validator(
+            [](const std::string& name) {
+                return kind_of(name) != nullptr ? std::string()
+                                                : name + " does not end in .svg or .png";
+            },
+            ""))
+        ->type_name("FILE");
+}
+
+void draw(const std::string& file, const std::string& commands, Globals& globals) {
+    const Kind* const kind = kind_of(file);
+    if (kind == nullptr)
+        return;
+    flush_output();
+    try {
+        write_file(file, picture_of(*kind, commands));
+        remark(globals, "drawn: " + file);
+    } catch (const Failure& failure) {
+        complain({failure.code, "the picture " + file + " was not drawn: " + failure.message,
+                  failure.hint});
+        globals.outcome = failure.code;
+    }
 }
 
 std::string plot_text(const std::string& text) {

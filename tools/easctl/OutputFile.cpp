@@ -8,12 +8,15 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 
 #include "base/UniqueFd.h"
 #include "tools/easctl/Errors.h"
 
 namespace easctl {
 namespace {
+
+namespace fs = std::filesystem;
 
 bool write_all(int fd, const std::string& text) {
     for (std::size_t done = 0; done < text.size();) {
@@ -32,29 +35,60 @@ mode_t default_mode() {
     return 0666 & ~mask;
 }
 
-}  // namespace
+[[noreturn]] void refuse(const std::string& path, const std::string& what) {
+    throw Failure(ExitCode::found, path + ": " + what + ": " + std::strerror(errno));
+}
 
-void write_file(const std::string& path, const std::string& text) {
-    const auto refuse = [&](const std::string& what) {
-        throw Failure(ExitCode::input, path + ": " + what + ": " + std::strerror(errno));
-    };
-    struct stat present {};
-    if (::stat(path.c_str(), &present) == 0 && !S_ISREG(present.st_mode)) {
-        const eas::UniqueFd device(::open(path.c_str(), O_WRONLY | O_CLOEXEC));
-        if (device.get() < 0 || !write_all(device.get(), text))
-            refuse("cannot be written");
-        return;
-    }
-    std::string beside = path + ".XXXXXX";
+/// What is at `path` already, open for writing; through a link it is made where there is nothing.
+/// The kernel follows the link, with its own care about those in folders that all may write.
+eas::UniqueFd open_present(const std::string& path) {
+    std::error_code none;
+    const int make = fs::is_symlink(path, none) ? O_CREAT : 0;
+    eas::UniqueFd present(::open(path.c_str(), O_WRONLY | O_CLOEXEC | make, 0666));
+    if (!present.is_open() && errno != ENOENT)
+        refuse(path, "cannot be written");
+    return present;
+}
+
+/// Writes, and hands owner and mode of an earlier file on; false with errno.
+bool complete(int file, const std::string& text, const struct stat* earlier) {
+    return write_all(file, text) &&
+           (earlier == nullptr || ::fchown(file, earlier->st_uid, earlier->st_gid) == 0) &&
+           ::fchmod(file, earlier == nullptr ? default_mode() : earlier->st_mode & 07777) == 0 &&
+           ::fsync(file) == 0;
+}
+
+/// Puts `text` in the place of `target`, which is no link.
+void replace(const std::string& target, const std::string& text, const struct stat* earlier) {
+    std::string beside = target + ".XXXXXX";
     const eas::UniqueFd file(::mkostemp(beside.data(), O_CLOEXEC));
-    if (file.get() < 0)
-        refuse("cannot be made");
-    if (!write_all(file.get(), text) || ::fchmod(file.get(), default_mode()) != 0 ||
-        ::fsync(file.get()) != 0 || ::rename(beside.c_str(), path.c_str()) != 0) {
+    if (!file.is_open())
+        refuse(target, "cannot be made");
+    if (!complete(file.get(), text, earlier) || ::rename(beside.c_str(), target.c_str()) != 0) {
         const int error = errno;
         ::unlink(beside.c_str());
         errno = error;
-        refuse("cannot be written");
+        refuse(target, "cannot be written");
+    }
+    // The name is made to last, too, as far as the folder may be opened.
+    const fs::path folder = fs::path(target).parent_path();
+    const eas::UniqueFd opened(
+        ::open(folder.empty() ? "." : folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (opened.is_open())
+        ::fsync(opened.get());
+}
+
+}  // namespace
+
+void write_file(const std::string& path, const std::string& text) {
+    const eas::UniqueFd present = open_present(path);
+    struct stat status {};
+    if (!present.is_open()) {
+        replace(path, text, nullptr);
+    } else if (::fstat(present.get(), &status) == 0 && S_ISREG(status.st_mode)) {
+        replace(fs::canonical(path), text, &status);
+    } else if (!write_all(present.get(), text)) {
+        refuse(path, "cannot be written");
     }
 }
 

@@ -5,7 +5,9 @@
 
 namespace easctl {
 
-/// Writes beside `path` and renames; an earlier file stays as it was until then. Throws Failure.
+/// Writes beside `path`, synchronises and renames; an earlier file stays as it was until then, and
+/// hands its mode and owner on. A link is followed, and what is no plain file is written directly.
+/// Throws Failure.
 void write_file(const std::string& path, const std::string& text);
 
 }  // namespace easctl

@@ -132,7 +132,7 @@ class Reading {
     std::uint64_t bad_ = 0;
 };
 
-void simulate(const Globals& globals, const Options& options) {
+void simulate(Globals& globals, const Options& options) {
     if (options.sweep.empty() && options.thresholds.empty()) {
         throw Failure(ExitCode::usage, "which thresholds?",
                       "give --thresholds FILE (or EASCTL_THRESHOLDS), or --sweep FROM:TO:STEP");
@@ -143,10 +143,6 @@ void simulate(const Globals& globals, const Options& options) {
     reading.run(savings);
 
     const SavingsReport report(savings);
-    if (!options.plot.empty()) {
-        draw(options.plot, report.plot());
-        remark(globals, "drawn: " + options.plot);
-    }
     if (globals.json) {
         Json json = report.json();
         json["rows_left_out"] = reading.bad();
@@ -154,6 +150,7 @@ void simulate(const Globals& globals, const Options& options) {
     } else {
         print(options.format == Format::csv ? report.csv() : report.text(globals.colored()));
     }
+    draw(options.plot, report.plot(), globals);
 }
 
 }  // namespace
@@ -187,8 +184,7 @@ void add_simulate_command(CLI::App& app, Globals& globals) {
         ->capture_default_str()
         ->type_name("NAME");
     add_format_option(command, options->format);
-    command.add_option("--plot", options->plot, "draw the changes into a .svg or .png")
-        ->type_name("FILE");
+    add_plot_option(command, options->plot, "draw the changes");
     command.add_flag("--strict", options->strict, "stop at the first row that cannot be used");
     command.callback([options, &globals] { simulate(globals, *options); });
 }

@@ -52,6 +52,13 @@ Json tag_as_json(const EnergyTag& tag, const Library& library) {
     return json;
 }
 
+Json as_json(const std::vector<EnergyTag>& tags, const Library& library) {
+    Json all = Json::array();
+    for (const EnergyTag& tag : tags)
+        all.push_back(tag_as_json(tag, library));
+    return {{"tags", std::move(all)}};
+}
+
 std::string list_of(const std::vector<EnergyTag>& tags, const Library& library, Format format,
                     bool colored) {
     const bool csv = format == Format::csv;
@@ -97,10 +104,7 @@ void list(Globals& globals, const View& options) {
                std::tie(b.user_name(), b.energy_tag_name());
     });
     if (globals.json) {
-        Json all = Json::array();
-        for (const EnergyTag& tag : tags)
-            all.push_back(tag_as_json(tag, library));
-        print_json({{"tags", std::move(all)}});
+        print_json(as_json(tags, library));
         return;
     }
     if (tags.empty())
@@ -117,19 +121,11 @@ void show(Globals& globals, const View& options) {
         throw Failure(ExitCode::found,
                       "there is no " + name_of_tag(options.names.user, options.names.tag),
                       "easctl tag list shows the tags that there are");
-    if (!options.plot.empty()) {
-        draw(options.plot, trade_off_plot(tags.front(), library.thresholds()));
-        remark(globals, "drawn: " + options.plot);
-    }
-    if (globals.json) {
-        Json all = Json::array();
-        for (const EnergyTag& tag : tags)
-            all.push_back(tag_as_json(tag, library));
-        print_json({{"tags", std::move(all)}});
-        return;
-    }
-    for (std::size_t i = 0; i < tags.size(); ++i)
+    if (globals.json)
+        print_json(as_json(tags, library));
+    for (std::size_t i = 0; i < tags.size() && !globals.json; ++i)
         print((i > 0 ? "\n" : "") + tags[i].format_etag(options.khz ? 1 : 0));
+    draw(options.plot, trade_off_plot(tags.front(), library.thresholds()), globals);
 }
 
 struct Select {
@@ -278,11 +274,8 @@ void add_tag_show(CLI::App& group, Globals& globals) {
             "of frequencies: khz or ghz")
         ->check(CLI::IsMember({"khz", "ghz"}))
         ->type_name("UNIT");
-    command
-        .add_option("--plot", options->plot,
-                    "draw energy against run time, with the frequencies that the policies select,\n"
-                    "into a .svg or .png")
-        ->type_name("FILE");
+    add_plot_option(command, options->plot,
+                    "draw energy against run time, with the frequencies that the policies select,");
     command.callback([options, &globals] { show(globals, *options); });
 }
 

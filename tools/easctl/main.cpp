@@ -1,7 +1,6 @@
 // easctl: the administrator's tool of the energy-aware scheduling library.
 #include <cstdio>
 #include <map>
-#include <sstream>
 #include <string>
 
 #include "tools/easctl/Command.h"
@@ -37,11 +36,7 @@ void add_all_commands(CLI::App& app, Globals& globals) {
 
 /// Says what went wrong: for a person on standard error, with --json also as the result.
 int report(const Failure& failure, const Globals& globals) {
-    std::istringstream lines(failure.message);
-    for (std::string line; std::getline(lines, line);)
-        std::fprintf(stderr, "easctl: %s\n", printable(line).c_str());
-    if (!failure.hint.empty())
-        std::fprintf(stderr, "  what to do: %s\n", printable(failure.hint).c_str());
+    complain(failure);
     const int code = static_cast<int>(failure.code);
     if (globals.json) {
         Json error{{"code", code}, {"name", name_of(failure.code)}, {"message", failure.message}};
@@ -83,8 +78,9 @@ int main(int argc, char** argv) {
         "  easctl model import coefficients.txt --cluster NAME\n"
         "  easctl thresholds check thresholds.conf --cluster NAME\n"
         "  easctl doctor --cluster NAME --thresholds thresholds.conf\n\n"
-        "Exit codes: 0 ok; 1 a check found something, or a part failed; 2 usage; 3 an input file\n"
-        "is wrong (the message has file and line); 4 database; 5 the library refused (the message\n"
+        "Exit codes: 0 ok; 1 a check found something, a part failed, or the result could not be\n"
+        "written; 2 usage; 3 an input file is wrong (the message has file and line); 4 database; 5 "
+        "the library refused (the message\n"
         "names its return code); 6 hardware or a privilege of the node is missing; 130 "
         "interrupted.\n"
         "With --json, standard output holds one JSON document: the result, or {\"error\": ...}.\n"
