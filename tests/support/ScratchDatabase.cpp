@@ -65,18 +65,6 @@ std::string source_file(const std::string& name) {
     return whole_file(std::filesystem::path(EAS_SOURCE_DIR) / name);
 }
 
-ScratchDatabase::Folder::Folder() {
-    std::string name = "/tmp/eas-test.XXXXXX";
-    if (::mkdtemp(name.data()) == nullptr)
-        throw std::runtime_error("no scratch folder");
-    path = name;
-}
-
-ScratchDatabase::Folder::~Folder() {
-    std::error_code ignored;
-    std::filesystem::remove_all(path, ignored);
-}
-
 void ScratchDatabase::use_server(const std::string& folder) {
     server_folder = folder;
 }

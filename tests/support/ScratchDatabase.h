@@ -13,6 +13,7 @@
 
 #include "gtest/gtest.h"
 #include "tests/support/PlainOdbc.h"
+#include "tests/support/ScratchFolder.h"
 
 namespace eas::test {
 
@@ -47,7 +48,7 @@ class ScratchDatabase {
     ScratchDatabase& operator=(const ScratchDatabase&) = delete;
 
     [[nodiscard]] Engine engine() const { return engine_; }
-    [[nodiscard]] const std::filesystem::path& folder() const { return folder_.path; }
+    [[nodiscard]] const std::filesystem::path& folder() const { return folder_.path(); }
     /// The database's name on the MariaDB server.
     [[nodiscard]] const std::string& schema() const { return schema_; }
     /// A connection beside the library under test.
@@ -69,19 +70,10 @@ class ScratchDatabase {
     bool is_index_lookup(const std::string& statement, std::string* plan);
 
   private:
-    /// Removed with what it holds, also when the rest cannot be set up.
-    struct Folder {
-        Folder();
-        ~Folder();
-        Folder(const Folder&) = delete;
-        Folder& operator=(const Folder&) = delete;
-        std::filesystem::path path;
-    };
-
     void write_configuration(const std::map<std::string, std::string>& keywords, bool pooled) const;
 
     Engine engine_;
-    Folder folder_;
+    ScratchFolder folder_;
     std::string schema_;
     std::unique_ptr<PlainOdbc> plain_;
 };

@@ -15,9 +15,9 @@
 
 #include "common/CoEffsFromFile.h"
 #include "tests/node/NodeTest.h"
+#include "tests/support/ScratchFolder.h"
 #include "tests/tools/Measurements.h"
 #include "tests/tools/RunTool.h"
-#include "tests/tools/ScratchFolder.h"
 
 namespace eas::test {
 namespace {

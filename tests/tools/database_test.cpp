@@ -6,8 +6,8 @@
 #include <nlohmann/json.hpp>
 
 #include "tests/support/ScratchDatabase.h"
+#include "tests/support/ScratchFolder.h"
 #include "tests/tools/RunTool.h"
-#include "tests/tools/ScratchFile.h"
 
 namespace {
 

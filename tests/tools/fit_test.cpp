@@ -9,9 +9,9 @@
 #include <sstream>
 
 #include "common/CoEffsFromFile.h"
+#include "tests/support/ScratchFolder.h"
 #include "tests/tools/Measurements.h"
 #include "tests/tools/RunTool.h"
-#include "tests/tools/ScratchFolder.h"
 
 namespace {
 
