@@ -12,6 +12,10 @@ using eas::test::run_easctl;
 TEST(Frame, WrongCommandLinesAreUsageErrorsWhichAlsoProgramsCanRead) {
     EXPECT_EQ(run_easctl({}).code, 2);
     EXPECT_EQ(run_easctl({"nonsense"}).code, 2);
+    EXPECT_NE(run_easctl({"db", "bogus"})
+                  .err.find("\"bogus\" is no command of easctl db\n  what to do: its commands: "
+                            "init, check\n"),
+              std::string::npos);
     const auto run = run_easctl({"model", "--json"});
     EXPECT_EQ(run.code, 2);
     EXPECT_NE(run.err.find("easctl: "), std::string::npos);

@@ -271,7 +271,8 @@ void add_calibrate_command(CLI::App& model, Globals& globals) {
         ->type_name("FILE");
     command.add_option("--seconds", options->seconds, "length of each run")
         ->check(CLI::Range(0.05, 3600.0))
-        ->capture_default_str();
+        ->capture_default_str()
+        ->type_name("S");
     command
         .add_option("--cpu-list", options->cpu_list,
                     "where the kernels run, as 0-7,16-23; the frequency is set on all CPUs")

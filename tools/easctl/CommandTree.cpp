@@ -27,6 +27,36 @@ std::vector<std::string> choices_of(const std::string& type) {
     return choices;
 }
 
+/// What an option takes, in a word; empty for a flag.
+std::string value_of(const CLI::Option& option) {
+    if (option.get_items_expected_max() == 0)
+        return {};
+    const std::string type = option.get_type_name();
+    const std::string word = type.substr(0, type.find_first_of(":{"));
+    if (word.empty())
+        return "VALUE";
+    return word == "FLOAT" || word == "INT" || word == "UINT" ? "NUMBER" : word;
+}
+
+class PlainFormatter : public CLI::Formatter {
+  public:
+    std::string make_option_opts(const CLI::Option* option) const override {
+        const bool positional = option->get_positional() && !option->nonpositional();
+        std::string text;
+        for (const std::string& choice : choices_of(option->get_type_name()))
+            text += (text.empty() ? " " : "|") + choice;
+        if (text.empty() && !positional && !value_of(*option).empty())
+            text = ' ' + value_of(*option);
+        if (option->get_required() && !positional)
+            text += " (required)";
+        if (!option->get_default_str().empty())
+            text += " (default: " + option->get_default_str() + ')';
+        if (!option->get_envname().empty())
+            text += " (or $" + option->get_envname() + ')';
+        return text;
+    }
+};
+
 OptionEntry entry_of(const CLI::Option& option) {
     OptionEntry entry;
     entry.positional = option.get_positional() && !option.nonpositional();
@@ -37,11 +67,7 @@ OptionEntry entry_of(const CLI::Option& option) {
     for (const std::string& name : option.get_lnames())
         entry.names.push_back("--" + name);
     const std::string type = option.get_type_name();
-    if (option.get_items_expected_max() > 0) {
-        entry.value = type.substr(0, type.find_first_of(":{"));
-        if (entry.value.empty())
-            entry.value = "VALUE";
-    }
+    entry.value = value_of(option);
     entry.choices = choices_of(type);
     entry.text = one_line(option.get_description());
     if (!option.get_envname().empty())
@@ -84,6 +110,10 @@ void collect(const CLI::App& app, const std::string& name, CommandEntry& entry) 
 }
 
 }  // namespace
+
+std::shared_ptr<CLI::FormatterBase> plain_formatter() {
+    return std::make_shared<PlainFormatter>();
+}
 
 CommandEntry command_tree(const CLI::App& app) {
     CommandEntry root{"", one_line(app.get_description()), {}, {}, {}};

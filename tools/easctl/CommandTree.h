@@ -3,6 +3,7 @@
 #pragma once
 
 #include <CLI/CLI.hpp>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -31,6 +32,9 @@ CommandEntry command_tree(const CLI::App& app);
 std::string completion_script(const CommandEntry& root, const std::string& shell);
 /// The sections of the manual page (mdoc) that describe options and commands.
 std::string manual_sections(const CommandEntry& root);
+
+/// Shows options under --help in plain words, without the parser's names of types.
+std::shared_ptr<CLI::FormatterBase> plain_formatter();
 
 /// Adds the hidden command "completion", which prints one of these.
 void add_completion_command(CLI::App& app);

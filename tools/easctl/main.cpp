@@ -49,6 +49,29 @@ int report(const Failure& failure, const Globals& globals) {
     return code;
 }
 
+/// What the command line lacks. A word that is no command is named, with the commands there are.
+Failure usage_failure(const CLI::App& app, const CLI::ParseError& error) {
+    const CLI::App* command = &app;
+    std::string path = app.get_name();
+    while (!command->get_subcommands().empty()) {
+        command = command->get_subcommands().front();
+        path += ' ' + command->get_name();
+    }
+    std::string names;
+    for (const CLI::App* below : command->get_subcommands([](const CLI::App*) { return true; })) {
+        if (!below->get_name().empty() && !below->get_group().empty())
+            names += (names.empty() ? "" : ", ") + below->get_name();
+    }
+    if (names.empty() || dynamic_cast<const CLI::RequiredError*>(&error) == nullptr)
+        return {ExitCode::usage, error.what(), path + " --help"};
+    const std::vector<std::string> words = app.remaining(true);
+    if (words.empty())
+        return {ExitCode::usage, path + ": which command?", "one of " + names};
+    const char* const kind = words.front().front() == '-' ? "option" : "command";
+    return {ExitCode::usage, '"' + words.front() + "\" is no " + kind + " of " + path,
+            "its commands: " + names};
+}
+
 int run(CLI::App& app, Globals& globals, int argc, char** argv) {
     try {
         app.parse(argc, argv);
@@ -57,7 +80,7 @@ int run(CLI::App& app, Globals& globals, int argc, char** argv) {
     } catch (const CLI::ParseError& e) {
         if (e.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success))
             return app.exit(e);  // --help, --version
-        return report({ExitCode::usage, e.what(), "easctl COMMAND --help"}, globals);
+        return report(usage_failure(app, e), globals);
     } catch (const Failure& failure) {
         return report(failure, globals);
     } catch (const std::exception& e) {
@@ -72,6 +95,7 @@ int main(int argc, char** argv) {
     easctl::Globals globals;
     CLI::App app("The administrator's tool of the energy-aware scheduling library.", "easctl");
     app.require_subcommand(1);
+    app.formatter(easctl::plain_formatter());
     app.footer(
         "From nothing to a working cluster:\n"
         "  easctl db init\n"
@@ -79,10 +103,9 @@ int main(int argc, char** argv) {
         "  easctl thresholds check thresholds.conf --cluster NAME\n"
         "  easctl doctor --cluster NAME --thresholds thresholds.conf\n\n"
         "Exit codes: 0 ok; 1 a check found something, a part failed, or the result could not be\n"
-        "written; 2 usage; 3 an input file is wrong (the message has file and line); 4 database; 5 "
-        "the library refused (the message\n"
-        "names its return code); 6 hardware or a privilege of the node is missing; 130 "
-        "interrupted.\n"
+        "written; 2 usage; 3 an input file is wrong (the message has file and line); 4 database;\n"
+        "5 the library refused (the message names its return code); 6 hardware or a privilege of\n"
+        "the node is missing; 130 interrupted.\n"
         "With --json, standard output holds one JSON document: the result, or {\"error\": ...}.\n"
         "\"easctl COMMAND --help\" shows the options of a command, with examples.");
     easctl::add_global_options(app, globals);
