@@ -20,6 +20,7 @@ struct FitOptions {
 
 Json json_of(const Fit& fit, const ModelFit& model) {
     Json json{{"r_squared", fit.r_squared},
+              {"rms_residual", fit.rms_residual},
               {"worst_error_percent", fit.worst_percent},
               {"worst_kernel", model.kernels[fit.worst_kernel]},
               {"kernels", Json::array()}};
@@ -57,8 +58,10 @@ Cell quality_cell(double value, int decimals, bool good) {
     return {number(value, decimals), good ? Style::good : Style::warning};
 }
 
-void add_quality(std::vector<Cell>& cells, const Fit& fit, const ModelFit& model,
+/// `decimals`: of the residual.
+void add_quality(std::vector<Cell>& cells, const Fit& fit, int decimals, const ModelFit& model,
                  const FitLimits& limits) {
+    cells.emplace_back(number(fit.rms_residual, decimals));
     cells.push_back(quality_cell(fit.r_squared, 4, fit.r_squared >= limits.lowest_r_squared));
     cells.push_back(
         quality_cell(fit.worst_percent, 2, fit.worst_percent <= limits.largest_error_percent));
@@ -75,20 +78,22 @@ Cell verdict(const FrequencyFit& row) {
 
 std::string report_text(const ModelFit& model, const FitLimits& limits, bool colored) {
     Table table({{"kHz", Align::right},
-                 {"power R2", Align::right},
+                 {"power rms W", Align::right},
+                 {"R2", Align::right},
                  {"worst %", Align::right},
                  {"kernel"},
-                 {"time R2", Align::right},
+                 {"pace rms c/i", Align::right},
+                 {"R2", Align::right},
                  {"worst %", Align::right},
                  {"kernel"},
                  {"verdict"}});
     for (const FrequencyFit& row : model.rows) {
         std::vector<Cell> cells{std::to_string(row.khz)};
         if (row.is_default) {
-            cells.insert(cells.end(), 6, Cell("-"));
+            cells.insert(cells.end(), 8, Cell("-"));
         } else {
-            add_quality(cells, row.power, model, limits);
-            add_quality(cells, row.pace, model, limits);
+            add_quality(cells, row.power, 2, model, limits);
+            add_quality(cells, row.pace, 4, model, limits);
         }
         cells.push_back(verdict(row));
         table.add(std::move(cells));
@@ -152,7 +157,9 @@ void run_fit(const FitOptions& options, Globals& globals) {
         print_json(json_of(model));
     } else if (!options.output.empty() || !model.usable()) {
         print("Default frequency: " + std::to_string(model.default_khz) + " kHz, " +
-              model.default_from + ". Time is off by as much as the cycles per instruction.\n" +
+              model.default_from +
+              ". rms: of what the fit leaves, in W and cycles per\n"
+              "instruction; time is off by as many percent as the latter.\n" +
               report_text(model, options.limits, globals.colored()));
     } else {
         print(coefficient_text(model, source));
@@ -174,9 +181,9 @@ void add_fit_command(CLI::App& model, Globals& globals) {
         "easctl model fit measurements.csv --default-frequency 2300000 > coefficients.txt");
     const auto options = std::make_shared<FitOptions>();
     command
-        .add_option("measurements", options->measurements,
-                    "CSV file; its first line names the columns kernel, frequency_khz, elapsed_s, "
-                    "power_w, cycles, instructions, memory_bytes. Seven kernels, each at every "
+        .add_option("MEASUREMENTS", options->measurements,
+                    "CSV file; its first line names the columns kernel, frequency_khz, elapsed_s,\n"
+                    "power_w, cycles, instructions, memory_bytes. Seven kernels, each at every\n"
                     "frequency; several runs of one kernel at one frequency are averaged")
         ->required()
         ->type_name("FILE");
@@ -186,7 +193,7 @@ void add_fit_command(CLI::App& model, Globals& globals) {
         ->type_name("FILE");
     command
         .add_option("--default-frequency", options->default_khz,
-                    "the frequency at which jobs will be measured; by default the one of the "
+                    "the frequency at which jobs will be measured; by default the one of the\n"
                     "column nominal_khz, else the highest of the file")
         ->check(CLI::PositiveNumber)
         ->type_name("KHZ");
@@ -195,12 +202,14 @@ void add_fit_command(CLI::App& model, Globals& globals) {
         .add_option("--min-r2", options->limits.lowest_r_squared,
                     "a fit that explains less is doubtful: exit code 1")
         ->check(CLI::Range(0.0, 1.0))
-        ->capture_default_str();
+        ->capture_default_str()
+        ->type_name("R2");
     command
         .add_option("--max-error", options->limits.largest_error_percent,
                     "so is one that is off by more for a kernel, in percent")
         ->check(CLI::PositiveNumber)
-        ->capture_default_str();
+        ->capture_default_str()
+        ->type_name("PERCENT");
     command.callback([options, &globals] { run_fit(*options, globals); });
 }
 

@@ -46,6 +46,7 @@ void judge(Fit& fit) {
             fit.worst_kernel = i;
         }
     }
+    fit.rms_residual = std::sqrt(squares / kernel_count);
     const double total = covariance(fit.measured, fit.measured);
     // Seven equal values leave nothing to explain.
     fit.r_squared = total > 0 ? 1 - squares / total : 1;

@@ -24,6 +24,7 @@ struct Fit {
     Points predicted{};
     std::array<double, 3> factors{};  // of the first predictor, of the lines, constant
     double r_squared = 1;             // part of the variation that the fit explains
+    double rms_residual = 0;          // in the unit of what was measured
     double worst_percent = 0;         // largest error of a kernel, in percent of what was measured
     std::size_t worst_kernel = 0;
     double independence = 1;  // 1 - r^2 of the two predictors; 0: the system is singular
