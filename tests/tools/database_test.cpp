@@ -93,8 +93,8 @@ TEST_P(Tool, CarriesCoefficientsThroughTheDatabaseToTheBit) {
                 HasSubstr("1600000:0.30000000000000004,107.33333333333333,1e-05,0.99,-2.25,0.001\n"
                           "2000000:0,0,0,0,0,0\n"
                           "2400000:1.1,-1.9999999999999998,-0.1,1.0000000000000002,1.5,0\n"));
-    EXPECT_THAT(run_easctl({"model", "list", "--csv"}).out,
-                HasSubstr("c,2.00 GHz,3,1.60 GHz,2.40 GHz,0"));
+    EXPECT_THAT(run_easctl({"model", "list", "--format", "csv"}).out,
+                HasSubstr("\nc,2000000,3,1600000,2400000,0\n"));
     EXPECT_EQ(run_easctl({"model", "show", "--cluster", "c"}).code, 0);
     EXPECT_EQ(run_easctl({"model", "remove", "--cluster", "c"}).code, 2);
     EXPECT_EQ(database().rows("TQVN_EnergyCoEfficients"), 3);

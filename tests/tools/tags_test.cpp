@@ -216,13 +216,17 @@ TEST_P(Tags, FailuresNameTheReturnCodeOfTheLibraryAndWhatToDo) {
         int code;
         const char* message;
     };
-    const std::vector<Row> rows{
+    std::vector<Row> rows{
         {{"select", "--user", "anna", "--tag", "hpl", "--policy", "minimize_time"},
          5,
          "not exactly one such tag (eas_auto_select_frequency returned -4, EAS_NO_UNIQUE_TAG)"},
         {{"select", "--user", "anna", "--tag", "hpl", "--policy", "Minimize_Time"},
-         5,
-         "the policy is not known (eas_auto_select_frequency returned -1, EAS_BAD_ARGUMENT)"},
+         2,
+         "Minimize_Time not in {minimize_energy,minimize_time}"},
+        {{"generate", "--user", "anna", "--tag", "hpl", "--power", "300", "--cycles", "1e9"},
+         2,
+         "missing: --job-id, --instructions, --memory-bytes, --elapsed\n"},
+        {{"generate", "--power", "nan"}, 2, "--power: nan is no number above 0"},
         {{"list", "--user", "x\" or \"1\"=\"1"},
          5,
          "(eas_query_tag returned -4, EAS_QUERY_FAILED)"},
@@ -237,6 +241,12 @@ TEST_P(Tags, FailuresNameTheReturnCodeOfTheLibraryAndWhatToDo) {
         {{"generate", "--jobs", "/nowhere"}, 3, "/nowhere: No such file"},
         {{"show", "--tag", "hpl"}, 1, "there is no tag \"hpl\""},
     };
+    // What SQLite would take for a column could not be found again.
+    const bool sqlite = GetParam() == eas::test::Engine::sqlite;
+    rows.push_back(
+        {{"show", "--user", "USER_NAME"},
+         sqlite ? 2 : 1,
+         sqlite ? "SQLite reads \"USER_NAME\" as a column" : "there is no tag of USER_NAME"});
     for (const Row& row : rows) {
         const ToolRun run = tag(row.arguments);
         EXPECT_EQ(run.code, row.code) << run.err;

@@ -1,6 +1,7 @@
 #include "tools/easctl/Command.h"
 
 #include <cstdio>
+#include <map>
 #include <sstream>
 
 namespace easctl {
@@ -58,6 +59,17 @@ CLI::App& add_group(CLI::App& parent, const std::string& name, const std::string
     group.fallthrough();
     group.require_subcommand(1);
     return group;
+}
+
+void add_format_option(CLI::App& command, Format& format) {
+    static const std::map<std::string, Format> formats{{"table", Format::table},
+                                                       {"csv", Format::csv}};
+    command
+        .add_option_function<std::string>(
+            "--format", [&format](const std::string& name) { format = formats.at(name); },
+            "table or csv")
+        ->check(CLI::IsMember({"table", "csv"}))
+        ->type_name("FORMAT");
 }
 
 void complain(const Failure& failure) {

@@ -29,6 +29,10 @@ CLI::App& add_command(CLI::App& parent, const std::string& name, const std::stri
 /// Adds a group of commands, one of which must be given.
 CLI::App& add_group(CLI::App& parent, const std::string& name, const std::string& description);
 
+enum class Format { table, csv };
+/// Adds --format.
+void add_format_option(CLI::App& command, Format& format);
+
 /// Says what went wrong, and what to do, on standard error.
 void complain(const Failure& failure);
 /// Prints a remark on standard error, unless the user wants quiet.

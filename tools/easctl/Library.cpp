@@ -8,6 +8,7 @@
 #include "interface/LibraryState.h"
 #include "interface/TagRecord.h"
 #include "interface/interface.h"
+#include "tools/easctl/ModelStore.h"
 #include "tools/easctl/Output.h"
 
 namespace easctl {
@@ -138,6 +139,7 @@ Library::Library(LibraryOptions options) : options_(std::move(options)) {
         // A database that does not answer is explained better by a connection of our own.
         Database database(options_.database);
         options_.resolve(database);
+        sqlite_ = database.engine() == Engine::sqlite;
     }
     diagnostics_.emplace();
     const int code = eas::initialize(options_.database.dsn_name().c_str(), options_.cluster.c_str(),
@@ -159,7 +161,18 @@ const EnergyPerfThreshold& Library::thresholds() const {
     return *global_threshold;
 }
 
+void Library::require_names(const std::string& user, const std::string& tag) const {
+    for (const std::string& name : {user, tag}) {
+        if (sqlite_ && is_column(name, "TQVN_EnergyPolicyTag"))
+            throw Failure(ExitCode::usage,
+                          name_of_tag(user, tag) + ": SQLite reads \"" + name +
+                              "\" as a column of its table, not as a name",
+                          "choose another name; MariaDB takes this one, too");
+    }
+}
+
 void Library::generate(const TagRequest& request) {
+    require_names(request.user, request.tag);
     TagRequest copy(request);  // the function takes pointers to what it could change
     const int code = eas_generate_tag(options_.cluster.data(), options_.default_khz,
                                       copy.user.data(), copy.tag.data(), copy.counters.data(),
@@ -172,6 +185,7 @@ void Library::generate(const TagRequest& request) {
 }
 
 std::vector<EnergyTag> Library::query(const std::string& user, const std::string& tag) {
+    require_names(user, tag);
     std::string users(user);
     std::string tags(tag);
     Records found;
@@ -188,6 +202,7 @@ std::vector<EnergyTag> Library::query(const std::string& user, const std::string
 
 std::vector<std::pair<std::string, std::string>> Library::remove(const std::string& user,
                                                                  const std::string& tag) {
+    require_names(user, tag);
     std::string users(user);
     std::string tags(tag);
     int count = 0;
@@ -208,6 +223,7 @@ std::vector<std::pair<std::string, std::string>> Library::remove(const std::stri
 
 eas::FrequencyChoice Library::select(const std::string& user, const std::string& tag,
                                      const std::string& policy) {
+    require_names(user, tag);
     std::string users(user);
     std::string tags(tag);
     std::string policies(policy);
@@ -226,6 +242,11 @@ eas::FrequencyChoice Library::select(const std::string& user, const std::string&
 std::string name_of_tag(const std::string& user, const std::string& tag) {
     return (tag.empty() ? "all tags" : "tag \"" + tag + '"') +
            (user.empty() ? std::string() : " of " + user);
+}
+
+std::string no_tag_named(const std::string& user, const std::string& tag) {
+    return tag.empty() ? "there is no tag" + (user.empty() ? std::string() : " of " + user)
+                       : "there is no " + name_of_tag(user, tag);
 }
 
 }  // namespace easctl

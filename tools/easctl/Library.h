@@ -76,11 +76,17 @@ class Library {
                                 const std::string& policy);
 
   private:
+    /// Throws Failure for names that the database would not take for names.
+    void require_names(const std::string& user, const std::string& tag) const;
+
     LibraryOptions options_;
+    bool sqlite_ = false;
     std::optional<Diagnostics> diagnostics_;  // only one may exist: after the own connection's
 };
 
-/// How a tag is named in messages.
+/// How tags are named in messages; without their names, all are meant.
 std::string name_of_tag(const std::string& user, const std::string& tag);
+/// "there is no tag "x" of anna".
+std::string no_tag_named(const std::string& user, const std::string& tag);
 
 }  // namespace easctl

@@ -20,7 +20,7 @@ struct Options {
     int default_khz = 0;
     bool dry_run = false;
     bool replace = false;
-    bool csv = false;
+    Format format = Format::table;
     bool yes = false;
 
     void add_cluster(CLI::App& command, bool required) {
@@ -49,31 +49,33 @@ std::vector<double> factors(const CoEfficients& model, std::size_t i) {
 
 // --- import ---
 
-/// The file's rows. Throws Failure after any error in the file.
-CoEfficients model_of(const Options& options, Globals& globals) {
+/// Throws Failure after any error in the file.
+ModelFile checked_file(const Options& options, Globals& globals) {
     ModelFile file = read_model_file(options.file);
     CoEfficients& model = file.coefficients;
     if (file.findings.has_errors())
         throw Failure(ExitCode::input, file.findings.errors_as_message(),
                       "mend these lines; the database is as it was");
-    if (!file.findings.empty() && !globals.quiet)
+    if (!file.findings.empty() && !globals.quiet && !globals.json)
         std::fputs(file.findings.text(color_wanted(globals.color, stderr)).c_str(), stderr);
     if (options.default_khz != 0 && options.default_khz != model.getDefaultFrequency())
         throw Failure(ExitCode::input, options.file + ": the row of zeros is that of " +
                                            std::to_string(model.getDefaultFrequency()) +
                                            " KHz, not of --default-frequency");
     model.setClusterName(options.cluster);
-    return model;
+    return file;
 }
 
-void report_import(const Options& options, const CoEfficients& model, const char* verdict,
+void report_import(const Options& options, const ModelFile& file, const char* verdict,
                    Database& database, Globals& globals) {
+    const CoEfficients& model = file.coefficients;
     if (globals.json) {
         print_json({{"cluster", options.cluster},
                     {"default_khz", model.getDefaultFrequency()},
                     {"frequencies", model.total_frequencies()},
                     {"dsn", database.dsn()},
-                    {"result", verdict}});
+                    {"result", verdict},
+                    {"findings", file.findings.json()}});
         return;
     }
     print(options.cluster + ": " + std::to_string(model.total_frequencies()) +
@@ -83,12 +85,13 @@ void report_import(const Options& options, const CoEfficients& model, const char
 
 void import_model(const Options& options, Globals& globals) {
     require_cluster_name(options.cluster);
-    const CoEfficients model = model_of(options, globals);
+    const ModelFile file = checked_file(options, globals);
+    const CoEfficients& model = file.coefficients;
     const int default_khz = model.getDefaultFrequency();
     Database database(options.database);
     const CoEfficients stored = load_model(database, options.cluster, default_khz);
     if (stored.total_frequencies() > 0 && same_rows(stored, model)) {
-        report_import(options, model, "stored already", database, globals);
+        report_import(options, file, "stored already", database, globals);
         return;
     }
     if (stored.total_frequencies() > 0 && !options.replace)
@@ -100,12 +103,12 @@ void import_model(const Options& options, Globals& globals) {
     store_model(database, options.cluster, model);
     if (options.dry_run) {
         database.rollback();
-        report_import(options, model, "would be stored", database, globals);
+        report_import(options, file, "would be stored", database, globals);
         return;
     }
     const long tag_rows = pick_model(database, options.cluster, default_khz).tag_rows;
     database.commit();
-    report_import(options, model, stored.total_frequencies() > 0 ? "replaced" : "stored", database,
+    report_import(options, file, stored.total_frequencies() > 0 ? "replaced" : "stored", database,
                   globals);
     if (tag_rows > 0)
         remark(globals, std::to_string(tag_rows) +
@@ -158,28 +161,45 @@ void export_model(const Options& options, Globals& globals) {
         print(file_text(model));
 }
 
+/// For programs with the numbers as they are.
+Table table_of(const std::vector<StoredModel>& models, bool csv) {
+    Table table(csv ? std::vector<Column>{{"cluster"},
+                                          {"default_frequency_khz"},
+                                          {"frequencies"},
+                                          {"lowest_khz"},
+                                          {"highest_khz"},
+                                          {"tag_rows"}}
+                    : std::vector<Column>{{"Cluster"},
+                                          {"Default", Align::right},
+                                          {"Frequencies", Align::right},
+                                          {"Lowest", Align::right},
+                                          {"Highest", Align::right},
+                                          {"Tag rows", Align::right}});
+    const auto frequency = [csv](int khz) { return csv ? std::to_string(khz) : ghz(khz); };
+    for (const StoredModel& model : models)
+        table.add({model.cluster, frequency(model.default_khz), std::to_string(model.frequencies),
+                   frequency(model.lowest_khz), frequency(model.highest_khz),
+                   std::to_string(model.tag_rows)});
+    return table;
+}
+
 void list_models(const Options& options, Globals& globals) {
     Database database(options.database);
     const std::vector<StoredModel> models = stored_models(database);
-    Json list = Json::array();
-    Table table({{"CLUSTER"},
-                 {"DEFAULT", Align::right},
-                 {"FREQUENCIES", Align::right},
-                 {"LOWEST", Align::right},
-                 {"HIGHEST", Align::right},
-                 {"TAG ROWS", Align::right}});
-    for (const StoredModel& model : models) {
-        list.push_back(json_of(model));
-        table.add({model.cluster, ghz(model.default_khz), std::to_string(model.frequencies),
-                   ghz(model.lowest_khz), ghz(model.highest_khz), std::to_string(model.tag_rows)});
-    }
-    if (globals.json)
+    if (globals.json) {
+        Json list = Json::array();
+        for (const StoredModel& model : models)
+            list.push_back(json_of(model));
         print_json(list);
-    else if (options.csv)
-        print(table.csv());
-    else if (models.empty())
+        return;
+    }
+    if (models.empty())
         remark(globals, "data source \"" + database.dsn() + "\" holds no coefficients");
-    else
+    const bool csv = options.format == Format::csv;
+    const Table table = table_of(models, csv);
+    if (csv)
+        print(table.csv());
+    else if (!models.empty())
         print(table.text(globals.colored()));
 }
 
@@ -291,8 +311,8 @@ void add_others(CLI::App& group, Globals& globals, const std::shared_ptr<Options
     const char* const which = "which, where the cluster has several";
     CLI::App& list = add(group, globals, options, "list", list_models,
                          "Lists the clusters that have coefficients.",
-                         "easctl model list\neasctl model list --csv >models.csv");
-    list.add_flag("--csv", options->csv, "comma-separated values");
+                         "easctl model list\neasctl model list --format csv >models.csv");
+    add_format_option(list, options->format);
     CLI::App& show = add(group, globals, options, "show", show_model,
                          "Shows a cluster's coefficients and what they predict for typical jobs.",
                          "easctl model show --cluster sample");

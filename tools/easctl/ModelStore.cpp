@@ -36,15 +36,6 @@ std::string choice(const std::vector<StoredModel>& models) {
     return text;
 }
 
-bool is_column(const std::string& name) {
-    const Schema schema = parse_schema(sqlite_schema);
-    for (const SchemaTable& table : schema.tables) {
-        if (table.find(name) != nullptr)
-            return true;
-    }
-    return false;
-}
-
 }  // namespace
 
 std::vector<StoredModel> stored_models(Database& database, const std::string& cluster) {
@@ -172,6 +163,16 @@ void remove_model(Database& database, const std::string& cluster, int default_kh
         "default_frequency = " +
             std::to_string(default_khz),
         {cluster});
+}
+
+bool is_column(std::string name, std::string_view table) {
+    std::transform(name.begin(), name.end(), name.begin(), [](char c) {
+        return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+    });
+    const Schema schema = parse_schema(sqlite_schema);
+    return std::any_of(schema.tables.begin(), schema.tables.end(), [&](const SchemaTable& one) {
+        return (table.empty() || one.name == table) && one.find(name) != nullptr;
+    });
 }
 
 void require_cluster_name(const std::string& cluster) {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "common/CoEfficients.h"
@@ -39,6 +40,10 @@ void remove_model(Database& database, const std::string& cluster, int default_kh
 bool same_rows(const CoEfficients& one, const CoEfficients& other);
 /// A copy in ascending order of frequency.
 CoEfficients sorted(const CoEfficients& model);
+
+/// Whether SQLite, which takes a quoted name for a column where there is one, has it in `table`, or
+/// in any.
+bool is_column(std::string name, std::string_view table = {});
 
 /// Throws Failure for a name under which the library could not find the cluster.
 void require_cluster_name(const std::string& cluster);

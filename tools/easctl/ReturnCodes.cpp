@@ -46,8 +46,8 @@ constexpr std::array codes{
          "the user has a tag of this name already for this cluster and default frequency",
          "easctl tag show prints it, easctl tag remove removes it"},
     Code{Function::query_tag, EAS_QUERY_FAILED, "EAS_QUERY_FAILED",
-         "the query failed: a name holds a double quote or ends in a backslash, or the tags cannot "
-         "be read",
+         "the query failed: a name holds a double quote, ends in a backslash or is compared by the "
+         "database as something else, or the tags cannot be read",
          "check the names, then easctl db check"},
     Code{Function::remove_tag, EAS_REMOVE_FAILED, "EAS_REMOVE_FAILED",
          "the removal failed; nothing was removed",

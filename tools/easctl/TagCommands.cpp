@@ -3,8 +3,9 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <iostream>
-#include <map>
+#include <optional>
 
 #include "tools/easctl/JobsFile.h"
 #include "tools/easctl/Progress.h"
@@ -56,7 +57,7 @@ class Generation {
         try {
             library_.generate(request);
         } catch (const Failure& failure) {
-            if (failure.code != ExitCode::refused)
+            if (failure.code != ExitCode::refused && failure.code != ExitCode::usage)
                 throw;
             failed({failure.code, jobs_.where() + ": " + failure.message, failure.hint},
                    as_json(request));
@@ -100,14 +101,10 @@ class Generation {
     Json failed_ = Json::array();
 };
 
-void generate(Globals& globals, const Generate& options) {
+void generate(Globals& globals, const Generate& options, bool single) {
     const TagRequest& request = options.request;
-    if (options.jobs.empty() && (request.user.empty() || request.tag.empty())) {
-        throw Failure(ExitCode::usage, "what shall the tag be made of?",
-                      "give --jobs FILE, or --user, --tag, --job-id and the figures of the job");
-    }
     Library library(options.library);
-    if (!options.jobs.empty()) {
+    if (!single) {
         Generation(globals, library, options.jobs).run();
         return;
     }
@@ -121,9 +118,7 @@ void generate(Globals& globals, const Generate& options) {
     }
 }
 
-struct Remove {
-    LibraryOptions library;
-    TagNames names;
+struct Remove : TagChoice {
     bool all = false;
     bool yes = false;
 };
@@ -164,7 +159,7 @@ void remove(Globals& globals, const Remove& options) {
     if (globals.json)
         print_json({{"removed", std::move(list)}});
     else if (removed.empty())
-        remark(globals, "there is no " + name_of_tag(names.user, names.tag));
+        remark(globals, no_tag_named(names.user, names.tag));
 }
 
 }  // namespace
@@ -183,23 +178,65 @@ OneOrMany::OneOrMany(CLI::App& command, std::string& file, const std::string& de
     : command_(&command),
       file_(command.add_option("--jobs", file, description)->type_name("FILE")) {}
 
-void OneOrMany::check() const {
-    for (const CLI::Option* single : singles_) {
-        if (file_->count() > 0 && single->count() > 0)
-            throw Failure(ExitCode::usage, single->get_name() + " and --jobs exclude each other",
-                          "the jobs file names them in a column");
-    }
+bool OneOrMany::has_optional() const {
+    return std::any_of(optional_.begin(), optional_.end(),
+                       [](const CLI::Option* option) { return option->count() > 0; });
 }
 
-void add_format_option(CLI::App& command, Format& format) {
-    static const std::map<std::string, Format> formats{{"table", Format::table},
-                                                       {"csv", Format::csv}};
-    command
-        .add_option_function<std::string>(
-            "--format", [&format](const std::string& name) { format = formats.at(name); },
-            "table or csv")
-        ->check(CLI::IsMember({"table", "csv"}))
-        ->type_name("FORMAT");
+bool OneOrMany::single() const {
+    if (file_->count() > 0) {
+        for (const auto* options : {&needed_, &optional_}) {
+            for (const CLI::Option* option : *options) {
+                if (option->count() > 0)
+                    throw Failure(ExitCode::usage,
+                                  option->get_name() + " and --jobs exclude each other",
+                                  "the jobs file names them in a column");
+            }
+        }
+        return false;
+    }
+    require(needed_);
+    if (has_optional())
+        require(optional_);
+    return true;
+}
+
+void OneOrMany::require(const std::vector<CLI::Option*>& options) {
+    std::string missing;
+    for (const CLI::Option* option : options) {
+        if (option->count() == 0)
+            missing += (missing.empty() ? "" : ", ") + option->get_name();
+    }
+    if (!missing.empty())
+        throw Failure(ExitCode::usage, "missing: " + missing,
+                      "give all options of the job, or --jobs FILE for many jobs");
+}
+
+CLI::Validator some_text() {
+    return {[](const std::string& text) {
+                return text.empty() ? std::string("must not be empty") : std::string();
+            },
+            ""};
+}
+
+CLI::Validator figure() {
+    return {[](const std::string& text) {
+                const std::optional<double> value = parse_number(text);
+                return value && *value > 0.0 ? std::string() : text + " is no number above 0";
+            },
+            ""};
+}
+
+CLI::Validator a_policy() {
+    return CLI::IsMember({std::string(eas::minimize_energy), std::string(eas::minimize_time)});
+}
+
+CLI::App& TagChoice::add_command(CLI::App& group, const char* name, const char* description,
+                                 const char* examples, bool required) {
+    CLI::App& command = easctl::add_command(group, name, description, examples);
+    library.add_to(command);
+    names.add_to(command, required);
+    return command;
 }
 
 void add_tag_generate(CLI::App& group, Globals& globals) {
@@ -222,19 +259,14 @@ void add_tag_generate(CLI::App& group, Globals& globals) {
     given.add("--memory-bytes", request.counters[2], "bytes of memory traffic", "N");
     given.add("--elapsed", request.elapsed_s, "run time", "S");
     given.add("--power", request.power_w, "mean power of a node", "W");
-    command.callback([options, given, &globals] {
-        given.check();
-        generate(globals, *options);
-    });
+    command.callback([options, given, &globals] { generate(globals, *options, given.single()); });
 }
 
 void add_tag_remove(CLI::App& group, Globals& globals) {
     const auto options = std::make_shared<Remove>();
-    CLI::App& command =
-        add_command(group, "remove", "remove tags, and print which",
-                    "easctl tag remove --user anna --tag hpl\neasctl tag remove --user anna --yes");
-    options->library.add_to(command);
-    options->names.add_to(command, false);
+    CLI::App& command = options->add_command(
+        group, "remove", "remove tags, and print which",
+        "easctl tag remove --user anna --tag hpl\neasctl tag remove --user anna --yes", false);
     command.add_flag("--all", options->all, "every tag of the cluster and default frequency");
     command.add_flag("-y,--yes", options->yes, "do not ask before more than one tag is removed");
     command.callback([options, &globals] { remove(globals, *options); });

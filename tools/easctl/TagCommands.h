@@ -3,6 +3,8 @@
 
 #include <memory>
 #include <string>
+#include <type_traits>
+#include <vector>
 
 #include "tools/easctl/Command.h"
 #include "tools/easctl/Library.h"
@@ -18,26 +20,54 @@ struct TagNames {
     void add_to(CLI::App& command, bool required);
 };
 
+/// What a command about tags that its options name needs.
+struct TagChoice {
+    LibraryOptions library;
+    TagNames names;
+
+    /// Adds the command with its options; `required`: one tag is meant.
+    CLI::App& add_command(CLI::App& group, const char* name, const char* description,
+                          const char* examples, bool required);
+};
+
+/// Text that is not empty, or a number above 0.
+CLI::Validator some_text();
+CLI::Validator figure();
+
 /// Options that describe one job, and the file of many that stands in for them.
 class OneOrMany {
   public:
     OneOrMany(CLI::App& command, std::string& file, const std::string& description);
 
+    /// An option without which one job is not described, or one that may lack with the others of
+    /// its kind.
     template <typename T>
     void add(const char* name, T& value, const char* description, const char* type) {
-        singles_.push_back(command_->add_option(name, value, description)->type_name(type));
+        needed_.push_back(add_single(name, value, description, type));
     }
-    /// Throws Failure when both are given.
-    void check() const;
+    template <typename T>
+    void add_optional(const char* name, T& value, const char* description, const char* type) {
+        optional_.push_back(add_single(name, value, description, type));
+    }
+    /// Whether one job is described. Throws Failure when options lack, or are given beside the
+    /// file.
+    [[nodiscard]] bool single() const;
+    /// Whether the optional ones are given.
+    [[nodiscard]] bool has_optional() const;
 
   private:
+    template <typename T>
+    CLI::Option* add_single(const char* name, T& value, const char* description, const char* type) {
+        CLI::Option* const option = command_->add_option(name, value, description)->type_name(type);
+        return option->check(std::is_arithmetic_v<T> ? figure() : some_text());
+    }
+    static void require(const std::vector<CLI::Option*>& options);
+
     CLI::App* command_;
     CLI::Option* file_;
-    std::vector<CLI::Option*> singles_;
+    std::vector<CLI::Option*> needed_;
+    std::vector<CLI::Option*> optional_;
 };
-
-enum class Format { table, csv };
-void add_format_option(CLI::App& command, Format& format);
 
 void add_tag_generate(CLI::App& group, Globals& globals);
 void add_tag_list(CLI::App& group, Globals& globals);
@@ -45,6 +75,9 @@ void add_tag_show(CLI::App& group, Globals& globals);
 void add_tag_select(CLI::App& group, Globals& globals);
 void add_tag_remove(CLI::App& group, Globals& globals);
 void add_tag_verify(CLI::App& group, Globals& globals);
+
+/// A name of a policy.
+CLI::Validator a_policy();
 
 /// Predicted values of every frequency.
 Json rows_as_json(const EnergyTag& tag);

@@ -50,6 +50,53 @@ Json as_json(const Comparison& comparison) {
             {"error", comparison.error()}};
 }
 
+/// A run beside what its tag predicted for it.
+struct Verified {
+    TagNames names;
+    Run run;
+    Verification figures;
+    bool describes;
+    std::vector<Selections> selections;
+};
+
+Json as_json(const Verified& one) {
+    Json json{{"user", one.names.user},
+              {"tag", one.names.tag},
+              {"frequency_khz", one.run.frequency},
+              {"power_w", as_json(one.figures.power)},
+              {"elapsed_s", as_json(one.figures.time)},
+              {"energy_j", as_json(one.figures.energy)},
+              {"describes_job", one.describes}};
+    for (const Selections& s : one.selections)
+        json["selections"][s.policy] = {{"tag_khz", s.by_tag}, {"run_khz", s.by_run}};
+    return json;
+}
+
+Table empty_table() {
+    std::vector<Column> columns{{"User"}, {"Tag"}, {"Frequency", Align::right}};
+    for (const char* figure : {"Power W", "Time s", "Energy kWh"}) {
+        for (const char* title : {figure, "measured", "error %"})
+            columns.push_back({title, Align::right});
+    }
+    columns.push_back({"Verdict"});
+    return Table(std::move(columns));
+}
+
+std::vector<Cell> as_row(const Verified& one, const ErrorLimits& limits) {
+    std::vector<Cell> row{one.names.user, one.names.tag, ghz(one.run.frequency)};
+    const auto add = [&](const Comparison& c, double scale, int decimals, double limit) {
+        row.emplace_back(number(c.predicted / scale, decimals));
+        row.emplace_back(number(c.measured / scale, decimals));
+        row.emplace_back(signed_percent(c.error(), 1),
+                         std::abs(c.error()) <= limit ? Style::plain : Style::bad);
+    };
+    add(one.figures.power, 1.0, 1, limits.power);
+    add(one.figures.time, 1.0, 0, limits.time);
+    add(one.figures.energy, joules_per_kwh, 4, limits.energy);
+    row.push_back(one.describes ? Cell("ok", Style::good) : Cell("STALE", Style::bad));
+    return row;
+}
+
 class Verifier {
   public:
     Verifier(Globals& globals, Library& library, const ErrorLimits& limits)
@@ -59,20 +106,20 @@ class Verifier {
     void check(const TagNames& names, const Run& run, const std::string& where) {
         const std::vector<EnergyTag> tags = library_.query(names.user, names.tag);
         const EnergyTag& tag = the_only(tags, names);
-        const auto verification = verify(tag, run);
-        if (!verification) {
+        const auto figures = verify(tag, run);
+        if (!figures) {
             throw Failure(ExitCode::found,
                           name_of_tag(names.user, names.tag) + " predicts nothing for " +
                               std::to_string(run.frequency) + " KHz",
                           "give the frequency at which the job ran, one of easctl tag show");
         }
-        const bool describes = verification->within(limits_);
-        const auto selections = compare_selections(library_, tag, run);
+        const Verified one{names, run, *figures, figures->within(limits_),
+                           compare_selections(library_, tag, run)};
         if (globals_.json)
-            add_json(names, run, *verification, describes, selections);
+            runs_.push_back(as_json(one));
         else
-            add_row(names, run, *verification, describes);
-        remark_on(names, describes, selections, where);
+            table_.add(as_row(one, limits_));
+        remark_on(one, where);
     }
 
     void failed(const std::string& message) {
@@ -92,46 +139,15 @@ class Verifier {
     }
 
   private:
-    void add_json(const TagNames& names, const Run& run, const Verification& verification,
-                  bool describes, const std::vector<Selections>& selections) {
-        Json json{{"user", names.user},
-                  {"tag", names.tag},
-                  {"frequency_khz", run.frequency},
-                  {"power_w", as_json(verification.power)},
-                  {"elapsed_s", as_json(verification.time)},
-                  {"energy_j", as_json(verification.energy)},
-                  {"describes_job", describes}};
-        for (const Selections& s : selections)
-            json["selections"][s.policy] = {{"tag_khz", s.by_tag}, {"run_khz", s.by_run}};
-        runs_.push_back(std::move(json));
-    }
-
-    void add_row(const TagNames& names, const Run& run, const Verification& verification,
-                 bool describes) {
-        std::vector<Cell> row{names.user, names.tag, ghz(run.frequency)};
-        const auto add = [&](const Comparison& c, double scale, int decimals, double limit) {
-            row.emplace_back(number(c.predicted / scale, decimals));
-            row.emplace_back(number(c.measured / scale, decimals));
-            row.emplace_back(signed_percent(c.error(), 1),
-                             std::abs(c.error()) <= limit ? Style::plain : Style::bad);
-        };
-        add(verification.power, 1.0, 1, limits_.power);
-        add(verification.time, 1.0, 0, limits_.time);
-        add(verification.energy, joules_per_kwh, 4, limits_.energy);
-        row.push_back(describes ? Cell("ok", Style::good) : Cell("STALE", Style::bad));
-        table_.add(std::move(row));
-    }
-
-    void remark_on(const TagNames& names, bool describes, const std::vector<Selections>& selections,
-                   const std::string& where) {
+    void remark_on(const Verified& one, const std::string& where) {
         const std::string which =
-            (where.empty() ? "" : where + ": ") + name_of_tag(names.user, names.tag);
-        if (!describes) {
+            (where.empty() ? "" : where + ": ") + name_of_tag(one.names.user, one.names.tag);
+        if (!one.describes) {
             globals_.outcome = ExitCode::found;
             remarks_.push_back(which + " no longer describes this job: remove it, run the job at " +
                                ghz(library_.default_khz()) + " and generate it again");
         }
-        for (const Selections& s : selections) {
+        for (const Selections& s : one.selections) {
             if (s.by_tag != s.by_run)
                 remarks_.push_back(which + ": " + s.policy + " selects " + ghz(s.by_tag) +
                                    "; by this run's own figures it would select " + ghz(s.by_run));
@@ -141,19 +157,7 @@ class Verifier {
     Globals& globals_;
     Library& library_;
     ErrorLimits limits_;
-    Table table_{{{"User"},
-                  {"Tag"},
-                  {"Frequency", Align::right},
-                  {"Power W", Align::right},
-                  {"measured", Align::right},
-                  {"error %", Align::right},
-                  {"Time s", Align::right},
-                  {"measured", Align::right},
-                  {"error %", Align::right},
-                  {"Energy kWh", Align::right},
-                  {"measured", Align::right},
-                  {"error %", Align::right},
-                  {"Verdict"}}};
+    Table table_ = empty_table();
     std::vector<std::string> remarks_;
     Json runs_ = Json::array();
     Json failed_ = Json::array();
@@ -173,29 +177,26 @@ void verify_file(Verifier& verifier, const std::string& path) {
         try {
             verifier.check({std::string(row.user), std::string(row.tag)}, run, jobs.where());
         } catch (const Failure& failure) {
-            if (failure.code != ExitCode::found && failure.code != ExitCode::refused)
+            if (failure.code != ExitCode::found && failure.code != ExitCode::refused &&
+                failure.code != ExitCode::usage)
                 throw;
             verifier.failed(jobs.where() + ": " + failure.message);
         }
     }
 }
 
-void run_verify(Globals& globals, Options options) {
-    const bool single = options.jobs.empty();
-    const Run& run = options.run;
-    if (single && (options.names.user.empty() || options.names.tag.empty() || run.frequency < 1 ||
-                   run.elapsed_s < 1 || !(run.power_w > 0.0))) {
-        throw Failure(ExitCode::usage, "which run?",
-                      "give --jobs FILE, or --user, --tag, --frequency, --elapsed and --power");
-    }
-    if (options.counters[1] > 0.0)
-        options.run.counters = options.counters;
+void run_verify(Globals& globals, const Options& options, const OneOrMany& given) {
+    const bool single = given.single();
     Library library(options.library);
     Verifier verifier(globals, library, options.limits());
-    if (single)
+    if (single) {
+        Run run = options.run;
+        if (given.has_optional())
+            run.counters = options.counters;
         verifier.check(options.names, run, "");
-    else
+    } else {
         verify_file(verifier, options.jobs);
+    }
     verifier.finish();
 }
 
@@ -217,9 +218,9 @@ void add_tag_verify(CLI::App& group, Globals& globals) {
     given.add("--frequency", options->run.frequency, "at which the job ran", "KHZ");
     given.add("--elapsed", options->run.elapsed_s, "run time", "S");
     given.add("--power", options->run.power_w, "mean power of a node", "W");
-    given.add("--cycles", options->counters[0], "processor cycles", "N");
-    given.add("--instructions", options->counters[1], "instructions", "N");
-    given.add("--memory-bytes", options->counters[2], "bytes of memory traffic", "N");
+    given.add_optional("--cycles", options->counters[0], "processor cycles", "N");
+    given.add_optional("--instructions", options->counters[1], "instructions", "N");
+    given.add_optional("--memory-bytes", options->counters[2], "bytes of memory traffic", "N");
     constexpr std::array limits{"--max-power-error", "--max-time-error", "--max-energy-error"};
     for (std::size_t i = 0; i < limits.size(); ++i) {
         command
@@ -229,10 +230,7 @@ void add_tag_verify(CLI::App& group, Globals& globals) {
             ->check(CLI::NonNegativeNumber)
             ->type_name("PERCENT");
     }
-    command.callback([options, given, &globals] {
-        given.check();
-        run_verify(globals, *options);
-    });
+    command.callback([options, given, &globals] { run_verify(globals, *options, given); });
 }
 
 }  // namespace easctl

@@ -12,9 +12,7 @@ namespace easctl {
 
 namespace {
 
-struct View {
-    LibraryOptions library;
-    TagNames names;
+struct View : TagChoice {
     Format format = Format::table;
     bool khz = false;
     std::string plot;
@@ -118,8 +116,7 @@ void show(Globals& globals, const View& options) {
     if (!options.plot.empty())
         the_only(tags, options.names);
     if (tags.empty())
-        throw Failure(ExitCode::found,
-                      "there is no " + name_of_tag(options.names.user, options.names.tag),
+        throw Failure(ExitCode::found, no_tag_named(options.names.user, options.names.tag),
                       "easctl tag list shows the tags that there are");
     if (globals.json)
         print_json(as_json(tags, library));
@@ -128,9 +125,7 @@ void show(Globals& globals, const View& options) {
     draw(options.plot, trade_off_plot(tags.front(), library.thresholds()), globals);
 }
 
-struct Select {
-    LibraryOptions library;
-    TagNames names;
+struct Select : TagChoice {
     std::string policy;
     bool explain = false;
 };
@@ -245,29 +240,27 @@ const EnergyTag& the_only(const std::vector<EnergyTag>& tags, const TagNames& na
     if (tags.size() == 1)
         return tags.front();
     throw Failure(ExitCode::found,
-                  (tags.empty() ? "there is no " : std::to_string(tags.size()) + " tags match ") +
-                      name_of_tag(names.user, names.tag),
+                  tags.empty() ? no_tag_named(names.user, names.tag)
+                               : std::to_string(tags.size()) + " tags are meant, not one: " +
+                                     name_of_tag(names.user, names.tag),
                   "easctl tag list shows the tags that there are");
 }
 
 void add_tag_list(CLI::App& group, Globals& globals) {
     const auto options = std::make_shared<View>();
     CLI::App& command =
-        add_command(group, "list", "list tags, with what each policy selects for them",
-                    "easctl tag list\neasctl tag list --user anna --format csv");
-    options->library.add_to(command);
-    options->names.add_to(command, false);
+        options->add_command(group, "list", "list tags, with what each policy selects for them",
+                             "easctl tag list\neasctl tag list --user anna --format csv", false);
     add_format_option(command, options->format);
     command.callback([options, &globals] { list(globals, *options); });
 }
 
 void add_tag_show(CLI::App& group, Globals& globals) {
     const auto options = std::make_shared<View>();
-    CLI::App& command = add_command(group, "show", "print the report of tags",
-                                    "easctl tag show --user anna --tag hpl\n"
-                                    "easctl tag show --user anna --tag hpl --plot hpl.svg");
-    options->library.add_to(command);
-    options->names.add_to(command, false);
+    CLI::App& command = options->add_command(group, "show", "print the report of tags",
+                                             "easctl tag show --user anna --tag hpl\n"
+                                             "easctl tag show --user anna --tag hpl --plot hpl.svg",
+                                             false);
     command
         .add_option_function<std::string>(
             "--unit", [options](const std::string& unit) { options->khz = unit == "khz"; },
@@ -281,12 +274,11 @@ void add_tag_show(CLI::App& group, Globals& globals) {
 
 void add_tag_select(CLI::App& group, Globals& globals) {
     const auto options = std::make_shared<Select>();
-    CLI::App& command =
-        add_command(group, "select", "the frequency for a job that names a tag, and why",
-                    "easctl tag select --user anna --tag hpl --policy minimize_energy --explain");
-    options->library.add_to(command);
-    options->names.add_to(command, true);
-    command.add_option("--policy", options->policy, "minimize_energy or minimize_time")
+    CLI::App& command = options->add_command(
+        group, "select", "the frequency for a job that names a tag, and why",
+        "easctl tag select --user anna --tag hpl --policy minimize_energy --explain", true);
+    command.add_option("--policy", options->policy, "by which it is selected")
+        ->check(a_policy())
         ->required()
         ->type_name("POLICY");
     command.add_flag("--explain", options->explain,
