@@ -122,15 +122,18 @@ def small(easctl, folder, scratch):
     jobs = sample_jobs(folder)
     path = os.path.join(scratch, "jobs.csv")
     source = (path, "--model", model_file)
-    write_jobs(path, jobs, bad=["x,y,z\n", ",,,,1e12,0,1e9,100,200,1,core\n"])
+    write_jobs(path, jobs, bad=["x,y,z\n", ",,,,1e12,0,1e9,100,200,1,core\n",
+                                  ",,,,1e12,1e12,1e9,100,200,1e15,core\n"])
 
-    plain = run(easctl, *source, *thresholds, "--json")
+    plain = run(easctl, *source, *thresholds, "--json", code=1)
     result = json.loads(plain.stdout)
     check_totals(result, jobs, model, default)
-    assert result["rows_left_out"] == 2, result
+    assert result["rows_left_out"] == 3, result
     assert f"{path}:8: 3 fields, but the header names 11 columns" in plain.stderr, plain.stderr
     assert f"{path}:9: the figures of this job allow no prediction" in plain.stderr, plain.stderr
+    assert f"{path}:10: count" in plain.stderr, plain.stderr
     run(easctl, *source, *thresholds, "--strict", code=3)
+    write_jobs(path, jobs)
 
     swept = json.loads(run(easctl, *source, "--sweep", "0:20:2.5", "--json").stdout)
     assert len(swept["total"]["policies"]) == 2 * 9
@@ -171,6 +174,7 @@ def large(easctl, folder, scratch):
     print(f"{LARGE_ROWS} rows: {seconds:.1f} s, {kib} KiB")
     assert result["total"]["jobs"] == LARGE_ROWS
     assert len(result["classes"]) == 1001  # and one of all others
+    assert result["jobs_in_other_classes"] == LARGE_ROWS - 1000
     assert kib < MOST_MEMORY_KIB, kib
 
 

@@ -38,7 +38,9 @@ Savings::Savings(const CoEfficients& coeffs, std::vector<Scenario> scenarios)
 ClassSums& Savings::sums_of(std::string_view job_class) {
     auto found = classes_.find(job_class);
     if (found == classes_.end()) {
-        const std::string name(classes_.size() < most_classes ? job_class : other_classes);
+        const bool full = classes_.size() >= most_classes;
+        other_jobs_ += full ? 1 : 0;
+        const std::string name(full ? other_classes : job_class);
         found = classes_.try_emplace(name).first;
         found->second.by_scenario.resize(scenarios_.size());
         found->second.changed_runs.resize(scenarios_.size());

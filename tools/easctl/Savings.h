@@ -48,7 +48,7 @@ struct ClassSums {
 
 class Savings {
   public:
-    /// More classes than this are summed up as one, so that memory stays bounded.
+    /// Those that come later in the file are summed up as one, so that memory stays bounded.
     static constexpr std::size_t most_classes = 1000;
     static constexpr const char* other_classes = "(other)";
 
@@ -63,6 +63,8 @@ class Savings {
         return classes_;
     }
     [[nodiscard]] ClassSums total() const;
+    /// Jobs of classes beyond most_classes.
+    [[nodiscard]] std::uint64_t other_jobs() const { return other_jobs_; }
 
   private:
     ClassSums& sums_of(std::string_view job_class);
@@ -71,6 +73,7 @@ class Savings {
     const CoEfficients& coeffs_;
     std::vector<Scenario> scenarios_;
     std::map<std::string, ClassSums, std::less<>> classes_;
+    std::uint64_t other_jobs_ = 0;
     EnergyTag tag_;  // of the latest job; kept for its memory
 };
 

@@ -84,8 +84,10 @@ Json as_json(const ClassSums& sums, const std::vector<Scenario>& scenarios) {
 
 SavingsReport::SavingsReport(const Savings& savings)
     : savings_(savings), total_{"Total", savings.total()} {
-    for (const auto& [name, sums] : savings.classes())
-        classes_.push_back({name.empty() ? "(no class)" : name, sums});
+    for (const auto& [name, sums] : savings.classes()) {
+        if (!name.empty() || savings.classes().size() > 1)  // without any the total says it all
+            classes_.push_back({name.empty() ? "(no class)" : name, sums});
+    }
     std::stable_sort(classes_.begin(), classes_.end(), [](const Entry& a, const Entry& b) {
         return a.sums.measured.energy_j > b.sums.measured.energy_j;
     });
@@ -118,6 +120,8 @@ std::string SavingsReport::text(bool colored) const {
         std::to_string(total_.sums.jobs) + " jobs, " + std::to_string(total_.sums.runs) +
         " runs: " + kwh(total_.sums.measured.energy_j) + " kWh and " +
         number(total_.sums.measured.time_s / 3600.0, 2) + " node-hours at the default frequency\n";
+    if (const std::string left_out = class_remark(); !left_out.empty())
+        out += left_out + '\n';
     for (const std::string& policy : policies()) {
         if (!swept()) {
             out += policy_block(policy, colored);
@@ -205,7 +209,17 @@ Json SavingsReport::json() const {
         json.update(as_json(entry.sums, savings_.scenarios()));
         classes.push_back(std::move(json));
     }
-    return {{"classes", std::move(classes)}, {"total", as_json(total_.sums, savings_.scenarios())}};
+    return {{"classes", std::move(classes)},
+            {"jobs_in_other_classes", savings_.other_jobs()},
+            {"total", as_json(total_.sums, savings_.scenarios())}};
+}
+
+std::string SavingsReport::class_remark() const {
+    if (savings_.other_jobs() == 0)
+        return {};
+    return "more than " + std::to_string(Savings::most_classes) +
+           " classes: the first of the file are shown; " + std::to_string(savings_.other_jobs()) +
+           " jobs of later ones are summed up as \"" + Savings::other_classes + '"';
 }
 
 std::string SavingsReport::plot() const {
@@ -269,7 +283,7 @@ std::string SavingsReport::class_plot() const {
         data += '\n';
     };
     add(total_);
-    for (std::size_t i = 0; i < classes_.size() && i < most_curves; ++i)
+    for (std::size_t i = 0; classes_.size() > 1 && i < classes_.size() && i < most_curves; ++i)
         add(classes_[i]);
     std::string script =
         "$classes << EOD\n" + data +

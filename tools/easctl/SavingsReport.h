@@ -15,6 +15,8 @@ class SavingsReport {
     [[nodiscard]] std::string text(bool colored) const;
     [[nodiscard]] std::string csv() const;
     [[nodiscard]] Json json() const;
+    /// What the classes leave out; empty when nothing.
+    [[nodiscard]] std::string class_remark() const;
     /// The gnuplot commands: energy and time against the threshold of a sweep, or, without one, the
     /// energy change of each class.
     [[nodiscard]] std::string plot() const;

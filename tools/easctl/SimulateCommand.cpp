@@ -150,6 +150,10 @@ void simulate(Globals& globals, const Options& options) {
     } else {
         print(options.format == Format::csv ? report.csv() : report.text(globals.colored()));
     }
+    if (options.format == Format::csv && !report.class_remark().empty())
+        remark(globals, report.class_remark());
+    if (reading.bad() > 0)
+        globals.outcome = ExitCode::found;
     draw(options.plot, report.plot(), globals);
 }
 
@@ -158,7 +162,7 @@ void simulate(Globals& globals, const Options& options) {
 void add_simulate_command(CLI::App& app, Globals& globals) {
     const auto options = std::make_shared<Options>();
     CLI::App& command = add_command(
-        app, "simulate", "what past jobs would have cost under each policy",
+        app, "simulate", "what past jobs would have cost under each policy; 1: rows were left out",
         "easctl simulate jobs.csv --thresholds /etc/eas/thresholds.conf\n"
         "easctl simulate jobs.csv --model coefficients.txt --sweep 0:20:1 --plot sweep.svg\n"
         "zcat jobs.csv.gz | easctl simulate - --class-column user --format csv");
@@ -171,16 +175,18 @@ void add_simulate_command(CLI::App& app, Globals& globals) {
     options->model.add_to(command);
     add_thresholds_option(command, options->thresholds);
     command
-        .add_option(
-            "--sweep", options->sweep,
-            "thresholds in percent instead of the file: what minimize_energy may lose, and\n"
-            "minimize_time must gain at the top frequency, proportionally less below it")
-        ->type_name("FROM:TO:STEP");
+        .add_option("--sweep", options->sweep,
+                    "FROM:TO:STEP, thresholds in percent instead of the file: what minimize_energy "
+                    "may lose, and\n"
+                    "minimize_time must gain at the top frequency, proportionally less below it")
+        ->type_name("RANGE");
     command.add_option("--policy", options->policies, "only this one (default: both)")
-        ->check(CLI::IsMember({std::string(eas::minimize_energy), std::string(eas::minimize_time)}))
+        ->check(a_policy())
         ->type_name("POLICY");
     command
-        .add_option("--class-column", options->class_column, "column that names the class of a job")
+        .add_option("--class-column", options->class_column,
+                    "column that names the class of a job; the first 1000 classes of the file are\n"
+                    "told apart, later ones are summed up as \"(other)\"")
         ->capture_default_str()
         ->type_name("NAME");
     add_format_option(command, options->format);
