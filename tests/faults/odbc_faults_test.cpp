@@ -1,5 +1,6 @@
 // Every fault of the driver manager: each call that a function makes fails in turn, with each code,
-// instead of taking effect and after it, once and for good.
+// instead of taking effect and after it, once and for good; and each call that is made only because
+// another one failed.
 #include <csignal>
 #include <iostream>
 #include <optional>
@@ -21,6 +22,7 @@ extern "C" unsigned sleep(unsigned seconds) {
 namespace {
 
 using namespace eas::test;
+using Faults = std::vector<Fault>;
 
 constexpr SQLRETURN unexpected = 77;
 constexpr SQLRETURN codes[] = {SQL_ERROR,           SQL_INVALID_HANDLE, SQL_NO_DATA,
@@ -43,10 +45,28 @@ bool is_absurd(const Fault& fault) {
     return is(fault, "SQLFreeHandle") && fault.takes_effect == (fault.code == SQL_ERROR);
 }
 
-/// A fault for good of what frees: then a handle cannot but stay.
-bool keeps_handles(const Fault& fault) {
-    return fault.for_good && !fault.takes_effect &&
+bool gives_back(const Fault& fault) {
+    return !fault.takes_effect &&
            (is(fault, "SQLFreeHandle") || is(fault, "SQLDisconnect") || is(fault, "SQLEndTran"));
+}
+
+/// What frees fails for good, or twice: then a handle cannot but stay.
+bool keeps_handles(const Faults& faults) {
+    return gives_back(faults.back()) && (faults.back().for_good || gives_back(faults.front()));
+}
+
+bool is_statement_call(const Fault& fault) {
+    return is(fault, "SQLAllocHandle") || is(fault, "SQLExecDirect") || is(fault, "SQLBindCol") ||
+           is(fault, "SQLFetch") || is(fault, "SQLBindParameter");
+}
+
+/// Autocommit cannot be switched off for what writes (what reads asks before), and then a statement
+/// fails: such a driver commits row by row, and no client can take back what it has committed.
+bool commits_row_by_row(const OperationRow& row, const Faults& faults) {
+    const Fault& first = faults.front();
+    return (row.operation == Operation::generate || row.operation == Operation::remove) &&
+           is(first, "SQLSetConnectAttr") && first.call == 2 && !first.takes_effect &&
+           is_statement_call(faults.back());
 }
 
 /// The code that a failed call must end in; none where the driver manager only misleads.
@@ -58,10 +78,7 @@ std::optional<int> determined(const OperationRow& row, const Fault& fault) {
     if (is(fault, "SQLConnect") || is(fault, "SQLSetEnvAttr") ||
         (is(fault, "SQLAllocHandle") && fault.call <= 2))
         return failed ? std::optional<int>(EAS_NO_CONNECTION) : std::nullopt;
-    const bool of_statement = is(fault, "SQLAllocHandle") || is(fault, "SQLExecDirect") ||
-                              is(fault, "SQLBindCol") || is(fault, "SQLFetch") ||
-                              is(fault, "SQLBindParameter");
-    if (!of_statement)
+    if (!is_statement_call(fault))
         return EAS_OK;  // the commit's answer, and what ends a call, change no result
     if (!failed)
         return std::nullopt;
@@ -75,6 +92,30 @@ std::optional<int> determined(const OperationRow& row, const Fault& fault) {
     return row.database_code;
 }
 
+/// Every way in which a call can fail.
+Faults faults_of(const FaultyDriverManager::Call& call) {
+    Faults all;
+    for (const SQLRETURN code : codes) {
+        for (const bool takes_effect : {false, true}) {
+            for (const bool for_good : {false, true}) {
+                const Fault fault{call.entry_point, call.number, code, takes_effect, for_good};
+                if (!is_absurd(fault))
+                    all.push_back(fault);
+            }
+        }
+    }
+    return all;
+}
+
+std::string described(const OperationRow& row, const Faults& faults) {
+    std::string text = row.name;
+    for (const Fault& fault : faults)
+        text += ": call " + std::to_string(fault.call) + " of " + fault.entry_point + " answers " +
+                std::to_string(fault.code) + (fault.takes_effect ? " with effect" : "") +
+                (fault.for_good ? ", always" : "");
+    return text;
+}
+
 class OdbcFaults : public OperationTest {
   protected:
     void SetUp() override {
@@ -83,22 +124,25 @@ class OdbcFaults : public OperationTest {
         OperationTest::SetUp();
     }
 
-    void try_fault(const OperationRow& row, const Fault& fault) {
-        SCOPED_TRACE(std::string(row.name) + ": call " + std::to_string(fault.call) + " of " +
-                     fault.entry_point + " answers " + std::to_string(fault.code) +
-                     (fault.takes_effect ? " with effect" : "") +
-                     (fault.for_good ? ", always" : ""));
+    int run_with(const OperationRow& row, const Faults& faults) {
         prepare(row.operation);
-        manager_.inject(fault);
+        manager_.inject(faults);
         const int code = run(row.operation);
-        EXPECT_TRUE(manager_.end_fault()) << "the fault was not met";
-        ++injected_;
-        if (keeps_handles(fault))
+        EXPECT_TRUE(manager_.end_faults()) << "a fault was not met";
+        return code;
+    }
+
+    void try_faults(const OperationRow& row, const Faults& faults) {
+        SCOPED_TRACE(described(row, faults));
+        const int code = run_with(row, faults);
+        if (keeps_handles(faults))
             manager_.free_left_overs();
         EXPECT_EQ(manager_.live_handles(), 0);
         EXPECT_LE(code, 0);
         EXPECT_GE(code, row.lowest_code);
-        EXPECT_EQ(code, determined(row, fault).value_or(code));
+        if (faults.size() == 1) {
+            EXPECT_EQ(code, determined(row, faults.front()).value_or(code));
+        }
         expect_all_or_nothing(row.operation, code);
         expect_recovered(row.operation);
         EXPECT_EQ(manager_.live_handles(), 0);
@@ -106,35 +150,36 @@ class OdbcFaults : public OperationTest {
         EXPECT_EQ(open_descriptors(), descriptors_);
     }
 
-    void try_faults(const OperationRow& row, const FaultyDriverManager::Calls& calls) {
-        for (int call = 1; call <= calls.count; ++call) {
-            for (const SQLRETURN code : codes) {
-                for (const bool takes_effect : {false, true}) {
-                    for (const bool for_good : {false, true}) {
-                        const Fault fault{calls.entry_point, call, code, takes_effect, for_good};
-                        if (!is_absurd(fault) && (soak() || is_of_share(fault)))
-                            try_fault(row, fault);
-                        if (HasFailure() && ++failures_ > 10)
-                            return;
-                    }
-                }
+    /// Fails each call that comes after a fault and that may be there because of it.
+    void try_second_faults(const OperationRow& row, const Fault& first, std::size_t place) {
+        const auto calls = manager_.calls();
+        for (std::size_t i = place + 1; i < calls.size(); ++i) {
+            for (const Fault& second : faults_of(calls[i])) {
+                const Faults both{first, second};
+                if (!is_of_pairs(second) || commits_row_by_row(row, both) || HasFailure())
+                    continue;
+                try_faults(row, both);
+                ++pairs_;
             }
         }
     }
 
     /// What is tried without EAS_SOAK: most of it with SQLite, which is fast.
     [[nodiscard]] bool is_of_share(const Fault& fault) const {
+        if (soak())
+            return true;
         if (GetParam() == Engine::sqlite)
             return !fault.for_good || fault.call <= 2;
         return !fault.for_good && (fault.code == SQL_ERROR || fault.code == SQL_NO_DATA);
+    }
+    [[nodiscard]] bool is_of_pairs(const Fault& fault) const {
+        return !fault.for_good && (soak() || (fault.code == SQL_ERROR && !fault.takes_effect));
     }
 
     /// Fails each call that an undisturbed run makes.
     void try_all(const OperationRow& row) {
         for (int round = 0; round < 2; ++round) {  // the first one fills what is kept
-            prepare(row.operation);
-            manager_.calls();
-            ASSERT_EQ(run(row.operation), EAS_OK);
+            ASSERT_EQ(run_with(row, {}), EAS_OK);
             expect_all_or_nothing(row.operation, EAS_OK);
         }
         const auto calls = manager_.calls();
@@ -142,14 +187,22 @@ class OdbcFaults : public OperationTest {
         blocks_ = live_blocks();
         descriptors_ = open_descriptors();
         ASSERT_GE(calls.size(), 10U);
-        for (const auto& entry_point : calls)
-            try_faults(row, entry_point);
-        std::cout << row.name << ": " << injected_ << " faults injected\n";
+        for (std::size_t i = 0; i < calls.size(); ++i) {
+            for (const Fault& fault : faults_of(calls[i])) {
+                if (!is_of_share(fault) || HasFailure())
+                    continue;
+                try_faults(row, {fault});
+                ++alone_;
+                if (is_of_pairs(fault))
+                    try_second_faults(row, fault, i);
+            }
+        }
+        std::cout << row.name << ": " << alone_ << " faults and " << pairs_ << " pairs injected\n";
     }
 
     FaultyDriverManager& manager_ = FaultyDriverManager::load();
-    int injected_ = 0;
-    int failures_ = 0;
+    int alone_ = 0;
+    int pairs_ = 0;
     long blocks_ = 0;
     std::ptrdiff_t descriptors_ = 0;
 };
@@ -173,7 +226,7 @@ TEST_P(OdbcFaults, OfSelect) {
 }
 
 TEST_P(OdbcFaults, OfEveryAttemptToConnectStopTheProcessUnlessItSaysNo) {
-    manager_.inject({"SQLConnect", 1, SQL_STILL_EXECUTING, false, true});
+    manager_.inject({{"SQLConnect", 1, SQL_STILL_EXECUTING, false, true}});
     sleeps = 0;
     EXPECT_EQ(run(Operation::query), EAS_NO_CONNECTION);
     EXPECT_EQ(sleeps, 19);

@@ -87,9 +87,10 @@ TEST_P(Outages, WithoutDescriptorsACallFailsAndTheNextOneWorks) {
     rlimit usual{};
     ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &usual), 0);
     int failed = 0;
-    for (rlim_t free = 0; free < 8; ++free) {
+    for (rlim_t i = 0; i < 16; ++i) {
+        const rlim_t free = i / 2;
         SCOPED_TRACE(free);
-        prepare(Operation::query);
+        prepare(i % 2 == 0 ? Operation::query : Operation::generate);
         const rlimit limit{open - 1 + free, usual.rlim_max};
         ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &limit), 0);
         const Codes codes = try_all();
@@ -101,7 +102,7 @@ TEST_P(Outages, WithoutDescriptorsACallFailsAndTheNextOneWorks) {
         }
         expect_all_in_order();
     }
-    EXPECT_GT(failed, 5);
+    EXPECT_GT(failed, 10);
 }
 
 class SqliteOutages : public Outages {
@@ -115,9 +116,17 @@ class SqliteOutages : public Outages {
         Outages::SetUp();
     }
 
-    /// What the operations give while something is wrong; afterwards all is in order.
+    /// What the operations give while something is wrong, on a tag that is there and on one that is
+    /// to be stored; afterwards all is in order.
     void expect_outage(const Codes& expected, const std::function<void()>& begin,
                        const std::function<void()>& end) {
+        prepare(Operation::generate);
+        begin();
+        const int code = run(Operation::generate);
+        end();
+        EXPECT_EQ(code, EAS_STORE_FAILED);
+        expect_all_or_nothing(Operation::generate, code);
+        expect_all_in_order();
         prepare(Operation::query);
         begin();
         const Codes codes = try_all();
@@ -169,11 +178,11 @@ TEST_P(SqliteOutages, EndInTheirCodesAndLeaveNothing) {
     {
         SCOPED_TRACE("corrupt");
         const fs::path good = database().folder() / "good";
-        fs::copy_file(file, good);
         expect_outage(
             {EAS_NO_COEFFICIENTS, EAS_STORE_FAILED, EAS_QUERY_FAILED, EAS_REMOVE_FAILED,
              EAS_NO_UNIQUE_TAG},
             [&] {
+                fs::copy_file(file, good, fs::copy_options::overwrite_existing);
                 std::fstream out(file, std::ios::in | std::ios::out | std::ios::binary);
                 for (auto left = fs::file_size(file); left > 0; --left)
                     out.put('\x5a');

@@ -1,6 +1,6 @@
 // A driver manager that forwards every call to the real one and lets a test fail any of them: a
-// shared object under the name that the library opens at run time. It counts the calls of each
-// entry point and the handles that the real one has made and not freed.
+// shared object under the name that the library opens at run time. It lists the calls and counts
+// the handles that the real one has made and not freed.
 #pragma once
 
 #include <sql.h>
@@ -11,7 +11,7 @@
 
 namespace eas::test {
 
-/// What goes wrong: from the k-th call of an entry point on, its answer is another one.
+/// What goes wrong: the answer of an entry point's k-th call since the fault was injected.
 struct Fault {
     std::string entry_point;
     int call = 1;  ///< k, from 1
@@ -25,16 +25,17 @@ class FaultyDriverManager {
     /// Loads it, before the library does; stays loaded for the rest of the process.
     static FaultyDriverManager& load();
 
-    virtual void inject(const Fault& fault) = 0;
-    /// Ends the fault; whether it was met.
-    virtual bool end_fault() = 0;
+    /// Begins the faults, if any, and a new list of calls.
+    virtual void inject(const std::vector<Fault>& faults) = 0;
+    /// Ends both; whether each fault was met.
+    virtual bool end_faults() = 0;
 
-    struct Calls {
+    struct Call {
         std::string entry_point;
-        int count;
+        int number;  ///< among the calls of this entry point, from 1
     };
-    /// The entry points that were called since the last time this was asked.
-    virtual std::vector<Calls> calls() = 0;
+    /// The list: every call, in order.
+    virtual std::vector<Call> calls() = 0;
 
     /// Handles that are not freed.
     [[nodiscard]] virtual int live_handles() const = 0;

@@ -2,8 +2,10 @@
 
 #include <dlfcn.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <utility>
 
 namespace eas::test {
 
@@ -23,38 +25,45 @@ void* FaultyManager::real(const char* entry_point) {
     return ::dlsym(library_, entry_point);
 }
 
-void FaultyManager::inject(const Fault& fault) {
+void FaultyManager::inject(const std::vector<Fault>& faults) {
     const std::lock_guard<std::mutex> lock(mutex_);
-    fault_ = fault;
-    met_ = 0;
-    hit_ = false;
-}
-
-bool FaultyManager::end_fault() {
-    const std::lock_guard<std::mutex> lock(mutex_);
-    met_ = -1;
-    return hit_;
-}
-
-std::vector<FaultyDriverManager::Calls> FaultyManager::calls() {
-    const std::lock_guard<std::mutex> lock(mutex_);
-    std::vector<Calls> all;
-    for (const auto& [name, count] : calls_)
-        all.push_back({name, count});
+    lists_calls_ = true;
     calls_.clear();
-    return all;
+    counts_.clear();
+    faults_.clear();
+    for (const Fault& fault : faults)
+        faults_.push_back({fault});
+}
+
+bool FaultyManager::end_faults() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    lists_calls_ = false;
+    const auto ended = std::exchange(faults_, {});
+    return std::all_of(ended.begin(), ended.end(), [](const Injected& injected) {
+        return injected.calls >= injected.fault.call;
+    });
+}
+
+std::vector<FaultyDriverManager::Call> FaultyManager::calls() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return calls_;
 }
 
 const Fault* FaultyManager::meet(const char* entry_point) {
     const std::lock_guard<std::mutex> lock(mutex_);
-    ++calls_[entry_point];
-    if (met_ < 0 || fault_.entry_point != entry_point)
+    if (!lists_calls_)
         return nullptr;
-    ++met_;
-    if (met_ != fault_.call && !(fault_.for_good && met_ > fault_.call))
-        return nullptr;
-    hit_ = true;
-    return &fault_;
+    calls_.push_back({entry_point, ++counts_[entry_point]});
+    const Fault* met = nullptr;
+    for (Injected& injected : faults_) {
+        const Fault& fault = injected.fault;
+        if (fault.entry_point != entry_point)
+            continue;
+        ++injected.calls;
+        if (injected.calls == fault.call || (fault.for_good && injected.calls > fault.call))
+            met = &fault;
+    }
+    return met;
 }
 
 void FaultyManager::made(SQLHANDLE handle, SQLSMALLINT type, SQLHANDLE parent) {

@@ -13,16 +13,16 @@ class FaultyManager final : public FaultyDriverManager {
   public:
     static FaultyManager& instance();
 
-    void inject(const Fault& fault) override;
-    bool end_fault() override;
-    std::vector<Calls> calls() override;
+    void inject(const std::vector<Fault>& faults) override;
+    bool end_faults() override;
+    std::vector<Call> calls() override;
     [[nodiscard]] int live_handles() const override;
     int free_left_overs() override;
     void on_crossing(void (*told)(int)) override { told_ = told; }
 
     /// The real entry point.
     void* real(const char* entry_point);
-    /// Counts a call; the fault that it meets, or null.
+    /// Lists a call; the fault that it meets, or null.
     const Fault* meet(const char* entry_point);
     void made(SQLHANDLE handle, SQLSMALLINT type, SQLHANDLE parent);
     void freed(SQLHANDLE handle);
@@ -55,11 +55,15 @@ class FaultyManager final : public FaultyDriverManager {
 
     mutable std::mutex mutex_;
     void* library_;
-    std::map<std::string, int> calls_;
+    bool lists_calls_ = false;
+    std::vector<Call> calls_;
+    std::map<std::string, int> counts_;  ///< of each entry point in calls_
     std::map<SQLHANDLE, Handle> handles_;
-    Fault fault_;
-    int met_ = -1;  ///< calls of the fault's entry point so far; -1: no fault
-    bool hit_ = false;
+    struct Injected {
+        Fault fault;
+        int calls = 0;  ///< of its entry point so far
+    };
+    std::vector<Injected> faults_;
     std::atomic<void (*)(int)> told_{nullptr};
 };
 
