@@ -50,9 +50,12 @@ bool gives_back(const Fault& fault) {
            (is(fault, "SQLFreeHandle") || is(fault, "SQLDisconnect") || is(fault, "SQLEndTran"));
 }
 
-/// What frees fails for good, or twice: then a handle cannot but stay.
+/// What frees fails for good, or twice, or it fails for a connection that was reported not to be
+/// made: then a handle cannot but stay.
 bool keeps_handles(const Faults& faults) {
-    return gives_back(faults.back()) && (faults.back().for_good || gives_back(faults.front()));
+    const Fault& first = faults.front();
+    return gives_back(faults.back()) && (faults.back().for_good || gives_back(first) ||
+                                         (is(first, "SQLConnect") && first.takes_effect));
 }
 
 bool is_statement_call(const Fault& fault) {

@@ -1,14 +1,18 @@
-// The debug log and the locator file at their places, in a private mount namespace.
+// The debug files and the locator file at their places, in a private mount namespace.
+#include <fcntl.h>
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <sstream>
 #include <string>
 
+#include "base/DebugFile.h"
 #include "gmock/gmock.h"
 #include "interface/LibraryState.h"
 #include "interface/Locator.h"
@@ -22,6 +26,7 @@ using ::testing::HasSubstr;
 using ::testing::Not;
 
 constexpr const char* debug_log = "/tmp/.eas_lib_debug";
+constexpr const char* threshold_output = "/tmp/.threshold_output";
 
 std::string content(const std::string& path) {
     std::stringstream text;
@@ -54,7 +59,9 @@ class InPrivateNamespace : public ::testing::Test {
         database_.emplace(eas::test::Engine::sqlite);
         database_->seed_coefficients("c1", 2000000, 1600000, 200000, 3);
         thresholds_ = database_->folder() / "thresholds";
-        std::ofstream(thresholds_) << "Begin Min_Time\nCPU_FREQ RUNTIME_VAR\nEnd Min_Time\n";
+        std::ofstream(thresholds_)
+            << "Begin Min_Energy\nTHRESHOLD_RUNTIME_VAR = 5\nEnd Min_Energy\n"
+               "Begin Min_Time\nCPU_FREQ RUNTIME_VAR\nEnd Min_Time\n";
     }
     int initialize() {
         return eas_initialize(const_cast<char*>("c1"), 2000000,
@@ -92,11 +99,34 @@ TEST_F(InPrivateNamespace, TheDebugLogBeginsWithTheFirstQueryThatIsAskedToLog) {
     EXPECT_EQ(log.size() - log.find(std::string(1023, 'x')), 1023U);
 }
 
-TEST_F(InPrivateNamespace, ADebugLogThatCannotBeOpenedStopsTheProcess) {
-    ASSERT_EQ(::mkdir(debug_log, 0700), 0);
+TEST_F(InPrivateNamespace, ADebugFileWithSomethingElseInItsPlaceStopsTheProcess) {
+    constexpr const char* elsewhere = "/tmp/elsewhere";
+    std::ofstream{elsewhere};
+    int (*const plants[])(const char*) = {
+        [](const char* path) { return ::symlink(elsewhere, path); },
+        [](const char* path) { return ::link(elsewhere, path); },
+        [](const char* path) { return ::mkfifo(path, 0666); },
+        [](const char* path) { return ::mkdir(path, 0700); },
+    };
     ASSERT_EQ(initialize(), EAS_OK);
     ::setenv("DEBUG_THRESHOLD", "1", 1);
-    EXPECT_EXIT(query("t"), ::testing::KilledBySignal(SIGABRT), "debug_fd > 0");
+    for (const char* const path : {debug_log, threshold_output}) {
+        for (const auto plant : plants) {
+            ASSERT_EQ(plant(path), 0);
+            const auto use = [&] {
+                if (path == threshold_output)
+                    initialize();
+                query("t");
+                ::_exit(0);
+            };
+            EXPECT_EXIT(use(), ::testing::KilledBySignal(SIGABRT),
+                        "debug_fd > 0|threshold debug file");
+            ASSERT_EQ(std::remove(path), 0);
+        }
+        const eas::UniqueFd file = eas::open_debug_file(path);
+        EXPECT_EQ(::fcntl(file.get(), F_GETFD), FD_CLOEXEC) << path;
+    }
+    EXPECT_EQ(content(elsewhere), "");
 }
 
 TEST_F(InPrivateNamespace, TheLocatorFileNamesTheDataSource) {

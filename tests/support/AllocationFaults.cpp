@@ -6,6 +6,9 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
+#include <string>
+
+#include "gtest/gtest.h"
 
 namespace eas::test {
 namespace {
@@ -120,12 +123,33 @@ void watch_elsewhere(int step) {
 
 void fail_allocation(long n, bool for_good) {
     fail_for_good = for_good;
-    has_failed = false;
+    has_failed = has_failed && n == 0;
     until_failure = n;
 }
 
 bool allocation_failed() {
     return has_failed;
+}
+
+long fail_each_allocation(const std::function<void()>& run) {
+    long failed = 0;
+    for (const bool for_good : {false, true}) {
+        bool met = true;
+        for (long n = 1; met && !::testing::Test::HasFailure(); ++n) {
+            const ::testing::ScopedTrace trace(
+                __FILE__, __LINE__,
+                "allocation " + std::to_string(n) + (for_good ? " and all later ones" : ""));
+            const long blocks = live_blocks();
+            fail_allocation(n, for_good);
+            run();
+            met = allocation_failed();
+            fail_allocation(0, false);
+            EXPECT_EQ(live_blocks(), blocks);
+            failed += met ? 1 : 0;
+        }
+    }
+    EXPECT_GT(failed, 1);
+    return failed;
 }
 
 long live_blocks() {

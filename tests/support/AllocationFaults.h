@@ -3,6 +3,8 @@
 // where a sanitizer has done so already, nothing is watched.
 #pragma once
 
+#include <functional>
+
 namespace eas::test {
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
@@ -25,8 +27,12 @@ void watch_elsewhere(int step);
 
 /// From here on the `n`-th watched allocation fails, and all later ones if `for_good`; 0: none.
 void fail_allocation(long n, bool for_good);
-/// Whether it came to that.
+/// Whether it came to that, also after a 0.
 bool allocation_failed();
+
+/// Has each allocation that `run` watches fail, one after the other, once and with all later ones.
+/// How many failed; ends early when a test's expectation does.
+long fail_each_allocation(const std::function<void()>& run);
 
 /// Watched blocks that are not freed.
 long live_blocks();

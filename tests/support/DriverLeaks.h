@@ -4,7 +4,7 @@
 
 namespace eas::test {
 
-/// Keeps every ODBC module that is loaded now mapped until the process ends.
+/// Under a leak checker, keeps every ODBC module that is loaded now mapped until the process ends.
 void keep_drivers_mapped();
 
 }  // namespace eas::test

@@ -26,7 +26,7 @@ Outcome forward(const char* entry_point, Arguments... arguments) {
         return {fault->code, SQL_ERROR};
     const auto real = reinterpret_cast<SQLRETURN (*)(Arguments...)>(manager.real(entry_point));
     const SQLRETURN rc = real(arguments...);
-    return {fault != nullptr ? fault->code : rc, rc};
+    return {fault != nullptr && rc >= 0 ? fault->code : rc, rc};
 }
 
 }  // namespace

@@ -16,7 +16,7 @@ struct Fault {
     std::string entry_point;
     int call = 1;  ///< k, from 1
     SQLRETURN code = SQL_ERROR;
-    bool takes_effect = false;  ///< the real one is called and succeeds; only the answer is wrong
+    bool takes_effect = false;  ///< the real one is called; only its success is misreported
     bool for_good = false;      ///< every later call fails, too
 };
 
