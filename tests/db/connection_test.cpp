@@ -1,22 +1,21 @@
-// A connection against a driver manager that refuses, delays and misreports; the sleeps between two
-// attempts are counted, not waited. Whatever happens, no handle may be left.
+// A connection that is refused, delayed and misreported to; the sleeps between two attempts are
+// counted, not waited.
 #include "db/base_class/DBConnection.h"
 
 #include <pthread.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <thread>
 
 #include "db/base_class/DBDiagnostics.h"
-#include "db/base_class/DBLibrary.h"
 #include "db/base_class/OdbcHandle.h"
-#include "gmock/gmock.h"
-#include "tests/support/ScriptedDriverManager/ScriptedDriverManager.h"
-#include "tests/support/TraceCapture.h"
+#include "tests/db/OdbcTest.h"
 
 namespace {
 
 int sleeps = 0;
+int cancelled_at = -1;  // in this sleep the thread is cancelled
 std::vector<unsigned> users_set;
 int users_unset = 0;
 
@@ -35,35 +34,31 @@ int unset_user() {
 // In place of the system's: a cancellation point that takes no time.
 extern "C" unsigned sleep(unsigned seconds) {
     sleeps += static_cast<int>(seconds);
+    if (sleeps == cancelled_at)
+        pthread_cancel(pthread_self());
     pthread_testcancel();
     return 0;
 }
 
 namespace {
 
-using eas::test::ScriptedDriverManager;
 using testing::ElementsAre;
 using testing::HasSubstr;
-using testing::Not;
 
-class Connection : public testing::Test {
+class Connection : public eas::test::OdbcTest {
   protected:
-    void SetUp() override {
-        odbc = ScriptedDriverManager::load(EAS_SCRIPTED_ODBC);
-        ASSERT_NE(odbc, nullptr);
-        ASSERT_TRUE(DBLibrary::init(EAS_SCRIPTED_ODBC));
-        ::unsetenv("ABORT_ON_DB_FAILED");
-    }
     void TearDown() override {
         con.reset();
-        EXPECT_EQ(odbc->live(), 0);
-        EXPECT_TRUE(odbc->script_done());
-        DBLibrary::release();
+        OdbcTest::TearDown();
     }
     int connect() { return con->connect("easdb", nullptr, nullptr, nullptr, set_user, unset_user); }
+    SQLRETURN run(std::string sql) {
+        eas::OdbcHandle statement(SQL_HANDLE_STMT);
+        statement.allocate(con->getConnHandle());
+        return DBLibrary::get()->SQLExecDirect(statement.get(),
+                                               reinterpret_cast<SQLCHAR*>(sql.data()), SQL_NTS);
+    }
 
-    ScriptedDriverManager* odbc = nullptr;
-    eas::test::TraceCapture log;
     std::unique_ptr<DBConnection> con = std::make_unique<DBConnection>(nullptr, false, 0);
 };
 
@@ -76,10 +71,9 @@ TEST_F(Connection, ConnectsOnceAndDisconnects) {
     EXPECT_EQ(users_unset, 1);
     EXPECT_EQ(con->disconnect(), 0);
     con.reset();
-    EXPECT_THAT(odbc->calls(),
-                ElementsAre("SQLAllocHandle(env)", "SQLSetEnvAttr(3)", "SQLAllocHandle(dbc)",
-                            "SQLConnect(easdb, , )", "SQLDisconnect()", "SQLFreeHandle(dbc)",
-                            "SQLFreeHandle(env)"));
+    EXPECT_THAT(calls(), ElementsAre("SQLAllocHandle()", "SQLSetEnvAttr()", "SQLAllocHandle()",
+                                     "SQLConnect(easdb, , )", "SQLDisconnect()", "SQLFreeHandle()",
+                                     "SQLFreeHandle()"));
     EXPECT_EQ(log.text(), "Connected to the database: easdb\n\nDisconnected from the database\n\n");
 }
 
@@ -92,23 +86,19 @@ TEST_F(Connection, RefusalIsReportedAtOnceAndLeavesTheObjectUsable) {
         int expected;
         bool user_switched;
     };
-    const std::vector<Row> rows{
-        {"SQLSetEnvAttr", SQL_ERROR, -1, false},
-        {"SQLAllocHandle", SQL_ERROR, -1, false},
-        {"SQLConnect", SQL_ERROR, -1, true},
-        {"SQLConnect", SQL_INVALID_HANDLE, -2, true},
-        {"SQLConnect", 42, 42, true},
-    };
-    for (const Row& row : rows) {
+    for (const Row& row :
+         {Row{"SQLSetEnvAttr", SQL_ERROR, -1, false}, Row{"SQLAllocHandle", SQL_ERROR, -1, false},
+          Row{"SQLConnect", SQL_ERROR, -1, true}, Row{"SQLConnect", SQL_INVALID_HANDLE, -2, true},
+          Row{"SQLConnect", 42, 42, true}}) {
         SCOPED_TRACE(row.entry_point);
         DBConnection refused(nullptr, false, 0);
-        odbc->answer(row.entry_point, {row.answer});
+        answer(row.entry_point, {row.answer});
         const std::size_t switched = users_set.size();
-        EXPECT_EQ(refused.connect("db", nullptr, nullptr, nullptr, set_user, unset_user),
+        EXPECT_EQ(refused.connect("easdb", nullptr, nullptr, nullptr, set_user, unset_user),
                   row.expected);
         EXPECT_EQ(users_set.size() - switched, row.user_switched ? 1 : 0);
         EXPECT_EQ(users_unset, 0) << "a refused caller switches back himself";
-        EXPECT_EQ(odbc->live(SQL_HANDLE_DBC), 0);
+        EXPECT_LE(odbc.live_handles(), 1);
         EXPECT_EQ(sleeps, 0);
         EXPECT_EQ(refused.connect(nullptr, nullptr, nullptr, nullptr, nullptr, nullptr), 0);
         EXPECT_EQ(refused.disconnect(), 0);
@@ -116,19 +106,17 @@ TEST_F(Connection, RefusalIsReportedAtOnceAndLeavesTheObjectUsable) {
 }
 
 TEST_F(Connection, EnvironmentThatCannotBeMadeIsNotHandedOn) {
-    odbc->answer("SQLAllocHandle", {SQL_ERROR});
+    answer("SQLAllocHandle", {SQL_ERROR, SQL_ERROR});
     EXPECT_EQ(con->setEnvHandle(), eas::no_handle());
     EXPECT_EQ(log.text(), "Error occured calling SQLAllocHandle.  rc=-1\n\n");
-    odbc->always("SQLAllocHandle", SQL_ERROR);
     EXPECT_EQ(connect(), -1);
     con->setEnvHandle(nullptr);
     EXPECT_EQ(connect(), -1);
-    EXPECT_THAT(odbc->calls(), Not(testing::Contains("SQLAllocHandle(dbc)")));
+    EXPECT_EQ(count("SQLAllocHandle"), 2) << "no connection without an environment";
 }
 
 TEST_F(Connection, RetriesOnlyWhileTheDriverAsksForPatience) {
-    odbc->answer("SQLConnect",
-                 {SQL_STILL_EXECUTING, SQL_NEED_DATA, SQL_NO_DATA, SQL_SUCCESS_WITH_INFO});
+    answer("SQLConnect", {SQL_STILL_EXECUTING, SQL_NEED_DATA, SQL_NO_DATA, SQL_SUCCESS_WITH_INFO});
     EXPECT_EQ(connect(), 0);
     EXPECT_EQ(con->getStatus(), 0);
     EXPECT_EQ(sleeps, 3);
@@ -142,37 +130,32 @@ TEST_F(Connection, RetriesOnlyWhileTheDriverAsksForPatience) {
     EXPECT_EQ(con->disconnect(), 0);
 }
 
-TEST_F(Connection, GivesUpAfterTwentyAttemptsWhenToldNotToAbort) {
+TEST_F(Connection, TheTwentiethAttemptIsTheLastOneOfTheProcessUnlessItSaysNo) {
     ::setenv("ABORT_ON_DB_FAILED", "no", 1);
-    odbc->always("SQLConnect", SQL_STILL_EXECUTING);
+    answer("SQLConnect", std::vector<SQLRETURN>(20, SQL_STILL_EXECUTING));
     int state = PTHREAD_CANCEL_DISABLE;
     pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
     EXPECT_EQ(connect(), -1);
     pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, &state);
     EXPECT_EQ(state, PTHREAD_CANCEL_DISABLE) << "the caller's state is put back";
-    EXPECT_EQ(odbc->count("SQLConnect"), 20);
     EXPECT_EQ(sleeps, 19);
-    EXPECT_EQ(odbc->live(SQL_HANDLE_DBC), 0);
+    EXPECT_EQ(odbc.live_handles(), 1) << "the environment";
     EXPECT_THAT(log.text(), testing::EndsWith("\n\nUnable to connect to the database, returning "
                                               "CONN_NOT_CONNECTED\n\n"));
-}
-
-TEST_F(Connection, AbortsAfterTwentyAttemptsByDefault) {
-    odbc->always("SQLConnect", SQL_NO_DATA);
-    EXPECT_EXIT(
-        {
-            dbtrace_config(STDERR_FILENO);
-            connect();
-        },
-        testing::KilledBySignal(SIGABRT), "Unable to connect to the database, aborting...");
+    ::unsetenv("ABORT_ON_DB_FAILED");
+    answer("SQLConnect", std::vector<SQLRETURN>(20, SQL_NO_DATA));
+    const auto in_vain = [this] {
+        dbtrace_config(STDERR_FILENO);
+        connect();
+    };
+    EXPECT_EXIT(in_vain(), testing::KilledBySignal(SIGABRT),
+                "Unable to connect to the database, aborting...");
+    answer("", {});
 }
 
 TEST_F(Connection, CancelledThreadLeavesNoHandleAndSwitchesTheUserBack) {
-    odbc->always("SQLConnect", SQL_STILL_EXECUTING);
-    odbc->during("SQLConnect", [this] {
-        if (odbc->count("SQLConnect") == 3)
-            pthread_cancel(pthread_self());
-    });
+    answer("SQLConnect", {SQL_STILL_EXECUTING, SQL_STILL_EXECUTING});
+    cancelled_at = 2;
     bool returned = false;
     std::thread thread([&] {
         connect();
@@ -180,56 +163,58 @@ TEST_F(Connection, CancelledThreadLeavesNoHandleAndSwitchesTheUserBack) {
     });
     thread.join();
     EXPECT_FALSE(returned);
-    EXPECT_EQ(odbc->count("SQLConnect"), 3);
-    EXPECT_EQ(odbc->live(SQL_HANDLE_DBC), 0);
+    EXPECT_EQ(odbc.live_handles(), 1) << "the environment";
     EXPECT_EQ(users_unset, 1);
     EXPECT_NE(con->getStatus(), 0);
 }
 
 TEST_F(Connection, UserOfTheSchemaIsSwitchedTo) {
-    EXPECT_EQ(con->connect("db", "root", "pw", "root", set_user, unset_user), 0);
+    EXPECT_EQ(con->connect("easdb", "root", "pw", "root", set_user, unset_user), 0);
     EXPECT_EQ(con->disconnect(), 0);
-    EXPECT_EQ(con->connect("db", "no such account", "pw", "s", set_user, nullptr), 0);
+    EXPECT_NE(con->connect("easdb", "no such account", "pw", "s", set_user, nullptr), 0);
     EXPECT_THAT(users_set, ElementsAre(0U, ::getuid()));
     EXPECT_EQ(users_unset, 1);
-    EXPECT_EQ(con->disconnect(), 0);
 }
 
+// SQLite knows no schema: it refuses both statements.
 TEST_F(Connection, SchemaIsSetWhenItDiffersFromTheUser) {
-    EXPECT_EQ(con->connect("db", "anna", "pw", "anna", nullptr, nullptr), 0);
-    EXPECT_EQ(odbc->count("SQLExecDirect"), 0);
+    EXPECT_EQ(con->connect("easdb", "anna", "pw", "anna", nullptr, nullptr), 0);
+    EXPECT_EQ(count("SQLExecDirect"), 0);
     EXPECT_EQ(con->disconnect(), 0);
-    odbc->answer("SQLExecDirect", {SQL_ERROR, SQL_SUCCESS});  // the first result does not count
+    odbc.inject({{"SQLExecDirect", 2, SQL_SUCCESS, false, true}});  // the first does not count
     EXPECT_EQ(con->connect(nullptr, nullptr, nullptr, "ANNA", nullptr, nullptr), 0);
-    EXPECT_THAT(odbc->calls(),
-                testing::IsSupersetOf({"SQLExecDirect(set schema ANNA)",
-                                       "SQLExecDirect(set path = current path,  ANNA)"}));
+    EXPECT_THAT(calls(), testing::IsSupersetOf({"SQLExecDirect(set schema ANNA)",
+                                                "SQLExecDirect(set path = current path,  ANNA)"}));
     EXPECT_THAT(log.text(),
                 testing::EndsWith("Setting Schema: set schema ANNA\n\n"
                                   "Setting Schema Path: set path = current path,  ANNA\n\n"));
-    EXPECT_EQ(odbc->live(SQL_HANDLE_STMT), 0);
+    EXPECT_EQ(odbc.live_handles(), 2) << "environment and connection";
     EXPECT_EQ(con->setDbSchema(nullptr), 0);
-    EXPECT_THAT(odbc->calls(), testing::Contains("SQLExecDirect(set schema (nil))"));
+    EXPECT_THAT(calls(), testing::Contains("SQLExecDirect(set schema (nil))"));
     EXPECT_EQ(con->disconnect(), 0);
     EXPECT_EQ(con->setDbSchema("later"), 0);
+
+    answer("", {});
+    EXPECT_EQ(con->connect("easdb", "anna", "pw", "other", nullptr, nullptr), -1);
+    EXPECT_THAT(calls(), testing::IsSupersetOf({"SQLEndTran(rollback)", "SQLDisconnect()"}));
+    EXPECT_EQ(count("SQLFreeStmt"), 3);
+    EXPECT_EQ(odbc.live_handles(), 1) << "the environment";
 }
 
-TEST_F(Connection, RefusedSchemaIsRolledBackAndDisconnected) {
-    odbc->answer("SQLExecDirect", {SQL_SUCCESS, SQL_ERROR});
-    EXPECT_EQ(con->connect("db", "anna", "pw", "other", nullptr, nullptr), -1);
-    EXPECT_THAT(odbc->calls(),
-                testing::IsSupersetOf({"SQLFreeStmt(2)", "SQLFreeStmt(3)", "SQLFreeStmt(0)",
-                                       "SQLEndTran(rollback)", "SQLDisconnect()"}));
-    EXPECT_EQ(odbc->live(SQL_HANDLE_DBC), 0);
-}
-
-TEST_F(Connection, OpenTransactionDoesNotKeepTheConnection) {
-    ASSERT_EQ(connect(), 0);
-    odbc->refuse_disconnect_in_transaction();
-    EXPECT_EQ(con->setAutoCommit(false), 0);
-    EXPECT_EQ(con->setDbSchema("s"), 0);
-    EXPECT_EQ(con->disconnect(), 0);
-    EXPECT_EQ(odbc->count("SQLDisconnect"), 2);
+// SQLite's driver refuses to disconnect while a transaction is open.
+TEST_F(Connection, OpenTransactionIsRolledBackAndDoesNotKeepTheConnection) {
+    for (int round = 0; round < 3; ++round) {
+        answer("", {});
+        ASSERT_EQ(connect(), 0);
+        EXPECT_TRUE(con->isAutoCommit());
+        EXPECT_EQ(run("create table if not exists t (a integer)"), SQL_SUCCESS);
+        EXPECT_EQ(con->setAutoCommit(false), 0);
+        EXPECT_EQ(run("insert into t values (1)"), SQL_SUCCESS);
+        EXPECT_EQ(con->disconnect(), 0);
+        EXPECT_EQ(count("SQLDisconnect"), 2);
+        EXPECT_THAT(log.text(), HasSubstr("SQL State=25000"));
+    }
+    EXPECT_EQ(database.rows("t"), 0);
 }
 
 // One refusal anywhere on the way out: the documented result, and nothing left.
@@ -249,12 +234,11 @@ TEST_F(Connection, RefusedDisconnectLeavesNoHandle) {
     for (const Row& row : rows) {
         SCOPED_TRACE(row.entry_point);
         ASSERT_EQ(connect(), 0);
-        for (const SQLRETURN answer : row.answers)
-            odbc->answer(row.entry_point, {answer});
+        answer(row.entry_point, row.answers);
         EXPECT_EQ(con->disconnect(), row.expected);
         EXPECT_EQ(con->getStatus(), -1);
-        EXPECT_EQ(odbc->live(SQL_HANDLE_DBC), 0);
-        EXPECT_TRUE(odbc->script_done());
+        EXPECT_EQ(odbc.live_handles(), 1) << "the environment";
+        EXPECT_TRUE(odbc.end_faults());
     }
 }
 
@@ -262,17 +246,17 @@ TEST_F(Connection, AutocommitIsAskedOnceAndSetWhenNeeded) {
     ASSERT_EQ(connect(), 0);
     EXPECT_TRUE(con->isAutoCommit());
     EXPECT_EQ(con->setAutoCommit(true), 0);
-    EXPECT_EQ(odbc->count("SQLSetConnectAttr"), 0);
+    EXPECT_EQ(count("SQLSetConnectAttr"), 0);
     EXPECT_EQ(con->setAutoCommit(false), 0);
     EXPECT_EQ(con->setAutoCommit(false), 0);
-    EXPECT_EQ(odbc->count("SQLSetConnectAttr"), 2);
+    EXPECT_EQ(count("SQLSetConnectAttr"), 2);
     EXPECT_FALSE(con->isAutoCommit());
-    EXPECT_EQ(odbc->count("SQLGetConnectAttr"), 1);
-    odbc->answer("SQLSetConnectAttr", {SQL_ERROR});
+    EXPECT_EQ(count("SQLGetConnectAttr"), 1);
+    answer("SQLSetConnectAttr", {SQL_ERROR});
     EXPECT_EQ(con->setAutoCommit(true), -1);
     EXPECT_FALSE(con->isAutoCommit()) << "asked again after a failure";
     EXPECT_EQ(con->disconnect(), 0);
-    odbc->answer("SQLGetConnectAttr", {SQL_ERROR});
+    answer("SQLGetConnectAttr", {SQL_ERROR});
     ASSERT_EQ(connect(), 0);
     EXPECT_FALSE(con->isAutoCommit());
     EXPECT_TRUE(con->isAutoCommit()) << "a new connection starts with autocommit";
@@ -282,12 +266,14 @@ TEST_F(Connection, AutocommitIsAskedOnceAndSetWhenNeeded) {
 TEST_F(Connection, CommitAndRollbackSayWhatHappened) {
     ASSERT_EQ(connect(), 0);
     const std::size_t before = log.text().size();
-    odbc->answer("SQLEndTran", {SQL_SUCCESS, SQL_ERROR, SQL_SUCCESS, SQL_INVALID_HANDLE});
+    answer("SQLEndTran", {SQL_SUCCESS, SQL_ERROR, SQL_SUCCESS, SQL_INVALID_HANDLE});
     EXPECT_EQ(con->commit(), 0);
     EXPECT_EQ(con->commit(), -1);
     EXPECT_EQ(con->rollback(), 0);
     EXPECT_EQ(con->rollback(), 1);
-    EXPECT_EQ(odbc->count("SQLGetDiagRec"), 0) << "a failed commit is not looked into";
+    EXPECT_THAT(calls(), ElementsAre("SQLEndTran(commit)", "SQLEndTran(commit)",
+                                     "SQLEndTran(rollback)", "SQLEndTran(rollback)"))
+        << "a failed commit is not looked into";
     EXPECT_EQ(log.text().substr(before),
               "Transaction committed\n\n"
               "Error while attempting to commit the transaction, rc=-1\n\n"
@@ -300,28 +286,28 @@ TEST_F(Connection, CommitAndRollbackSayWhatHappened) {
 }
 
 TEST_F(Connection, SettingsAreReplacedOneByOne) {
-    DBConnection::setDBinfo("db", "user", "pwd", nullptr);
+    DBConnection::setDBinfo("nosuch", "user", "pwd", nullptr);
     DBConnection::setDBinfo(nullptr, nullptr, "other", nullptr);
-    EXPECT_EQ(con->connect(nullptr, nullptr, nullptr, nullptr, nullptr, nullptr), 0);
-    EXPECT_EQ(con->disconnect(), 0);
+    EXPECT_EQ(con->connect(nullptr, nullptr, nullptr, nullptr, nullptr, nullptr), -1);
+    EXPECT_THAT(log.text(), HasSubstr("(SQL State=IM002"));
     DBConnection::setDbUser(nullptr);
     DBConnection::setDbPassword("");
-    DBConnection::setDbName("db2");
+    DBConnection::setDbName("easdb");
     EXPECT_EQ(con->connect(nullptr, nullptr, nullptr, nullptr, nullptr, nullptr), 0);
     EXPECT_EQ(con->disconnect(), 0);
-    EXPECT_THAT(odbc->calls(),
-                testing::IsSupersetOf({"SQLConnect(db, user, other)", "SQLConnect(db2, , )"}));
+    EXPECT_THAT(calls(), testing::IsSupersetOf(
+                             {"SQLConnect(nosuch, user, other)", "SQLConnect(easdb, , )"}));
 }
 
 TEST_F(Connection, CallersEnvironmentStaysTheCallers) {
     const SQLHANDLE env = DBConnection::createEnvHandle();
     con->setEnvHandle();
     con->setEnvHandle(env);
-    EXPECT_EQ(odbc->live(SQL_HANDLE_ENV), 1);
+    EXPECT_EQ(odbc.live_handles(), 1);
     EXPECT_EQ(connect(), 0);
     EXPECT_EQ(con->disconnect(), 0);
     con.reset();
-    EXPECT_EQ(odbc->live(SQL_HANDLE_ENV), 1);
+    EXPECT_EQ(odbc.live_handles(), 1);
     EXPECT_EQ(DBLibrary::get()->SQLFreeHandle(SQL_HANDLE_ENV, env), SQL_SUCCESS);
 }
 
@@ -349,14 +335,13 @@ TEST_F(Connection, ReturnCodesAreAnsweredByTheTable) {
 }
 
 TEST_F(Connection, DiagnosticsAreReadToTheEndAndShownOnRequest) {
-    odbc->diagnostics({{"25000", 7, "busy"}, {"HY000", 0, "odd"}});
-    HandleDiagnosticsPrint(SQL_HANDLE_DBC, nullptr, false);
-    EXPECT_EQ(odbc->count("SQLGetDiagRec"), 3);
-    EXPECT_EQ(log.text(), "");
-    HandleDiagnosticsPrint(SQL_HANDLE_DBC, nullptr, true);
-    EXPECT_EQ(log.text(),
-              "busy (SQL State=25000, Native Error Code=7)\n\n"
-              "odd (SQL State=HY000) \n\n");
+    for (const bool shown : {false, true}) {
+        const std::size_t before = log.text().size();
+        odbc.inject({{"SQLGetDiagRec", 1, SQL_SUCCESS}, {"SQLGetDiagRec", 2, SQL_SUCCESS}});
+        HandleDiagnosticsPrint(SQL_HANDLE_DBC, nullptr, shown);
+        EXPECT_EQ(count("SQLGetDiagRec"), 3);
+        EXPECT_EQ(log.text().substr(before), shown ? " (SQL State=) \n\n (SQL State=) \n\n" : "");
+    }
 }
 
 }  // namespace

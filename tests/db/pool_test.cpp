@@ -7,18 +7,13 @@
 #include <thread>
 #include <vector>
 
-#include "db/base_class/DBLibrary.h"
 #include "db/base_class/Properties.h"
-#include "gmock/gmock.h"
-#include "tests/support/ScriptedDriverManager/ScriptedDriverManager.h"
-#include "tests/support/TraceCapture.h"
+#include "tests/db/OdbcTest.h"
 
 namespace {
 
-using eas::test::ScriptedDriverManager;
-
-std::atomic<int> switched{0};
-std::atomic<int> switched_back{0};
+int switched = 0;
+int switched_back = 0;
 
 int set_user(unsigned) {
     return ++switched;
@@ -80,26 +75,22 @@ TEST(PropertiesFile, IsRejectedByItsFirstLineAndWhenItCannotBeRead) {
     EXPECT_EQ(missing.getPropertiesMap().size(), 1);
 }
 
-class Pool : public testing::Test {
+class Pool : public eas::test::OdbcTest {
   protected:
     void SetUp() override {
-        odbc = ScriptedDriverManager::load(EAS_SCRIPTED_ODBC);
-        ASSERT_NE(odbc, nullptr);
-        ASSERT_TRUE(DBLibrary::init(EAS_SCRIPTED_ODBC));
+        OdbcTest::SetUp();
         ::unsetenv("MIN_POOL_CONNECTIONS");
     }
     void TearDown() override {
         DBConnectionPool::terminate();
-        EXPECT_EQ(odbc->live(), 0);
-        EXPECT_TRUE(odbc->script_done());
-        DBLibrary::release();
+        OdbcTest::TearDown();
     }
     static DBConnectionPool& start(int min, int max) {
         DBConnectionPool::init("easdb", "anna", "pw", nullptr, min, max, set_user, unset_user);
         return *DBConnectionPool::Instance();
     }
-
-    ScriptedDriverManager* odbc = nullptr;
+    /// Environment and connection of each.
+    int connected() { return odbc.live_handles() / 2; }
 };
 
 TEST_F(Pool, HandsOutPooledThenTemporaryConnections) {
@@ -114,7 +105,7 @@ TEST_F(Pool, HandsOutPooledThenTemporaryConnections) {
     EXPECT_EQ(switched, 2);
     EXPECT_EQ(switched_back, 2);
     pool.checkin(temporary);
-    EXPECT_EQ(odbc->connected(), 1);
+    EXPECT_EQ(connected(), 1);
     DBConnection stranger(nullptr, true, 0);
     pool.checkin(&stranger);
     pool.checkin(nullptr);
@@ -125,7 +116,6 @@ TEST_F(Pool, HandsOutPooledThenTemporaryConnections) {
 }
 
 TEST_F(Pool, MessagesCountAvailableBeforeUsed) {
-    const eas::test::TraceCapture log;
     DBConnectionPool& pool = start(0, 5);
     start(3, 3);
     const std::size_t before = log.text().size();
@@ -153,19 +143,19 @@ TEST_F(Pool, MessagesCountAvailableBeforeUsed) {
 }
 
 TEST_F(Pool, FailedConnectionsAreDroppedAndFailedExpansionGivesNull) {
-    odbc->answer("SQLConnect", {0, SQL_ERROR, 0});
+    answer("SQLConnect", {SQL_SUCCESS, SQL_ERROR, SQL_SUCCESS});
     DBConnectionPool& pool = start(3, 3);
     EXPECT_EQ(pool.availableCount(), 2);
     EXPECT_NE(pool.checkout(), nullptr);
     EXPECT_NE(pool.checkout(), nullptr);
-    odbc->answer("SQLConnect", {SQL_ERROR});
+    answer("SQLConnect", {SQL_ERROR});
     int state = -1;
     EXPECT_EQ(pool.checkout(), nullptr);
     pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, &state);
     EXPECT_EQ(state, PTHREAD_CANCEL_ENABLE);
     EXPECT_EQ(switched_back, switched);
     EXPECT_EQ(pool.usedCount(), 2);
-    EXPECT_EQ(odbc->live(SQL_HANDLE_ENV), 2);  // terminate() takes those in use as well
+    EXPECT_EQ(connected(), 2);  // terminate() takes those in use as well
 }
 
 TEST_F(Pool, CleanupKeepsTheMinimum) {
@@ -182,8 +172,8 @@ TEST_F(Pool, PropertiesFileConfiguresItUnlessTheEnvironmentSaysMore) {
         unsigned expected;
     };
     const TextFile file(
-        "database_name=db\ndatabase_user=u\nmin_pool_connections=2\nmax_pool_connections=40\n"
-        "pool_trace_level=3\n");
+        "database_name=easdb\ndatabase_user=u\ndatabase_schema_name=u\nmin_pool_connections=2\n"
+        "max_pool_connections=40\npool_trace_level=3\n");
     for (const Row& row : {Row{"30", 30}, Row{"31", 2}, Row{"0", 2}, Row{"many", 2}, Row{"1", 1}}) {
         ::setenv("MIN_POOL_CONNECTIONS", row.environment, 1);
         DBConnectionPool::init(file.path().c_str());
@@ -194,28 +184,7 @@ TEST_F(Pool, PropertiesFileConfiguresItUnlessTheEnvironmentSaysMore) {
         EXPECT_EQ(pool.trcLevel(), 3);
         DBConnectionPool::terminate();
     }
-    EXPECT_THAT(odbc->calls(), testing::Contains("SQLConnect(db, u, )"));
-}
-
-TEST_F(Pool, ThreadsShareIt) {
-    const eas::test::TraceCapture log;
-    DBConnectionPool& pool = start(2, 2);
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 4; ++i)
-        threads.emplace_back([&pool] {
-            for (int n = 0; n < 50; ++n) {
-                DBConnection* con = pool.checkout();
-                ASSERT_NE(con, nullptr);
-                EXPECT_EQ(con->getStatus(), 0);
-                pool.checkin(con);
-                pool.doCleanup();
-            }
-        });
-    for (auto& thread : threads)
-        thread.join();
-    EXPECT_EQ(pool.usedCount(), 0);
-    EXPECT_EQ(pool.availableCount(), 2);
-    EXPECT_EQ(odbc->connected(), 2);
+    EXPECT_THAT(calls(), testing::Contains("SQLConnect(easdb, u, )"));
 }
 
 TEST_F(Pool, CancelledThreadTakesNoConnectionAway) {

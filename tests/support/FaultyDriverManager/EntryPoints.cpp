@@ -17,16 +17,25 @@ struct Outcome {
     SQLRETURN real;
 };
 
+std::string text(const SQLCHAR* value) {
+    return value != nullptr ? reinterpret_cast<const char*>(value) : "(null)";
+}
+
 template <typename... Arguments>
-Outcome forward(const char* entry_point, Arguments... arguments) {
+Outcome forward_said(const char* entry_point, const std::string& said, Arguments... arguments) {
     FaultyManager& manager = FaultyManager::instance();
     const FaultyManager::Crossing crossing(manager);
-    const Fault* fault = manager.meet(entry_point);
+    const Fault* fault = manager.meet(entry_point, said);
     if (fault != nullptr && !fault->takes_effect)
         return {fault->code, SQL_ERROR};
     const auto real = reinterpret_cast<SQLRETURN (*)(Arguments...)>(manager.real(entry_point));
     const SQLRETURN rc = real(arguments...);
     return {fault != nullptr && rc >= 0 ? fault->code : rc, rc};
+}
+
+template <typename... Arguments>
+Outcome forward(const char* entry_point, Arguments... arguments) {
+    return forward_said(entry_point, {}, arguments...);
 }
 
 }  // namespace
@@ -61,7 +70,10 @@ SQLRETURN SQLSetEnvAttr(SQLHENV env, SQLINTEGER attribute, SQLPOINTER value, SQL
 
 SQLRETURN SQLConnect(SQLHDBC con, SQLCHAR* dsn, SQLSMALLINT dsn_length, SQLCHAR* user,
                      SQLSMALLINT user_length, SQLCHAR* password, SQLSMALLINT password_length) {
-    return forward("SQLConnect", con, dsn, dsn_length, user, user_length, password, password_length)
+    const FaultyManager::Crossing crossing(FaultyManager::instance());
+    const std::string said = text(dsn) + ", " + text(user) + ", " + text(password);
+    return forward_said("SQLConnect", said, con, dsn, dsn_length, user, user_length, password,
+                        password_length)
         .answer;
 }
 
@@ -76,11 +88,13 @@ SQLRETURN SQLSetConnectAttr(SQLHDBC con, SQLINTEGER attribute, SQLPOINTER value,
 }
 
 SQLRETURN SQLEndTran(SQLSMALLINT type, SQLHANDLE handle, SQLSMALLINT how) {
-    return forward("SQLEndTran", type, handle, how).answer;
+    const char* const said = how == SQL_COMMIT ? "commit" : "rollback";
+    return forward_said("SQLEndTran", said, type, handle, how).answer;
 }
 
-SQLRETURN SQLExecDirect(SQLHSTMT statement, SQLCHAR* text, SQLINTEGER length) {
-    return forward("SQLExecDirect", statement, text, length).answer;
+SQLRETURN SQLExecDirect(SQLHSTMT statement, SQLCHAR* sql, SQLINTEGER length) {
+    const FaultyManager::Crossing crossing(FaultyManager::instance());
+    return forward_said("SQLExecDirect", text(sql), statement, sql, length).answer;
 }
 
 SQLRETURN SQLBindCol(SQLHSTMT statement, SQLUSMALLINT column, SQLSMALLINT type, SQLPOINTER value,

@@ -32,7 +32,8 @@ class FaultyDriverManager {
 
     struct Call {
         std::string entry_point;
-        int number;  ///< among the calls of this entry point, from 1
+        int number;        ///< among the calls of this entry point, from 1
+        std::string said;  ///< texts among the arguments, and how a transaction ends
     };
     /// The list: every call, in order.
     virtual std::vector<Call> calls() = 0;

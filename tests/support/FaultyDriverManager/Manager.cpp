@@ -49,11 +49,11 @@ std::vector<FaultyDriverManager::Call> FaultyManager::calls() {
     return calls_;
 }
 
-const Fault* FaultyManager::meet(const char* entry_point) {
+const Fault* FaultyManager::meet(const char* entry_point, const std::string& said) {
     const std::lock_guard<std::mutex> lock(mutex_);
     if (!lists_calls_)
         return nullptr;
-    calls_.push_back({entry_point, ++counts_[entry_point]});
+    calls_.push_back({entry_point, ++counts_[entry_point], said});
     const Fault* met = nullptr;
     for (Injected& injected : faults_) {
         const Fault& fault = injected.fault;

@@ -23,7 +23,7 @@ class FaultyManager final : public FaultyDriverManager {
     /// The real entry point.
     void* real(const char* entry_point);
     /// Lists a call; the fault that it meets, or null.
-    const Fault* meet(const char* entry_point);
+    const Fault* meet(const char* entry_point, const std::string& said);
     void made(SQLHANDLE handle, SQLSMALLINT type, SQLHANDLE parent);
     void freed(SQLHANDLE handle);
     /// The real one frees the statements of a connection that is closed.
