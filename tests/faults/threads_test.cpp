@@ -138,17 +138,7 @@ void* work_until_cancelled(void* user) {
         generate(name, "cfd");
         Tags(name.c_str(), "cfd");
         select(name.c_str(), "cfd", "minimize_time");
-        int count = 0;
-        char** users = nullptr;
-        char** names = nullptr;
-        eas_remove_tag(text("c1"), default_frequency, text(name), text("cfd"), &count, &users,
-                       &names);
-        for (int i = 0; i < count; ++i) {
-            std::free(users[i]);
-            std::free(names[i]);
-        }
-        std::free(users);
-        std::free(names);
+        remove_tags(name.c_str(), "cfd");
         pthread_testcancel();
     }
 }

@@ -115,29 +115,6 @@ TEST(Selection, FollowsThePolicyAndItsLimits) {
     }
 }
 
-TEST(TagRecord, OwnsACopyOfEveryTextAndArray) {
-    EnergyTag tag = tag_of(2, {{1, -0.25, 0.5}, {2, 0.0, 0.0}});
-    tag.energy_tag_name("t");
-    tag.job_step_id("42.0");
-    tag.user_name("anna");
-    tag.cluster_name("c1");
-    energyPolicyTag_t record = {};
-    ASSERT_EQ(fill_tag_struct(tag, &record), 0);
-    EXPECT_STREQ(record.energy_tag_name, "t");
-    EXPECT_STREQ(record.job_id, "42.0");
-    EXPECT_STREQ(record.user_name, "anna");
-    EXPECT_STREQ(record.cluster_name, "c1");
-    EXPECT_EQ(record.default_frequency, 2);
-    ASSERT_EQ(record.num_freq, 2);
-    EXPECT_EQ(record.frequencies[1], 2);
-    EXPECT_EQ(record.predict_power[0], 100.0);
-    EXPECT_EQ(record.energy_saving_pct[0], -0.25);
-    EXPECT_EQ(record.perf_degrad_pct[0], 0.5);
-    EXPECT_EQ(record.predict_elapse_time[1], 60);
-    free_tag_struct(&record, 1);
-    free_tag_struct(&record, 0);  // frees nothing a second time
-}
-
 TEST(TagRecord, RefusesNoRecordAndATagWithoutRows) {
     energyPolicyTag_t record = {};
     record.num_freq = 7;

@@ -4,11 +4,21 @@
 #include <atomic>
 #include <cerrno>
 #include <cstddef>
-#include <cstdint>
-#include <cstdlib>
+#include <functional>
+#include <mutex>
+#include <new>
 #include <string>
+#include <unordered_set>
 
 #include "gtest/gtest.h"
+
+// glibc's own, under the names that it keeps for those who replace the others.
+extern "C" {
+void* __libc_malloc(std::size_t size);
+void* __libc_calloc(std::size_t count, std::size_t size);
+void* __libc_realloc(void* block, std::size_t size);
+void __libc_free(void* block);
+}
 
 namespace eas::test {
 namespace {
@@ -20,71 +30,50 @@ std::atomic<long> until_failure{0};  // 0: none will fail; negative: it has fail
 std::atomic<bool> fail_for_good{false};
 std::atomic<bool> has_failed{false};
 
-/// Addresses of the watched blocks, by linear probing. A spin lock, since nothing here may
-/// allocate.
+/// For what the counting itself needs, which is not to be counted.
+template <typename T>
+struct Uncounted {
+    using value_type = T;
+    Uncounted() = default;
+    template <typename U>
+    Uncounted(const Uncounted<U>&) {}
+    T* allocate(std::size_t count) { return static_cast<T*>(__libc_malloc(count * sizeof(T))); }
+    void deallocate(T* block, std::size_t) { __libc_free(block); }
+    bool operator==(const Uncounted&) const { return true; }
+    bool operator!=(const Uncounted&) const { return false; }
+};
+
+/// Addresses of the watched blocks.
 class Blocks {
   public:
-    void add(void* block) {
-        const Lock lock(busy_);
-        if (count_ + 1 >= slots_.size())
-            std::abort();
-        std::size_t at = home(block);
-        while (slots_[at] != nullptr)
-            at = next(at);
-        slots_[at] = block;
-        ++count_;
+    void add(const void* block) {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        blocks_.insert(block);
+        count_ = blocks_.size();
     }
     void remove(const void* block) {
-        if (block == nullptr || count_ == 0)
+        if (count_ == 0)
             return;
-        const Lock lock(busy_);
-        std::size_t at = home(block);
-        while (slots_[at] != block) {
-            if (slots_[at] == nullptr)
-                return;
-            at = next(at);
-        }
-        slots_[at] = nullptr;
-        --count_;
-        close_gap(at);
+        const std::lock_guard<std::mutex> lock(mutex_);
+        blocks_.erase(block);
+        count_ = blocks_.size();
     }
     [[nodiscard]] long count() const { return static_cast<long>(count_); }
 
   private:
-    struct Lock {
-        explicit Lock(std::atomic_flag& flag) : busy(flag) {
-            while (busy.test_and_set(std::memory_order_acquire)) {
-            }
-        }
-        ~Lock() { busy.clear(std::memory_order_release); }
-        Lock(const Lock&) = delete;
-        Lock& operator=(const Lock&) = delete;
-        std::atomic_flag& busy;
-    };
-
-    std::size_t home(const void* block) const {
-        return (reinterpret_cast<std::uintptr_t>(block) >> 4U) * 0x9e3779b1U % slots_.size();
-    }
-    std::size_t next(std::size_t at) const { return (at + 1) % slots_.size(); }
-    void close_gap(std::size_t gap) {
-        for (std::size_t at = next(gap); slots_[at] != nullptr; at = next(at)) {
-            const std::size_t wanted = home(slots_[at]);
-            const bool between =
-                gap < at ? gap < wanted && wanted <= at : gap < wanted || wanted <= at;
-            if (between)
-                continue;
-            slots_[gap] = slots_[at];
-            slots_[at] = nullptr;
-            gap = at;
-        }
-    }
-
-    std::array<void*, 1U << 16U> slots_{};
+    using Set = std::unordered_set<const void*, std::hash<const void*>, std::equal_to<>,
+                                   Uncounted<const void*>>;
+    std::mutex mutex_;
+    Set blocks_;
     std::atomic<std::size_t> count_{0};
-    std::atomic_flag busy_ = ATOMIC_FLAG_INIT;
 };
 
-Blocks blocks;
+/// Never destroyed: what runs last still frees.
+Blocks& blocks() {
+    alignas(Blocks) static std::array<char, sizeof(Blocks)> place;
+    static Blocks& all = *new (place.data()) Blocks;
+    return all;
+}
 
 [[maybe_unused]] bool counts() {
     return watched > 0 && elsewhere == 0;
@@ -104,7 +93,7 @@ Blocks blocks;
 
 [[maybe_unused]] void* note(void* block) {
     if (block != nullptr && counts())
-        blocks.add(block);
+        blocks().add(block);
     return block;
 }
 
@@ -153,20 +142,14 @@ long fail_each_allocation(const std::function<void()>& run) {
 }
 
 long live_blocks() {
-    return blocks.count();
+    return blocks().count();
 }
 
 }  // namespace eas::test
 
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
 
-// glibc's own, under the names that it keeps for those who replace the others.
 extern "C" {
-void* __libc_malloc(std::size_t size);
-void* __libc_calloc(std::size_t count, std::size_t size);
-void* __libc_realloc(void* block, std::size_t size);
-void __libc_free(void* block);
-
 __attribute__((visibility("default"))) void* malloc(std::size_t size) {
     return eas::test::fails() ? nullptr : eas::test::note(__libc_malloc(size));
 }
@@ -178,12 +161,12 @@ __attribute__((visibility("default"))) void* calloc(std::size_t count, std::size
 __attribute__((visibility("default"))) void* realloc(void* block, std::size_t size) {
     if (eas::test::fails())
         return nullptr;
-    eas::test::blocks.remove(block);
+    eas::test::blocks().remove(block);
     return eas::test::note(__libc_realloc(block, size));
 }
 
 __attribute__((visibility("default"))) void free(void* block) {
-    eas::test::blocks.remove(block);
+    eas::test::blocks().remove(block);
     __libc_free(block);
 }
 }
