@@ -43,41 +43,32 @@ class Threads : public OperationTest {
 INSTANTIATE_TEST_SUITE_P(On, Threads, both_engines(), engine_suffix);
 
 /// Calls again while the answer is `refused`: SQLite lets one write at a time, and who waits for it
-/// in vain is told so.
+/// in vain is told so. 1 for any other failure.
 template <typename Call>
-bool succeeds(int refused, const Call& call) {
+int fails(int refused, const Call& call) {
     int code = refused;
     for (int attempt = 0; code == refused && attempt < 100; ++attempt)
         code = call();
-    return code == EAS_OK;
+    return code != EAS_OK;
 }
 
 /// Generates, queries, selects and removes a tag of its own; how many of these went wrong.
 int work_on(const std::string& user, int rounds) {
     int wrong = 0;
     for (int i = 0; i < rounds; ++i) {
-        const std::string name = "t" + std::to_string(i);
-        const char* const tag = name.c_str();
+        const std::string tag = "t" + std::to_string(i);
+        const char* const name = user.c_str();
         Removed removed;
         Selection selection{};
-        wrong += succeeds(EAS_STORE_FAILED, [&] { return generate(user, tag); }) ? 0 : 1;
-        wrong += succeeds(EAS_QUERY_FAILED, [&] { return Tags(user.c_str(), tag).status; }) ? 0 : 1;
-        wrong += succeeds(EAS_NO_UNIQUE_TAG,
-                          [&] {
-                              selection = select(user.c_str(), tag, "minimize_time");
-                              return selection.status;
-                          })
-                     ? 0
-                     : 1;
-        wrong += selection.frequency == 2400000 ? 0 : 1;
-        wrong += succeeds(EAS_REMOVE_FAILED,
-                          [&] {
-                              removed = remove_tags(user.c_str(), tag);
-                              return removed.status;
-                          })
-                     ? 0
-                     : 1;
-        wrong += removed.names.size() == 1 ? 0 : 1;
+        wrong += fails(EAS_STORE_FAILED, [&] { return generate(user, tag); });
+        wrong += fails(EAS_QUERY_FAILED, [&] { return Tags(name, tag.c_str()).status; });
+        wrong += fails(EAS_NO_UNIQUE_TAG, [&] {
+            return (selection = select(name, tag.c_str(), "minimize_time")).status;
+        });
+        wrong += selection.frequency != 2400000;
+        wrong += fails(EAS_REMOVE_FAILED,
+                       [&] { return (removed = remove_tags(name, tag.c_str())).status; });
+        wrong += removed.names.size() != 1;
     }
     return wrong;
 }

@@ -221,10 +221,15 @@ TEST_P(Scheduler, NoNameReachesAnotherUsersTags) {
 
 TEST_P(Scheduler, KeepsNamesByteForByteAndCutsThemToTheirFields) {
     ASSERT_EQ(initialize(), EAS_OK);
-    const std::string names[] = {"SITE\\anna", "j\xc3\xbcrgen", "caf\xe9\xff", "it's; -- `x`",
-                                 " t ",        "a\tb",          "%s%n"};
-    for (const std::string& name : names) {
+    const std::vector<std::string> names{
+        "a",       "a ",        "a  ",          "A",          "\xc3\xa4", "\xc3\x84",
+        "\xe4",    "a\xcc\x88", "\xff\xfe\x80", "SITE\\anna", "SITEanna", "SITE\\\\anna",
+        "it's",    "a?b",       "\\?",          "{fn now()}", "{d '",     "-- x",
+        "/* x",    "x;--",      "%s%n",         "%",          "_",        "\x81\x8d\x8f\x90\x9d",
+        "\xbf\\'", " t ",       "\t\n\x01\x1a", "0",          "00",       "1e0"};
+    for (const std::string& name : names)
         ASSERT_EQ(generate(name, name), EAS_OK) << name;
+    for (const std::string& name : names) {
         const Tags tags(text(name), text(name));
         ASSERT_EQ(tags.count, 1) << name;
         EXPECT_EQ(tags.records[0].user_name, name);

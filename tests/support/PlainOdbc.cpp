@@ -61,19 +61,12 @@ struct Environment : Handle {
 };
 
 std::string value(const Handle& statement, SQLUSMALLINT column) {
-    std::string text;
-    std::array<char, 4096> piece{};
+    std::array<char, 4096> text{};
     SQLLEN length = 0;
-    SQLRETURN rc = SQL_SUCCESS_WITH_INFO;
-    while (rc == SQL_SUCCESS_WITH_INFO) {
-        rc = SQLGetData(statement.handle, column, SQL_C_CHAR, piece.data(), piece.size(), &length);
-        statement.check(rc, "SQLGetData");
-        if (length == SQL_NULL_DATA)
-            return "NULL";
-        if (rc != SQL_NO_DATA)
-            text += piece.data();
-    }
-    return text;
+    const SQLRETURN rc =
+        SQLGetData(statement.handle, column, SQL_C_CHAR, text.data(), text.size(), &length);
+    statement.check(rc == SQL_SUCCESS_WITH_INFO ? SQL_ERROR : rc, "SQLGetData");
+    return length == SQL_NULL_DATA ? "NULL" : text.data();
 }
 
 }  // namespace
