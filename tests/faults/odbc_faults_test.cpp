@@ -55,8 +55,9 @@ bool is_statement_call(const Fault& fault) {
            is(fault, "SQLFetch") || is(fault, "SQLBindParameter");
 }
 
-/// Autocommit cannot be switched off for what writes (what reads asks before), and then a statement
-/// fails: such a driver commits row by row, and no client can take back what it has committed.
+/// Autocommit cannot be switched off for the transaction that writes (the second one of a call),
+/// and then a statement of it fails: such a driver commits row by row, and no client can take that
+/// back.
 bool commits_row_by_row(const OperationRow& row, const Faults& faults) {
     const Fault& first = faults.front();
     return (row.operation == Operation::generate || row.operation == Operation::remove) &&
@@ -151,7 +152,7 @@ class OdbcFaults : public OperationTest {
         for (std::size_t i = place + 1; i < calls.size(); ++i) {
             for (const Fault& second : faults_of(calls[i])) {
                 const Faults both{first, second};
-                if (!is_of_pairs(second) || commits_row_by_row(row, both) || HasFailure())
+                if (!is_of_pairs(second, false) || commits_row_by_row(row, both) || HasFailure())
                     continue;
                 try_faults(row, both);
                 ++pairs_;
@@ -167,10 +168,16 @@ class OdbcFaults : public OperationTest {
             return !fault.for_good || fault.call <= 2;
         return !fault.for_good && (fault.code == SQL_ERROR || fault.code == SQL_NO_DATA);
     }
-    [[nodiscard]] bool is_of_pairs(const Fault& fault) const {
+    /// The same for what comes first and second in a pair: what is refused, and first also what is
+    /// done and then denied.
+    [[nodiscard]] bool is_of_pairs(const Fault& fault, bool first) const {
+        if (fault.for_good)
+            return false;
         if (soak())
-            return !fault.for_good && (is_failure(fault.code) || fault.code == SQL_NO_DATA);
-        return !fault.for_good && !fault.takes_effect && fault.code == SQL_ERROR;
+            return is_failure(fault.code) || fault.code == SQL_NO_DATA;
+        if (fault.takes_effect)
+            return first && fault.code == SQL_INVALID_HANDLE && GetParam() == Engine::sqlite;
+        return fault.code == SQL_ERROR;
     }
 
     /// Fails each call that an undisturbed run makes.
@@ -190,7 +197,7 @@ class OdbcFaults : public OperationTest {
                     continue;
                 try_faults(row, {fault});
                 ++alone_;
-                if (is_of_pairs(fault))
+                if (is_of_pairs(fault, true))
                     try_second_faults(row, fault, i);
             }
         }
