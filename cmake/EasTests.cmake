@@ -1,20 +1,26 @@
-# eas_add_test(NAME [SERIAL] LABELS label SOURCES file... [LIBRARIES target...])
+# eas_add_test(NAME [SERIAL] LABELS label SOURCES file... [LIBRARIES target...] [TIMEOUT seconds]
+#              [FIXTURES name])
 #
 # One GoogleTest program; CTest then runs every case of it in a process of its own, since the
-# library keeps process-wide state. Labels: quick (no root, no server), node, database, faults.
+# library keeps process-wide state. CONTRIBUTING.md says what the labels mean; a program has one,
+# for gtest_discover_tests takes no list as a property's value.
 
 find_package(GTest REQUIRED)
 include(GoogleTest)
 
 function(eas_add_test name)
-    cmake_parse_arguments(PARSE_ARGV 1 arg "SERIAL" "TIMEOUT;FIXTURES" "LABELS;SOURCES;LIBRARIES")
+    cmake_parse_arguments(PARSE_ARGV 1 arg "SERIAL" "LABELS;TIMEOUT;FIXTURES" "SOURCES;LIBRARIES")
+    if(arg_UNPARSED_ARGUMENTS OR NOT arg_LABELS OR NOT arg_SOURCES)
+        message(FATAL_ERROR "eas_add_test(${name}): one label, sources, and not "
+                            "\"${arg_UNPARSED_ARGUMENTS}\"")
+    endif()
     if(NOT arg_TIMEOUT)
         set(arg_TIMEOUT 120)
     endif()
     add_executable(${name} ${arg_SOURCES})
     target_link_libraries(${name} PRIVATE eas_options eas_objects eas_test_support GTest::gmock
                                           GTest::gtest_main ${arg_LIBRARIES})
-    set(properties LABELS "${arg_LABELS}" TIMEOUT ${arg_TIMEOUT})
+    set(properties LABELS ${arg_LABELS} TIMEOUT ${arg_TIMEOUT})
     if(arg_SERIAL)  # it holds times against each other
         list(APPEND properties RUN_SERIAL TRUE)
     endif()
