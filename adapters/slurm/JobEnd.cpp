@@ -7,6 +7,7 @@
 
 #include "adapters/slurm/FrequencyGuard.h"
 #include "adapters/slurm/JobOnNode.h"
+#include "adapters/slurm/JobQuery.h"
 #include "adapters/slurm/UserName.h"
 
 namespace eas::slurm {
@@ -54,6 +55,9 @@ std::string with_percents_doubled(const std::string& name) {
 std::string objection(const JobRecord& record, const Consumption& used) {
     if (!record.disturbed.empty())
         return record.disturbed;
+    if (!record.start || !record.end)
+        return std::string("the energy meter was not read at the job's ") +
+               (record.start ? "end" : "start");
     if (used.seconds < 1)
         return "the job ran for less than a second";
     if (used.joules <= 0)
@@ -104,17 +108,18 @@ Outcome read_meter_again(const PluginArguments& arguments, uint32_t job) {
 Outcome make_tag(const PluginArguments& arguments, const JobRecord& record) {
     set_up_environment(arguments);
     const std::string tag = "tag \"" + record.request.tag + "\" ";
-    const Consumption used = consumption_of(record);
-    std::string why = objection(record, used);
-    if (why.empty()) {
-        try {
-            generate(arguments, record, used);
-            return {true, tag + "generated"};
-        } catch (const std::exception& error) {
-            why = error.what();
-        }
+    const std::string refused = tag + "not generated: ";
+    try {
+        const Consumption used = consumption_of(record);
+        if (const std::string why = objection(record, used); !why.empty())
+            return {false, refused + why};
+        if (const std::string why = why_not_completed(record.request.job); !why.empty())
+            return {true, refused + why};
+        generate(arguments, record, used);
+        return {true, tag + "generated"};
+    } catch (const std::exception& error) {
+        return {false, refused + error.what()};
     }
-    return {false, tag + "not generated: " + why};
 }
 
 Outcome yield_to_user(const PluginArguments& arguments, uint32_t job) {

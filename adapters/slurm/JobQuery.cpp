@@ -5,22 +5,59 @@
 
 #include <cerrno>
 #include <memory>
+#include <optional>
+#include <stdexcept>
 
 namespace eas::slurm {
+namespace {
 
-bool job_is_over(uint32_t job) {
+/// State and flags of the job; nothing when there is no such job.
+std::optional<uint32_t> state_of(uint32_t job) {
     job_info_msg_t* answer = nullptr;
-    if (slurm_load_job(&answer, job, SHOW_ALL) != 0)
-        return errno == ESLURM_INVALID_JOB_ID;
+    if (slurm_load_job(&answer, job, SHOW_ALL) != 0) {
+        const int error = errno;
+        if (error == ESLURM_INVALID_JOB_ID)
+            return std::nullopt;
+        throw std::runtime_error(std::string("Slurm does not say how the job stands: ") +
+                                 slurm_strerror(error));
+    }
     const std::unique_ptr<job_info_msg_t, void (*)(job_info_msg_t*)> owner(answer,
                                                                            slurm_free_job_info_msg);
-    for (uint32_t i = 0; i < answer->record_count; ++i) {
-        const uint32_t state = answer->job_array[i].job_state;
+    // Asked for an array or the leader of a heterogeneous job it tells of all their jobs.
+    for (uint32_t i = 0; i < answer->record_count; ++i)
+        if (answer->job_array[i].job_id == job)
+            return answer->job_array[i].job_state;
+    return std::nullopt;
+}
+
+}  // namespace
+
+bool job_is_over(uint32_t job) {
+    try {
+        const uint32_t state = state_of(job).value_or(JOB_END);
         const uint32_t base = state & JOB_STATE_BASE;
-        if ((state & JOB_COMPLETING) != 0 || base == JOB_RUNNING || base == JOB_SUSPENDED)
-            return false;
+        return (state & JOB_COMPLETING) == 0 && base != JOB_RUNNING && base != JOB_SUSPENDED;
+    } catch (const std::runtime_error&) {
+        return false;
     }
-    return true;
+}
+
+std::string why_not_completed(uint32_t job) {
+    switch (state_of(job).value_or(JOB_END) & JOB_STATE_BASE) {
+    case JOB_COMPLETE:
+        return "";
+    case JOB_CANCELLED:
+        return "the job was cancelled";
+    case JOB_TIMEOUT:
+    case JOB_DEADLINE:
+        return "the job reached its time limit";
+    case JOB_PREEMPTED:
+        return "the job was preempted";
+    case JOB_FAILED:
+        return "the job failed";
+    default:
+        return "the job did not end well";
+    }
 }
 
 }  // namespace eas::slurm

@@ -169,8 +169,6 @@ Outcome tag_of(const PluginArguments& arguments, const StateFolder& folder, uint
     const std::optional<JobRecord> record = folder.read(job);
     if (!record || record->request.purpose() != Purpose::kMeasure || !record->first_node)
         return {};
-    if (environment("SLURM_JOB_EXIT_CODE2") != "0:0")
-        return {true, "tag \"" + record->request.tag + "\" not generated: the job failed"};
     return call_in_child(arguments.limit, [&] { return make_tag(arguments, *record); });
 }
 
