@@ -32,6 +32,22 @@ bool write_word(int cpu, const char* name, const std::string& word) {
            ::write(file.get(), word.data(), word.size()) == static_cast<ssize_t>(word.size());
 }
 
+/// What the CPU was last set to. Not scaling_cur_freq: that may be measured, and is never met
+/// exactly.
+long read_speed(int cpu) {
+    return std::atol(read_word(cpu, "scaling_setspeed").c_str());
+}
+
+/// The kernel takes a frequency beyond scaling_max_freq or between two steps, and sets another one.
+void set_frequency(const EasLibrary& library, int cpu, int frequency) {
+    const std::string wanted = std::to_string(frequency) + " kHz";
+    if (library.set_frequency(frequency, cpu) != 1)
+        throw std::runtime_error("CPU " + std::to_string(cpu) + " refuses the frequency " + wanted);
+    if (const long speed = read_speed(cpu); speed != frequency)
+        throw std::runtime_error("CPU " + std::to_string(cpu) + " does not run at " + wanted +
+                                 " but at " + std::to_string(speed) + " kHz");
+}
+
 bool restore_cpu(const CpuSetting& setting) {
     if (!write_word(setting.cpu, "scaling_governor", setting.governor))
         return false;
@@ -50,7 +66,7 @@ std::vector<CpuSetting> read_settings(const EasLibrary& library) {
         CpuSetting setting{cpu, read_word(cpu, "scaling_governor"), 0};
         // Under every other governor the kernel prints "<unsupported>" here.
         if (setting.governor == "userspace")
-            setting.speed = std::atol(read_word(cpu, "scaling_setspeed").c_str());
+            setting.speed = read_speed(cpu);
         settings.push_back(setting);
     }
     return settings;
@@ -58,13 +74,14 @@ std::vector<CpuSetting> read_settings(const EasLibrary& library) {
 
 void apply_frequency(const EasLibrary& library, const std::vector<CpuSetting>& settings,
                      int frequency) {
-    for (const CpuSetting& setting : settings) {
-        if (library.set_frequency(frequency, setting.cpu) == 1)
-            continue;
-        restore(settings);
-        throw std::runtime_error("CPU " + std::to_string(setting.cpu) + " refuses the frequency " +
-                                 std::to_string(frequency) + " kHz");
-    }
+    for (const CpuSetting& setting : settings)
+        set_frequency(library, setting.cpu, frequency);
+}
+
+void give_up_frequency(const StateFolder& folder, const JobRecord& record, const std::string& why) {
+    folder.append(record.request.job, line::disturbed(why));
+    restore(record.settings);
+    folder.append(record.request.job, line::given_back());
 }
 
 void restore(const std::vector<CpuSetting>& settings) {

@@ -102,7 +102,10 @@ Outcome read_meter_again(const PluginArguments& arguments, uint32_t job) {
         return {};
     record->end = read_meter(EasLibrary(arguments.library));
     folder.append(job, line::reading("end", *record->end));
-    return {true, describe(consumption_of(*record))};
+    std::string text = describe(consumption_of(*record));
+    if (record->request.purpose() == Purpose::kSelect && !record->disturbed.empty())
+        text += "; " + record->disturbed;
+    return {true, text};
 }
 
 Outcome make_tag(const PluginArguments& arguments, const JobRecord& record) {
@@ -127,10 +130,9 @@ Outcome yield_to_user(const PluginArguments& arguments, uint32_t job) {
     const Descriptor lock = folder.lock(arguments.limit);
     const std::optional<JobRecord> record = folder.read(job);
     const std::string reason = "the job asks for a frequency of its own (--cpu-freq)";
-    if (!record || record->settings.empty() || record->disturbed == reason)
+    if (!record || record->settings.empty())
         return {};
-    folder.append(job, line::disturbed(reason));
-    restore(record->settings);
+    give_up_frequency(folder, *record, reason);
     return {true, reason + "; ours is set back"};
 }
 

@@ -44,19 +44,19 @@ bool job_is_over(uint32_t job) {
 
 std::string why_not_completed(uint32_t job) {
     switch (state_of(job).value_or(JOB_END) & JOB_STATE_BASE) {
-    case JOB_COMPLETE:
-        return "";
-    case JOB_CANCELLED:
-        return "the job was cancelled";
-    case JOB_TIMEOUT:
-    case JOB_DEADLINE:
-        return "the job reached its time limit";
-    case JOB_PREEMPTED:
-        return "the job was preempted";
-    case JOB_FAILED:
-        return "the job failed";
-    default:
-        return "the job did not end well";
+        case JOB_COMPLETE:
+            return "";
+        case JOB_CANCELLED:
+            return "the job was cancelled";
+        case JOB_TIMEOUT:
+        case JOB_DEADLINE:
+            return "the job reached its time limit";
+        case JOB_PREEMPTED:
+            return "the job was preempted";
+        case JOB_FAILED:
+            return "the job failed";
+        default:
+            return "the job did not end well";
     }
 }
 

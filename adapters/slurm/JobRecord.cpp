@@ -31,6 +31,10 @@ std::string disturbed(const std::string& reason) {
     return "disturbed " + reason + '\n';
 }
 
+std::string given_back() {
+    return "given-back\n";
+}
+
 std::string other_node() {
     return "other-node\n";
 }
@@ -78,6 +82,8 @@ class Replay {
                 record_.settings.push_back(setting);
         } else if (name == "other-node") {
             record_.first_node = false;
+        } else if (name == "given-back") {
+            record_.settings.clear();
         } else if (name == "disturbed") {
             std::getline(words >> std::ws, record_.disturbed);
         } else {

@@ -37,7 +37,7 @@ struct JobUsage {
 struct JobRecord {
     JobRequest request;  // the purpose for which this node is set up
     std::optional<MeterReading> start, end;
-    std::vector<CpuSetting> settings;
+    std::vector<CpuSetting> settings;  // to be set back; empty: nothing is, or no longer
     JobUsage usage;
     bool first_node = true;      // which samples and generates the tag
     bool being_sampled = false;  // a step of the job runs that counts for all of them
@@ -50,6 +50,7 @@ std::string request(const JobRequest& request);
 std::string reading(const char* name, const MeterReading& reading);  // "start" or "end"
 std::string setting(const CpuSetting& setting);
 std::string disturbed(const std::string& reason);
+std::string given_back();  // the settings above hold again
 std::string other_node();  // the tag is not this node's business
 std::string step_begins(uint32_t step, bool sampled);
 std::string step_ends(uint32_t step);

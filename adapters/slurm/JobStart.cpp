@@ -12,8 +12,8 @@ namespace {
 
 /// What other jobs mean for this one.
 struct Neighbours {
-    uint32_t running = 0;    // a job on this node; 0: none
-    std::string left_overs;  // what was done about dead ones
+    uint32_t running = 0;  // a job on this node; 0: none
+    std::string done;      // what was done about them, and about dead ones
 };
 
 /// A CPU that refuses now, an offline one for instance, will refuse at the next prolog as well.
@@ -28,6 +28,20 @@ std::string clear_left_over(const StateFolder& folder, uint32_t job, const JobRe
     return record.settings.empty() ? "" : done;
 }
 
+/// The frequency is the whole node's: that of a job which came first would be this one's, too.
+std::string clear_neighbour(const StateFolder& folder, const JobRecord& record, uint32_t newcomer) {
+    if (record.settings.empty())
+        return "";
+    const std::string name = "the frequency of running job " + std::to_string(record.request.job);
+    try {
+        give_up_frequency(folder, record,
+                          "job " + std::to_string(newcomer) + " ran on the node at the same time");
+        return "set back " + name;
+    } catch (const std::exception& error) {
+        return name + ": " + error.what();
+    }
+}
+
 /// Slurm is asked about another job only where the answer decides something.
 Neighbours look_around(const StateFolder& folder, const JobRequest& request, const NodeRole& role) {
     Neighbours found;
@@ -36,15 +50,12 @@ Neighbours look_around(const StateFolder& folder, const JobRequest& request, con
         if (!record)
             continue;
         const bool decides = !record->settings.empty() || request.purpose() != Purpose::kPlain;
-        if (job == request.job || (decides && role.job_is_over(job))) {
-            const std::string done = clear_left_over(folder, job, *record);
-            found.left_overs += (found.left_overs.empty() || done.empty() ? "" : "; ") + done;
-            continue;
-        }
-        found.running = job;
-        if (record->request.purpose() == Purpose::kMeasure)
-            folder.append(job, line::disturbed("job " + std::to_string(request.job) +
-                                               " ran on the node at the same time"));
+        const bool is_over = job == request.job || (decides && role.job_is_over(job));
+        if (!is_over)
+            found.running = job;
+        const std::string done = is_over ? clear_left_over(folder, job, *record)
+                                         : clear_neighbour(folder, *record, request.job);
+        found.done += (found.done.empty() || done.empty() ? "" : "; ") + done;
     }
     return found;
 }
@@ -104,7 +115,7 @@ Outcome start_job(const PluginArguments& arguments, const JobRequest& request,
     const Descriptor lock = folder.lock(arguments.limit);
     Outcome outcome;
     const Neighbours neighbours = look_around(folder, request, role);
-    outcome.text = neighbours.left_overs;
+    outcome.text = neighbours.done;
     const auto tell = [&](const std::string& text) {
         outcome.text += (outcome.text.empty() ? "" : "; ") + text;
     };
@@ -120,8 +131,8 @@ Outcome start_job(const PluginArguments& arguments, const JobRequest& request,
         tell(set_up_node(folder, arguments, request));
     } catch (const std::exception& error) {
         outcome.good = false;
+        give_up_frequency(folder, folder.read(request.job).value(), error.what());
         tell(std::string(error.what()) + "; frequency left as it is");
-        folder.append(request.job, line::disturbed(error.what()));
     }
     return outcome;
 }

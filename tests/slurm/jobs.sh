@@ -177,6 +177,16 @@ jobs_that_end_otherwise() {
     check "a plain job is not mentioned" "" "$(log_of "$(id_of plain)")"
     check "records left behind" "" \
         "$(find "$(root_of n1)$CLUSTER/node/eas" -name 'job-*')"
+    # Cancelled with an exit code of 0, after what else would be a whole run; salloc is a whole one.
+    run interrupted nobody -w n2 --energy-tag=half -- \
+        bash -c 'trap "exit 0" TERM; sleep 60 & wait' &
+    as nobody salloc -Q -w n1 --energy-tag=interactive srun -Q "$here/work" 1 &
+    until [ -s "$out/interrupted.all" ]; do sleep 0.02; done
+    sleep 1.1
+    scancel -u nobody -w n2
+    settle
+    check_log interrupted "$(id_of interrupted)" 'tag "half" not generated: the job was cancelled'
+    check "rows of a tag measured under salloc" 12 "$(rows "energy_tag_name='interactive'")"
 }
 id_of_running() { squeue -h -t R -w "$1" -o %i; }
 
@@ -198,47 +208,54 @@ left_overs_are_set_back() {
 other_wishes_are_respected() {
     run own nobody -w n1 --cpu-freq=2000000 --energy-tag=solve --energy-policy=minimize_energy -- \
         bash -c 'sleep 0.3; cat /sys/devices/system/cpu/cpu0/cpufreq/scaling_cur_freq' &
-    run neighbour games -p shared -n1 -w n2 -- sleep 2 &
-    until [ -s "$out/neighbour.all" ]; do sleep 0.02; done
+    run first nobody -p shared -n1 -w n2 --energy-tag=solve --energy-policy=minimize_energy -- sleep 1 &
+    becomes "n2 with one job" n2 "userspace 1200000"
+    run neighbour games -p shared -n1 -w n2 -- sleep 3 &
+    becomes "n2 with somebody else's job" n2 "$idle"
+    echo 2000000 >"$(root_of n3)/sys/devices/system/cpu/cpu1/cpufreq/scaling_max_freq"
+    run clamped nobody -w n3 --energy-tag=clamped -- true
     run sharing nobody -p shared -n1 -w n2 --energy-tag=solve --energy-policy=minimize_energy -- true
-    check "n2 with somebody else's job" "$idle" "$(setting n2)"
+    check "n2 still with somebody else's job" "$idle" "$(setting n2)"
     settle
+    check_log neighbour "$(id_of neighbour)" 'set back the frequency of running job [0-9]+$'
+    check_log first "$(id_of first)" ' J in .*; job [0-9]+ ran on the node at the same time'
+    check_log clamped "$(id_of clamped)" 'tag "clamped" not generated: CPU 1 does not run at 2300000' \
+        'CPU 1 does not run at 2300000 kHz but at 2000000 kHz; frequency left as it is'
+    check "n3 within its limits" "performance 2000000 performance 2700000" "$(setting n3 | xargs)"
     check "--cpu-freq holds" 2000000 "$(tail -n1 "$out/own.all")"
     check_log own "$(id_of own)" 'asks for a frequency of its own \(--cpu-freq\); ours is set back'
     check_log sharing "$(id_of sharing)" 'job [0-9]+ runs on this node too; frequency left as it is'
     check "n1 afterwards" "$idle" "$(setting n1)"
 }
 
-# Each fault: an argument in plugstack.conf and the reason in the log. Jobs do not notice.
+# Each fault: an argument in plugstack.conf, the reason in the log, and what a measured job says of
+# its tag. Jobs do not notice.
 faults_cost_no_job() {
-    local argument reason start
+    local argument reason no_tag start
     cp "$plugstack" "$out/plugstack"
     mkdir -m 755 "$CLUSTER/open"
-    while IFS='|' read -r argument reason; do
+    while IFS='|' read -r argument reason no_tag; do
         sed "s|\$| $argument|" "$out/plugstack" >"$plugstack"
         start=$SECONDS
+        [ -z "$no_tag" ] || run measuring nobody -w n2 --energy-tag=late -- sleep 1.1 &
         run fault nobody -w n1 --energy-tag=solve --energy-policy=minimize_energy -- true
         settle
         check "exit code with $argument" 0 "$(code_of fault)"
         check_log "$argument" "$(id_of fault)" "$reason"
+        [ -z "$no_tag" ] ||
+            check_log "$argument" "$(id_of measuring)" "error: .*tag \"late\" not generated: $no_tag"
         check "n1 with $argument" "$idle" "$(setting n1)"
-        check "$argument: delayed by the limit of 3 s at most" 1 $((SECONDS - start <= 8))
+        check "$argument: delayed by the limits of 3 s at most" 1 $((SECONDS - start <= 8))
     done <<END
-library=/none/libeas.so|error: .*cannot open shared object file
-library=$build/lib/crashing.so|error: .*the process that calls the library crashed
-library=$build/lib/hanging.so|error: .*no answer within 3 s
-odbcini=/none odbcsysini=/none|error: .*no connection to the database
+library=/none/libeas.so|error: .*cannot open shared object file|/none/libeas.so: cannot open
+library=$build/lib/crashing.so|error: .*library crashed|the energy meter was not read at the job's start
+library=$build/lib/hanging.so limit=1|error: .*no answer within 1 s|the energy meter was not read
+odbcini=/none odbcsysini=/none|error: .*no connection to the database|no connection to the database
 thresholds=/none|error: .*the threshold file is missing or has no entry
 cluster=unknown|error: .*no coefficients for this cluster and default frequency
 state=$CLUSTER/open|error: .*must belong to root, mode 0700
 nonsense=1|"nonsense=1" is not understood
 END
-    sed 's|$| odbcini=/none odbcsysini=/none|' "$out/plugstack" >"$plugstack"
-    run no_database nobody -w n1 --energy-tag=late -- sleep 1.6
-    settle
-    check "measuring without a database" 0 "$(code_of no_database)"
-    check_log "no database" "$(id_of no_database)" \
-        'set back; .* J in .*tag "late" not generated: no connection to the database'
     cp "$out/plugstack" "$plugstack"
 }
 
@@ -260,7 +277,7 @@ for scenario in options_are_offered_and_checked measuring_runs_make_tags policie
     check "$scenario: drained nodes" 0 "$(drained)"
     echo "$scenario: $((SECONDS - start)) s"
 done
-check "tags there are in the end" 24 "$(rows 1)"
+check "tags there are in the end" 36 "$(rows 1)"
 if ((failures > 0)); then
     cat "$CLUSTER"/log/slurmd.*.log | grep -E 'eas:|spank'
     echo "$failures checks failed"
