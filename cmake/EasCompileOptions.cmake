@@ -27,6 +27,11 @@ target_compile_options(
               $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety>
               $<$<BOOL:${EAS_WERROR}>:-Werror>)
 
+# What ships names no folder of the machine that built it; a debugger and gcov want to find it.
+if(NOT CMAKE_BUILD_TYPE STREQUAL "Debug")
+    target_compile_options(eas_options INTERFACE -ffile-prefix-map=${PROJECT_SOURCE_DIR}/=)
+endif()
+
 # Hardening: the library runs inside a daemon of root.
 target_compile_options(eas_options INTERFACE -fstack-protector-strong -fcf-protection=full
                                              -fstack-clash-protection)

@@ -27,4 +27,5 @@ has 'endbr64' objdump -d || problem "no landing pads for indirect branches"
 ! has 'TEXTREL' readelf -dW || problem "writes to its code"
 ! has ' __cxa_atexit' nm -D || problem "a static object of it is destroyed when the process ends"
 ! has 'RPATH|RUNPATH' readelf -dW || problem "looks for libraries in folders of its own"
+! has '^/.*\.cpp$' strings -a || problem "names folders of the machine that built it"
 ((problems == 0))
