@@ -4,6 +4,8 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 
@@ -43,15 +45,18 @@ std::vector<int> open_descriptors() {
     return found;
 }
 
-/// In a fresh child: default signals, and of the parent's descriptors only `channel`. The others
-/// lead nowhere but stay taken: Slurm's log writes to the numbers that it knows, and must not find
-/// a file of the database there.
+/// In a fresh child: default signals, no dump of the database's password when it crashes, and of
+/// the parent's descriptors only `channel`. The others lead nowhere but stay taken: Slurm's log
+/// writes to the numbers that it knows, and must not find a file of the database there.
 void settle(int channel) {
     struct sigaction plain {};
     plain.sa_handler = SIG_DFL;
     for (int number = 1; number < NSIG; ++number)
         ::sigaction(number, &plain, nullptr);
     ::signal(SIGPIPE, SIG_IGN);
+    constexpr rlimit kNoCore{0, 0};
+    ::setrlimit(RLIMIT_CORE, &kNoCore);
+    ::prctl(PR_SET_DUMPABLE, 0);  // a program that takes the dumps is not bound by the limit
     sigset_t none;
     sigemptyset(&none);
     ::pthread_sigmask(SIG_SETMASK, &none, nullptr);

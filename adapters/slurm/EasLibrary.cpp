@@ -18,11 +18,6 @@ void find(void* library, const char* name, Function*& function) {
         throw std::runtime_error("the library has no " + std::string(name));
 }
 
-void set_if_given(const char* name, const std::string& value) {
-    if (!value.empty())
-        ::setenv(name, value.c_str(), 1);
-}
-
 /// Text of a code 0, -1, -2, ...
 template <size_t kSize>
 std::string text_of(const char* const (&texts)[kSize], int code) {
@@ -67,11 +62,14 @@ void set_up_environment(const PluginArguments& arguments) {
     const char* given = std::getenv("SLURM_CONF");
     const std::string slurm_conf = given != nullptr ? given : "";
     ::clearenv();
-    set_if_given("SLURM_CONF", slurm_conf);  // for questions to the controller
+    if (!slurm_conf.empty())  // for questions to the controller
+        ::setenv("SLURM_CONF", slurm_conf.c_str(), 1);
     ::setenv("PATH", "/usr/sbin:/usr/bin:/sbin:/bin", 1);
     ::setenv("HOME", "/root", 1);
-    set_if_given("ODBCINI", arguments.odbcini);
-    set_if_given("ODBCSYSINI", arguments.odbcsysini);
+    ::setenv("ABORT_ON_DB_FAILED", "NO", 1);  // a busy database is told of, not died of
+    // Given always: else the driver manager looks into root's home first.
+    ::setenv("ODBCINI", arguments.odbcini.c_str(), 1);
+    ::setenv("ODBCSYSINI", arguments.odbcsysini.c_str(), 1);
 }
 
 void initialize(const EasLibrary& library, const PluginArguments& arguments) {

@@ -127,7 +127,7 @@ Outcome make_tag(const PluginArguments& arguments, const JobRecord& record) {
 
 Outcome yield_to_user(const PluginArguments& arguments, uint32_t job) {
     const StateFolder folder(arguments.state);
-    const Descriptor lock = folder.lock(arguments.limit);
+    const Descriptor lock = folder.lock(arguments.lock_wait());
     const std::optional<JobRecord> record = folder.read(job);
     const std::string reason = "the job asks for a frequency of its own (--cpu-freq)";
     if (!record || record->settings.empty())

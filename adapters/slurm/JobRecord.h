@@ -3,6 +3,7 @@
 // each line with a single write.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -62,13 +63,13 @@ std::string no_counters(uint32_t step, const std::string& reason);
 JobRecord parse_record(const std::string& text);
 
 /// The folder of the records. Every function throws std::runtime_error when the folder is not to be
-/// trusted (a link, not root's, open to others) or the system refuses.
+/// trusted (a link, not root's, open to others), when a record in it is not, or the system refuses.
 class StateFolder {
   public:
     explicit StateFolder(const std::string& path);
 
     /// Keeps other prologs and steps away until the result is destroyed.
-    [[nodiscard]] Descriptor lock(int seconds) const;
+    [[nodiscard]] Descriptor lock(std::chrono::milliseconds patience) const;
     /// Starts a job's record anew.
     void create(const JobRequest& request) const;
     void append(uint32_t job, const std::string& lines) const;
@@ -78,6 +79,8 @@ class StateFolder {
     void remove(uint32_t job) const;
 
   private:
+    [[nodiscard]] Descriptor open(uint32_t job, int flags) const;
+
     Descriptor folder_;
 };
 

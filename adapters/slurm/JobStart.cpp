@@ -112,7 +112,7 @@ Outcome start_job(const PluginArguments& arguments, const JobRequest& request,
                   const NodeRole& role) {
     set_up_environment(arguments);
     const StateFolder folder(arguments.state);
-    const Descriptor lock = folder.lock(arguments.limit);
+    const Descriptor lock = folder.lock(arguments.lock_wait());
     Outcome outcome;
     const Neighbours neighbours = look_around(folder, request, role);
     outcome.text = neighbours.done;

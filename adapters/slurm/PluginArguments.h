@@ -2,6 +2,7 @@
 // words "name=value". Plain data; seconds, KHz.
 #pragma once
 
+#include <chrono>
 #include <string>
 #include <vector>
 
@@ -12,11 +13,16 @@ struct PluginArguments {
     std::string cluster;                                  // empty: Slurm's cluster name
     std::string thresholds = "/etc/eas/thresholds.conf";  // the site's performance thresholds
     std::string state = "/run/eas-slurm";                 // folder of the jobs' records
-    std::string odbcini;                                  // file with the data sources
-    std::string odbcsysini;                               // folder of odbcinst.ini and odbc.ini
+    std::string odbcini = "/etc/odbc.ini";                // file with the data sources
+    std::string odbcsysini = "/etc";                      // folder of odbcinst.ini
     int default_frequency = 0;                            // KHz, at which jobs are measured
     int limit = 10;                                       // s, for each visit to the library
     std::vector<std::string> complaints;                  // about words that were not understood
+
+    /// Shorter than the limit, so that who waits in vain for the lock can still say so.
+    [[nodiscard]] std::chrono::milliseconds lock_wait() const {
+        return std::chrono::milliseconds(limit * 800);
+    }
 };
 
 /// Words that are not understood change nothing and leave a complaint.

@@ -31,7 +31,10 @@ std::string name_of(uint32_t job) {
     throw std::runtime_error(what + ": " + std::strerror(errno));
 }
 
-/// Text of an open file; a record is a few hundred bytes per CPU at most.
+/// A record has a line per CPU and a few per step.
+constexpr size_t kLongestRecord = size_t{16} << 20;
+
+/// Text of an open file.
 std::string read_text(int fd) {
     std::string text;
     std::array<char, 4096> part;
@@ -40,6 +43,8 @@ std::string read_text(int fd) {
             fail("reading a job's record");
         if (got > 0)
             text.append(part.data(), static_cast<size_t>(got));
+        if (text.size() > kLongestRecord)
+            throw std::runtime_error("the job's record is too long");
     }
     return text;
 }
@@ -62,12 +67,12 @@ StateFolder::StateFolder(const std::string& path) {
         throw std::runtime_error(path + ": must belong to root, mode 0700");
 }
 
-Descriptor StateFolder::lock(int seconds) const {
+Descriptor StateFolder::lock(std::chrono::milliseconds patience) const {
     Descriptor file(
         ::openat(folder_.get(), "lock", O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
     if (!file.is_open())
         fail("the lock of the records");
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
+    const auto deadline = std::chrono::steady_clock::now() + patience;
     while (::flock(file.get(), LOCK_EX | LOCK_NB) != 0) {
         if (errno != EWOULDBLOCK || std::chrono::steady_clock::now() > deadline)
             fail("the lock of the records");
@@ -76,26 +81,35 @@ Descriptor StateFolder::lock(int seconds) const {
     return file;
 }
 
+/// Not open where there is no such record. What is no file of root's would not be ours, and a pipe
+/// would hold up whoever opens it.
+Descriptor StateFolder::open(uint32_t job, int flags) const {
+    Descriptor file(::openat(folder_.get(), name_of(job).c_str(),
+                             flags | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600));
+    struct stat status {};
+    if (file.is_open() && (::fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode) ||
+                           status.st_uid != ::geteuid()))
+        throw std::runtime_error(name_of(job) + ": not a file of root's");
+    return file;
+}
+
 void StateFolder::create(const JobRequest& request) const {
     remove(request.job);
-    const Descriptor file(::openat(folder_.get(), name_of(request.job).c_str(),
-                                   O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+    const Descriptor file = open(request.job, O_WRONLY | O_CREAT | O_EXCL);
     if (!file.is_open())
         fail("a record for the job");
     write_at_once(file.get(), line::request(request));
 }
 
 void StateFolder::append(uint32_t job, const std::string& lines) const {
-    const Descriptor file(::openat(folder_.get(), name_of(job).c_str(),
-                                   O_WRONLY | O_APPEND | O_NOFOLLOW | O_CLOEXEC));
+    const Descriptor file = open(job, O_WRONLY | O_APPEND);
     if (!file.is_open())
         fail("the job's record");
     write_at_once(file.get(), lines);
 }
 
 std::optional<JobRecord> StateFolder::read(uint32_t job) const {
-    const Descriptor file(
-        ::openat(folder_.get(), name_of(job).c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
+    const Descriptor file = open(job, O_RDONLY);
     if (!file.is_open() && errno == ENOENT)
         return std::nullopt;
     if (!file.is_open())

@@ -68,7 +68,17 @@ void sample_or_say(const PluginArguments& arguments, uint32_t job, uint32_t step
 UsageRecorder::UsageRecorder(PluginArguments arguments, uint32_t job, uint32_t step)
     : arguments_(std::move(arguments)), job_(job), step_(step) {
     const StateFolder folder(arguments_.state);
-    const Descriptor lock = folder.lock(arguments_.limit);
+    try {
+        begin(folder);
+    } catch (const std::exception& error) {  // the step runs uncounted
+        if (folder.read(job_))
+            folder.append(job_, line::no_counters(step_, error.what()));
+        throw;
+    }
+}
+
+void UsageRecorder::begin(const StateFolder& folder) {
+    const Descriptor lock = folder.lock(arguments_.lock_wait());
     const std::optional<JobRecord> record = folder.read(job_);
     if (!record || record->request.purpose() != Purpose::kMeasure || !record->first_node ||
         !record->disturbed.empty())

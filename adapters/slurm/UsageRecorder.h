@@ -22,6 +22,7 @@ class UsageRecorder {
     void finish();
 
   private:
+    void begin(const StateFolder& folder);
     void expect_answer(const StateFolder& folder) const;
 
     PluginArguments arguments_;

@@ -1,6 +1,8 @@
 // The parts of the Slurm plugin that need no Slurm: options, arguments, records, child processes.
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/prctl.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -112,6 +114,8 @@ TEST(SlurmRecord, FoldersAndRecordsThatOthersCouldHavePlantedAreRefused) {
     EXPECT_THROW(folder.append(8, "x\n"), std::runtime_error);
     folder.create({8, 1000, "", ""});
     EXPECT_EQ(9U, fs::file_size(victim));
+    ASSERT_EQ(0, ::mkfifo((good / "job-9").c_str(), 0600));
+    EXPECT_THROW((void)folder.read(9), std::runtime_error) << "and does not wait for a writer";
     EXPECT_FALSE(fs::is_symlink(good / "job-8"));
     fs::remove_all(scratch);
 }
@@ -135,12 +139,13 @@ TEST(SlurmChild, WhateverHappensInItIsToldInTime) {
               }));
 }
 
-TEST(SlurmChild, ItHoldsNothingOfItsParent) {
+TEST(SlurmChild, ItHoldsNothingOfItsParentAndLeavesNoDump) {
     int ends[2];
     ASSERT_EQ(0, ::pipe(ends));
     const Outcome result = call_in_child(5, [&] {
         const bool wrote = ::write(ends[1], "x", 1) == 1;  // the number is taken, the pipe is not
-        return Outcome{wrote, fs::read_symlink("/proc/self/fd/" + std::to_string(ends[1]))};
+        return Outcome{wrote && ::prctl(PR_GET_DUMPABLE) == 0,
+                       fs::read_symlink("/proc/self/fd/" + std::to_string(ends[1]))};
     });
     ::close(ends[1]);
     char byte = 0;
