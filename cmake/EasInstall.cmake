@@ -33,6 +33,8 @@ install(DIRECTORY examples/cluster examples/odbc DESTINATION ${data_dir}/example
         USE_SOURCE_PERMISSIONS)
 install(DIRECTORY sql DESTINATION ${data_dir} COMPONENT tools)
 install(DIRECTORY docs/ DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/eas COMPONENT tools
-        FILES_MATCHING PATTERN "*.md" PATTERN man EXCLUDE PATTERN developer-guide.md EXCLUDE)
+        FILES_MATCHING PATTERN "*.md" PATTERN man EXCLUDE
+        PATTERN developer-guide.md EXCLUDE
+        PATTERN slurm.md EXCLUDE)
 install(FILES docs/developer-guide.md DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/eas
         COMPONENT development)

@@ -3,7 +3,7 @@
 #   libeas1       library       libeas.so.1
 #   libeas-dev    development   headers, CMake package, pkg-config file, man3, C examples
 #   eas-tools     tools         easctl, schemas, samples, guides
-#   libeas-slurm  slurm         the Slurm adapter, where it was built
+#   libeas-slurm  slurm         the Slurm adapter and its guide, where it was built
 #
 # cmake --workflow --preset package
 

@@ -67,7 +67,7 @@ if [ -x "$build/bin/easctl" ]; then
     "$root/usr/bin/easctl" --version
 fi
 if grep -q '^EAS_SLURM_PLUGIN_DIR:' "$build/CMakeCache.txt"; then
-    has libeas-slurm "$lib/slurm-wlm/eas\.so"
+    has libeas-slurm "$lib/slurm-wlm/eas\.so" 'share/doc/eas/slurm\.md'
     field libeas-slurm Depends "^libeas1 \(= .*slurm-wlm-basic-plugins \(>= [0-9]"
 fi
 [ -z "$(sort "$scratch"/files/* | uniq -d)" ] || fail "a file is in two packages"
