@@ -9,24 +9,8 @@ namespace {
 constexpr std::uint64_t BYTES_PER_LINE = 64;
 constexpr int NEWEST_MODEL = 62;
 
-enum class Method { none, uncore_msrs, memory_channels, uncore_boxes };
-
-Method method_of(int model) {
-    switch (model) {
-        case 26:
-        case 30:
-        case 37:
-        case 44:
-            return Method::uncore_msrs;
-        case 45:
-        case 62:
-            return Method::memory_channels;
-        case 47:
-            return Method::uncore_boxes;
-        default:
-            return Method::none;
-    }
-}
+using Method = eas::MemoryMethod;
+using eas::memory_method;
 
 int init_memory_channels() {
     for (int s = 0; s < cinfo.numSockets; ++s) {
@@ -59,10 +43,27 @@ std::uint64_t bytes_of_socket(Method method, unsigned socket) {
 
 }  // namespace
 
+Method eas::memory_method(int model) {
+    switch (model) {
+        case 26:
+        case 30:
+        case 37:
+        case 44:
+            return Method::uncore_msrs;
+        case 45:
+        case 62:
+            return Method::memory_channels;
+        case 47:
+            return Method::uncore_boxes;
+        default:
+            return Method::none;
+    }
+}
+
 int init_uncore_counters() {
     if (cinfo.model > NEWEST_MODEL)
         return 0;
-    switch (method_of(cinfo.model)) {
+    switch (memory_method(cinfo.model)) {
         case Method::uncore_msrs:
             init_uncore_msrs();
             break;
@@ -78,7 +79,7 @@ int init_uncore_counters() {
 }
 
 int read_uncore_counters(hwrusage* usage) {
-    const Method method = method_of(cinfo.model);
+    const Method method = memory_method(cinfo.model);
     std::uint64_t bytes = 0;
     for (int s = 0; s < cinfo.numSockets; ++s) {
         bytes += bytes_of_socket(method, static_cast<unsigned>(s));
@@ -89,7 +90,7 @@ int read_uncore_counters(hwrusage* usage) {
 }
 
 int cleanup_uncore(unsigned socket) {
-    switch (method_of(cinfo.model)) {
+    switch (memory_method(cinfo.model)) {
         case Method::uncore_msrs:
             return cleanup_uncore_msrs(socket);
         case Method::memory_channels:
