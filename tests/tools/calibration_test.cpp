@@ -236,6 +236,10 @@ TEST_F(NodeCommands, ShowAndSteerANode) {
             {{"node", "sample", "--", "sh", "-c", "exit 3"}, 3, "cycles/instr"},
             {{"node", "sample", "--", "/no/such"}, 127, "/no/such: No such file"},
         });
+        // A change that fails leaves nothing behind, on no CPU.
+        for (const int cpu : {0, 1})
+            EXPECT_EQ(cpufreq(cpu, "scaling_governor"), cpu == 0 ? "performance\n" : "userspace\n");
+        EXPECT_EQ(cpufreq(1, "scaling_cur_freq"), "1600000\n");
         write_file("/sys/devices/system/cpu/cpu0/cpufreq/scaling_max_freq", "2400000");
         expect_all({{{"node", "frequency", "--set", "2667000", "--cpu", "0"},
                      6,
@@ -248,7 +252,7 @@ TEST_F(NodeCommands, ShowAndSteerANode) {
         EXPECT_THAT(run.err, HasSubstr("mixed in"));
         const Hidden registers("/dev/cpu");
         const Hidden meter("/sys/devices/platform");
-        expect_all({{{"node", "info"}, 1, "modprobe msr"},
+        expect_all({{{"node", "info"}, 6, "modprobe msr"},
                     {{"node", "sample", "--", "true"}, 6, "the command was not run"}});
     });
     shape.driver = fake::FreqDriver::kNoUserspace;
@@ -256,7 +260,7 @@ TEST_F(NodeCommands, ShowAndSteerANode) {
     inside(fixed, [&] {
         expect_all({{{"node", "frequency", "--set", "1600000"}, 6, "driver intel_pstate"},
                     {{"model", "calibrate", "--out", path("m.csv")}, 6, "intel_pstate=passive"},
-                    {{"node", "info"}, 1, "missing (the driver has no list)"}});
+                    {{"node", "info"}, 6, "missing (the driver has no list)"}});
         EXPECT_FALSE(fs::exists(path("m.csv")));
     });
 }
@@ -293,6 +297,7 @@ TEST_F(NodeCommands, NameTheBrokenLinkAndItsRemedy) {
         fs::permissions("/sys/devices/platform/qpx.1/energy1_input", fs::perms::none);
         EXPECT_THAT(broken_links(),
                     ElementsAre(HasSubstr("/dev/cpu/0/msr denied: run as root"),
+                                HasSubstr("memory counters denied: run as root"),
                                 "energy meter denied: run as root, or chmod a+r the sensor files"));
     });
     NodeShape shape = small_node();
@@ -315,9 +320,45 @@ TEST_F(NodeCommands, DoNotTakeEveryKnownProcessorForASupportedOne) {
         for (const std::string& cpuinfo : {fake::cpuinfo_text(older), fake::cpuinfo_text(low_power),
                                            std::string("processor\t: 0\nBogoMIPS\t: 50.00\n\n")}) {
             write_file("/proc/cpuinfo", cpuinfo);
-            EXPECT_THAT(broken_links(), ElementsAre(HasSubstr("processor missing: "))) << cpuinfo;
+            EXPECT_THAT(broken_links(), ElementsAre(HasSubstr("processor missing: "),
+                                                    HasSubstr("memory counters missing: ")))
+                << cpuinfo;
         }
     });
+}
+
+struct MemoryCase {
+    int model;
+    const char* hidden;  // by removal
+    const char* shown;   // in the link; empty: it holds
+};
+
+// Where the library counts 0 because it cannot count.
+TEST_F(NodeCommands, ShowNoMemoryTrafficWhereItCannotBeCounted) {
+    const char* const mcfg = "/sys/firmware/acpi/tables/MCFG";
+    for (const MemoryCase& one : {MemoryCase{45, "", ""}, MemoryCase{62, "", ""},
+                                  MemoryCase{45, "/dev/mem", "/dev/mem: No such file"},
+                                  MemoryCase{62, mcfg, "MCFG: No such file"},
+                                  MemoryCase{46, "", "the library knows none of model 46"}}) {
+        SCOPED_TRACE(std::to_string(one.model) + one.hidden);
+        FakeNode node(of_model(one.model));
+        inside(node, [&] {
+            ASSERT_TRUE(*one.hidden == '\0' || ::unlink(one.hidden) == 0) << std::strerror(errno);
+            const bool counted = *one.shown == '\0';
+            const auto run = run_easctl({"node", "sample", "--json", "--", "sleep", "0.2"});
+            EXPECT_EQ(run.code, 0) << run.err;
+            EXPECT_THAT(run.err, HasSubstr(one.shown));
+            const auto whole = nlohmann::json::parse(run.out).at("whole_run");
+            EXPECT_EQ(whole.at("memory_gb_per_second").is_number(), counted) << whole;
+            EXPECT_TRUE(whole.at("giga_cycles_per_second").is_number()) << whole;
+            EXPECT_EQ(run_easctl({"node", "info"}).code, counted ? 0 : 6);
+            if (!counted) {
+                expect_all({{{"model", "calibrate", "--out", path("m.csv")}, 6, one.shown},
+                            {{"node", "sample", "--", "true"}, 0, "missing"}});
+                EXPECT_FALSE(fs::exists(path("m.csv")));
+            }
+        });
+    }
 }
 
 }  // namespace
@@ -333,7 +374,7 @@ TEST(NodeCommandsAnywhere, ShowNoReadingWhereThereIsNone) {
         all_well &= link.at("status") == "ok";
         EXPECT_NE(link.at("status") == "ok", link.contains("remedy")) << link;
     }
-    EXPECT_EQ(info.code, all_well ? 0 : 1);
+    EXPECT_EQ(info.code, all_well ? 0 : 6);
 }
 
 }  // namespace eas::test

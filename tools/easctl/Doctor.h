@@ -34,10 +34,16 @@ struct DoctorOptions {
 std::vector<Link> examine_database(const DoctorOptions& options, CoEfficients& model);
 /// The links of the hardware of this node. `model` may be empty.
 std::vector<Link> examine_node(const CoEfficients& model);
+/// The one of them that stands behind hwrusage::membytes_xferred, which is 0 without it. The
+/// topology must have been read.
+Link examine_memory_counters();
+constexpr const char* memory_link = "memory counters";
 
 const char* name_of(LinkStatus status) noexcept;
 /// Missing, denied or wrong.
 bool is_broken(const Link& link);
+/// Neither broken nor skipped: what was not looked at is not known to hold.
+bool holds(const Link& link);
 /// A line per link, with what follows and what to do below it.
 std::string text_of(const std::vector<Link>& links, bool colored);
 Json json_of(const std::vector<Link>& links);

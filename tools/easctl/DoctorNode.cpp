@@ -146,7 +146,9 @@ Link energy_meter() {
 }  // namespace
 
 std::vector<Link> examine_node(const CoEfficients& model) {
-    return {processor(), msr(), perf(), driver(), governor(), frequencies(model), energy_meter()};
+    return {
+        processor(),        msr(),         perf(), examine_memory_counters(), driver(), governor(),
+        frequencies(model), energy_meter()};
 }
 
 }  // namespace easctl

@@ -175,11 +175,24 @@ void FrequencyGuard::watch(eas::UniqueFd life) {
 bool FrequencyGuard::restore() {
     bool good = true;
     for (Saved& saved : saved_) {
+        if (saved.governor.empty())  // there was none, so nothing could be set
+            continue;
         if (saved.governor == "userspace")
             good &= EnergyUtil::set_cpu_frequency(saved.khz, saved.cpu) == 1;
         else
             good &= EnergyUtil::set_cpu_governor(saved.governor.data(), saved.cpu) == 1;
     }
+    return good;
+}
+
+void FrequencyGuard::keep() {
+    saved_.clear();
+    static_cast<void>(::send(life_.get(), "", 1, MSG_NOSIGNAL));
+}
+
+bool FrequencyGuard::give_back() {
+    const bool good = restore();
+    keep();
     return good;
 }
 

@@ -34,6 +34,10 @@ class FrequencyGuard {
   public:
     explicit FrequencyGuard(const std::vector<int>& cpus);
     ~FrequencyGuard();
+    /// What was set since stays set.
+    void keep();
+    /// Gives back now; false when that failed.
+    bool give_back();
     FrequencyGuard(const FrequencyGuard&) = delete;
     FrequencyGuard& operator=(const FrequencyGuard&) = delete;
 

@@ -45,7 +45,7 @@ Json info_json(const std::vector<Link>& links) {
 void run_info(Globals& globals) {
     const std::vector<Link> links = examine_node({});
     if (std::any_of(links.begin(), links.end(), is_broken))
-        globals.outcome = ExitCode::found;
+        globals.outcome = ExitCode::node;
     if (globals.json)
         return print_json(info_json(links));
     print(text_of(links, globals.colored()));
@@ -112,17 +112,32 @@ void show_frequencies(const std::vector<int>& cpus, const Globals& globals) {
         print(table.text(globals.colored()));
 }
 
+/// All of it, or none.
+void change(const std::vector<int>& cpus, const FrequencyOptions& options) {
+    FrequencyGuard guard(cpus);
+    try {
+        if (options.khz > 0)
+            set_frequency(cpus, options.khz);
+        else
+            set_governor(cpus, options.governor);
+    } catch (Failure& failure) {
+        failure.message += guard.give_back() ? "; governor and frequency are as before"
+                                             : "; what was set could not be given back: see "
+                                               "\"easctl node frequency\"";
+        throw;
+    }
+    guard.keep();
+}
+
 void run_frequency(const FrequencyOptions& options, Globals& globals) {
     const std::vector<int> cpus = parse_cpus(options.cpus);
-    if (options.khz > 0)
-        set_frequency(cpus, options.khz);
-    if (!options.governor.empty())
-        set_governor(cpus, options.governor);
+    if (options.khz > 0 || !options.governor.empty())
+        change(cpus, options);
     show_frequencies(cpus, globals);
     for (const Link& link : examine_node({})) {
         if (!is_broken(link) || link.name.compare(0, 7, "cpufreq") != 0)
             continue;
-        globals.outcome = ExitCode::found;
+        globals.outcome = ExitCode::node;
         remark(globals, link.name + ' ' + name_of(link.status) + ": " + link.found +
                             "; what to do: " + link.remedy);
     }

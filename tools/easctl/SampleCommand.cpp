@@ -101,13 +101,16 @@ struct Figure {
     const char* member;
     int decimals;
     std::optional<double> value;
+    LinkStatus without = LinkStatus::missing;  // a value: why there is none
 };
 
 class SampleTable {
   public:
     explicit SampleTable(const NodeSampler& sampler) : sampler_(sampler) {
         for (const Link& link : examine_node({})) {
-            if (link.status != LinkStatus::denied)
+            if (link.name == memory_link)
+                memory_state_ = link.status;
+            if (link.status != LinkStatus::denied || link.name == memory_link)
                 continue;
             if (link.name == "energy meter")
                 energy_state_ = link.status;
@@ -133,21 +136,27 @@ class SampleTable {
         const double instructions = counted(&hwrusage::instructions);
         const bool margin =
             sampler_.has_hardware() && now.hardware.inlet_temperature != NO_TEMPERATURE;
+        const bool memory = sampler_.has_hardware() && memory_state_ == LinkStatus::ok;
         return {
             {"time s", "time_s", 2, now.seconds - first.seconds},
             {"Gcycles/s", "giga_cycles_per_second", 3,
-             when(core, counted(&hwrusage::cycles) / 1e9 / seconds)},
-            {"GIPS", "giga_instructions_per_second", 3, when(core, instructions / 1e9 / seconds)},
+             when(core, counted(&hwrusage::cycles) / 1e9 / seconds), counter_state_},
+            {"GIPS", "giga_instructions_per_second", 3, when(core, instructions / 1e9 / seconds),
+             counter_state_},
             {"cycles/instr", "cycles_per_instruction", 3,
-             when(core && instructions > 0, counted(&hwrusage::cycles) / instructions)},
-            {"GFLOP/s", "giga_flops", 3, when(core, counted(&hwrusage::flops) / 1e9 / seconds)},
+             when(core && instructions > 0, counted(&hwrusage::cycles) / instructions),
+             counter_state_},
+            {"GFLOP/s", "giga_flops", 3, when(core, counted(&hwrusage::flops) / 1e9 / seconds),
+             counter_state_},
             {"memory GB/s", "memory_gb_per_second", 3,
-             when(sampler_.has_hardware(), counted(&hwrusage::membytes_xferred) / 1e9 / seconds)},
+             when(memory, counted(&hwrusage::membytes_xferred) / 1e9 / seconds),
+             memory_state_ == LinkStatus::ok ? counter_state_ : memory_state_},
             {"margin C", "temperature_margin", 0,
              when(margin,
-                  static_cast<double>(static_cast<std::int64_t>(now.hardware.inlet_temperature)))},
-            {"energy J", "energy_j", 1, when(meter, energy(first))},
-            {"power W", "power_w", 1, when(meter, energy(before) / seconds)},
+                  static_cast<double>(static_cast<std::int64_t>(now.hardware.inlet_temperature))),
+             counter_state_},
+            {"energy J", "energy_j", 1, when(meter, energy(first)), energy_state_},
+            {"power W", "power_w", 1, when(meter, energy(before) / seconds), energy_state_},
         };
     }
 
@@ -160,10 +169,9 @@ class SampleTable {
 
     [[nodiscard]] std::string line(const std::vector<Figure>& figures) const {
         std::string line;
-        for (std::size_t i = 0; i < figures.size(); ++i)
-            line += padded(figures[i].value
-                               ? number(*figures[i].value, figures[i].decimals)
-                               : name_of(i + 2 < figures.size() ? counter_state_ : energy_state_));
+        for (const Figure& figure : figures)
+            line += padded(figure.value ? number(*figure.value, figure.decimals)
+                                        : name_of(figure.without));
         return line + '\n';
     }
 
@@ -182,6 +190,7 @@ class SampleTable {
 
     const NodeSampler& sampler_;
     LinkStatus counter_state_ = LinkStatus::missing;
+    LinkStatus memory_state_ = LinkStatus::missing;
     LinkStatus energy_state_ = LinkStatus::missing;
 };
 
