@@ -1,5 +1,6 @@
 #include "tools/easctl/Database.h"
 
+#include <fcntl.h>
 #include <sqlext.h>
 #include <termios.h>
 #include <unistd.h>
@@ -10,11 +11,12 @@
 #include <cstring>
 #include <string_view>
 
-#include "base/UniqueFile.h"
+#include "base/UniqueFd.h"
 #include "db/base_class/DBDiagnostics.h"
 #include "db/base_class/DBLibrary.h"
 #include "interface/LibraryState.h"
 #include "interface/Locator.h"
+#include "tools/easctl/Signals.h"
 
 namespace easctl {
 namespace {
@@ -49,19 +51,22 @@ class SilentTerminal {
     termios before_{};
 };
 
-std::optional<std::string> ask_password(const std::string& user, const std::string& dsn) {
-    const eas::UniqueFile terminal(std::fopen("/dev/tty", "r+e"));
-    if (!terminal)
-        return std::nullopt;
-    const SilentTerminal silent(::fileno(terminal.get()));
+/// Asks once. `again` says that a signal came first; it acts at the end of this, when the echo is
+/// back: where it does not end the process, or stopped it for a while, the question is to be put
+/// once more.
+std::optional<std::string> ask_once(int terminal, const std::string& question, bool& again) {
+    HeldSignals signals;
+    signals.hold(SIGTSTP);
+    const SilentTerminal silent(terminal);
+    again = false;
     if (!silent.silent())
         return std::nullopt;
-    std::fprintf(terminal.get(), "Password of %s for %s: ", user.c_str(), dsn.c_str());
-    std::fflush(terminal.get());
+    ::dprintf(terminal, "%s", question.c_str());
+    again = !signals.wait_for_input(terminal);
     std::array<char, 512> line{};
-    const bool read = std::fgets(line.data(), line.size(), terminal.get()) != nullptr;
-    std::fputs("\n", terminal.get());
-    if (!read)
+    const ssize_t length = again ? 0 : ::read(terminal, line.data(), line.size() - 1);
+    ::dprintf(terminal, "\n");
+    if (length <= 0)
         return std::nullopt;
     return std::string(line.data(), std::strcspn(line.data(), "\n"));
 }
@@ -69,7 +74,11 @@ std::optional<std::string> ask_password(const std::string& user, const std::stri
 std::optional<std::string> find_password(const std::string& user, const std::string& dsn) {
     if (const char* given = std::getenv(password_variable))
         return given;
-    return user.empty() ? std::nullopt : ask_password(user, dsn);
+    const eas::UniqueFd terminal(user.empty() ? -1 : ::open("/dev/tty", O_RDWR | O_CLOEXEC));
+    std::optional<std::string> password;
+    for (bool again = terminal.is_open(); again;)
+        password = ask_once(terminal.get(), "Password of " + user + " for " + dsn + ": ", again);
+    return password;
 }
 
 Engine engine_of(const std::string& dbms) {

@@ -1,11 +1,16 @@
 #include "tools/easctl/Signals.h"
 
+#include <poll.h>
+#include <sys/signalfd.h>
+
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstring>
 #include <ctime>
 #include <string>
 
+#include "base/UniqueFd.h"
 #include "tools/easctl/Errors.h"
 
 namespace easctl {
@@ -55,6 +60,14 @@ void HeldSignals::sleep_or_throw(double seconds) const {
     if (arrived != 0)
         throw Failure(ExitCode::interrupted,
                       std::string("interrupted (") + ::strsignal(arrived) + ")");
+}
+
+bool HeldSignals::wait_for_input(int fd) const {
+    const eas::UniqueFd arrivals(::signalfd(-1, &held_, SFD_CLOEXEC));
+    std::array<pollfd, 2> sources{{{arrivals.get(), POLLIN, 0}, {fd, POLLIN, 0}}};
+    while (::poll(sources.data(), sources.size(), -1) < 0 && errno == EINTR) {
+    }
+    return (sources[0].revents & POLLIN) == 0;
 }
 
 }  // namespace easctl

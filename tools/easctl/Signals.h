@@ -20,6 +20,9 @@ class HeldSignals {
     void sleep_or_throw(double seconds) const;
     /// Wakes `sleep` on this signal, too.
     void hold(int signal_number);
+    /// Waits until a descriptor can be read. False when a held signal arrived before that; it stays
+    /// pending, and acts when it is no longer held.
+    [[nodiscard]] bool wait_for_input(int fd) const;
     /// What was held before: the mask for a child.
     [[nodiscard]] const sigset_t& before() const { return before_; }
 
