@@ -1,10 +1,23 @@
 // easctl against real databases: the tables, the coefficients, the whole chain.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <linux/capability.h>
+#include <pty.h>
+#include <sys/prctl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <termios.h>
+#include <unistd.h>
+#include <utmp.h>
 
+#include <algorithm>
+#include <array>
+#include <csignal>
+#include <filesystem>
 #include <fstream>
 #include <nlohmann/json.hpp>
 
+#include "base/UniqueFd.h"
 #include "tests/support/ScratchDatabase.h"
 #include "tests/support/ScratchFolder.h"
 #include "tests/tools/RunTool.h"
@@ -15,6 +28,7 @@ using eas::test::Engine;
 using eas::test::run_easctl;
 using eas::test::ScratchDatabase;
 using eas::test::ScratchFile;
+using eas::test::ToolRun;
 using ::testing::HasSubstr;
 
 class Tool : public eas::test::DatabaseTest {
@@ -150,10 +164,18 @@ TEST_P(Tool, DoctorFindsTheBrokenLink) {
     // The scratch file of SQLite is not synchronised, which is worth a warning.
     const std::string schema = sqlite() ? "schema=warning" : "schema=ok";
     EXPECT_THAT(statuses(all, 0),
-                HasSubstr("connection=ok\n" + schema + "\ncoefficients of c=ok\nthresholds"));
+                HasSubstr("connection=ok\n" + schema +
+                          "\nrights of the account=ok\ncoefficients of c=ok\nthresholds"));
     EXPECT_THAT(statuses({"--dsn", "nodsn"}, 1),
                 HasSubstr("data source nodsn=missing\nconnection=missing"));
     EXPECT_THAT(statuses({"--cluster", "d"}, 1), HasSubstr("coefficients of d=missing"));
+    // The only cluster needs no name; with a choice, what was asked for is not looked at.
+    ::setenv("EASCTL_THRESHOLDS", thresholds.path().c_str(), 1);
+    EXPECT_THAT(statuses({}, 0), HasSubstr("coefficients of c=ok\nthresholds"));
+    database().seed_coefficients("other", 2000000, 1600000, 400000, 2);
+    EXPECT_THAT(statuses({}, 1),
+                HasSubstr("coefficients=ok\nthresholds " + thresholds.path() + "=skipped"));
+    ::unsetenv("EASCTL_THRESHOLDS");
     std::ofstream(database().folder() / "odbcinst.ini", std::ios::app)
         << "\n[ODBC]\nPooling = Yes\n";
     EXPECT_THAT(statuses({}, 0), HasSubstr("ODBC pooling=warning"));
@@ -162,6 +184,108 @@ TEST_P(Tool, DoctorFindsTheBrokenLink) {
     std::ofstream(database().folder() / "odbcinst.ini")
         << "[" << (sqlite() ? "SQLite3" : "MariaDB Unicode") << "]\nDriver = /nonexistent.so\n";
     EXPECT_THAT(statuses({}, 1), HasSubstr("=missing\nconnection=missing"));
+}
+
+/// Runs the tool as one whom the modes of files bind, root included.
+ToolRun run_bound(const std::vector<std::string>& arguments) {
+    for (const int capability : {CAP_DAC_OVERRIDE, CAP_DAC_READ_SEARCH})
+        ::prctl(PR_CAPBSET_DROP, static_cast<unsigned long>(capability), 0, 0,
+                0);  // of what is started from here on
+    return run_easctl(arguments);
+}
+
+struct FileCase {
+    const char* name;  // in the scratch folder
+    mode_t mode;
+    const char* link;
+    const char* status;
+    const char* remedy;
+    int check_code;  // of db check
+};
+
+TEST(ToolOnSqlite, TellsWhatIsDeniedFromWhatIsMissing) {
+    ScratchDatabase database(Engine::sqlite);
+    database.seed_coefficients("c", 2000000, 1600000, 400000, 2);
+    database.disconnect();
+    for (const FileCase& one : {
+             FileCase{"odbc.ini", 0, "data source easdb", "denied", "chmod 640", 4},
+             FileCase{"odbcinst.ini", 0, "driver SQLite3", "denied", "chmod 640", 4},
+             FileCase{"easdb.sqlite", 0, "connection", "denied", "chown", 4},
+             FileCase{"easdb.sqlite", 0444, "rights of the account", "denied", "chown", 0},
+             FileCase{"", 0555, "rights of the account", "denied", "chown", 0},
+         }) {
+        SCOPED_TRACE(std::string(one.name) + ' ' + one.link);
+        const std::string path = database.folder() / one.name;
+        struct stat before {};
+        ASSERT_EQ(::stat(path.c_str(), &before), 0);
+        ASSERT_EQ(::chmod(path.c_str(), one.mode), 0);
+        const auto run = run_bound({"doctor", "--json"});
+        EXPECT_EQ(run_bound({"db", "check"}).code, one.check_code);
+        EXPECT_EQ(run_bound({"db", "check", "--grants"}).code, std::max(one.check_code, 1));
+        ASSERT_EQ(::chmod(path.c_str(), before.st_mode), 0);
+        EXPECT_EQ(run.code, 1);
+        bool seen = false;
+        const auto document = nlohmann::json::parse(run.out);
+        for (const auto& link : document.at("links")) {
+            if (link.at("name") != one.link)
+                continue;
+            seen = true;
+            EXPECT_EQ(link.at("status"), one.status);
+            EXPECT_THAT(link.at("remedy").get<std::string>(), HasSubstr(one.remedy));
+        }
+        EXPECT_TRUE(seen) << run.out;
+    }
+}
+
+TEST(ToolOnSqlite, MakesNoFileWhereThePathIsWrongButToInitialise) {
+    ScratchDatabase database(Engine::sqlite);
+    database.disconnect();
+    const auto path = database.folder() / "easdb.sqlite";
+    std::filesystem::remove(path);
+    for (const auto& arguments :
+         {std::vector<std::string>{"doctor"}, {"db", "check"}, {"model", "list"}}) {
+        const auto run = run_easctl(arguments);
+        EXPECT_EQ(run.code, arguments[0] == "doctor" ? 1 : 4);
+        EXPECT_THAT(run.out + run.err, HasSubstr(path.string() + ": there is no such file"));
+        EXPECT_FALSE(std::filesystem::exists(path));
+    }
+    EXPECT_EQ(run_easctl({"db", "init"}).code, 0);
+    std::ofstream(path) << "no database, but a text that is long enough to be looked at as one";
+    EXPECT_THAT(run_easctl({"db", "check"}).err, HasSubstr("is damaged"));
+}
+
+TEST(ToolOnSqlite, GivesTheTerminalItsEchoBackWhenASignalEndsTheQuestionForAPassword) {
+    const ScratchDatabase database(Engine::sqlite);
+    int master = -1;
+    int slave = -1;
+    ASSERT_EQ(::openpty(&master, &slave, nullptr, nullptr, nullptr), 0);
+    const eas::UniqueFd keyboard(master);
+    const eas::UniqueFd terminal(slave);  // its state stays while it is open
+    const auto echoes = [&] {
+        termios state{};
+        return ::tcgetattr(terminal.get(), &state) == 0 && (state.c_lflag & ECHO) != 0;
+    };
+    ASSERT_TRUE(echoes());
+    const pid_t child = ::fork();
+    if (child == 0) {
+        ::login_tty(slave);
+        ::alarm(30);
+        ::execl(EAS_EASCTL, "easctl", "db", "check", "--user", "anna", nullptr);
+        ::_exit(127);
+    }
+    std::string shown;
+    std::array<char, 256> text{};
+    while (shown.find("Password of anna for easdb: ") == std::string::npos) {
+        const ssize_t length = ::read(master, text.data(), text.size());
+        ASSERT_GT(length, 0) << shown;
+        shown.append(text.data(), static_cast<std::size_t>(length));
+    }
+    EXPECT_FALSE(echoes());
+    ASSERT_EQ(::write(master, "\x03", 1), 1);  // Ctrl-C
+    int status = 0;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGINT) << status;
+    EXPECT_TRUE(echoes());
 }
 
 TEST(ToolOnMariaDb, NamesASessionInWhichNamesWouldMeanSomethingElse) {

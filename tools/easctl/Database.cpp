@@ -16,6 +16,7 @@
 #include "db/base_class/DBLibrary.h"
 #include "interface/LibraryState.h"
 #include "interface/Locator.h"
+#include "tools/easctl/DatabaseFile.h"
 #include "tools/easctl/Signals.h"
 
 namespace easctl {
@@ -131,6 +132,10 @@ Database::~Database() {
 }
 
 void Database::connect(const DatabaseOptions& options) {
+    const auto trouble = trouble_with_file(dsn_);
+    if (trouble && !(trouble->can_be_made && options.makes_file))
+        throw Failure(ExitCode::database, "data source \"" + dsn_ + "\": " + trouble->found,
+                      trouble->remedy);
     // A tool reports a database that does not answer; only a daemon may want to end there.
     ::setenv("ABORT_ON_DB_FAILED", "NO", 1);
     const std::optional<std::string> password = find_password(options.user, dsn_);
@@ -147,6 +152,14 @@ std::string Database::info(SQLUSMALLINT what) {
     const SQLRETURN rc = DBLibrary::get()->SQLGetInfo(connection_.getConnHandle(), what,
                                                       text.data(), text.size() - 1, &length);
     return SQL_SUCCEEDED(rc) ? text.data() : std::string();
+}
+
+std::optional<unsigned> Database::info_number(SQLUSMALLINT what) {
+    SQLUSMALLINT value = 0;
+    SQLSMALLINT length = 0;
+    const SQLRETURN rc = DBLibrary::get()->SQLGetInfo(connection_.getConnHandle(), what, &value,
+                                                      sizeof value, &length);
+    return SQL_SUCCEEDED(rc) ? std::optional<unsigned>(value) : std::nullopt;
 }
 
 Failure Database::failure(const std::string& what) {

@@ -25,6 +25,7 @@ namespace easctl {
 struct DatabaseOptions {
     std::string dsn;
     std::string user;
+    bool makes_file = false;  ///< the file of a SQLite data source need not be there
 
     void add_to(CLI::App& command);
     /// --dsn, else what the locator file says, else the library's default.
@@ -49,6 +50,8 @@ class Database {
     [[nodiscard]] Engine engine() const { return engine_; }
     /// A text of SQLGetInfo, such as SQL_DBMS_NAME; empty when the driver does not tell.
     [[nodiscard]] std::string info(SQLUSMALLINT what);
+    /// A 16-bit number of SQLGetInfo, such as SQL_TXN_CAPABLE.
+    [[nodiscard]] std::optional<unsigned> info_number(SQLUSMALLINT what);
     [[nodiscard]] DBConnection& connection() { return connection_; }
     [[nodiscard]] TxObject& transaction() { return *transaction_; }
 

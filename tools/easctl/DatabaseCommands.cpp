@@ -37,7 +37,9 @@ void conclude(Database& database, const Findings& findings, Json document, Globa
 }
 
 void init(const DatabaseOptions& options, Globals& globals) {
-    Database database(options);
+    DatabaseOptions making = options;
+    making.makes_file = true;
+    Database database(making);
     const Schema schema = schema_for(database);
     const std::vector<std::string> existing = existing_objects(database, schema);
     Json created = Json::array();

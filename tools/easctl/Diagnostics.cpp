@@ -9,6 +9,7 @@
 #include <string_view>
 
 #include "db/base_class/DBTracer.h"
+#include "tools/easctl/OdbcConfiguration.h"
 
 namespace easctl {
 
@@ -43,8 +44,12 @@ std::string advice_on(const std::string& said, const std::string& dsn) {
         std::string_view mark;
         std::string_view text;
     };
+    static constexpr std::string_view no_such_source = "SQL State=IM002";
+    static constexpr std::string_view damaged_file =
+        "the file that [%] names as Database is damaged, or no database of SQLite: put a backup in "
+        "its place, or move it away and make a new one with easctl db init";
     static constexpr std::array advice{
-        Advice{"SQL State=IM002", "add a section [%] to /etc/odbc.ini, or name another with --dsn"},
+        Advice{no_such_source, "add a section [%] to /etc/odbc.ini, or name another with --dsn"},
         Advice{"an't open lib",
                "install the driver (libsqliteodbc or odbc-mariadb) and see /etc/odbcinst.ini"},
         Advice{"SQL State=28000",
@@ -61,14 +66,19 @@ std::string advice_on(const std::string& said, const std::string& dsn) {
                "the file that [%] names as Database, and its folder, "
                "must exist and be writable for this user"},
         Advice{"readonly database", "this user may not write the file that [%] names as Database"},
+        Advice{"not a database", damaged_file},
+        Advice{"malformed", damaged_file},
         Advice{"database is locked", "another process holds the file; raise Timeout in [%]"},
         Advice{"no such table", "make the tables with: easctl db init --dsn %"},
         Advice{"doesn't exist", "make the tables with: easctl db init --dsn %"},
         Advice{"SQL State=42S02", "make the tables with: easctl db init --dsn %"},
     };
+    const std::string denied = OdbcConfiguration::denied_of(OdbcConfiguration::data_source_files());
     for (const Advice& one : advice) {
         if (said.find(one.mark) == std::string::npos)
             continue;
+        if (one.mark == no_such_source && !denied.empty())
+            return OdbcConfiguration::remedy_of_denied(denied);
         std::string text(one.text);
         const std::size_t place = text.find('%');
         return place == std::string::npos ? text : text.replace(place, 1, dsn);

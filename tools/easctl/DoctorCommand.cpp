@@ -10,6 +10,7 @@
 #include "base/UniqueFd.h"
 #include "tools/easctl/Command.h"
 #include "tools/easctl/Doctor.h"
+#include "tools/easctl/Library.h"
 
 namespace easctl {
 namespace {
@@ -48,6 +49,10 @@ bool is_broken(const Link& link) {
            link.status == LinkStatus::wrong;
 }
 
+bool holds(const Link& link) {
+    return !is_broken(link) && link.status != LinkStatus::skipped;
+}
+
 std::string text_of(const std::vector<Link>& links, bool colored) {
     std::string out;
     for (const Link& link : links) {
@@ -74,10 +79,27 @@ Json json_of(const std::vector<Link>& links) {
             one["remedy"] = link.remedy;
         list.push_back(std::move(one));
     }
-    return {{"ok", std::none_of(links.begin(), links.end(), is_broken)}, {"links", list}};
+    return {{"ok", std::all_of(links.begin(), links.end(), holds)}, {"links", list}};
 }
 
 namespace {
+
+std::string conclusion(const std::vector<Link>& links) {
+    const auto broken = std::count_if(links.begin(), links.end(), is_broken);
+    const auto skipped = static_cast<std::ptrdiff_t>(links.size()) - broken -
+                         std::count_if(links.begin(), links.end(), holds);
+    if (broken + skipped == 0)
+        return "\nthe chain holds\n";
+    const std::string all = " of " + std::to_string(links.size()) + " links ";
+    std::string text = "\n" + std::to_string(broken > 0 ? broken : skipped) + all;
+    if (broken > 0)
+        text += broken == 1 ? "is broken" : "are broken";
+    if (broken > 0 && skipped > 0)
+        text += "; " + std::to_string(skipped) + ' ';
+    if (skipped > 0)
+        text += "could not be looked at";
+    return text + '\n';
+}
 
 void examine(const DoctorOptions& options, Globals& globals) {
     CoEfficients model;
@@ -88,17 +110,14 @@ void examine(const DoctorOptions& options, Globals& globals) {
         for (Link& link : examine_node(model))
             links.push_back(std::move(link));
     }
-    const auto broken = std::count_if(links.begin(), links.end(), is_broken);
-    if (broken > 0)
+    if (!std::all_of(links.begin(), links.end(), holds))
         globals.outcome = ExitCode::found;
     if (globals.json) {
         print_json(json_of(links));
         return;
     }
     print(text_of(links, globals.colored()));
-    print(broken == 0 ? "\nthe chain holds\n"
-                      : "\n" + std::to_string(broken) + " of " + std::to_string(links.size()) +
-                            " links are broken\n");
+    print(conclusion(links));
 }
 
 }  // namespace
@@ -127,16 +146,18 @@ void add_doctor_command(CLI::App& app, Globals& globals) {
         "hardware; says of each link whether it holds, and if not what that means and\n"
         "what to do. Changes nothing.",
         "easctl doctor\n"
-        "easctl doctor --cluster sample --thresholds /etc/zemra/thresholds.conf\n"
+        "easctl doctor --cluster sample --thresholds /etc/eas/thresholds.conf\n"
         "easctl doctor --node --json >ticket.json");
     options->database.add_to(command);
-    command.add_option("--cluster", options->cluster, "whose coefficients")->type_name("NAME");
+    command
+        .add_option("--cluster", options->cluster,
+                    "whose coefficients (default: the only one with a model)")
+        ->type_name("NAME");
     command
         .add_option("--default-frequency", options->default_khz,
                     "which, where the cluster has several")
         ->type_name("KHZ");
-    command.add_option("--thresholds", options->thresholds, "the scheduler's threshold file")
-        ->type_name("FILE");
+    add_thresholds_option(command, options->thresholds);
     command.add_flag("--node", options->node, "also the hardware of this machine");
     command.add_flag("--node-only", options->node_only, "only the hardware of this machine");
     command.callback([options, &globals] { examine(*options, globals); });

@@ -14,6 +14,7 @@
 #include "interface/LibraryState.h"
 #include "interface/Locator.h"
 #include "interface/TagStore.h"
+#include "tools/easctl/DatabaseFile.h"
 #include "tools/easctl/Doctor.h"
 #include "tools/easctl/ModelStore.h"
 #include "tools/easctl/OdbcConfiguration.h"
@@ -83,16 +84,25 @@ bool others_may_read(const std::string& path, const std::string& dsn) {
     return false;
 }
 
+/// What the driver manager would find in a file that this user may not read.
+Link denied(const std::string& name, const std::string& file) {
+    return {name, LinkStatus::denied, file + ": this user may not read it",
+            "the library cannot connect", OdbcConfiguration::remedy_of_denied(file)};
+}
+
 Link data_source(const OdbcConfiguration& odbc, const std::string& dsn) {
     const std::string name = "data source " + dsn;
-    if (odbc.value(dsn, "", "odbc.ini").empty())
-        return {name, LinkStatus::missing,
-                "no section [" + dsn + "] in " + joined(OdbcConfiguration::data_source_files()),
+    const bool found = !odbc.value(dsn, "", "odbc.ini").empty();
+    const auto files = OdbcConfiguration::data_source_files();
+    if (const auto file = OdbcConfiguration::denied_of(files); !found && !file.empty())
+        return denied(name, file);
+    if (!found)
+        return {name, LinkStatus::missing, "no section [" + dsn + "] in " + joined(files),
                 "the library cannot connect",
                 "add the section to /etc/odbc.ini, from the samples of examples/odbc"};
     const bool password = !odbc.value(dsn, "PWD", "odbc.ini").empty() ||
                           !odbc.value(dsn, "PASSWORD", "odbc.ini").empty();
-    for (const std::string& path : OdbcConfiguration::data_source_files()) {
+    for (const std::string& path : files) {
         if (password && others_may_read(path, dsn))
             return {name, LinkStatus::warning, path + " holds a password and everybody can read it",
                     "any user can change the tags of any other", "chmod o-r " + path};
@@ -113,8 +123,12 @@ Link driver(const OdbcConfiguration& odbc, const std::string& dsn) {
                 "connect",
                 "add Driver = to [" + dsn + "] in odbc.ini"};
     std::string why;
-    if (!odbc.can_open(path, why))
+    if (!odbc.can_open(path, why)) {
+        const auto file = OdbcConfiguration::denied_of(OdbcConfiguration::driver_files());
+        if (path == named && !file.empty())
+            return denied(name, file);
         return {name, LinkStatus::missing, why, "the library cannot connect", remedy};
+    }
     return {name, LinkStatus::ok, path, "", ""};
 }
 
@@ -122,31 +136,71 @@ Link skipped(const std::string& name, const std::string& why) {
     return {name, LinkStatus::skipped, why, "", ""};
 }
 
-Link schema(Database& database) {
-    const Findings findings = check_schema(database);
+const Finding* first_error(const Findings& findings) {
     for (const Finding& one : findings.all()) {
         if (one.severity == Severity::error)
-            return {"schema", LinkStatus::wrong, one.place + ": " + one.text, one.hint,
-                    "easctl db check --dsn " + database.dsn()};
+            return &one;
     }
-    if (!findings.empty())
-        return {"schema", LinkStatus::warning,
-                findings.all()[0].place + ": " + findings.all()[0].text, findings.all()[0].hint,
-                "easctl db check --dsn " + database.dsn()};
-    return {"schema", LinkStatus::ok, "both tables, their keys, and the session", "", ""};
+    return nullptr;
 }
 
-Link coefficients(const DoctorOptions& options, Database& database, CoEfficients& model) {
-    const std::string import = "easctl model import FILE --cluster ";
-    if (options.cluster.empty()) {
-        std::vector<std::string> names;
-        for (const StoredModel& one : stored_models(database))
+Link schema(Database& database) {
+    const Findings findings = check_schema(database);
+    if (findings.empty())
+        return {"schema", LinkStatus::ok, "both tables, their keys, and the session", "", ""};
+    const Finding* error = first_error(findings);
+    const Finding& one = error != nullptr ? *error : findings.all()[0];
+    std::string found = one.place + ": " + one.text;
+    if (findings.all().size() > 1)
+        found += " (and more: easctl db check --dsn " + database.dsn() + ")";
+    if (error == nullptr)
+        return {"schema", LinkStatus::warning, found, "it works, for now", one.hint};
+    const bool hidden = one.text == unreadable_table;
+    return {"schema", hidden ? LinkStatus::denied : LinkStatus::wrong, found,
+            "tags cannot be stored or read as they must", one.hint};
+}
+
+Link rights(Database& database) {
+    const std::string name = "rights of the account";
+    const Findings findings = check_rights(database);
+    const Finding* error = first_error(findings);
+    if (error == nullptr)
+        return {name, LinkStatus::ok, "reads coefficients; reads, adds and removes tags", "", ""};
+    const std::string found = error->place + ": " + error->text;
+    if (error->text.find("locked") != std::string::npos)
+        return {name, LinkStatus::warning, found, "tags cannot be stored at this moment",
+                error->hint};
+    return {name, LinkStatus::denied, found, "tags cannot be stored or removed", error->hint};
+}
+
+/// The link where no cluster is named and there is a choice, or none; `cluster` becomes the only
+/// one, as it does for the commands that work with tags.
+std::optional<Link> any_cluster(const DoctorOptions& options, Database& database,
+                                std::string& cluster) {
+    std::vector<std::string> names;
+    for (const StoredModel& one : stored_models(database)) {
+        if (names.empty() || names.back() != one.cluster)
             names.push_back(one.cluster);
-        if (names.empty())
-            return {"coefficients", LinkStatus::missing, "of no cluster",
-                    "nothing can be predicted or selected", import + "NAME"};
-        return {"coefficients", LinkStatus::ok, "of " + joined(names), "", ""};
     }
+    if (names.empty())
+        return Link{"coefficients", LinkStatus::missing, "of no cluster",
+                    "nothing can be predicted or selected",
+                    "easctl model import FILE --cluster NAME"};
+    if (names.size() > 1)
+        return Link{"coefficients", LinkStatus::ok, "of " + joined(names), "", ""};
+    cluster = names[0];
+    const bool choice = options.default_khz == 0 && stored_models(database, cluster).size() > 1;
+    if (choice && options.thresholds.empty())
+        return Link{"coefficients", LinkStatus::ok, "of " + cluster, "", ""};
+    return std::nullopt;
+}
+
+Link coefficients(DoctorOptions& options, Database& database, CoEfficients& model) {
+    if (options.cluster.empty()) {
+        if (const auto link = any_cluster(options, database, options.cluster))
+            return *link;
+    }
+    const std::string import = "easctl model import FILE --cluster ";
     const std::string name = "coefficients of " + options.cluster;
     try {
         const StoredModel stored = pick_model(database, options.cluster, options.default_khz);
@@ -166,6 +220,8 @@ Link coefficients(const DoctorOptions& options, Database& database, CoEfficients
             std::to_string(stored.frequencies) + " frequencies, default " + ghz(stored.default_khz),
             "", ""};
     } catch (const Failure& failure) {
+        if (failure.code == ExitCode::usage)
+            return {name, LinkStatus::skipped, failure.message, "", failure.hint};
         return {name, LinkStatus::missing, failure.message, "nothing can be predicted or selected",
                 import + options.cluster};
     }
@@ -176,7 +232,8 @@ Link thresholds(const DoctorOptions& options, CoEfficients& model) {
     const std::string remedy =
         "easctl thresholds check " + options.thresholds + " --cluster " + options.cluster;
     if (model.total_frequencies() == 0)
-        return skipped(name, "needs the coefficients of a cluster (--cluster)");
+        return {name, LinkStatus::skipped, "needs the coefficients of one cluster", "",
+                "name it with --cluster, and with --default-frequency where it has several"};
     try {
         const ThresholdFile file = read_threshold_file(options.thresholds, model);
         if (!file.thresholds.isValid())
@@ -192,17 +249,19 @@ Link thresholds(const DoctorOptions& options, CoEfficients& model) {
     }
 }
 
-void examine_contents(const DoctorOptions& options, Database& database, CoEfficients& model,
+void examine_contents(DoctorOptions options, Database& database, CoEfficients& model,
                       std::vector<Link>& links) {
     try {
         links.push_back(schema(database));
-        if (links.back().status == LinkStatus::wrong)
+        if (is_broken(links.back())) {
             links.push_back(skipped("coefficients", "needs the schema"));
-        else
+        } else {
+            links.push_back(rights(database));
             links.push_back(coefficients(options, database, model));
+        }
     } catch (const Failure& failure) {
-        links.push_back({"schema", LinkStatus::wrong, failure.message, failure.hint,
-                         "easctl db check --dsn " + database.dsn()});
+        links.push_back({"schema", LinkStatus::wrong, failure.message,
+                         "nothing can be stored or read", failure.hint});
     }
     if (!options.thresholds.empty())
         links.push_back(thresholds(options, model));
@@ -218,11 +277,17 @@ std::vector<Link> examine_database(const DoctorOptions& options, CoEfficients& m
     if (odbc.available()) {
         links.push_back(pooling(odbc));
         links.push_back(data_source(odbc, dsn));
-        if (links.back().status != LinkStatus::missing)
+        if (!is_broken(links.back()))
             links.push_back(driver(odbc, dsn));
     }
-    if (!loaded) {
-        links.push_back(skipped("connection", "needs the driver manager"));
+    if (!loaded || links.back().status == LinkStatus::denied) {
+        links.push_back(skipped("connection", "needs the links above"));
+        return links;
+    }
+    if (const auto trouble = trouble_with_file(dsn)) {
+        links.push_back({"connection", trouble->denied ? LinkStatus::denied : LinkStatus::missing,
+                         trouble->found, "no call of the library can do its work",
+                         trouble->remedy});
         return links;
     }
     try {

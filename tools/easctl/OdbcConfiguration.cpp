@@ -1,8 +1,10 @@
 #include "tools/easctl/OdbcConfiguration.h"
 
 #include <dlfcn.h>
+#include <unistd.h>
 
 #include <array>
+#include <cerrno>
 #include <cstdlib>
 
 namespace easctl {
@@ -28,6 +30,11 @@ std::string OdbcConfiguration::value(const std::string& section, const std::stri
     return text.data();
 }
 
+std::string OdbcConfiguration::remedy_of_denied(const std::string& file) {
+    return "as root: chgrp GROUP " + file + " && chmod 640 " + file +
+           ", with a group of the scheduler's daemon";
+}
+
 bool OdbcConfiguration::can_open(const std::string& driver, std::string& why) const {
     std::vector<std::string> candidates{driver};
     Dl_info place{};
@@ -46,19 +53,46 @@ bool OdbcConfiguration::can_open(const std::string& driver, std::string& why) co
     return false;
 }
 
+namespace {
+
+std::string system_folder() {
+    const char* system = std::getenv("ODBCSYSINI");
+    return system != nullptr ? system : "/etc";
+}
+
+}  // namespace
+
 std::vector<std::string> OdbcConfiguration::data_source_files() {
     std::vector<std::string> files;
     const char* named = std::getenv("ODBCINI");
     const char* home = std::getenv("HOME");
-    const char* system = std::getenv("ODBCSYSINI");
     if (named != nullptr)
         files.emplace_back(named);
     else if (home != nullptr)
         files.push_back(std::string(home) + "/.odbc.ini");
-    const std::string last = std::string(system != nullptr ? system : "/etc") + "/odbc.ini";
+    const std::string last = system_folder() + "/odbc.ini";
     if (files.empty() || files[0] != last)
         files.push_back(last);
     return files;
+}
+
+std::vector<std::string> OdbcConfiguration::driver_files() {
+    std::vector<std::string> files;
+    if (const char* home = std::getenv("HOME"))
+        files.push_back(std::string(home) + "/.odbcinst.ini");
+    const char* named = std::getenv("ODBCINSTINI");
+    files.push_back(system_folder() + '/' + (named != nullptr ? named : "odbcinst.ini"));
+    return files;
+}
+
+std::string OdbcConfiguration::denied_of(const std::vector<std::string>& files) {
+    // That of the whole system first: a home that cannot be looked into is somebody else's.
+    for (auto path = files.rbegin(); path != files.rend(); ++path) {
+        const bool seen = ::access(path->c_str(), F_OK) == 0 || path == files.rbegin();
+        if (seen && ::access(path->c_str(), R_OK) != 0 && errno == EACCES)
+            return *path;
+    }
+    return {};
 }
 
 }  // namespace easctl

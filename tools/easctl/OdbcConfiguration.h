@@ -25,6 +25,13 @@ class OdbcConfiguration {
 
     /// The files that hold data sources, in the order in which they are looked into.
     static std::vector<std::string> data_source_files();
+    /// Those that name the drivers.
+    static std::vector<std::string> driver_files();
+    /// One of these that this user may not read, so that what it holds is not there for the driver
+    /// manager; empty: none.
+    static std::string denied_of(const std::vector<std::string>& files);
+    /// The command that mends that.
+    static std::string remedy_of_denied(const std::string& file);
 
   private:
     using Read = int (*)(const char*, const char*, const char*, char*, int, const char*);

@@ -56,7 +56,12 @@ std::vector<std::string> existing_objects(Database& database, const Schema& sche
 /// What differs from the script, and what of the session would make the library's statements mean
 /// something else. Nothing is changed.
 Findings check_schema(Database& database);
-/// Whether the account may run what the library and this tool send; nothing is changed.
+/// The finding about a table that a server hides from the account.
+constexpr const char* unreadable_table = "this account may not read the table";
+/// Whether the account may run what the library (errors) and this tool (warnings) send; nothing is
+/// changed.
+Findings check_rights(Database& database);
+/// The same, and what the account may do that neither needs.
 void check_grants(Database& database, Findings& findings);
 
 /// "a, b, c".

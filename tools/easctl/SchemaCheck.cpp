@@ -1,8 +1,11 @@
 // What of a database differs from the schema, and what its session would read differently.
+#include <sqlext.h>
+
 #include <algorithm>
 #include <cctype>
 #include <utility>
 
+#include "tools/easctl/DatabaseFile.h"
 #include "tools/easctl/Schema.h"
 
 namespace easctl {
@@ -11,6 +14,9 @@ namespace {
 const char* const initstmt_hint =
     "in odbc.ini: INITSTMT = SET SESSION "
     "sql_mode='NO_BACKSLASH_ESCAPES,STRICT_ALL_TABLES,NO_ENGINE_SUBSTITUTION'";
+
+const char* const other_driver_hint =
+    "in odbc.ini: the Driver of libsqliteodbc or odbc-mariadb, without further options";
 
 std::string text_of(const Database::Value& value) {
     return value.value_or("");
@@ -44,8 +50,7 @@ class TableCheck {
     void run() {
         sqlite() ? read_sqlite() : read_mariadb();
         if (columns_.empty()) {
-            findings_.error(expected_.name, "the table is missing",
-                            "easctl db init --dsn " + database_.dsn());
+            report_no_columns();
             return;
         }
         check_columns();
@@ -88,6 +93,19 @@ class TableCheck {
         keys_.back().columns.push_back(column);
     }
 
+    /// A server does not show tables to an account that may do nothing with them.
+    void report_no_columns() {
+        try {
+            database_.run("select count(*) from " + expected_.name + " where 1 = 0");
+        } catch (const Failure& failure) {
+            if (failure.message.find("denied") != std::string::npos) {
+                findings_.error(expected_.name, unreadable_table, failure.hint);
+                return;
+            }
+        }
+        findings_.error(expected_.name, "the table is missing", init());
+    }
+
     void check_columns() {
         for (const SchemaColumn& column : expected_.columns) {
             const std::string where = expected_.name + '.' + column.name;
@@ -95,19 +113,23 @@ class TableCheck {
                 std::find_if(columns_.begin(), columns_.end(),
                              [&](const SchemaColumn& one) { return one.name == column.name; });
             if (found == columns_.end()) {
-                findings_.error(where, "the column is missing");
+                findings_.error(where, "the column is missing", remake());
                 continue;
             }
             if (found->type != column.type)
-                findings_.error(where, "the type is " + found->type + " instead of " + column.type,
-                                consequence(found->type));
+                findings_.error(where,
+                                "the type is " + found->type + " instead of " + column.type + ": " +
+                                    consequence(found->type),
+                                remake());
             if (column.not_null && !found->not_null)
-                findings_.error(where, "nulls are allowed", "a null is read as an old value");
+                findings_.error(where, "nulls are allowed: a null is read as an old value",
+                                remake());
         }
         for (const SchemaColumn& column : columns_) {
             if (expected_.find(column.name) == nullptr)
                 findings_.error(expected_.name + '.' + column.name,
-                                "the library does not know this column");
+                                "the library does not know this column, and reads by position",
+                                remake());
         }
     }
 
@@ -128,8 +150,9 @@ class TableCheck {
         if (wanted != present &&
             std::is_permutation(wanted.begin(), wanted.end(), present.begin(), present.end()))
             findings_.error(expected_.name,
-                            "the columns stand in another order: " + joined(present),
-                            "\"select *\" is read by position; wanted: " + joined(wanted));
+                            "the columns stand in another order: " + joined(present) +
+                                "; they are read by position, as " + joined(wanted),
+                            remake());
     }
 
     void check_keys() {
@@ -140,18 +163,31 @@ class TableCheck {
             });
             const std::string wanted = "(" + joined(key.columns) + ")";
             if (found == keys_.end())
-                report_key(key, name + " is missing", "wanted: " + wanted);
+                report_key(key, name + " is missing, of " + wanted, false);
             else if (found->columns != key.columns)
-                report_key(key, name + " is (" + joined(found->columns) + ")", "wanted: " + wanted);
+                report_key(key, name + " is (" + joined(found->columns) + ") instead of " + wanted,
+                           true);
         }
     }
 
     /// Without an index requests are slow; without the key the same tag could be stored twice.
-    void report_key(const SchemaKey& key, const std::string& text, const std::string& hint) {
+    void report_key(const SchemaKey& key, const std::string& text, bool drop) {
+        const std::string wanted = key.name + " (" + joined(key.columns) + ")";
+        std::string remedy = "alter table " + expected_.name;
+        remedy += (!drop ? "" : " drop key " + key.name + ",") + " add key " + wanted;
+        if (sqlite())  // which makes an index apart from its table
+            remedy = (!drop ? "" : "drop index " + key.name + ", then ") + init();
         if (key.name.empty())
-            findings_.error(expected_.name, text, hint);
+            findings_.error(expected_.name, text + ": the same rows could be stored twice",
+                            remake());
         else
-            findings_.warning(expected_.name, text, hint);
+            findings_.warning(expected_.name, text + ": requests are slow", remedy);
+    }
+
+    [[nodiscard]] std::string init() const { return "easctl db init --dsn " + database_.dsn(); }
+    [[nodiscard]] std::string remake() const {
+        return "rename the table, drop its indexes, make it anew with " + init() +
+               ", and copy its rows";
     }
 
     void check_sqlite_statement() {
@@ -173,10 +209,10 @@ class TableCheck {
             {expected_.name});
         const std::string engine = rows.empty() ? "" : text_of(rows[0][0]);
         if (engine != "InnoDB")
-            findings_.error(expected_.name, "the storage engine is " + engine,
-                            "only InnoDB has the transactions that keep half a tag out: alter "
-                            "table " +
-                                expected_.name + " engine=InnoDB");
+            findings_.error(expected_.name,
+                            "the storage engine is " + engine +
+                                ": only InnoDB has the transactions that keep half a tag out",
+                            "alter table " + expected_.name + " engine=InnoDB");
     }
 
     Database& database_;
@@ -201,14 +237,26 @@ void check_session(Database& database, Findings& findings) {
     const std::string where = "session of " + database.dsn();
     const bool mariadb = database.engine() == Engine::mariadb;
     if (value_of(database, "select \"eas probe\"") != "eas probe")
-        findings.error(where, "a text in double quotes is not a text here (ANSI_QUOTES?)",
-                       mariadb ? initstmt_hint : "the library sends names in double quotes");
+        findings.error(where,
+                       "a text in double quotes is not a text here (ANSI_QUOTES?), and the library "
+                       "sends names in them",
+                       mariadb ? initstmt_hint : other_driver_hint);
     if (value_of(database, "select \"a\\b\"") != "a\\b")
-        findings.error(where, "a backslash in a text is not an ordinary character",
-                       mariadb ? initstmt_hint : "a user SITE\\anna would not be found");
+        findings.error(
+            where,
+            "a backslash in a text is not an ordinary character: a user SITE\\anna would "
+            "not be found",
+            mariadb ? initstmt_hint : other_driver_hint);
     if (database.connection().isAutoCommit())
-        findings.error(where, "autocommit cannot be switched off",
-                       "half a tag could stay behind after a failure");
+        findings.error(where,
+                       "autocommit cannot be switched off: half a tag could stay behind after a "
+                       "failure",
+                       other_driver_hint);
+    else if (database.info_number(SQL_TXN_CAPABLE) == SQL_TC_NONE)
+        findings.error(where,
+                       "the driver says that it has no transactions: half a tag could stay behind "
+                       "after a failure",
+                       other_driver_hint);
 }
 
 void check_mariadb_server(Database& database, Findings& findings) {
@@ -283,19 +331,37 @@ Findings check_schema(Database& database) {
     return findings;
 }
 
-void check_grants(Database& database, Findings& findings) {
+Findings check_rights(Database& database) {
+    Findings findings;
+    if (const auto trouble = trouble_with_writing(database.dsn())) {
+        findings.error("file of " + database.dsn(), trouble->found, trouble->remedy);
+        return findings;
+    }
     for (const Probe& probe : probes) {
         try {
             database.run(probe.sql);
         } catch (const Failure& failure) {
             const std::string text = std::string("may not ") + probe.right + ": " + failure.message;
             if (probe.scheduler)
-                findings.error(probe.table, text, "the scheduler's account needs this");
+                findings.error(
+                    probe.table, text,
+                    failure.hint.empty() ? "the scheduler's account needs this" : failure.hint);
             else
                 findings.warning(probe.table, text, "only model import and model remove need this");
         }
     }
     database.rollback();
+    return findings;
+}
+
+void check_grants(Database& database, Findings& findings) {
+    const Findings rights = check_rights(database);
+    for (const Finding& one : rights.all()) {
+        if (one.severity == Severity::error)
+            findings.error(one.place, one.text, one.hint);
+        else
+            findings.warning(one.place, one.text, one.hint);
+    }
     check_surplus(database, findings);
 }
 
