@@ -85,9 +85,11 @@ Link examine_memory_counters() {
         case eas::MemoryMethod::none:
             break;
     }
-    return broken(LinkStatus::missing,
-                  "the library knows none of model " + std::to_string(cinfo.model),
-                  "calibrate and measure on a node of model 26, 30, 37, 44, 45, 47 or 62");
+    return broken(
+        LinkStatus::missing,
+        "the library knows none of " + (cinfo.model > 0 ? "model " + std::to_string(cinfo.model)
+                                                        : std::string("this processor")),
+        "calibrate and measure on a node of model 26, 30, 37, 44, 45, 47 or 62");
 }
 
 }  // namespace easctl
