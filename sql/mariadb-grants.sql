@@ -1,8 +1,11 @@
--- Accounts of least privilege for libeas on MariaDB. Fill in the placeholders, then run it as an
--- administrator of the server, for example:
+-- Accounts of least privilege for libeas on MariaDB. Fill in the placeholders in a copy that nobody
+-- else can read, then run that as an administrator of the server:
 --
---   sed -e s/@DATABASE@/easdb/ -e s/@HOSTS@/10.1.0.%/ -e s/@SCHEDULER_PASSWORD@/.../ \
---       -e s/@ADMIN_PASSWORD@/.../ mariadb-grants.sql | mariadb
+--   install -m 600 mariadb-grants.sql /root/eas-grants.sql
+--   editor /root/eas-grants.sql
+--   mariadb < /root/eas-grants.sql && rm /root/eas-grants.sql
+--
+-- Passwords belong into an editor: a command line can be read by every user of the machine.
 --
 --   @DATABASE@            the database that holds the two tables
 --   @HOSTS@               where the accounts may connect from, as in CREATE USER: a host, an
