@@ -76,9 +76,10 @@ std::optional<std::string> find_password(const std::string& user, const std::str
     if (const char* given = std::getenv(password_variable))
         return given;
     const eas::UniqueFd terminal(user.empty() ? -1 : ::open("/dev/tty", O_RDWR | O_CLOEXEC));
+    const std::string question = "Password of " + user + " for " + dsn + ": ";
     std::optional<std::string> password;
     for (bool again = terminal.is_open(); again;)
-        password = ask_once(terminal.get(), "Password of " + user + " for " + dsn + ": ", again);
+        password = ask_once(terminal.get(), question, again);
     return password;
 }
 
