@@ -299,4 +299,20 @@ TEST(ToolOnMariaDb, NamesASessionInWhichNamesWouldMeanSomethingElse) {
         EXPECT_THAT(run.out, HasSubstr(expected));
 }
 
+TEST(ToolOnMariaDb, TellsATableThatTheAccountMayNotSeeFromAMissingOne) {
+    if (const auto why = ScratchDatabase::missing(Engine::mariadb))
+        GTEST_SKIP() << *why;
+    ScratchDatabase database(Engine::mariadb);
+    const std::string name = database.schema() + "h";
+    const std::string account = "'" + name + "'@'localhost'";
+    database.plain().run("create user " + account + " identified by 'h'");
+    database.plain().run("grant select on TQVN_EnergyCoEfficients to " + account);
+    ::setenv("EASCTL_DB_PASSWORD", "h", 1);
+    EXPECT_THAT(statuses({"--user", name}, 1), HasSubstr("connection=ok\nschema=denied"));
+    EXPECT_THAT(run_easctl({"db", "check", "--user", name}).out,
+                HasSubstr("TQVN_EnergyPolicyTag: error: this account may not read the table"));
+    ::unsetenv("EASCTL_DB_PASSWORD");
+    database.plain().run("drop user " + account);
+}
+
 }  // namespace
