@@ -73,6 +73,7 @@ class HeldCommand {
                              const HeldSignals& signals) {
         std::vector<std::string> words = command;
         std::vector<char*> arguments;
+        arguments.reserve(words.size() + 1);
         for (std::string& word : words)
             arguments.push_back(word.data());
         arguments.push_back(nullptr);
