@@ -311,7 +311,10 @@ class Bench {
                 add_query(size);
         }
         add_growth(sizes.back());
-        add_interleaved(std::min(sizes.back(), 10000));
+        int most_interleaved = 0;
+        for (const int size : sizes)
+            most_interleaved = size <= 10000 ? size : most_interleaved;
+        add_interleaved(most_interleaved);
         add_threads();
         for (const int size : sizes)
             add_memory(size);
@@ -335,16 +338,26 @@ class Bench {
 
     /// `tags` tags of 16 frequencies, 1000 of a user.
     void store_tags(int tags) {
-        const std::string last = std::to_string(tags - 1);
+        constexpr int at_once = 100000;  // a longer statement outlasts the data source's time-out
+        for (int first = 0; first < tags; first += at_once)
+            store_tags(tags, first, std::min(first + at_once, tags) - 1);
+    }
+
+    /// Those from number `first` to `last`.
+    void store_tags(int tags, int first, int last) {
+        const std::string range_begin = std::to_string(first);
+        const std::string range_end = std::to_string(last);
         const std::string cluster = "'q" + std::to_string(tags) + "'";
         std::string i = "i.seq";
         std::string k = "k.seq";
-        std::string from = " from seq_0_to_" + last + " i join seq_0_to_15 k order by 2, 1, 5";
+        std::string from = " from seq_" + range_begin + "_to_" + range_end +
+                           " i join seq_0_to_15 k order by 2, 1, 5";
         std::string tag = "concat('profile-', lpad(i.seq, 7, '0'))";
         std::string user = "concat('user', lpad(i.seq div 1000, 4, '0'))";
         std::string with;
         if (database_.engine() == Engine::sqlite) {
-            with = "with recursive t(i) as (select 0 union all select i+1 from t where i<" + last +
+            with = "with recursive t(i) as (select " + range_begin +
+                   " union all select i+1 from t where i<" + range_end +
                    "), f(k) as (select 0 union all select k+1 from f where k<15) ";
             k = "k";
             from = " from t cross join f order by i, k";

@@ -8,7 +8,8 @@ namespace {
 using Row = EnergyCoEfficientsRow;
 using eas::column;
 
-constexpr std::array columns{
+// The type is spelt out: g++ leaves a table whose type is deduced in writable memory.
+constexpr std::array<eas::Column, 9> columns{
     column<decltype(Row::_frequency)>("frequency", offsetof(Row, _frequency)),
     column<decltype(Row::_default_frequency)>("default_frequency",
                                               offsetof(Row, _default_frequency)),
@@ -34,9 +35,9 @@ const std::type_info& TQVN_EnergyCoEfficients::typeinfo() {
 void TQVN_EnergyCoEfficients::dump(std::ostream& out) {
     if (_columns == 0)
         return;
-    out << " &_columns = " << &_columns << '\n' << std::flush;
-    out << " &_ind= " << &_ind << '\n' << std::flush;
-    out << " &_frequency = " << &_frequency << '\n' << std::flush;
+    out << " &_columns = " << &_columns << "\n" << std::flush;
+    out << " &_ind= " << &_ind << "\n" << std::flush;
+    out << " &_frequency = " << &_frequency << "\n" << std::flush;
     dump_columns(out);
 }
 

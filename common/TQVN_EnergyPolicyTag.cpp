@@ -8,7 +8,8 @@ namespace {
 using Row = EnergyPolicyTagRow;
 using eas::column;
 
-constexpr std::array columns{
+// The type is spelt out: g++ leaves a table whose type is deduced in writable memory.
+constexpr std::array<eas::Column, 11> columns{
     column<decltype(Row::_energy_tag_name)>("energy_tag_name", offsetof(Row, _energy_tag_name)),
     column<decltype(Row::_user_name)>("user_name", offsetof(Row, _user_name)),
     column<decltype(Row::_default_frequency)>("default_frequency",

@@ -182,7 +182,8 @@ int read_coeffs_from_db(DBConnection* conn, const std::string& cluster_name, int
 
     int status = 0;
     while ((status = tx.fetch(&row)) == 0) {
-        if (*row._cluster_name != '\0' && cluster_name != row._cluster_name)
+        const std::string_view bearer = row._cluster_name;
+        if (!bearer.empty() && bearer != cluster_name)
             return 1;  // the database read the condition in another sense
         coeffs_ref.setArrayData(row._frequency, row._factor_a, row._factor_b, row._factor_c,
                                 row._factor_d, row._factor_e, row._factor_f);

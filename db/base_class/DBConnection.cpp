@@ -5,7 +5,7 @@
 
 #include <cstdlib>
 #include <cstring>
-#include <new>
+#include <memory>
 #include <string>
 #include <utility>
 
@@ -138,15 +138,18 @@ void DBConnection::freeEnvHandle() {
 }
 
 void DBConnection::replace(char*& setting, const char* text) {
-    char* const copy = text != nullptr ? ::strdup(text) : nullptr;
-    if (text != nullptr && copy == nullptr)
-        throw std::bad_alloc();
-    std::free(std::exchange(setting, copy));
+    std::unique_ptr<char[]> copy;
+    if (text != nullptr) {
+        const std::size_t size = std::strlen(text) + 1;
+        copy = std::make_unique<char[]>(size);
+        std::memcpy(copy.get(), text, size);
+    }
+    const std::unique_ptr<char[]> old(std::exchange(setting, copy.release()));
 }
 
 void DBConnection::clearDBinfo() noexcept {
     for (char** setting : {&_settings._db, &_settings._user, &_settings._pwd, &_settings._schema})
-        std::free(std::exchange(*setting, nullptr));
+        std::unique_ptr<char[]>(std::exchange(*setting, nullptr)).reset();
 }
 
 void DBConnection::setDBinfo(const char* db, const char* user, const char* pwd,

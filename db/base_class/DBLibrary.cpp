@@ -42,8 +42,9 @@ bool resolve(const EntryPoint& entry, void* library, OdbcEntryPoints& table) {
     return pointer != nullptr;
 }
 
-/// What a driver manager must have, in the order in which it is looked up.
-constexpr std::array entry_points{
+/// What a driver manager must have, in the order in which it is looked up. The type is spelt out:
+/// g++ leaves a table whose type is deduced in writable memory.
+constexpr std::array<EntryPoint, 50> entry_points{
     entry_point("SQLAllocConnect", offsetof(OdbcEntryPoints, SQLAllocConnect)),
     entry_point("SQLAllocEnv", offsetof(OdbcEntryPoints, SQLAllocEnv)),
     entry_point("SQLAllocHandle", offsetof(OdbcEntryPoints, SQLAllocHandle)),

@@ -300,7 +300,7 @@ std::ostream& operator<<(std::ostream& out, const setworkunit& work_unit) {
 }
 
 std::ostream& logend(std::ostream& out) {
-    out << '\n' << std::flush;
+    out << "\n" << std::flush;
     out.iword(slots().severity) = severity_between_records;
     unlock_records();
     return out;

@@ -43,7 +43,7 @@ Number number_at(const char* field) {
 void print_field(std::ostream& out, ColumnKind kind, const char* field) {
     switch (kind) {
         case ColumnKind::int32:
-            out << number_at<std::int32_t>(field);
+            out << std::int64_t{number_at<std::int32_t>(field)};
             break;
         case ColumnKind::int64:
             out << number_at<std::int64_t>(field);
@@ -142,10 +142,10 @@ void TableRecord::dump_columns(std::ostream& out) const {
         if (_ind[i] == SQL_NULL_DATA)
             return;
         const std::string_view name = column.name;
-        out << '_' << name << label_blanks.substr(std::min(label_blanks.size(), 1 + name.size()))
+        out << "_" << name << label_blanks.substr(std::min(label_blanks.size(), 1 + name.size()))
             << "= ";
         print_field(out, column.kind, row() + column.offset);
-        out << '\n' << std::flush;
+        out << "\n" << std::flush;
     });
 }
 
