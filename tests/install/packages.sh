@@ -37,9 +37,11 @@ has() {
     done
 }
 
+# A pipe's last command reads it to its end: grep -q would not, and fail the one that still writes.
+
 # field PACKAGE FIELD PATTERN
 field() {
-    dpkg-deb -f "$(package "$1")" "$2" | grep -qE "$3" ||
+    dpkg-deb -f "$(package "$1")" "$2" | grep -E "$3" >/dev/null ||
         fail "$1: $2 does not say $3: $(dpkg-deb -f "$(package "$1")" "$2")"
 }
 
@@ -81,7 +83,7 @@ field libeas1 Recommends 'libsqliteodbc \| odbc-mariadb'
 field eas-tools Depends '(^|, )unixodbc-dev(,|$)'
 field libeas-dev Depends "^libeas1 \(= $(dpkg-deb -f "$(package libeas1)" Version)\)"
 # The dependency is there for this one name.
-dpkg -L unixodbc-dev | grep -q '/libodbc\.so$' || fail "unixodbc-dev has no libodbc.so"
+dpkg -L unixodbc-dev | grep '/libodbc\.so$' >/dev/null || fail "unixodbc-dev has no libodbc.so"
 # The solver that an administrator will use agrees; nothing is installed.
 quietly apt-get install --simulate --no-install-recommends "$scratch"/packages/*.deb
 # Not for Debian's archive, so no bug is closed; and CPack always adds a call of ldconfig to the
@@ -113,7 +115,8 @@ quietly "$cluster/load-sqlite" "$scratch/cluster"
 # shellcheck disable=SC1091
 . "$scratch/cluster/environment"
 for program in "$scratch/by-pkg-config" "$scratch/project/build/by-cmake"; do
-    ldd "$program" | grep -qF "$root/usr/lib" || fail "$program does not use the unpacked library"
+    ldd "$program" | grep -F "$root/usr/lib" >/dev/null ||
+        fail "$program does not use the unpacked library"
     "$program" --thresholds "$cluster/thresholds.conf" --jobs "$cluster/jobs.csv" \
         >"$scratch/output" || fail "$program failed"
     grep -q minimize_energy "$scratch/output"
