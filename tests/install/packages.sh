@@ -15,14 +15,6 @@ fail() {
     exit 1
 }
 
-# quietly COMMAND...: shows what it said only when it fails.
-quietly() {
-    "$@" >"$scratch/log" 2>&1 || {
-        cat "$scratch/log" >&2
-        fail "$*"
-    }
-}
-
 package() {
     ls "$scratch/packages/$1"_*.deb
 }
@@ -46,7 +38,7 @@ field() {
 }
 
 echo "making the packages"
-quietly cpack --config "$build/CPackConfig.cmake" -B "$scratch/packages" \
+cpack --config "$build/CPackConfig.cmake" -B "$scratch/packages" \
     -D CPACK_DEBIAN_COMPRESSION_TYPE=gzip
 mkdir -p "$root" "$scratch/files"
 for deb in "$scratch"/packages/*.deb; do
@@ -85,10 +77,10 @@ field libeas-dev Depends "^libeas1 \(= $(dpkg-deb -f "$(package libeas1)" Versio
 # The dependency is there for this one name.
 dpkg -L unixodbc-dev | grep '/libodbc\.so$' >/dev/null || fail "unixodbc-dev has no libodbc.so"
 # The solver that an administrator will use agrees; nothing is installed.
-quietly apt-get install --simulate --no-install-recommends "$scratch"/packages/*.deb
+apt-get install --simulate --no-install-recommends "$scratch"/packages/*.deb
 # Not for Debian's archive, so no bug is closed; and CPack always adds a call of ldconfig to the
 # trigger that lintian asks for.
-quietly lintian --allow-root --fail-on error,warning --tag-display-limit 0 \
+lintian --allow-root --fail-on error,warning --tag-display-limit 0 \
     --suppress-tags initial-upload-closes-no-bugs,maintscript-calls-ldconfig \
     "$scratch"/packages/*.deb
 
@@ -96,25 +88,17 @@ echo "the example, built against them"
 libdir=$(dirname "$(find "$root" -name libeas.so.1)")
 source=$root/usr/share/eas/examples/scheduler.c
 read -ra flags <<<"$(PKG_CONFIG_PATH=$libdir/pkgconfig pkg-config --cflags --libs eas)"
-quietly cc -std=c11 "$source" -o "$scratch/by-pkg-config" "-Wl,-rpath,$libdir" "${flags[@]}"
-mkdir "$scratch/project"
-cat >"$scratch/project/CMakeLists.txt" <<'PROJECT'
-cmake_minimum_required(VERSION 3.22)
-project(client LANGUAGES C)
-find_package(eas 1.0 REQUIRED)
-add_executable(by-cmake ${SOURCE})
-target_link_libraries(by-cmake PRIVATE eas::eas)
-PROJECT
-quietly cmake -S "$scratch/project" -B "$scratch/project/build" -DCMAKE_PREFIX_PATH="$root/usr" \
-    -DSOURCE="$source"
-quietly cmake --build "$scratch/project/build"
+cc -std=c11 "$source" -o "$scratch/by-pkg-config" "-Wl,-rpath,$libdir" "${flags[@]}"
+cmake -S "$(dirname "$0")/consumer" -B "$scratch/project" \
+    -DCMAKE_PREFIX_PATH="$root/usr" -DC_CLIENT="$source"
+cmake --build "$scratch/project"
 
 echo "the example at work, on what the tools package brings"
 cluster=$root/usr/share/eas/examples/cluster
-quietly "$cluster/load-sqlite" "$scratch/cluster"
+"$cluster/load-sqlite" "$scratch/cluster"
 # shellcheck disable=SC1091
 . "$scratch/cluster/environment"
-for program in "$scratch/by-pkg-config" "$scratch/project/build/by-cmake"; do
+for program in "$scratch/by-pkg-config" "$scratch/project/client-c"; do
     ldd "$program" | grep -F "$root/usr/lib" >/dev/null ||
         fail "$program does not use the unpacked library"
     "$program" --thresholds "$cluster/thresholds.conf" --jobs "$cluster/jobs.csv" \
