@@ -1,9 +1,14 @@
 // A node of known coefficients, and what a calibration of it measures.
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <array>
 #include <cstdio>
 #include <string>
+#include <vector>
+
+#include "common/CoEffsFromFile.h"
 
 namespace eas::test {
 
@@ -35,6 +40,18 @@ inline constexpr KnownRow coefficients[] = {
     {2400000, {1, 0, 0, 1, 0, 0}},
     {2667000, {1.15, -30, -12, 1.04, 0.9, -0.02}},
 };
+
+/// The rows of a coefficient file as the library reads them.
+inline std::vector<KnownRow> rows_of(const std::string& path) {
+    CoEffsFromFile file;
+    EXPECT_EQ(file.ReadCoefficientsFromFile(path.c_str()), 0);
+    std::vector<KnownRow> rows;
+    for (std::size_t i = 0; i < file.getFrequencies().size(); ++i)
+        rows.push_back({file.getFrequencies()[i],
+                        {file.getFactorA()[i], file.getFactorB()[i], file.getFactorC()[i],
+                         file.getFactorD()[i], file.getFactorE()[i], file.getFactorF()[i]}});
+    return rows;
+}
 
 /// The columns frequency_khz,kernel,remark,elapsed_s,power_w,cycles,instructions,memory_bytes.
 inline std::string measurement_line(const KnownKernel& kernel, const KnownRow& row,

@@ -1,27 +1,23 @@
 #include "tests/tools/RunTool.h"
 
 #include <fcntl.h>
-#include <sys/mman.h>
+#include <linux/capability.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
+#include <cstdio>
 #include <cstdlib>
 
 #include "base/UniqueFd.h"
-#include "gtest/gtest.h"
+#include "gmock/gmock.h"
+#include "tests/support/ScratchFolder.h"
 
 namespace eas::test {
 namespace {
 
 constexpr unsigned limit_s = 60;
-
-std::string text_of(const UniqueFd& file) {
-    std::string text(static_cast<std::size_t>(::lseek(file.get(), 0, SEEK_END)), '\0');
-    const ssize_t length = ::pread(file.get(), text.data(), text.size(), 0);
-    text.resize(length > 0 ? static_cast<std::size_t>(length) : 0);
-    return text;
-}
 
 /// The end to read of a pipe that holds `text`.
 UniqueFd pipe_with(const std::string& text) {
@@ -32,10 +28,11 @@ UniqueFd pipe_with(const std::string& text) {
     return UniqueFd(ends[0]);
 }
 
-[[noreturn]] void become_easctl(std::vector<char*>& argv, int in, int out, int err) {
+[[noreturn]] void become_easctl(std::vector<char*>& argv, int in, const char* out,
+                                const char* err) {
     ::dup2(in, STDIN_FILENO);
-    ::dup2(out, STDOUT_FILENO);
-    ::dup2(err, STDERR_FILENO);
+    if (std::freopen(out, "w", stdout) == nullptr || std::freopen(err, "w", stderr) == nullptr)
+        ::_exit(127);
     // What the drivers leak is not the tool's, and they are unmapped when a checker looks.
     ::setenv("ASAN_OPTIONS", "detect_leaks=0", 1);
     ::setsid();        // no terminal: a question about a password cannot wait for anybody
@@ -55,19 +52,29 @@ ToolRun run_easctl(const std::vector<std::string>& arguments, const std::string&
     argv.push_back(nullptr);
 
     const UniqueFd in = pipe_with(input);
-    const UniqueFd out(::memfd_create("out", MFD_CLOEXEC));
-    const UniqueFd err(::memfd_create("err", MFD_CLOEXEC));
+    const ScratchFile out(""), err("");
     const pid_t child = ::fork();
     if (child == 0)
-        become_easctl(argv, in.get(), out.get(), err.get());
+        become_easctl(argv, in.get(), out.path().c_str(), err.path().c_str());
     int status = 0;
     EXPECT_EQ(::waitpid(child, &status, 0), child);
     EXPECT_FALSE(WIFSIGNALED(status) && WTERMSIG(status) == SIGALRM) << "easctl did not end";
-    ToolRun run;
-    run.code = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    run.out = text_of(out);
-    run.err = text_of(err);
-    return run;
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), out.text(),
+            err.text()};
+}
+
+void expect_all(const std::vector<Expectation>& rows) {
+    for (const Expectation& row : rows) {
+        SCOPED_TRACE(::testing::PrintToString(row.arguments));
+        const ToolRun run = run_easctl(row.arguments);
+        EXPECT_EQ(run.code, row.code);
+        EXPECT_THAT(run.out + run.err, ::testing::HasSubstr(row.shown));
+    }
+}
+
+void let_file_modes_bind() {
+    for (const int capability : {CAP_DAC_OVERRIDE, CAP_DAC_READ_SEARCH})
+        ASSERT_EQ(0, ::prctl(PR_CAPBSET_DROP, capability, 0, 0, 0));
 }
 
 }  // namespace eas::test

@@ -16,4 +16,14 @@ struct ToolRun {
 /// environment is the test's. A run of more than a minute is ended and fails the test.
 ToolRun run_easctl(const std::vector<std::string>& arguments, const std::string& input = {});
 
+struct Expectation {
+    std::vector<std::string> arguments;
+    int code;
+    std::string shown;  // on standard output or error
+};
+void expect_all(const std::vector<Expectation>& rows);
+
+/// The modes of files bind what is started from here on, although root starts it.
+void let_file_modes_bind();
+
 }  // namespace eas::test

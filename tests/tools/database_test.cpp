@@ -1,14 +1,10 @@
 // easctl against real databases: the tables, the coefficients, the whole chain.
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
-#include <linux/capability.h>
 #include <pty.h>
-#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <termios.h>
 #include <unistd.h>
-#include <utmp.h>
 
 #include <algorithm>
 #include <array>
@@ -22,44 +18,27 @@
 #include "tests/support/ScratchFolder.h"
 #include "tests/tools/RunTool.h"
 
+namespace eas::test {
 namespace {
 
-using eas::test::Engine;
-using eas::test::run_easctl;
-using eas::test::ScratchDatabase;
-using eas::test::ScratchFile;
-using eas::test::ToolRun;
 using ::testing::HasSubstr;
 
-class Tool : public eas::test::DatabaseTest {
+class Tool : public DatabaseTest {
   protected:
     [[nodiscard]] bool sqlite() const { return GetParam() == Engine::sqlite; }
-    std::string names_and_values() {
-        std::string all;
-        for (const auto& row : plain().run("select * from TQVN_EnergyCoEfficients order by 3,1")) {
-            for (const std::string& value : row)
-                all += value + ' ';
-        }
-        return all;
-    }
 };
 
-INSTANTIATE_TEST_SUITE_P(On, Tool, eas::test::both_engines(), eas::test::engine_suffix);
+INSTANTIATE_TEST_SUITE_P(On, Tool, both_engines(), engine_suffix);
 
 TEST_P(Tool, MakesTheTablesThatAreMissingAndLeavesTheOthers) {
-    EXPECT_EQ(run_easctl({"db", "check", "--grants"}).code, 0) << run_easctl({"db", "check"}).out;
+    EXPECT_EQ(run_easctl({"db", "check", "--grants"}).code, 0);
     database().seed_coefficients("kept", 2300000, 1200000, 100000, 16);
     plain().run("drop table TQVN_EnergyPolicyTag");
-    const auto broken = run_easctl({"db", "check"});
-    EXPECT_EQ(broken.code, 1);
-    EXPECT_THAT(broken.out, HasSubstr("TQVN_EnergyPolicyTag: error: the table is missing"));
-    for (const char* created : {"created TQVN_EnergyPolicyTag", "ok: "}) {
-        const auto run = run_easctl({"db", "init"});
-        EXPECT_EQ(run.code, 0) << run.out << run.err;
-        EXPECT_THAT(run.out, HasSubstr(created));
-    }
+    expect_all({{{"db", "check"}, 1, "TQVN_EnergyPolicyTag: error: the table is missing"},
+                {{"db", "init"}, 0, "created TQVN_EnergyPolicyTag"},
+                {{"db", "init"}, 0, "ok: "},
+                {{"db", "check"}, 0, ""}});
     EXPECT_EQ(database().rows("TQVN_EnergyCoEfficients"), 16);
-    EXPECT_EQ(run_easctl({"db", "check"}).code, 0);
 }
 
 TEST_P(Tool, SaysWhatDiffersFromTheTablesThatTheLibraryNeeds) {
@@ -86,31 +65,25 @@ TEST_P(Tool, SaysWhatDiffersFromTheTablesThatTheLibraryNeeds) {
 
 TEST_P(Tool, CarriesCoefficientsThroughTheDatabaseToTheBit) {
     const std::string rows =
-        "1600000:0.30000000000000004,107.33333333333333,1e-05,0.98999999999999999,-2.25,0.001\n"
+        "1600000:0.30000000000000004,107.33333333333333,1e-05,0.99,-2.25,0.001\n"
         "2000000:0,0,0,0,0,0\n"
-        "2400000:1.1000000000000001,-1.9999999999999998,-0.1,1.0000000000000002,1.5,0\n";
+        "2400000:1.1,-1.9999999999999998,-0.1,1.0000000000000002,1.5,0\n";
     const ScratchFile file("# comment\n" + rows);
     const std::vector<std::string> import{"model", "import", file.path(), "--cluster", "c"};
     auto dry = import;
     dry.emplace_back("--dry-run");
     EXPECT_EQ(run_easctl(dry).code, 0);
     EXPECT_EQ(database().rows("TQVN_EnergyCoEfficients"), 0);
-    for (const char* verdict : {", stored (", "stored already"}) {
-        const auto run = run_easctl(import);
-        EXPECT_EQ(run.code, 0) << run.err;
-        EXPECT_THAT(run.out, HasSubstr(verdict));
-    }
+    expect_all({{import, 0, ", stored ("}, {import, 0, "stored already"}});
     const ScratchFile exported("");
     ASSERT_EQ(run_easctl({"model", "export", "--cluster", "c", "--output", exported.path()}).code,
               0);
-    EXPECT_THAT(exported.text(),
-                HasSubstr("1600000:0.30000000000000004,107.33333333333333,1e-05,0.99,-2.25,0.001\n"
-                          "2000000:0,0,0,0,0,0\n"
-                          "2400000:1.1,-1.9999999999999998,-0.1,1.0000000000000002,1.5,0\n"));
-    EXPECT_THAT(run_easctl({"model", "list", "--format", "csv"}).out,
-                HasSubstr("\nc,2000000,3,1600000,2400000,0\n"));
-    EXPECT_EQ(run_easctl({"model", "show", "--cluster", "c"}).code, 0);
-    EXPECT_EQ(run_easctl({"model", "remove", "--cluster", "c"}).code, 2);
+    EXPECT_THAT(exported.text(), HasSubstr(rows));
+    expect_all({
+        {{"model", "list", "--format", "csv"}, 0, "\nc,2000000,3,1600000,2400000,0\n"},
+        {{"model", "show", "--cluster", "c"}, 0, "2.40"},
+        {{"model", "remove", "--cluster", "c"}, 2, ""},
+    });
     EXPECT_EQ(database().rows("TQVN_EnergyCoEfficients"), 3);
     EXPECT_EQ(run_easctl({"model", "remove", "--cluster", "c", "--yes"}).code, 0);
     EXPECT_EQ(database().rows("TQVN_EnergyCoEfficients"), 0);
@@ -120,11 +93,12 @@ TEST_P(Tool, LosesNoCoefficientWhenAnImportFails) {
     const ScratchFile first("1600000:0.5,2,1,0.99,0,0\n2000000:0,0,0,0,0,0\n");
     const ScratchFile second("1800000:0.7,2,1,0.99,0,0\n2000000:0,0,0,0,0,0\n");
     ASSERT_EQ(run_easctl({"model", "import", first.path(), "--cluster", "c"}).code, 0);
-    const std::string before = names_and_values();
-    const auto unasked = run_easctl({"model", "import", second.path(), "--cluster", "c"});
-    EXPECT_EQ(unasked.code, 4);
-    EXPECT_THAT(unasked.err, HasSubstr("--replace"));
-    EXPECT_EQ(names_and_values(), before);
+    const auto stored = [&] {
+        return plain().run("select * from TQVN_EnergyCoEfficients order by 3,1");
+    };
+    const auto before = stored();
+    expect_all({{{"model", "import", second.path(), "--cluster", "c"}, 4, "--replace"}});
+    EXPECT_EQ(stored(), before);
 
     plain().run(sqlite()
                     ? "create trigger refuse before insert on TQVN_EnergyCoEfficients when "
@@ -134,13 +108,11 @@ TEST_P(Tool, LosesNoCoefficientWhenAnImportFails) {
                       "'refused by test'; end if");
     const std::vector<std::string> replace{"model",     "import", second.path(),
                                            "--cluster", "c",      "--replace"};
-    const auto failed = run_easctl(replace);
-    EXPECT_EQ(failed.code, 4);
-    EXPECT_THAT(failed.err, HasSubstr("refused by test"));
-    EXPECT_EQ(names_and_values(), before);
+    expect_all({{replace, 4, "refused by test"}});
+    EXPECT_EQ(stored(), before);
     plain().run("drop trigger refuse");
     EXPECT_EQ(run_easctl(replace).code, 0);
-    EXPECT_NE(names_and_values(), before);
+    EXPECT_NE(stored(), before);
 }
 
 /// The statuses of doctor's links, "name=status", one per line.
@@ -186,19 +158,10 @@ TEST_P(Tool, DoctorFindsTheBrokenLink) {
     EXPECT_THAT(statuses({}, 1), HasSubstr("=missing\nconnection=missing"));
 }
 
-/// Runs the tool as one whom the modes of files bind, root included.
-ToolRun run_bound(const std::vector<std::string>& arguments) {
-    for (const int capability : {CAP_DAC_OVERRIDE, CAP_DAC_READ_SEARCH})
-        ::prctl(PR_CAPBSET_DROP, static_cast<unsigned long>(capability), 0, 0,
-                0);  // of what is started from here on
-    return run_easctl(arguments);
-}
-
 struct FileCase {
     const char* name;  // in the scratch folder
     mode_t mode;
-    const char* link;
-    const char* status;
+    const char* link;  // that is denied
     const char* remedy;
     int check_code;  // of db check
 };
@@ -207,33 +170,30 @@ TEST(ToolOnSqlite, TellsWhatIsDeniedFromWhatIsMissing) {
     ScratchDatabase database(Engine::sqlite);
     database.seed_coefficients("c", 2000000, 1600000, 400000, 2);
     database.disconnect();
+    let_file_modes_bind();
     for (const FileCase& one : {
-             FileCase{"odbc.ini", 0, "data source easdb", "denied", "chmod 640", 4},
-             FileCase{"odbcinst.ini", 0, "driver SQLite3", "denied", "chmod 640", 4},
-             FileCase{"easdb.sqlite", 0, "connection", "denied", "chown", 4},
-             FileCase{"easdb.sqlite", 0444, "rights of the account", "denied", "chown", 0},
-             FileCase{"", 0555, "rights of the account", "denied", "chown", 0},
+             FileCase{"odbc.ini", 0, "data source easdb", "chmod 640", 4},
+             FileCase{"odbcinst.ini", 0, "driver SQLite3", "chmod 640", 4},
+             FileCase{"easdb.sqlite", 0, "connection", "chown", 4},
+             FileCase{"easdb.sqlite", 0444, "rights of the account", "chown", 0},
+             FileCase{"", 0555, "rights of the account", "chown", 0},
          }) {
         SCOPED_TRACE(std::string(one.name) + ' ' + one.link);
         const std::string path = database.folder() / one.name;
         struct stat before {};
         ASSERT_EQ(::stat(path.c_str(), &before), 0);
         ASSERT_EQ(::chmod(path.c_str(), one.mode), 0);
-        const auto run = run_bound({"doctor", "--json"});
-        EXPECT_EQ(run_bound({"db", "check"}).code, one.check_code);
-        EXPECT_EQ(run_bound({"db", "check", "--grants"}).code, std::max(one.check_code, 1));
+        const auto run = run_easctl({"doctor", "--json"});
+        EXPECT_EQ(run_easctl({"db", "check"}).code, one.check_code);
+        EXPECT_EQ(run_easctl({"db", "check", "--grants"}).code, std::max(one.check_code, 1));
         ASSERT_EQ(::chmod(path.c_str(), before.st_mode), 0);
         EXPECT_EQ(run.code, 1);
-        bool seen = false;
-        const auto document = nlohmann::json::parse(run.out);
-        for (const auto& link : document.at("links")) {
-            if (link.at("name") != one.link)
-                continue;
-            seen = true;
-            EXPECT_EQ(link.at("status"), one.status);
-            EXPECT_THAT(link.at("remedy").get<std::string>(), HasSubstr(one.remedy));
-        }
-        EXPECT_TRUE(seen) << run.out;
+        const auto links = nlohmann::json::parse(run.out).at("links");
+        const auto found = std::find_if(links.begin(), links.end(), [&](const auto& link) {
+            return link.at("name") == one.link && link.at("status") == "denied";
+        });
+        ASSERT_NE(found, links.end()) << run.out;
+        EXPECT_THAT(found->at("remedy").get<std::string>(), HasSubstr(one.remedy));
     }
 }
 
@@ -242,13 +202,10 @@ TEST(ToolOnSqlite, MakesNoFileWhereThePathIsWrongButToInitialise) {
     database.disconnect();
     const auto path = database.folder() / "easdb.sqlite";
     std::filesystem::remove(path);
-    for (const auto& arguments :
-         {std::vector<std::string>{"doctor"}, {"db", "check"}, {"model", "list"}}) {
-        const auto run = run_easctl(arguments);
-        EXPECT_EQ(run.code, arguments[0] == "doctor" ? 1 : 4);
-        EXPECT_THAT(run.out + run.err, HasSubstr(path.string() + ": there is no such file"));
-        EXPECT_FALSE(std::filesystem::exists(path));
-    }
+    const std::string message = path.string() + ": there is no such file";
+    expect_all(
+        {{{"doctor"}, 1, message}, {{"db", "check"}, 4, message}, {{"model", "list"}, 4, message}});
+    EXPECT_FALSE(std::filesystem::exists(path));
     EXPECT_EQ(run_easctl({"db", "init"}).code, 0);
     std::ofstream(path) << "no database, but a text that is long enough to be looked at as one";
     EXPECT_THAT(run_easctl({"db", "check"}).err, HasSubstr("is damaged"));
@@ -257,22 +214,17 @@ TEST(ToolOnSqlite, MakesNoFileWhereThePathIsWrongButToInitialise) {
 TEST(ToolOnSqlite, GivesTheTerminalItsEchoBackWhenASignalEndsTheQuestionForAPassword) {
     const ScratchDatabase database(Engine::sqlite);
     int master = -1;
-    int slave = -1;
-    ASSERT_EQ(::openpty(&master, &slave, nullptr, nullptr, nullptr), 0);
-    const eas::UniqueFd keyboard(master);
-    const eas::UniqueFd terminal(slave);  // its state stays while it is open
-    const auto echoes = [&] {
-        termios state{};
-        return ::tcgetattr(terminal.get(), &state) == 0 && (state.c_lflag & ECHO) != 0;
-    };
-    ASSERT_TRUE(echoes());
-    const pid_t child = ::fork();
+    const pid_t child = ::forkpty(&master, nullptr, nullptr, nullptr);
     if (child == 0) {
-        ::login_tty(slave);
         ::alarm(30);
         ::execl(EAS_EASCTL, "easctl", "db", "check", "--user", "anna", nullptr);
         ::_exit(127);
     }
+    const UniqueFd keyboard(master);
+    const auto echoes = [&] {
+        termios state{};
+        return ::tcgetattr(master, &state) == 0 && (state.c_lflag & ECHO) != 0;
+    };
     std::string shown;
     std::array<char, 256> text{};
     while (shown.find("Password of anna for easdb: ") == std::string::npos) {
@@ -309,10 +261,12 @@ TEST(ToolOnMariaDb, TellsATableThatTheAccountMayNotSeeFromAMissingOne) {
     database.plain().run("grant select on TQVN_EnergyCoEfficients to " + account);
     ::setenv("EASCTL_DB_PASSWORD", "h", 1);
     EXPECT_THAT(statuses({"--user", name}, 1), HasSubstr("connection=ok\nschema=denied"));
-    EXPECT_THAT(run_easctl({"db", "check", "--user", name}).out,
-                HasSubstr("TQVN_EnergyPolicyTag: error: this account may not read the table"));
+    expect_all({{{"db", "check", "--user", name},
+                 1,
+                 "TQVN_EnergyPolicyTag: error: this account may not read the table"}});
     ::unsetenv("EASCTL_DB_PASSWORD");
     database.plain().run("drop user " + account);
 }
 
 }  // namespace
+}  // namespace eas::test
