@@ -18,14 +18,6 @@ problem() {
     problems=$((problems + 1))
 }
 
-# The options in a --help, and the commands below it.
-options() {
-    sed -nE 's/^  (-[^ ]*).*/\1/p' "$1" | tr , '\n'
-}
-commands() {
-    sed -nE '/^Subcommands:/,/^$/s/^  ([a-z][^ ]*).*/\1/p' "$1"
-}
-
 # What each shell offers for the last of these words, one name per line.
 in_bash() {
     bash -c '. "$1" && shift && COMP_WORDS=("$@") && COMP_CWORD=$(($# - 1)) && _easctl &&
@@ -45,8 +37,10 @@ in_zsh() {
 check() {
     local help=$scratch/help name below
     "$easctl" "$@" --help >"$help"
-    options "$help" >"$scratch/options"
-    commands "$help" >"$scratch/commands"
+    grep -qE '^ +easctl |^Subcommands:' "$help" || problem "easctl $*: the help has no example"
+    ! grep -q $'\033' "$help" || problem "easctl $*: the help has colours, but no terminal"
+    sed -nE 's/^  (-[^ ]*).*/\1/p' "$help" | tr , '\n' >"$scratch/options"
+    sed -nE '/^Subcommands:/,/^$/s/^  ([a-z][^ ]*).*/\1/p' "$help" >"$scratch/commands"
     in_bash easctl "$@" - >"$scratch/bash" && in_zsh easctl "$@" - >"$scratch/zsh"
     in_bash easctl "$@" '' >>"$scratch/bash" && in_zsh easctl "$@" '' >>"$scratch/zsh"
     while read -r name; do

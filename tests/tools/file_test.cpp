@@ -1,4 +1,4 @@
-// What easctl says, line by line, of coefficient and threshold files.
+// What easctl says of a wrong command line and, line by line, of coefficient and threshold files.
 #include <gmock/gmock.h>
 
 #include <nlohmann/json.hpp>
@@ -14,6 +14,17 @@ using ::testing::HasSubstr;
 const char* const low = "1600000:0.5,20,10,0.99,-2,0.001\n";
 const char* const middle = "2000000:0,0,0,0,0,0\n";
 const char* const high = "4100000:1.8,-20,-9,1.01,2,-0.001\n";
+
+TEST(CommandLine, IsRefusedInWordsAndForProgramsToo) {
+    expect_all({{{}, 2, ""},
+                {{"nonsense"}, 2, "nonsense"},
+                {{"db", "bogus"},
+                 2,
+                 "\"bogus\" is no command of easctl db\n  what to do: its commands: init, check\n"},
+                {{"model", "--json"}, 2, "easctl: "}});
+    const auto run = run_easctl({"model", "--json"});
+    EXPECT_EQ(nlohmann::json::parse(run.out).at("error").at("name"), "usage");
+}
 
 struct BadModel {
     std::string text;
