@@ -12,7 +12,6 @@ import resource
 import subprocess
 import sys
 import tempfile
-import time
 
 LIMIT = 5.0  # percent, of thresholds.conf
 DEMANDED = {2400000: -0.01, 2500000: -0.03, 2600000: -0.06, 2700000: -0.10}
@@ -75,27 +74,25 @@ def check_totals(result, jobs, model, default):
     assert set(classes) == {job["class"] for job in jobs}
     classes[None] = result["total"]
     for name, entry in classes.items():
+        its_jobs = [job for job in jobs if name in (None, job["class"])]
+        assert entry["runs"] == sum(int(job["count"]) for job in its_jobs), name
         for outcome in entry["policies"]:
-            percent = outcome.get("threshold_pct", LIMIT)
-            demanded = DEMANDED
+            percent, demanded = LIMIT, DEMANDED
             if "threshold_pct" in outcome:
+                percent = outcome["threshold_pct"]
                 demanded = swept_demand(model, default, percent)
-            energy, seconds, runs, changed = 0.0, 0.0, 0, 0
-            for job in jobs:
-                if name not in (None, job["class"]):
-                    continue
+            energy, seconds, changed = 0.0, 0.0, 0
+            for job in its_jobs:
                 count = int(job["count"])
                 rows = predict(model, default, job)
                 khz = select(rows, default, outcome["policy"], percent, demanded)
                 energy += count * rows[khz][0] * rows[khz][1]
                 seconds += count * rows[khz][1]
-                runs += count
                 changed += count if khz != default else 0
-            where = (name, outcome)
-            assert entry["runs"] == runs, where
+            where = (name, outcome, energy, seconds)
             assert outcome["runs_changed"] == changed, where
-            assert math.isclose(outcome["energy_j"], energy, rel_tol=1e-9), (where, energy)
-            assert math.isclose(outcome["time_s"], seconds, rel_tol=1e-9), (where, seconds)
+            assert math.isclose(outcome["energy_j"], energy, rel_tol=1e-9), where
+            assert math.isclose(outcome["time_s"], seconds, rel_tol=1e-9), where
 
 
 def write_jobs(path, jobs, bad=()):
@@ -129,9 +126,9 @@ def small(easctl, folder, scratch):
     result = json.loads(plain.stdout)
     check_totals(result, jobs, model, default)
     assert result["rows_left_out"] == 3, result
-    assert f"{path}:8: 3 fields, but the header names 11 columns" in plain.stderr, plain.stderr
-    assert f"{path}:9: the figures of this job allow no prediction" in plain.stderr, plain.stderr
-    assert f"{path}:10: count" in plain.stderr, plain.stderr
+    for problem in ("8: 3 fields, but the header names 11 columns",
+                    "9: the figures of this job allow no prediction", "10: count"):
+        assert f"{path}:{problem}" in plain.stderr, plain.stderr
     run(easctl, *source, *thresholds, "--strict", code=3)
     write_jobs(path, jobs)
 
@@ -148,8 +145,7 @@ def small(easctl, folder, scratch):
         picture = os.path.join(scratch, "savings.svg")
         run(easctl, *source, *thresholds, *more, "--plot", picture)
         with open(picture, encoding="utf-8") as file:
-            drawn = file.read()
-        assert "memory, mostly" in drawn and "</svg>" in drawn, drawn[:500]
+            assert "memory, mostly" in file.read(), picture
 
     run(easctl, *source, code=2)
     for sweep in ("0:20", "5:1:1", "0:20:0", "0:200:1", "0:20:1e-9", "a:b:c"):
@@ -166,24 +162,15 @@ def large(easctl, folder, scratch):
     with open(path, "w", encoding="ascii") as file:
         file.write(",".join(jobs[0]) + "\n")
         file.writelines(f"{lines[i % len(lines)]},class {i}\n" for i in range(LARGE_ROWS))
-    start = time.monotonic()
     result = json.loads(run(easctl, path, "--model", model_file, "--sweep", "0:10:1",
                             "--json").stdout)
-    seconds = time.monotonic() - start
     kib = resource.getrusage(resource.RUSAGE_CHILDREN).ru_maxrss
-    print(f"{LARGE_ROWS} rows: {seconds:.1f} s, {kib} KiB")
     assert result["total"]["jobs"] == LARGE_ROWS
     assert len(result["classes"]) == 1001  # and one of all others
     assert result["jobs_in_other_classes"] == LARGE_ROWS - 1000
     assert kib < MOST_MEMORY_KIB, kib
 
 
-def main(arguments):
-    with tempfile.TemporaryDirectory() as scratch:
-        if arguments[2:] == ["--large"]:
-            large(arguments[0], arguments[1], scratch)
-        else:
-            small(arguments[0], arguments[1], scratch)
-
-
-main(sys.argv[1:])
+check = large if sys.argv[3:] == ["--large"] else small
+with tempfile.TemporaryDirectory() as its_scratch:
+    check(sys.argv[1], sys.argv[2], its_scratch)
