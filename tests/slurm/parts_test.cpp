@@ -8,7 +8,6 @@
 
 #include <chrono>
 #include <csignal>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <stdexcept>
@@ -16,6 +15,7 @@
 #include "adapters/slurm/ChildCall.h"
 #include "adapters/slurm/JobRecord.h"
 #include "adapters/slurm/PluginArguments.h"
+#include "tests/support/ScratchFolder.h"
 
 namespace eas::slurm {
 namespace {
@@ -38,7 +38,8 @@ TEST(SlurmRequest, NamesAndPoliciesAreCheckedToTheLetter) {
     EXPECT_TRUE(is_tag_name("a") && is_tag_name("A_9.x-") && is_tag_name(std::string(255, 'x')));
     for (const std::string& name :
          {std::string(), std::string(256, 'x'), std::string("a b"), std::string("a\n"),
-          std::string("a\"b"), std::string("100%"), std::string("a/b"), std::string("a\0b", 3)})
+          std::string("a\"b"), std::string("100%"), std::string("a/b"), std::string("\xe4"),
+          std::string("a\0b", 3)})
         EXPECT_FALSE(is_tag_name(name)) << name;
     EXPECT_TRUE(is_policy("none") && is_policy("minimize_time") && is_policy("minimize_energy"));
     EXPECT_FALSE(is_policy("") || is_policy("minimize") || is_policy("minimize_energy "));
@@ -87,10 +88,9 @@ TEST(SlurmRecord, WhatTheStepsDidIsAddedUpOrSaidToHaveAGap) {
 }
 
 TEST(SlurmRecord, FoldersAndRecordsThatOthersCouldHavePlantedAreRefused) {
-    std::string scratch = fs::temp_directory_path() / "eas-slurm.XXXXXX";
-    ASSERT_NE(nullptr, ::mkdtemp(scratch.data()));
-    const fs::path good = fs::path(scratch) / "good", open = fs::path(scratch) / "open",
-                   link = fs::path(scratch) / "link", victim = fs::path(scratch) / "victim";
+    const test::ScratchFolder scratch;
+    const fs::path good = scratch.path("good"), open = scratch.path("open"),
+                   link = scratch.path("link"), victim = scratch.path("victim");
     fs::create_directory(open);
     fs::create_directory_symlink(open, link);
     EXPECT_THROW(StateFolder(open.string()), std::runtime_error);
@@ -117,7 +117,6 @@ TEST(SlurmRecord, FoldersAndRecordsThatOthersCouldHavePlantedAreRefused) {
     ASSERT_EQ(0, ::mkfifo((good / "job-9").c_str(), 0600));
     EXPECT_THROW((void)folder.read(9), std::runtime_error) << "and does not wait for a writer";
     EXPECT_FALSE(fs::is_symlink(good / "job-8"));
-    fs::remove_all(scratch);
 }
 
 TEST(SlurmChild, WhateverHappensInItIsToldInTime) {

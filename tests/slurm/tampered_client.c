@@ -2,15 +2,11 @@
 #include <slurm/spank.h>
 #include <stdlib.h>
 
-#define VISIBLE __attribute__((visibility("default")))
+#pragma GCC visibility push(default)
 
-extern VISIBLE const char plugin_name[];
-extern VISIBLE const char plugin_type[];
-extern VISIBLE const unsigned int plugin_version;
-extern VISIBLE const unsigned int spank_plugin_version;
 SPANK_PLUGIN(tampered, 1)
 
-VISIBLE int slurm_spank_init_post_opt(spank_t spank, int count, char** words) {
+int slurm_spank_init_post_opt(spank_t spank, int count, char** words) {
     const char* tag = getenv("TAMPERED_TAG");
     (void)count;
     (void)words;
