@@ -17,7 +17,7 @@
 #include "common/TextHelpers.h"
 
 using namespace eas::threshold_keyword;
-using namespace std::string_view_literals;
+using namespace std::string_view_literals;  // "..."sv compares without a call to bind at load
 
 namespace {
 

@@ -1,12 +1,11 @@
 #include "interface/TagStore.h"
 
-#include <array>
-#include <charconv>
 #include <cstdlib>
 #include <cstring>
 #include <exception>
 
 #include "base/DebugFile.h"
+#include "base/Decimal.h"
 #include "base/DeferCancellation.h"
 #include "common/CoEfficients.h"
 #include "common/EnergyTag.h"
@@ -20,12 +19,6 @@
 namespace {
 
 constexpr int no_more_data = SQL_NO_DATA;
-
-std::string decimal(int number) {
-    std::array<char, 100> text{};
-    const auto end = std::to_chars(text.data(), text.data() + text.size(), number).ptr;
-    return {text.data(), end};
-}
 
 void debug_log(const char* message) {
     eas_debug_printf(debug_fd, message);
@@ -172,7 +165,7 @@ int read_coeffs_from_db(DBConnection* conn, const std::string& cluster_name, int
     if (def_freq <= 0 || cluster_name.empty())
         return 1;
     const std::string condition = " where cluster_name=\"" + cluster_name +
-                                  "\" and default_frequency=" + decimal(def_freq) +
+                                  "\" and default_frequency=" + eas::decimal(def_freq) +
                                   " order by frequency asc";
     TxObject tx(conn);
     TQVN_EnergyCoEfficients row;
@@ -204,7 +197,7 @@ std::string format_condition(const std::string& cluster_name, int default_freque
     append_name("cluster_name", cluster_name);
     append_name("user_name", user_name);
     if (default_frequency > 0)
-        text.append("default_frequency=").append(decimal(default_frequency)).append(" and ");
+        text.append("default_frequency=").append(eas::decimal(default_frequency)).append(" and ");
     append_name("energy_tag_name", tag_name);
     if (text.size() == empty_length)
         return {};

@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <array>
-#include <charconv>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -13,6 +12,7 @@
 #include <new>
 #include <string_view>
 
+#include "base/Decimal.h"
 #include "base/DeferCancellation.h"
 #include "base/FatalAssertion.h"
 #include "base/ThreadSafety.h"
@@ -107,13 +107,6 @@ void set_name(std::ios_base& stream, int slot, const std::string& name) {
     std::free(std::exchange(stream.pword(slot), nullptr));
     if (!name.empty())
         stream.pword(slot) = ::strdup(name.c_str());
-}
-
-template <typename Number>
-void append_number(std::string& text, Number number) {
-    std::array<char, 24> digits{};
-    const auto end = std::to_chars(digits.data(), digits.data() + digits.size(), number).ptr;
-    text.append(digits.data(), end);
 }
 
 char severity_letter(long severity) {
@@ -264,16 +257,16 @@ std::string DBTracer::shown_ids() {
         return {};
     std::string ids = " [";
     if (pid)
-        append_number(ids, ::getpid());
+        ids += eas::decimal(::getpid());
     if (pid && tid)
         ids += ':';
     if (tid)
-        append_number(ids, ::pthread_self());
+        ids += eas::decimal(::pthread_self());
     const long work_unit = iword(slots().work_unit);
     if (wid && work_unit != 0) {
         if (pid || tid)
             ids += ':';
-        append_number(ids, work_unit);
+        ids += eas::decimal(work_unit);
     }
     return ids += ']';
 }
