@@ -3,7 +3,6 @@
 // afterwards.
 #include <sched.h>
 #include <sys/mount.h>
-#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -16,6 +15,7 @@
 #include <thread>
 
 #include "tests/faults/Operations.h"
+#include "tests/support/DescriptorLimit.h"
 
 namespace {
 
@@ -83,18 +83,15 @@ TEST_P(Outages, AKilledProcessLeavesNoPartOfATag) {
 }
 
 TEST_P(Outages, WithoutDescriptorsACallFailsAndTheNextOneWorks) {
-    const auto open = static_cast<rlim_t>(open_descriptors());
-    rlimit usual{};
-    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &usual), 0);
     int failed = 0;
-    for (rlim_t i = 0; i < 16; ++i) {
-        const rlim_t free = i / 2;
-        SCOPED_TRACE(free);
+    for (int i = 0; i < 16; ++i) {
+        const int spare = i / 2;
+        SCOPED_TRACE(spare);
         prepare(i % 2 == 0 ? Operation::query : Operation::generate);
-        const rlimit limit{open - 1 + free, usual.rlim_max};
-        ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &limit), 0);
-        const Codes codes = try_all();
-        ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &usual), 0);
+        const Codes codes = [&] {
+            const DescriptorLimit limit(spare);
+            return try_all();
+        }();
         for (const OperationRow& row : operation_rows) {
             const int code = codes.at(static_cast<std::size_t>(row.operation));
             EXPECT_TRUE(code <= 0 && code >= row.lowest_code) << row.name << " " << code;

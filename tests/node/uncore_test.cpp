@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <sys/mman.h>
-#include <sys/resource.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -16,6 +15,7 @@
 #include "common/node/UncoreCounters.h"
 #include "common/node/UncoreMsrCounters.h"
 #include "tests/node/NodeTest.h"
+#include "tests/support/DescriptorLimit.h"
 
 namespace eas::test {
 namespace {
@@ -202,29 +202,18 @@ TEST_F(UncoreTest, ProgramsAndSumsTheMemoryChannels) {
     }
 }
 
-/// The limit under which `spare` more descriptors can be opened.
-rlim_t limit_with(int spare) {
-    int limit = 0;
-    for (int free = 0; free < spare; ++limit)
-        free += ::fcntl(limit, F_GETFD) == -1;
-    return static_cast<rlim_t>(limit);
-}
-
 // The n-th descriptor fails, for every n: whatever was mapped is given back, nothing twice.
 TEST_F(UncoreTest, ChannelsThatCannotBeMappedAreGivenBack) {
     FakeNode node(of_model(45));
     inside(node, [&] {
         ASSERT_EQ(0, discover_topology());
-        rlimit original{};
-        ::getrlimit(RLIMIT_NOFILE, &original);
         for (int spare = 0; spare <= 17; ++spare) {
             SCOPED_TRACE(spare);
             const std::string before = footprint();
-            rlimit tight = original;
-            tight.rlim_cur = limit_with(spare);
-            ::setrlimit(RLIMIT_NOFILE, &tight);
-            const int result = init_uncore_counters();
-            ::setrlimit(RLIMIT_NOFILE, &original);
+            const int result = [&] {
+                const DescriptorLimit limit(spare);
+                return init_uncore_counters();
+            }();
             // 16 descriptors stay open, and one more reads the table.
             EXPECT_EQ(spare < 17 ? -1 : 0, result);
             if (spare >= 9 && spare < 17) {
