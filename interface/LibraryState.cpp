@@ -2,9 +2,7 @@
 
 #include <unistd.h>
 
-#include <array>
-#include <cstdio>
-#include <cstring>
+#include <string_view>
 #include <utility>
 
 #include "base/DebugFile.h"
@@ -40,6 +38,9 @@ std::atomic<int> calls{0};  // in progress, or no_more_calls
     eas::set_global_coeffs(nullptr);
     DBLibrary::release();
     DBConnection::clearDBinfo();
+    // The name under which it writes to the system log lies in its own memory.
+    dbtrace_config(-1);
+    eas::UniqueFd(debug_fd.exchange(-1)).reset();
 }
 
 }  // namespace
@@ -47,10 +48,10 @@ std::atomic<int> calls{0};  // in progress, or no_more_calls
 void eas_debug_printf(int fd, const std::string& msg) {
     if (!eas::debug_output_wanted())
         return;
-    std::array<char, 1024> text{};
-    std::snprintf(text.data(), text.size(), "%s", msg.c_str());
+    constexpr std::size_t LONGEST = 1023;
+    const std::string_view text = std::string_view(msg.c_str()).substr(0, LONGEST);
     // The log is an aid: a text that cannot be written is lost.
-    [[maybe_unused]] const ssize_t written = ::write(fd, text.data(), std::strlen(text.data()));
+    [[maybe_unused]] const ssize_t written = ::write(fd, text.data(), text.size());
 }
 
 namespace eas {

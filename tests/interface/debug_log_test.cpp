@@ -1,13 +1,16 @@
 // The debug files and the locator file at their places, in a private mount namespace.
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
+#include <syslog.h>
 #include <unistd.h>
 
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <string>
@@ -25,6 +28,7 @@ using ::testing::ContainsRegex;
 using ::testing::HasSubstr;
 using ::testing::Not;
 
+char cluster[] = "c1";
 constexpr const char* debug_log = "/tmp/.eas_lib_debug";
 constexpr const char* threshold_output = "/tmp/.threshold_output";
 
@@ -37,8 +41,7 @@ std::string content(const std::string& path) {
 int query(const std::string& tag) {
     int count = 0;
     energyPolicyTag_t* tags = nullptr;
-    return eas_query_tag(const_cast<char*>("c1"), 2000000, nullptr, const_cast<char*>(tag.c_str()),
-                         &count, &tags);
+    return eas_query_tag(cluster, 2000000, nullptr, const_cast<char*>(tag.c_str()), &count, &tags);
 }
 
 /// /tmp and /etc are this process's own, and hold a database of cluster "c1".
@@ -63,10 +66,7 @@ class InPrivateNamespace : public ::testing::Test {
             << "Begin Min_Energy\nTHRESHOLD_RUNTIME_VAR = 5\nEnd Min_Energy\n"
                "Begin Min_Time\nCPU_FREQ RUNTIME_VAR\nEnd Min_Time\n";
     }
-    int initialize() {
-        return eas_initialize(const_cast<char*>("c1"), 2000000,
-                              const_cast<char*>(thresholds_.c_str()));
-    }
+    int initialize() { return eas_initialize(cluster, 2000000, thresholds_.data()); }
 
     std::optional<eas::test::ScratchDatabase> database_;
     std::string thresholds_;
@@ -127,6 +127,29 @@ TEST_F(InPrivateNamespace, ADebugFileWithSomethingElseInItsPlaceStopsTheProcess)
         EXPECT_EQ(::fcntl(file.get(), F_GETFD), FD_CLOEXEC) << path;
     }
     EXPECT_EQ(content(elsewhere), "");
+}
+
+TEST_F(InPrivateNamespace, AnUnloadedLibraryLeavesNoDescriptorAndNoNameInTheSystemLog) {
+    const auto descriptors = [] {
+        return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
+    };
+    ::setenv("DEBUG_THRESHOLD", "1", 1);
+    const auto before = descriptors();
+    void* library = ::dlopen(EAS_LIBRARY, RTLD_NOW | RTLD_LOCAL);
+    ASSERT_NE(library, nullptr) << ::dlerror();
+    const auto initialize_it =
+        reinterpret_cast<decltype(&eas_initialize)>(::dlsym(library, "eas_initialize"));
+    const auto query_it =
+        reinterpret_cast<decltype(&eas_query_tag)>(::dlsym(library, "eas_query_tag"));
+    ASSERT_EQ(initialize_it(cluster, 2000000, thresholds_.data()), EAS_OK);
+    int count = 0;
+    energyPolicyTag_t* tags = nullptr;
+    ASSERT_EQ(query_it(cluster, 2000000, nullptr, nullptr, &count, &tags), EAS_OK);
+    EXPECT_THAT(content(debug_log), HasSubstr("Successfully executed"));
+    ::dlclose(library);
+    ASSERT_EQ(::dlopen(EAS_LIBRARY, RTLD_NOW | RTLD_NOLOAD), nullptr);
+    EXPECT_EQ(descriptors(), before);
+    ::syslog(LOG_DEBUG, "the host's own record");
 }
 
 TEST_F(InPrivateNamespace, TheLocatorFileNamesTheDataSource) {
