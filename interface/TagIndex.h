@@ -1,9 +1,10 @@
-// Groups rows into tags at a cost that grows linearly with the rows, in whatever order they come.
+// Groups rows into tags at a cost that grows with the rows, in whatever order they come and
+// whatever names users chose: the index is ordered, since names can be made to collide in a hash.
 #pragma once
 
 #include <cstddef>
+#include <set>
 #include <string_view>
-#include <unordered_map>
 #include <vector>
 
 #include "common/EnergyTag.h"
@@ -17,8 +18,9 @@ struct TagKey {
     std::string_view user;
     int default_frequency;  // KHz
 
-    [[nodiscard]] bool identifies(const EnergyTag& tag) const;
-    [[nodiscard]] std::size_t hash() const;
+    [[nodiscard]] static TagKey of(const EnergyTag& tag);
+    [[nodiscard]] bool operator==(const TagKey& other) const;
+    [[nodiscard]] bool operator<(const TagKey& other) const;
 };
 
 class TagIndex {
@@ -30,18 +32,28 @@ class TagIndex {
     /// The tag of that key, or null. Valid until the next append.
     [[nodiscard]] EnergyTag* find(const TagKey& key);
 
-    /// Appends `tag`, whose key is `key`, and returns where it stands until the next append.
-    EnergyTag& append(const TagKey& key, EnergyTag&& tag);
+    /// Appends `tag`, whose key is not there yet, and returns where it stands until the next
+    /// append.
+    EnergyTag& append(EnergyTag&& tag);
 
   private:
-    void insert(std::size_t hash, std::size_t position) { positions_.emplace(hash, position); }
+    /// Orders positions by the keys of the tags that stand there.
+    struct ByKey {
+        using is_transparent = void;
+        const std::vector<EnergyTag>& tags;
+
+        [[nodiscard]] TagKey key(std::size_t position) const { return TagKey::of(tags[position]); }
+        bool operator()(std::size_t a, std::size_t b) const { return key(a) < key(b); }
+        bool operator()(std::size_t a, const TagKey& b) const { return key(a) < b; }
+        bool operator()(const TagKey& a, std::size_t b) const { return a < key(b); }
+    };
 
     [[nodiscard]] bool is_at(std::size_t position, const TagKey& key) const {
-        return position < tags_.size() && key.identifies(tags_[position]);
+        return position < tags_.size() && key == TagKey::of(tags_[position]);
     }
 
     std::vector<EnergyTag>& tags_;
-    std::unordered_multimap<std::size_t, std::size_t> positions_;  // hash of a key -> tag
+    std::set<std::size_t, ByKey> positions_;
     std::size_t latest_ = 0;  // rows mostly come tag by tag, or tag after tag for each frequency
 };
 

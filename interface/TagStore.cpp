@@ -24,6 +24,11 @@ void debug_log(const char* message) {
     eas_debug_printf(debug_fd, message);
 }
 
+/// A field that is not set, or a name that was not asked for, says nothing against a row.
+bool bears(std::string_view field, std::string_view name) {
+    return field.empty() || name.empty() || field == name;
+}
+
 /// What tags are asked for. An empty name matches all.
 struct TagRequest {
     const std::string& cluster;
@@ -40,16 +45,11 @@ struct TagRequest {
                eas::is_safe_in_condition(tag);
     }
 
-    /// A row that does not bear the names asked for shows that the database read the condition in
-    /// another sense: an engine may take a quoted name for a column, or compare without case.
+    /// A row that bears other names than those asked for shows that the database read the condition
+    /// in another sense: an engine may take a quoted name for a column, or compare without case.
     [[nodiscard]] bool asked_for(const TQVN_EnergyPolicyTag& row) const {
-        return is_in(row._cluster_name, cluster) && is_in(row._user_name, user) &&
-               is_in(row._energy_tag_name, tag);
-    }
-
-  private:
-    static bool is_in(std::string_view field, std::string_view name) {
-        return name.empty() || name == field;
+        return bears(row._cluster_name, cluster) && bears(row._user_name, user) &&
+               bears(row._energy_tag_name, tag);
     }
 };
 
@@ -81,7 +81,7 @@ bool fetch_tags(TxObject& tx, TQVN_EnergyPolicyTag& row, const TagRequest& reque
                               row._default_frequency};
         EnergyTag* tag = index.find(key);
         if (tag == nullptr)
-            tag = &index.append(key, tag_of(row));
+            tag = &index.append(tag_of(row));
         add_row(row, *tag);
     }
     return status == no_more_data;
@@ -175,8 +175,7 @@ int read_coeffs_from_db(DBConnection* conn, const std::string& cluster_name, int
 
     int status = 0;
     while ((status = tx.fetch(&row)) == 0) {
-        const std::string_view bearer = row._cluster_name;
-        if (!bearer.empty() && bearer != cluster_name)
+        if (!bears(row._cluster_name, cluster_name))
             return 1;  // the database read the condition in another sense
         coeffs_ref.setArrayData(row._frequency, row._factor_a, row._factor_b, row._factor_c,
                                 row._factor_d, row._factor_e, row._factor_f);
