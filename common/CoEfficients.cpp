@@ -4,7 +4,7 @@
 #include <cstdio>
 #include <utility>
 
-#include "common/Numbers.h"
+#include "base/Numbers.h"
 #include "common/ParallelArrays.h"
 
 CoEfficients& CoEfficients::operator=(CoEfficients& other) {

@@ -3,8 +3,8 @@
 #include <array>
 #include <cstring>
 
+#include "base/Numbers.h"
 #include "base/UniqueFile.h"
-#include "common/Numbers.h"
 
 namespace {
 
@@ -47,10 +47,9 @@ int CoEffsFromFile::ReadCoefficients(std::FILE* stream) {
 }
 
 int CoEffsFromFile::read_row(char* line) {
-    if (char* comment = std::strchr(line, '#'))
-        *comment = '\0';
-    char* colon = std::strchr(line, ':');
-    if (colon == nullptr)
+    line[std::strcspn(line, "#")] = '\0';
+    char* colon = line + std::strcspn(line, ":");
+    if (*colon == '\0')
         return BAD_COEFFICIENTS_FILE;
     *colon = '\0';
     std::array<double, 6> f{};
@@ -75,7 +74,7 @@ void CoEffsFromFile::print_file_coefficients() const {
     const eas::CLocaleScope c_locale;
     const std::vector<int>& frequencies = getFrequencies();
     for (std::size_t i = 0; i < frequencies.size(); ++i) {
-        // The two missing commas are part of the listing's format.
+        // The missing commas are part of the listing's format.
         std::printf(
             "[%d] %10d: A = %10.4f, B = %10.4f C = %10.4f, D = %10.4f E = %10.4f F = %10.4f\n",
             static_cast<int>(i), frequencies[i], getFactorA()[i], getFactorB()[i], getFactorC()[i],

@@ -12,8 +12,8 @@
 #include "base/DebugFile.h"
 #include "base/DeferCancellation.h"
 #include "base/FatalAssertion.h"
+#include "base/Numbers.h"
 #include "base/UniqueFile.h"
-#include "common/Numbers.h"
 #include "common/TextHelpers.h"
 
 using namespace eas::threshold_keyword;
@@ -29,8 +29,7 @@ bool matches(std::string_view line, std::string_view keyword) {
 
 /// What a line holds besides comments and surrounding white space; empty for none. Cuts in place.
 const char* content_of(char* line) {
-    if (char* comment = std::strchr(line, '#'))
-        *comment = '\0';
+    line[std::strcspn(line, "#")] = '\0';
     return ltrunc(line);
 }
 

@@ -6,7 +6,7 @@
 #include <exception>
 #include <utility>
 
-#include "common/Numbers.h"
+#include "base/Numbers.h"
 #include "common/ParallelArrays.h"
 
 namespace {

@@ -1,8 +1,8 @@
 // The two renderings of an energy tag: the report for people and the dump on standard output.
 #include <cstdio>
 
+#include "base/Numbers.h"
 #include "common/EnergyTag.h"
-#include "common/Numbers.h"
 
 namespace {
 

@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <climits>
 #include <cstdint>
@@ -11,8 +12,10 @@
 #include <cstdlib>
 #include <cstring>
 #include <new>
+#include <string_view>
 
 #include "base/DeferCancellation.h"
+#include "base/Numbers.h"
 #include "base/UniqueFd.h"
 #include "common/node/BinFile.h"
 
@@ -31,8 +34,7 @@ constexpr const char* LOWEST_FREQUENCY = "scaling_min_freq";
 constexpr const char* HIGHEST_FREQUENCY = "scaling_max_freq";
 constexpr const char* AVAILABLE_FREQUENCIES = "scaling_available_frequencies";
 
-constexpr const char* USERSPACE = "userspace";
-constexpr std::size_t USERSPACE_LENGTH = 9;
+constexpr std::string_view USERSPACE = "userspace";
 constexpr std::size_t GOVERNOR_SIZE = 32;
 constexpr std::size_t FREQUENCY_LIST_SIZE = 1024;
 
@@ -59,10 +61,13 @@ bool write_cpufreq(int cpuid, const char* name, const char* text, std::size_t le
     return bin_write_file(cpufreq_path(cpuid, name).data(), text, size) == size;
 }
 
-// As atoi, but a number that does not fit is 0, so no frequency.
+// A number that no int holds is 0, so no frequency.
 int to_khz(const char* text) {
-    const long value = std::strtol(text, nullptr, 10);
-    return value < 0 || value > INT_MAX ? 0 : static_cast<int>(value);
+    return std::max(eas::to_int(text), 0);
+}
+
+bool starts_with(std::string_view text, std::string_view start) {
+    return text.substr(0, start.size()) == start;
 }
 
 // False for what is no frequency, or does not fit its text buffer: a cut number is another one.
@@ -77,7 +82,8 @@ int append_numbers(const char* text, std::vector<int>& numbers) {
     try {
         while (*(text += std::strcspn(text, DIGITS)) != '\0') {
             numbers.push_back(to_khz(text));
-            text += std::strspn(text, DIGITS);
+            while (eas::is_digit(*text))
+                ++text;
         }
     } catch (const std::bad_alloc&) {
         return FAILED;
@@ -131,8 +137,8 @@ int EnergyUtil::set_cpu_frequency(int freqval, int cpuid) {
     std::array<char, GOVERNOR_SIZE> present{};
     if (read_cpufreq(cpuid, GOVERNOR, present) <= 0)
         return FAILED;
-    if (std::strncmp(USERSPACE, present.data(), USERSPACE_LENGTH) != 0 &&
-        !write_cpufreq(cpuid, GOVERNOR, USERSPACE, USERSPACE_LENGTH)) {
+    if (!starts_with(present.data(), USERSPACE) &&
+        !write_cpufreq(cpuid, GOVERNOR, USERSPACE.data(), USERSPACE.size())) {
         return FAILED;
     }
     const bool set =
@@ -144,14 +150,14 @@ int EnergyUtil::set_cpu_governor(char* governor, int cpuid) {
     if (governor == nullptr)
         return FAILED;
     const eas::DeferCancellation deferred;
-    const std::size_t length = std::strlen(governor);
+    const std::string_view wanted = governor;
     std::array<char, GOVERNOR_SIZE> present{};
     if (read_cpufreq(cpuid, GOVERNOR, present) <= 0)
         return FAILED;
     // The kernel ends the present name with a newline: only the given name's length counts.
-    if (std::strncmp(governor, present.data(), length) == 0)
+    if (starts_with(present.data(), wanted))
         return DONE;
-    return write_cpufreq(cpuid, GOVERNOR, governor, length) ? DONE : FAILED;
+    return write_cpufreq(cpuid, GOVERNOR, governor, wanted.size()) ? DONE : FAILED;
 }
 
 int EnergyUtil::set_cpu_frequency_cap(int freqval, int cpuid, CPUFreqCapType type) {

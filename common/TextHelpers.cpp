@@ -3,7 +3,7 @@
 #include <array>
 #include <cstring>
 
-#include "common/Numbers.h"
+#include "base/Numbers.h"
 
 using eas::is_digit;
 using eas::is_space;

@@ -59,21 +59,6 @@ constexpr std::array<CoreEvent, NUM_CORE_COUNTERS> EVENTS = {{
     {PERF_TYPE_RAW, 0x530211},  // event 0x11, umask 0x02: 256-bit packed, double precision
 }};
 
-constexpr auto NO_DESCRIPTORS = [] {
-    std::array<int, NUM_CORE_COUNTERS> row{};
-    for (int& fd : row)
-        fd = -1;
-    return row;
-}();
-
-constexpr CoreCounterState NOTHING_OPEN = [] {
-    CoreCounterState state{};
-    state.fd = NO_DESCRIPTORS;
-    for (auto& row : state.fds)
-        row = NO_DESCRIPTORS;
-    return state;
-}();
-
 using Counts = std::array<unsigned long long, NUM_CORE_COUNTERS>;
 
 perf_event_attr attribute_of(const CoreEvent& event) {
@@ -89,7 +74,7 @@ perf_event_attr attribute_of(const CoreEvent& event) {
 
 // Opens an event into `slot`, closing what the slot held. The flags of the system call are 0, so
 // closing on exec is asked for afterwards.
-bool open_into(int& slot, perf_event_attr& attr, pid_t pid, int cpu) {
+bool open_into(eas::FdSlot& slot, perf_event_attr& attr, pid_t pid, int cpu) {
     eas::UniqueFd replaced(std::exchange(slot, -1));
     replaced.reset();
     slot = perf_event_open(&attr, pid, cpu, -1);
@@ -108,7 +93,7 @@ bool open_node_wide(std::size_t counter, perf_event_attr& attr) {
     attr.enable_on_exec = 0;
     // Physical cores, not threads: CPU numbers above them are the cores' second threads.
     for (int cpu = 0; cpu < cinfo.numCores; ++cpu) {
-        int& slot = core_counters.fds[static_cast<std::size_t>(cpu)][counter];
+        eas::FdSlot& slot = core_counters.fds[static_cast<std::size_t>(cpu)][counter];
         if (!open_into(slot, attr, -1, cpu))
             return false;
     }
@@ -148,7 +133,7 @@ void store_counts(const Counts& counts, hwrusage& usage) {
 
 }  // namespace
 
-CoreCounterState core_counters = NOTHING_OPEN;
+CoreCounterState core_counters;
 
 int perf_event_open(perf_event_attr* event, pid_t pid, int cpu, int leader_fd) {
     return static_cast<int>(syscall(SYS_perf_event_open, event, pid, cpu, leader_fd, 0UL));
@@ -216,7 +201,7 @@ std::uint64_t rdclock() {
 namespace eas {
 
 void close_core_counters() {
-    for (int& fd : core_counters.fd) {
+    for (eas::FdSlot& fd : core_counters.fd) {
         UniqueFd closing(std::exchange(fd, -1));
     }
 }

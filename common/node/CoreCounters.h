@@ -9,6 +9,7 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "base/FdSlot.h"
 #include "common/EasMisc.h"
 
 /// Events that are counted.
@@ -25,9 +26,10 @@ struct perf_counts_values {
 
 /// The descriptors; -1 where none is open.
 struct CoreCounterState {
-    std::array<int, NUM_CORE_COUNTERS> fd;  ///< per process: one per event
-    std::array<std::array<int, NUM_CORE_COUNTERS>, MAX_COUNTED_CPUS> fds;  ///< by CPU and event
-    int system_wide;  ///< 1 once the whole node was chosen; never 0 again
+    using Row = std::array<eas::FdSlot, NUM_CORE_COUNTERS>;  // by event
+    Row fd;                                                  ///< per process
+    std::array<Row, MAX_COUNTED_CPUS> fds;                   ///< for the whole node, by CPU
+    int system_wide = 0;  ///< 1 once the whole node was chosen; never 0 again
 };
 
 extern CoreCounterState core_counters;

@@ -5,6 +5,7 @@
 
 #include <cstdint>
 
+#include "base/FdSlot.h"
 #include "common/node/CpuTopology.h"
 
 /// Memory channels of a socket.
@@ -15,8 +16,8 @@ constexpr int CHANNEL_PAGE_SIZE = 4096;
 /// The mapped channels of one socket.
 struct memory_channels {
     char* mmaddr[CHANNELS_PER_SOCKET] = {};  ///< configuration page; null: none
-    int fd[CHANNELS_PER_SOCKET] = {-1, -1, -1, -1, -1, -1, -1, -1};  ///< the device behind it
-    int num_channels = 0;  ///< entries that were mapped; kept by the clean-up
+    eas::FdSlot fd[CHANNELS_PER_SOCKET];     ///< the device behind it
+    int num_channels = 0;                    ///< entries that were mapped; kept by the clean-up
 };
 
 /// By socket index, in the order of appearance.

@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <cstdlib>
-#include <cstring>
 #include <memory>
 #include <string>
 #include <utility>
@@ -26,18 +25,23 @@ namespace {
 
 constexpr int max_attempts = 20;
 
-SQLCHAR* odbc_text(char* text) {
-    return reinterpret_cast<SQLCHAR*>(text);
+SQLCHAR* odbc_text(std::string& text) {
+    return reinterpret_cast<SQLCHAR*>(text.data());
+}
+
+/// Null for a setting that is not set.
+SQLCHAR* odbc_text(std::string* setting) {
+    return setting != nullptr ? odbc_text(*setting) : nullptr;
 }
 
 /// A text with its length, as SQLConnect takes user and password. One that is not set is an empty
 /// text of length 0: on a null one the driver manager's connection pooling crashes (unixODBC
 /// 2.3.11), and an empty one of length SQL_NTS replaces the data source's own (MariaDB's driver).
 struct Credential {
-    explicit Credential(char* set) : text(odbc_text(set)) {
-        static char unset[] = "";
+    explicit Credential(std::string* set) : text(odbc_text(set)) {
+        static SQLCHAR unset[] = "";
         if (set == nullptr) {
-            text = odbc_text(unset);
+            text = unset;
             length = 0;
         }
     }
@@ -45,12 +49,12 @@ struct Credential {
     SQLSMALLINT length = SQL_NTS;
 };
 
-const char* shown(const char* text) {
-    return text != nullptr ? text : "(nil)";
+const char* shown(const std::string* setting) {
+    return setting != nullptr ? setting->c_str() : "(nil)";
 }
 
 SQLRETURN execute(SQLHANDLE hstmt, std::string& sql) {
-    return DBLibrary::get()->SQLExecDirect(hstmt, odbc_text(sql.data()), SQL_NTS);
+    return DBLibrary::get()->SQLExecDirect(hstmt, odbc_text(sql), SQL_NTS);
 }
 
 bool abort_is_refused() {
@@ -137,19 +141,17 @@ void DBConnection::freeEnvHandle() {
     _henv = eas::no_handle();
 }
 
-void DBConnection::replace(char*& setting, const char* text) {
-    std::unique_ptr<char[]> copy;
-    if (text != nullptr) {
-        const std::size_t size = std::strlen(text) + 1;
-        copy = std::make_unique<char[]>(size);
-        std::memcpy(copy.get(), text, size);
-    }
-    const std::unique_ptr<char[]> old(std::exchange(setting, copy.release()));
+void DBConnection::replace(std::string*& setting, const char* text) {
+    std::unique_ptr<std::string> copy;
+    if (text != nullptr)
+        copy = std::make_unique<std::string>(text);
+    const std::unique_ptr<std::string> old(std::exchange(setting, copy.release()));
 }
 
 void DBConnection::clearDBinfo() noexcept {
-    for (char** setting : {&_settings._db, &_settings._user, &_settings._pwd, &_settings._schema})
-        std::unique_ptr<char[]>(std::exchange(*setting, nullptr)).reset();
+    for (std::string** setting :
+         {&_settings._db, &_settings._user, &_settings._pwd, &_settings._schema})
+        std::unique_ptr<std::string>(std::exchange(*setting, nullptr)).reset();
 }
 
 void DBConnection::setDBinfo(const char* db, const char* user, const char* pwd,
@@ -214,7 +216,7 @@ int DBConnection::connect(const char* db, const char* user, const char* pwd, con
 
 bool DBConnection::schemaDiffersFromUser() noexcept {
     return _settings._schema != nullptr && _settings._user != nullptr &&
-           std::strcmp(_settings._schema, _settings._user) != 0;
+           *_settings._schema != *_settings._user;
 }
 
 bool DBConnection::allocate() {
@@ -311,9 +313,8 @@ int DBConnection::setAutoCommit(bool on) {
     const auto value = reinterpret_cast<SQLPOINTER>(on ? SQL_AUTOCOMMIT_ON : SQL_AUTOCOMMIT_OFF);
     const SQLRETURN rc =
         DBLibrary::get()->SQLSetConnectAttr(_hcon, SQL_ATTR_AUTOCOMMIT, value, SQL_NTS);
+    // What was asked for counts from now on, also when the driver refused it.
     _autocommit = on ? 1 : 0;
-    if (!SQL_SUCCEEDED(rc))
-        _autocommit = -1;  // only the driver knows now
     return rc;
 }
 

@@ -9,6 +9,7 @@
 #include <sqlext.h>
 
 #include <cstdint>
+#include <string>
 
 #include "db/base_class/UserSwitch.h"
 
@@ -77,14 +78,14 @@ class DBConnection {
     /// runs for them when the library is loaded, and none takes them from a thread that is inside
     /// a call when the process ends.
     struct Settings {
-        char* _db = nullptr;
-        char* _user = nullptr;
-        char* _pwd = nullptr;
-        char* _schema = nullptr;
+        std::string* _db = nullptr;
+        std::string* _user = nullptr;
+        std::string* _pwd = nullptr;
+        std::string* _schema = nullptr;
     };
     class PendingConnection;
 
-    static void replace(char*& setting, const char* text);
+    static void replace(std::string*& setting, const char* text);
     [[nodiscard]] static bool schemaDiffersFromUser() noexcept;
     bool allocate();
     bool connectWithRetries();

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <utility>
 
+#include "base/Numbers.h"
 #include "db/base_class/CancelState.h"
 #include "db/base_class/DBTracer.h"
 #include "db/base_class/Properties.h"
@@ -28,16 +29,16 @@ const char* text_of(const std::optional<std::string>& text) {
     return text ? text->c_str() : nullptr;
 }
 
-/// A negative number of connections means none.
-std::uint32_t connection_count(int number) {
+/// A negative number of connections to begin with means none.
+std::uint32_t min_count(int number) {
     return static_cast<std::uint32_t>(std::max(number, 0));
 }
 
 int min_connections(const std::string& from_file) {
     const char* from_environment = std::getenv("MIN_POOL_CONNECTIONS");
-    const int number = from_environment != nullptr ? std::atoi(from_environment) : 0;
+    const int number = from_environment != nullptr ? eas::to_int(from_environment) : 0;
     const bool counts = number >= 1 && number <= most_from_environment;
-    return counts ? number : std::atoi(from_file.c_str());
+    return counts ? number : eas::to_int(from_file.c_str());
 }
 
 /// Gives a connection back to the pool, unless it is handed out.
@@ -72,9 +73,10 @@ DBConnectionPoolImpl::DBConnectionPoolImpl(const char* propertiesFile) {
     _user = properties["database_user"];
     _pwd = properties["database_password"];
     _schema = properties["database_schema_name"];
-    _minConnections = connection_count(min_connections(properties["min_pool_connections"]));
-    _maxConnections = connection_count(std::atoi(properties["max_pool_connections"].c_str()));
-    _trace_level = std::atoi(properties["pool_trace_level"].c_str());
+    _minConnections = min_count(min_connections(properties["min_pool_connections"]));
+    _maxConnections =
+        static_cast<std::uint32_t>(eas::to_int(properties["max_pool_connections"].c_str()));
+    _trace_level = eas::to_int(properties["pool_trace_level"].c_str());
     initPool();
 }
 
@@ -85,8 +87,8 @@ DBConnectionPoolImpl::DBConnectionPoolImpl(const char* db, const char* user, con
       _user(copy_of(user)),
       _pwd(copy_of(pwd)),
       _schema(copy_of(schema)),
-      _minConnections(connection_count(min)),
-      _maxConnections(connection_count(max)),
+      _minConnections(min_count(min)),
+      _maxConnections(static_cast<std::uint32_t>(max)),
       db_seteuid(set),
       db_unseteuid(unset) {
     initPool();

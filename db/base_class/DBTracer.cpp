@@ -9,7 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <new>
+#include <memory>
 #include <string_view>
 
 #include "base/Decimal.h"
@@ -133,7 +133,7 @@ std::atomic<bool> DBTracer::_showwid{false};
 DBTracer::DBTracer(const char* ident, int fd, bool resetfd)
     : std::ostream(static_cast<std::streambuf*>(this)),
       _bufsize(buffer_size),
-      _outbuf(new (std::nothrow) char[buffer_size]) {
+      _outbuf(static_cast<char*>(std::malloc(buffer_size))) {
     eas::require_or_abort(_outbuf != nullptr, "_outbuf");
     setp(_outbuf.get(), _outbuf.get() + _bufsize);
     if (_fd < 0 || resetfd)
@@ -303,11 +303,12 @@ int dbtrace_config(int fd) {
     if (fd < -1)
         return dbtrace_fd != -1 ? 1 : 0;
     const eas::MutexLock lock(config_mutex);
-    dbtrace_fd = fd;
+    dbtrace_fd = -1;  // until there is a tracer, or for good
     if (fd == -1)
         DBTracer::close();
     else
         DBTracer::init(fd);
+    dbtrace_fd = fd;
     return fd != -1 ? 1 : 0;
 }
 

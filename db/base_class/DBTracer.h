@@ -10,6 +10,7 @@
 #include <atomic>
 #include <cstdarg>
 #include <cstdint>
+#include <cstdlib>
 #include <memory>
 #include <ostream>
 #include <streambuf>
@@ -64,7 +65,11 @@ class DBTracer : public std::streambuf, public std::ostream {
     static std::atomic<bool> _showwid;
 
     const std::int32_t _bufsize;
-    std::unique_ptr<char[]> _outbuf;
+    struct Free {
+        void operator()(char* buffer) const noexcept { std::free(buffer); }
+    };
+
+    std::unique_ptr<char[], Free> _outbuf;
 };
 
 /// Begins a record: takes the record lock, unless this thread already has it.

@@ -75,16 +75,15 @@ SQLRETURN TableRecord::bind_selected(SQLHANDLE hdbc, SQLHANDLE hstmt, const Bind
     if (_columns == 0)
         return SQL_ERROR;
     const Table all = table();
-    SQLRETURN rc = SQL_SUCCESS;
     SQLUSMALLINT position = 0;
     for (std::size_t i = 0; i < all.count; ++i) {
         if (!selected(i))
             continue;
-        rc = bind(all.columns[i], i, ++position);
+        const SQLRETURN rc = bind(all.columns[i], i, ++position);
         if (rc != SQL_SUCCESS && check_statement(rc, hdbc, hstmt) != 0)
             return rc;
     }
-    return rc;
+    return SQL_SUCCESS;
 }
 
 SQLRETURN TableRecord::bind_col(SQLHANDLE hdbc, SQLHANDLE hstmt) {

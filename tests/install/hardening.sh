@@ -25,6 +25,9 @@ has ' __stack_chk_fail' nm -D || problem "no stack protector"
 has ' __v?snprintf_chk' nm -D || problem "library calls are not checked (fortify)"
 has 'endbr64' objdump -d || problem "no landing pads for indirect branches"
 ! has 'TEXTREL' readelf -dW || problem "writes to its code"
+# One entry is the compiler's own.
+has '\.init_array +INIT_ARRAY +[0-9a-f]+ [0-9a-f]+ 000008 ' readelf -SW ||
+    problem "runs code of its own when it is loaded"
 ! has ' __cxa_atexit' nm -D || problem "a static object of it is destroyed when the process ends"
 ! has 'RPATH|RUNPATH' readelf -dW || problem "looks for libraries in folders of its own"
 ! has '^/.*\.cpp$' strings -a || problem "names folders of the machine that built it"

@@ -3,9 +3,9 @@
 #include <limits>
 #include <utility>
 
+#include "base/Numbers.h"
 #include "common/EnergyTag.h"
 #include "common/JobMetrics.h"
-#include "common/Numbers.h"
 #include "tests/model/ModelFixtures.h"
 
 namespace {

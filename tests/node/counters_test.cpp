@@ -87,7 +87,7 @@ TEST_F(CountersTest, FollowsTheNodeOnAsManyCpusAsItHasCoresAndKeepsItsDescriptor
         EXPECT_EQ(0, gethwrusage(-1, nullptr));
         EXPECT_EQ(15U * 8, opened_counters()) << "starting again does not pile more of them up";
         for (auto& row : core_counters.fds)
-            for (int& fd : row)
+            for (FdSlot& fd : row)
                 if (fd >= 0)
                     ::close(std::exchange(fd, -1));
     });

@@ -4,7 +4,7 @@
 #include <cstdlib>
 #include <numeric>
 
-#include "common/Numbers.h"
+#include "base/Numbers.h"
 #include "common/TQVN_EnergyCoEfficients.h"
 #include "interface/TagStore.h"
 #include "tools/easctl/Output.h"

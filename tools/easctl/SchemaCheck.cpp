@@ -247,7 +247,7 @@ void check_session(Database& database, Findings& findings) {
             "a backslash in a text is not an ordinary character: a user SITE\\anna would "
             "not be found",
             mariadb ? initstmt_hint : other_driver_hint);
-    if (database.connection().isAutoCommit())
+    if (database.connection().setAutoCommit(false) != SQL_SUCCESS)
         findings.error(where,
                        "autocommit cannot be switched off: half a tag could stay behind after a "
                        "failure",

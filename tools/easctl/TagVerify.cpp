@@ -2,10 +2,10 @@
 
 #include <cmath>
 
+#include "base/Numbers.h"
 #include "common/CoEfficients.h"
 #include "common/EnergyTag.h"
 #include "common/JobMetrics.h"
-#include "common/Numbers.h"
 
 namespace easctl {
 

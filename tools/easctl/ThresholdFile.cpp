@@ -5,7 +5,7 @@
 #include <cstring>
 #include <utility>
 
-#include "common/Numbers.h"
+#include "base/Numbers.h"
 #include "common/TextHelpers.h"
 #include "tools/easctl/InputFile.h"
 

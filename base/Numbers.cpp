@@ -1,4 +1,4 @@
-#include "common/Numbers.h"
+#include "base/Numbers.h"
 
 #include <algorithm>
 #include <array>
