@@ -95,8 +95,8 @@ typedef struct enrusage {
  *           another process.
  *
  * The counters need root: the effective user becomes the saved one (restore_priv) for the length
- * of the call and the real one (drop_priv_temp) at its end. A null `usage` while nothing is
- * programmed leaves the saved user in force.
+ * of the call and the real one (drop_priv_temp) at its end, which is not reported when it fails. A
+ * null `usage` while nothing is programmed leaves the saved user in force.
  *
  * A source that fails is not reported: without perf events the core fields and tstamp keep what
  * the caller had in them (clear the record first). Without the memory counters membytes_xferred is
@@ -145,7 +145,8 @@ EAS_API int verify_qpx(void);
  *   buflen   size of buf in bytes; at most buflen - 1 are read, in one read(2)
  *
  * Device qpx.1 comes first, qpx.0 is the fall-back. Returns the bytes read; 0 when neither file can
- * be opened, when reading fails or gives nothing, or for a null or empty buffer. Thread-safe.
+ * be opened, when reading fails or gives nothing, or for a null name, or a null or empty buffer.
+ * Thread-safe.
  */
 EAS_API unsigned int sysfs_read_file(const char* fname, char* buf, size_t buflen);
 
@@ -154,7 +155,7 @@ EAS_API unsigned int sysfs_read_file(const char* fname, char* buf, size_t buflen
  *
  * Numbers may be decimal, or hexadecimal after 0x, or octal after 0 (strtoul(3), base 0). Returns
  * the value; 0 for another position, a sensor that cannot be read, a text that is no number or a
- * number that does not fit. Thread-safe.
+ * number that does not fit. A negative number (a temperature) wraps to a huge one. Thread-safe.
  */
 EAS_API unsigned long sysfs_get_one_value(unsigned int which);
 

@@ -50,7 +50,7 @@ extern "C" {
 enum eas_return_code {
     EAS_OK = 0,
 
-    /* Every function: an argument is null, empty or out of range. */
+    /* Every function: an argument is null or out of range; eas_generate_tag: or empty. */
     EAS_BAD_ARGUMENT = -1,
     /* Every function: no connection to the database (eas_initialize: or no driver manager). */
     EAS_NO_CONNECTION = -2,
@@ -65,7 +65,8 @@ enum eas_return_code {
     /* eas_generate_tag */
     EAS_TAG_NOT_AVAILABLE = -4, /* the figures allow no prediction */
     EAS_STORE_FAILED = -5,      /* the database refused the tag; nothing of it is stored */
-    EAS_TAG_EXISTS = -6,        /* for this cluster, default frequency and user */
+    EAS_TAG_EXISTS = -6,        /* for this cluster, default frequency and user; a name that cannot
+                                   be looked up is refused by the tables instead (-5) */
 
     /* eas_query_tag */
     EAS_QUERY_FAILED = -4, /* or no memory for the result */
@@ -115,7 +116,8 @@ EAS_API int eas_initialize(char* cluster_name, int default_frequency, char* thre
 /*
  * Predicts a job at every frequency of the cluster and stores the result as a tag.
  *
- *   cluster_name, user_name, tag_name, job_id   not null, not empty
+ *   cluster_name, user_name, tag_name, job_id   not null, not empty; the prediction is that of
+ *                      the initialised cluster, whatever cluster the tag is stored under
  *   default_frequency  KHz; that of the loaded coefficients
  *   hw_counters        three doubles: processor cycles, instructions, bytes of memory traffic
  *   time_elapsed       s, above 0: run time of the job at the default frequency
@@ -137,6 +139,7 @@ EAS_API int eas_generate_tag(char* cluster_name, int default_frequency, char* us
 /*
  * Hands out the stored tags of a cluster and default frequency.
  *
+ *   cluster_name          not null; empty matches every cluster
  *   user_name, tag_name   null or empty matches every user, or every tag
  *   num_tags              out: how many were found, 0 on any failure after the argument checks
  *   tags                  out: one block of num_tags records, null when there are none
@@ -153,6 +156,7 @@ EAS_API int eas_query_tag(char* cluster_name, int default_frequency, char* user_
  * Removes the stored tags of a cluster and default frequency, all that match or none; a commit that
  * fails is not reported (see above).
  *
+ *   cluster_name          not null; an empty one removes the tags of every cluster
  *   user_name, tag_name   null or empty matches every user, or every tag
  *   tag_count             out: how many tags were removed
  *   user_list             out: tag_count owners, one per removed tag
@@ -170,6 +174,7 @@ EAS_API int eas_remove_tag(char* cluster_name, int default_frequency, char* user
 /*
  * Selects the frequency for a job from the predictions of its tag.
  *
+ *   cluster_name          not null; empty matches every cluster
  *   user_name, tag_name   not null; together they must match exactly one tag (an empty one
  *                         matches all)
  *   energy_policy         "minimize_energy": the frequency, up to the default one, that saves most
