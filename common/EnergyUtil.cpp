@@ -77,18 +77,18 @@ bool format_khz(int freqval, std::array<char, MAX_FREQENCY_LENGTH>& text) {
     return std::snprintf(text.data(), text.size(), "%d", freqval) < MAX_FREQENCY_LENGTH;
 }
 
-int append_numbers(const char* text, std::vector<int>& numbers) {
-    constexpr const char* DIGITS = "0123456789";
-    try {
-        while (*(text += std::strcspn(text, DIGITS)) != '\0') {
-            numbers.push_back(to_khz(text));
-            while (eas::is_digit(*text))
-                ++text;
-        }
-    } catch (const std::bad_alloc&) {
-        return FAILED;
+// Appends the driver's steps; false where it has no list of them. Throws std::bad_alloc.
+bool append_available(std::vector<int>& freqs, int cpuid) {
+    std::array<char, FREQUENCY_LIST_SIZE> text{};
+    if (read_cpufreq(cpuid, AVAILABLE_FREQUENCIES, text) <= 0)
+        return false;
+    const char* next = text.data();
+    while (*(next += std::strcspn(next, "0123456789")) != '\0') {
+        freqs.push_back(to_khz(next));
+        while (eas::is_digit(*next))
+            ++next;
     }
-    return numbers.empty() ? FAILED : DONE;
+    return !freqs.empty();
 }
 
 // The first of the nearest ones; 0 when every one is `frequency` away or more.
@@ -188,10 +188,13 @@ int EnergyUtil::set_all_cpu_freqs_cap(int freqval, CPUFreqCapType type) {
 
 int EnergyUtil::get_available_freqs(std::vector<int>& freqs, int cpuid) {
     const eas::DeferCancellation deferred;
-    std::array<char, FREQUENCY_LIST_SIZE> text{};
-    if (read_cpufreq(cpuid, AVAILABLE_FREQUENCIES, text) <= 0)
+    const std::size_t before = freqs.size();
+    try {
+        return append_available(freqs, cpuid) ? DONE : FAILED;
+    } catch (const std::bad_alloc&) {
+        freqs.resize(before);
         return FAILED;
-    return append_numbers(text.data(), freqs);
+    }
 }
 
 int EnergyUtil::cal_nominal_freq(int cpuid) {
@@ -211,12 +214,17 @@ int EnergyUtil::cal_nominal_freq(int cpuid) {
 int EnergyUtil::get_nominal_freq(int cpuid) {
     if (nominal_frequency >= 1)
         return nominal_frequency;
+    const eas::DeferCancellation deferred;
     int frequency = cal_nominal_freq(cpuid);
     if (frequency < 1)
         return FAILED;
-    std::vector<int> freqs;
-    if (get_available_freqs(freqs, cpuid) > 0)
-        frequency = nearest(freqs, frequency);
+    try {
+        std::vector<int> freqs;
+        if (append_available(freqs, cpuid))
+            frequency = nearest(freqs, frequency);
+    } catch (const std::bad_alloc&) {
+        return FAILED;  // without the list it would be a near miss, and kept for good
+    }
     if (frequency < 1)
         return FAILED;
     nominal_frequency = frequency;

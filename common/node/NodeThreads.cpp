@@ -97,9 +97,11 @@ int EnergyUtil::get_all_cpu_ids(std::vector<int>& cpuids) {
     const eas::UniqueFile cpuinfo = eas::open_for_reading(PROC_CPUINFO_PATH);
     if (!cpuinfo)
         return -1;
+    const std::size_t before = cpuids.size();
     try {
         eas::append_cpu_ids(cpuinfo.get(), cpuids);
     } catch (const std::bad_alloc&) {
+        cpuids.resize(before);
         return -1;
     }
     return cpuids.empty() ? -1 : 1;

@@ -22,13 +22,19 @@ const Row rows[] = {
      [] {
          std::vector<int> cpus;
          const int code = EnergyUtil::get_all_cpu_ids(cpus);
-         return code == 1 && cpus.size() != 16 ? 0 : code;
+         return cpus.size() == (code == 1 ? 16U : 0U) ? code : 0;
      }},
     {"get_available_freqs",
      [] {
          std::vector<int> steps;
          const int code = EnergyUtil::get_available_freqs(steps, 0);
-         return code == 1 && steps.back() != 1600000 ? 0 : code;
+         return steps.size() == (code == 1 ? 5U : 0U) ? code : 0;
+     }},
+    {"get_nominal_freq",
+     [] {
+         EnergyUtil::nominal_frequency = 0;
+         const int frequency = EnergyUtil::get_nominal_freq(0);
+         return frequency == 2667000 ? 1 : frequency;
      }},
     {"get_node_threads",
      [] {
