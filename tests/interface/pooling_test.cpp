@@ -1,5 +1,7 @@
 // The scheduler functions while the driver manager pools connections ([ODBC] Pooling = Yes): a
 // connection is then used by one call after another, from whatever thread.
+#include <unistd.h>
+
 #include <atomic>
 #include <fstream>
 #include <new>
@@ -71,13 +73,23 @@ TEST_P(Pooling, EachCallSeesWhatOthersCommittedAndLocksNobodyOut) {
 TEST_P(Pooling, ThreadsShareTheConnections) {
     ASSERT_EQ(generate("anna", "shared"), EAS_OK);
     std::atomic<int> failed{0};
+    // The server may take one of two that work beside each other back.
+    const auto fails = [](const auto& call) {
+        for (int attempt = 0; attempt < 20; ++attempt) {
+            if (call())
+                return 0;
+        }
+        return 1;
+    };
     std::vector<std::thread> threads;
     for (int i = 0; i < 8; ++i) {
         threads.emplace_back([&, own = "t" + std::to_string(i)] {
             for (int k = 0; k < 5; ++k) {
                 failed += select_tag("shared") != EAS_OK;
-                if (GetParam() == Engine::mariadb)
-                    failed += generate("anna", own) != EAS_OK || remove_tag(own.c_str()) != 1;
+                if (GetParam() == Engine::mariadb) {
+                    failed += fails([&] { return generate("anna", own) == EAS_OK; });
+                    failed += fails([&] { return remove_tag(own.c_str()) == 1; });
+                }
             }
         });
     }
@@ -135,6 +147,8 @@ TEST_P(ServerPooling, AConnectionThatTheServerEndedIsReplaced) {
         ASSERT_EQ(connections().size(), 1U);
         for (const std::string& id : connections())
             plain().run("kill " + id);
+        for (int i = 0; i < 1000 && !connections().empty(); ++i)
+            ::usleep(10000);
         EXPECT_EQ(select_tag("t"), EAS_OK);
         EXPECT_EQ(remove_tag("t"), 1);
     }

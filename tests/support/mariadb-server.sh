@@ -7,10 +7,10 @@
 #   mariadb-server.sh resume DIR  starts it again on its data
 #
 # Where the server is not installed, start succeeds without a DIR/socket and the tests that need it
-# skip. A server that nobody stops ends by itself after an hour.
+# skip. A server that nobody stops ends by itself after three hours.
 set -eu
 
-lifetime_s=3600
+lifetime_s=10800
 start_limit_s=60
 
 usage() {
@@ -56,7 +56,7 @@ launch() {
         --innodb-buffer-pool-size=32M --innodb-log-file-size=16M --innodb-fast-shutdown=2 \
         --innodb-flush-log-at-trx-commit=0 --innodb-doublewrite=0 --innodb-flush-method=nosync \
         --key-buffer-size=1M --aria-pagecache-buffer-size=1M --table-open-cache=64 \
-        --max-connections=64 \
+        --max-connections=500 \
         >"$scratch/server.log" 2>&1 </dev/null &
     echo $! >"$dir/pid"
 }

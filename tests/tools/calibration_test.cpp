@@ -5,6 +5,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cmath>
 #include <filesystem>
 #include <fstream>
 #include <nlohmann/json.hpp>
@@ -42,37 +43,61 @@ class Calibration : public NodeTest {
     ScratchFolder folder_;
 };
 
-// The simulated work depends on the frequency only: one node for each kernel, all into one file.
-TEST_F(Calibration, FindsTheCoefficientsOfASimulatedNode) {
+/// Measures each kernel on a node of its own, since the simulated work depends on the frequency
+/// only; all into one file.
+void measure_into(const std::string& file, NodeShape shape) {
     for (const KnownKernel& kernel : kernels) {
-        NodeShape shape = small_node();
+        shape.workload.clear();
         for (const KnownRow& row : coefficients)
             shape.workload.push_back({row.khz, row.watts(kernel), row.pace(kernel), kernel.lines});
         FakeNode node(shape);
         inside(node, [&] {
-            const auto run = run_easctl({"model", "calibrate", "--out", path("m.csv"), "--seconds",
-                                         "0.4", "--kernels", kernel.name, "--json"});
+            const auto run = run_easctl({"model", "calibrate", "--out", file, "--seconds", "0.4",
+                                         "--kernels", kernel.name, "--json"});
             EXPECT_EQ(run.code, 0) << run.err;
             EXPECT_EQ(nlohmann::json::parse(run.out).at("measured").size(),
                       std::size(coefficients));
         });
     }
-    // Short runs on a busy machine: counters that are read one after the other do not quite agree.
-    expect_all({{{"model", "fit", path("m.csv"), "-o", path("c.txt"), "--max-error", "20"},
-                 0,
-                 "2400000 kHz, the node's nominal one"}});
-    const std::vector<KnownRow> found = rows_of(path("c.txt"));
-    ASSERT_EQ(found.size(), std::size(coefficients));
+}
+
+bool is_near(double found, double known, double tolerance) {
+    return std::abs(found - known) <= tolerance;
+}
+
+/// What of a fitted model is far from the one that was simulated.
+std::string misses_of(const std::vector<KnownRow>& found) {
+    std::ostringstream misses;
     for (std::size_t i = 0; i < found.size(); ++i) {
         const KnownRow& row = coefficients[i];
-        if (row.khz == 2400000)
-            continue;
-        SCOPED_TRACE(row.khz);
         for (const KnownKernel& kernel : kernels) {
-            EXPECT_NEAR(found[i].watts(kernel), row.watts(kernel), 0.05 * row.watts(kernel));
-            EXPECT_NEAR(found[i].pace(kernel), row.pace(kernel), 0.08 * row.pace(kernel) + 0.05);
+            const double watts = row.watts(kernel);
+            const double pace = row.pace(kernel);
+            if (row.khz != 2400000 && (!is_near(found[i].watts(kernel), watts, 0.05 * watts) ||
+                                       !is_near(found[i].pace(kernel), pace, 0.08 * pace + 0.05)))
+                misses << row.khz << ' ' << kernel.name << ": " << found[i].watts(kernel) << " W, "
+                       << found[i].pace(kernel) << "; ";
         }
     }
+    return misses.str();
+}
+
+// Short runs on a busy machine: counters that are read one after the other need not agree, so it
+// has more than one try.
+TEST_F(Calibration, FindsTheCoefficientsOfASimulatedNode) {
+    std::string misses = "not fitted";
+    for (int attempt = 0; attempt < 4 && !misses.empty(); ++attempt) {
+        fs::remove(path("m.csv"));
+        fs::remove(path("c.txt"));
+        measure_into(path("m.csv"), small_node());
+        const auto fit =
+            run_easctl({"model", "fit", path("m.csv"), "-o", path("c.txt"), "--max-error", "20"});
+        EXPECT_THAT(fit.out + fit.err, HasSubstr("2400000 kHz, the node's nominal one"));
+        const std::vector<KnownRow> found = rows_of(path("c.txt"));
+        ASSERT_EQ(found.size(), std::size(coefficients));
+        misses = fit.code == 0 ? misses_of(found) : fit.err;
+    }
+    EXPECT_EQ(misses, "");
 }
 
 std::string cpufreq(int cpu, const char* file) {
@@ -95,7 +120,7 @@ int interrupted_by(int signal_number, const std::string& file) {
     const pid_t child = ::fork();
     if (child == 0) {
         ::alarm(30);
-        ::execl(EAS_EASCTL, "easctl", "model", "calibrate", "--quiet", "--seconds", "0.1", "--out",
+        ::execl(EAS_EASCTL, "easctl", "model", "calibrate", "--quiet", "--seconds", "0.2", "--out",
                 file.c_str(), nullptr);
         ::_exit(127);
     }
@@ -123,7 +148,7 @@ TEST_F(Calibration, GivesGovernorAndFrequencyBackWhateverEndsItAndGoesOnLater) {
             SCOPED_TRACE(signal_number);
             EXPECT_EQ(interrupted_by(signal_number, path("m.csv")), code);
             // Who was killed cannot do it himself: his watcher takes a moment.
-            for (int i = 0; i < 200 && settings() != own; ++i)
+            for (int i = 0; i < 1000 && settings() != own; ++i)
                 ::usleep(10000);
             EXPECT_EQ(settings(), own);
         }
@@ -195,7 +220,7 @@ TEST_F(NodeCommands, ShowAndSteerANode) {
                      6,
                      "scaling_max_freq 2400000"}});
         const auto run = run_easctl({"node", "sample", "--interval", "0.1", "--json", "--", "sh",
-                                     "-c", "echo mixed in; sleep 0.25"});
+                                     "-c", "echo mixed in; sleep 1"});
         const auto json = nlohmann::json::parse(run.out);
         EXPECT_GE(json.at("samples").size(), 3U);
         EXPECT_NEAR(json.at("whole_run").at("power_w").get<double>(), 150, 15);
