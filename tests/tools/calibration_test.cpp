@@ -301,6 +301,31 @@ TEST_F(NodeCommands, DoNotTakeEveryKnownProcessorForASupportedOne) {
     });
 }
 
+// A meter that is gone, or was started anew meanwhile, even if it has caught up.
+TEST_F(NodeCommands, ShowNoEnergyThatTheMeterDoesNotTell) {
+    const std::pair<const char*, nlohmann::json> rows[] = {
+        {"echo 3000000 >M", 2.0},
+        {"echo 5 >M", nullptr},
+        {"echo >M", nullptr},
+        {"echo 5 >M; sleep 0.5; echo 3000000 >M", nullptr},
+    };
+    for (const auto& [changes, joules] : rows) {
+        SCOPED_TRACE(changes);
+        FakeNode node(small_node());
+        inside(node, [&, changes = changes, joules = joules] {
+            fs::create_symlink("/sys/devices/platform/qpx.1/energy1_input", path("M"));
+            const auto run =
+                run_easctl({"node", "sample", "--interval", "0.1", "--json", "--", "sh", "-c",
+                            "cd " + folder_.path().string() + "; " + changes});
+            const auto json = nlohmann::json::parse(run.out);
+            EXPECT_EQ(json.at("whole_run").at("energy_j"), joules) << json;
+            EXPECT_EQ(json.at("samples").back().at("energy_j"), joules) << json;
+            EXPECT_EQ(json.at("whole_run").at("power_w").is_null(), joules.is_null()) << json;
+            fs::remove(path("M"));
+        });
+    }
+}
+
 struct MemoryCase {
     int model;
     const char* hidden;  // by removal

@@ -191,14 +191,14 @@ class Calibration {
 
     static Run difference(const NodeSample& first, const NodeSample& last, const PlannedRun& run) {
         const auto counted = [&](std::uint64_t hwrusage::*field, const char* what) {
-            if (last.hardware.*field <= first.hardware.*field)
+            if (first.hardware.tstamp == 0 || last.hardware.*field <= first.hardware.*field)
                 throw Failure(ExitCode::node,
                               std::string("kernel ") + run.kernel->name + ": the " + what +
                                   " counters stand still",
                               "easctl node info shows what is missing");
             return static_cast<double>(last.hardware.*field - first.hardware.*field);
         };
-        if (last.microjoules <= first.microjoules)
+        if (first.microjoules == 0 || last.microjoules <= first.microjoules)
             throw Failure(ExitCode::node, "the energy meter stands still, or was started anew",
                           "start the same command again");
         Run result;

@@ -8,10 +8,12 @@
 #include <cstring>
 #include <memory>
 #include <optional>
+#include <utility>
 
 #include "base/UniqueFd.h"
 #include "common/node/EnergySensors.h"
 #include "tools/easctl/Doctor.h"
+#include "tools/easctl/GrowingCount.h"
 #include "tools/easctl/NodeCommands.h"
 #include "tools/easctl/NodeSampler.h"
 
@@ -120,44 +122,50 @@ class SampleTable {
         }
     }
 
-    /// Rates between two samples; energy since `first`.
-    [[nodiscard]] std::vector<Figure> figures(const NodeSample& first, const NodeSample& before,
-                                              const NodeSample& now) const {
-        const double seconds = now.seconds - before.seconds;
-        const auto counted = [&](std::uint64_t hwrusage::*field) {
-            return static_cast<double>(now.hardware.*field - before.hardware.*field);
+    void add(const NodeSample& sample) {
+        if (!std::exchange(begun_, true))
+            first_s_ = now_s_ = sample.seconds;
+        before_s_ = std::exchange(now_s_, sample.seconds);
+        const bool counted = sampler_.has_counters() && sample.hardware.tstamp != 0;
+        const auto read = [](GrowingCount& count, bool known, std::uint64_t value) {
+            count.read(known ? std::optional<std::uint64_t>(value) : std::nullopt);
         };
-        const auto energy = [&](const NodeSample& since) {
-            return static_cast<double>(now.microjoules - since.microjoules) / 1e6;
+        read(cycles_, counted, sample.hardware.cycles);
+        read(instructions_, counted, sample.hardware.instructions);
+        read(flops_, counted, sample.hardware.flops);
+        read(memory_, sampler_.has_hardware() && memory_state_ == LinkStatus::ok,
+             sample.hardware.membytes_xferred);
+        read(energy_, sample.microjoules != 0, sample.microjoules);
+        margin_ = sample.hardware.inlet_temperature;
+    }
+
+    /// Rates since the sample before, with the energy so far; or all of the whole run.
+    [[nodiscard]] std::vector<Figure> figures(bool of_whole_run = false) const {
+        const double seconds = now_s_ - (of_whole_run ? first_s_ : before_s_);
+        const auto growth = [&](const GrowingCount& count) {
+            return of_whole_run ? count.whole() : count.step();
         };
-        const auto when = [](bool known, double value) {
-            return known ? std::optional<double>(value) : std::nullopt;
+        const auto over = [](std::optional<double> value, double divisor) {
+            return value && divisor > 0 ? std::optional(*value / divisor) : std::nullopt;
         };
-        const bool core = sampler_.has_counters(), meter = sampler_.has_energy();
-        const double instructions = counted(&hwrusage::instructions);
-        const bool margin =
-            sampler_.has_hardware() && now.hardware.inlet_temperature != NO_TEMPERATURE;
-        const bool memory = sampler_.has_hardware() && memory_state_ == LinkStatus::ok;
+        const auto rate = [&](const GrowingCount& count, double unit) {
+            return over(over(growth(count), unit), seconds);
+        };
+        std::optional<double> margin;
+        if (sampler_.has_hardware() && margin_ != NO_TEMPERATURE)
+            margin = static_cast<double>(static_cast<std::int64_t>(margin_));
         return {
-            {"time s", "time_s", 2, now.seconds - first.seconds},
-            {"Gcycles/s", "giga_cycles_per_second", 3,
-             when(core, counted(&hwrusage::cycles) / 1e9 / seconds), counter_state_},
-            {"GIPS", "giga_instructions_per_second", 3, when(core, instructions / 1e9 / seconds),
-             counter_state_},
+            {"time s", "time_s", 2, now_s_ - first_s_},
+            {"Gcycles/s", "giga_cycles_per_second", 3, rate(cycles_, 1e9), counter_state_},
+            {"GIPS", "giga_instructions_per_second", 3, rate(instructions_, 1e9), counter_state_},
             {"cycles/instr", "cycles_per_instruction", 3,
-             when(core && instructions > 0, counted(&hwrusage::cycles) / instructions),
-             counter_state_},
-            {"GFLOP/s", "giga_flops", 3, when(core, counted(&hwrusage::flops) / 1e9 / seconds),
-             counter_state_},
-            {"memory GB/s", "memory_gb_per_second", 3,
-             when(memory, counted(&hwrusage::membytes_xferred) / 1e9 / seconds),
+             over(growth(cycles_), growth(instructions_).value_or(0)), counter_state_},
+            {"GFLOP/s", "giga_flops", 3, rate(flops_, 1e9), counter_state_},
+            {"memory GB/s", "memory_gb_per_second", 3, rate(memory_, 1e9),
              memory_state_ == LinkStatus::ok ? counter_state_ : memory_state_},
-            {"margin C", "temperature_margin", 0,
-             when(margin,
-                  static_cast<double>(static_cast<std::int64_t>(now.hardware.inlet_temperature))),
-             counter_state_},
-            {"energy J", "energy_j", 1, when(meter, energy(first)), energy_state_},
-            {"power W", "power_w", 1, when(meter, energy(before) / seconds), energy_state_},
+            {"margin C", "temperature_margin", 0, margin, counter_state_},
+            {"energy J", "energy_j", 1, over(energy_.whole(), 1e6), energy_state_},
+            {"power W", "power_w", 1, rate(energy_, 1e6), energy_state_},
         };
     }
 
@@ -193,6 +201,10 @@ class SampleTable {
     LinkStatus counter_state_ = LinkStatus::missing;
     LinkStatus memory_state_ = LinkStatus::missing;
     LinkStatus energy_state_ = LinkStatus::missing;
+    bool begun_ = false;
+    double first_s_ = 0, before_s_ = 0, now_s_ = 0;
+    GrowingCount cycles_, instructions_, flops_, memory_, energy_;
+    std::uint64_t margin_ = NO_TEMPERATURE;
 };
 
 /// True once the command ended; signals that arrive are passed on to it.
@@ -223,32 +235,30 @@ void run_sample(const SampleOptions& options, Globals& globals) {
     signals.hold(SIGCHLD);
     HeldCommand command(options.command, signals);
     const NodeSampler sampler(command.pid());
-    const SampleTable table(sampler);
+    SampleTable table(sampler);
     say_what_is_missing(globals);
     if (!sampler.has_hardware() && !sampler.has_energy())
         throw Failure(ExitCode::node,
                       "nothing can be sampled on this node; the command was not run",
                       "easctl node info");
-    const NodeSample first = sampler.take();
-    NodeSample before = first;
+    table.add(sampler.take());
     Json samples = Json::array();
     command.let_go();
-    for (bool ended = false; !ended;) {
+    for (bool first = true, ended = false; !ended;) {
         ended = ended_within(options.interval, command, signals);
-        const NodeSample now = sampler.take();
-        const auto figures = table.figures(first, before, now);
+        table.add(sampler.take());
+        const auto figures = table.figures();
         if (globals.json) {
             samples.push_back(SampleTable::json(figures));
         } else {
-            print((before.seconds == first.seconds ? SampleTable::header(figures) : "") +
-                  table.line(figures));
+            print((first ? SampleTable::header(figures) : "") + table.line(figures));
             flush_output();
         }
-        before = now;
+        first = false;
     }
     if (globals.json)
         print_json({{"samples", samples},
-                    {"whole_run", SampleTable::json(table.figures(first, first, before))},
+                    {"whole_run", SampleTable::json(table.figures(true))},
                     {"exit_status", command.result()}});
     globals.outcome = static_cast<ExitCode>(command.result());
 }
