@@ -179,6 +179,7 @@ TEST_F(Calibration, RefusesAnotherNodesOrAnotherKindOfFileAndADriverThatDoesNotF
     FakeNode node(shape);
     inside(node, [&] {
         expect_all({{{"model", "calibrate", "--out", path("notes.txt")}, 3, "notes.txt"},
+                    {{"model", "calibrate", "--out", "/dev/full"}, 3, "no plain file"},
                     {{"model", "calibrate", "--out", path("other.csv")},
                      3,
                      "other.csv:2: measured on host somewhere else"}});

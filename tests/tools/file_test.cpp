@@ -13,6 +13,7 @@ using ::testing::HasSubstr;
 
 const char* const low = "1600000:0.5,20,10,0.99,-2,0.001\n";
 const char* const middle = "2000000:0,0,0,0,0,0\n";
+const std::string mark = "\xEF\xBB\xBF";  // of the order of bytes
 const char* const high = "4100000:1.8,-20,-9,1.01,2,-0.001\n";
 
 TEST(CommandLine, IsRefusedInWordsAndForProgramsToo) {
@@ -59,8 +60,9 @@ TEST(ModelFile, IsRefusedWithTheLineOfEveryFaultThatTheReaderWouldAccept) {
         EXPECT_THAT(run.err, HasSubstr(file.path() + ":" + std::to_string(bad.line + 1) + ": "));
         EXPECT_THAT(run.err, HasSubstr(bad.reason));
     }
-    const ScratchFile no_default(std::string(low) + high);
+    const ScratchFile no_default(std::string(low) + high), marked(mark + good);
     expect_all({{{"model", "import", no_default.path(), "--cluster", "c"}, 3, "no row of zeros"},
+                {{"model", "import", marked.path(), "--cluster", "c"}, 3, ":1: the file begins"},
                 {{"model", "import", "/nonexistent/file", "--cluster", "c"}, 3, ""}});
     for (const char* name : {"a\"b", "back\\", "job_id", ""})
         EXPECT_EQ(run_easctl({"model", "import", no_default.path(), "--cluster", name}).code, 2);
@@ -121,7 +123,9 @@ TEST_F(Thresholds, SayWhichLinesAreDroppedAndWhatWouldBeAccepted) {
 }
 
 TEST_F(Thresholds, ThatAreRefusedSayWhy) {
-    const std::pair<const char*, const char*> files[] = {
+    const std::pair<std::string, const char*> files[] = {
+        {mark + "Begin Min_Time\nCPU_FREQ RUNTIME_VAR\n2800MHz -8\nEnd Min_Time\n",
+         "begins with a byte order mark"},
         {"# nothing\n", "no section Min_Time"},
         {"Begin Min_Time\nCPU_FREQ RUNTIME_VAR\n2800MHz -8\n", "never closed"},
         {"Begin Min_Time\n2800MHz -8\nEnd Min_Time\n", "does not begin with"},

@@ -96,7 +96,8 @@ def check_totals(result, jobs, model, default):
 
 
 def write_jobs(path, jobs, bad=()):
-    with open(path, "w", encoding="ascii", newline="") as file:
+    with open(path, "w", encoding="utf-8-sig", newline="") as file:
+        file.write("# past jobs\n")
         writer = csv.DictWriter(file, fieldnames=list(jobs[0]))
         writer.writeheader()
         writer.writerows(jobs)
@@ -120,14 +121,17 @@ def small(easctl, folder, scratch):
     path = os.path.join(scratch, "jobs.csv")
     source = (path, "--model", model_file)
     write_jobs(path, jobs, bad=["x,y,z\n", ",,,,1e12,0,1e9,100,200,1,core\n",
-                                  ",,,,1e12,1e12,1e9,100,200,1e15,core\n"])
+                                  ",,,,1e12,1e12,1e9,100,200,1e15,core\n",
+                                  ",,,,1e12,1e12,1e9,100,200,1.9,core\n",
+                                  ",,,,1e12,1e12,1e9,100,1e308,1,core\n"])
 
     plain = run(easctl, *source, *thresholds, "--json", code=1)
     result = json.loads(plain.stdout)
     check_totals(result, jobs, model, default)
-    assert result["rows_left_out"] == 3, result
-    for problem in ("8: 3 fields, but the header names 11 columns",
-                    "9: the figures of this job allow no prediction", "10: count"):
+    assert result["rows_left_out"] == 5, result
+    for problem in ("9: 3 fields, but the header names 11 columns",
+                    "10: the figures of this job allow no prediction", "11: count",
+                    '12: count: "1.9" is not a whole number', "13: the figures"):
         assert f"{path}:{problem}" in plain.stderr, plain.stderr
     run(easctl, *source, *thresholds, "--strict", code=3)
     write_jobs(path, jobs)

@@ -34,11 +34,14 @@ CalibrationFile::CalibrationFile(std::string path, CalibrationNode node)
     file_.reset(::open(path_.c_str(), O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC, 0644));
     if (!file_.is_open())
         throw Failure(ExitCode::input, path_ + ": " + std::strerror(errno));
+    struct stat status {};
+    if (::fstat(file_.get(), &status) != 0 || !S_ISREG(status.st_mode))
+        throw Failure(ExitCode::input, path_ + ": no plain file, which a calibration goes on with",
+                      "name another file with --out");
     if (::flock(file_.get(), LOCK_EX | LOCK_NB) != 0)
         throw Failure(ExitCode::input, path_ + ": another calibration is writing it",
                       "wait for it, or write to another file with --out");
     drop_partial_line();
-    struct stat status {};
     if (::fstat(file_.get(), &status) == 0 && status.st_size == 0)
         append(header());
     read_rows();

@@ -17,6 +17,8 @@ namespace easctl {
 
 namespace {
 
+constexpr std::uint64_t longest_skipped = std::uint64_t{16} * 1024 * 1024;
+
 std::string_view trimmed(std::string_view text) {
     constexpr std::string_view blanks = " \t\r";
     const std::size_t first = text.find_first_not_of(blanks);
@@ -72,17 +74,19 @@ bool LineReader::fill() {
 }
 
 void LineReader::skip_line() {
-    for (;;) {
-        char* const start = buffer_.data() + begin_;
-        const void* const newline = std::memchr(start, '\n', end_ - begin_);
+    for (const std::uint64_t start = bytes_read_; bytes_read_ - start <= longest_skipped;) {
+        char* const text = buffer_.data() + begin_;
+        const void* const newline = std::memchr(text, '\n', end_ - begin_);
         if (newline != nullptr) {
-            begin_ += static_cast<std::size_t>(static_cast<const char*>(newline) - start) + 1;
+            begin_ += static_cast<std::size_t>(static_cast<const char*>(newline) - text) + 1;
             return;
         }
         begin_ = end_;
         if (!fill())
             return;
     }
+    throw Failure(ExitCode::input, path_ + ":" + std::to_string(line_ + 1) +
+                                       ": the line does not end within 16 MiB: no CSV file");
 }
 
 bool LineReader::next(char*& text, std::size_t& length) {
@@ -124,11 +128,6 @@ CsvFile::CsvFile(std::string path) : lines_(std::move(path)) {
     if (!next_line(text, length))
         throw Failure(ExitCode::input,
                       lines_.path() + ": empty: the first line must name the columns");
-    constexpr std::string_view byte_order_mark = "\xEF\xBB\xBF";
-    if (std::string_view(text, length).substr(0, byte_order_mark.size()) == byte_order_mark) {
-        text += byte_order_mark.size();
-        length -= byte_order_mark.size();
-    }
     if (lines_.too_long() || !split(text, length))
         throw Failure(ExitCode::input, where() + ": this line does not name the columns");
     for (const std::string_view field : fields_)
@@ -137,11 +136,16 @@ CsvFile::CsvFile(std::string path) : lines_(std::move(path)) {
 
 std::optional<std::size_t> CsvFile::column(std::string_view name) const {
     const std::string wanted(name);
+    std::optional<std::size_t> found;
     for (std::size_t i = 0; i < columns_.size(); ++i) {
-        if (stricmp(columns_[i].c_str(), wanted.c_str()) == 0)
-            return i;
+        if (stricmp(columns_[i].c_str(), wanted.c_str()) != 0)
+            continue;
+        if (found)
+            throw Failure(ExitCode::input,
+                          where() + ": the header names the column \"" + wanted + "\" twice");
+        found = i;
     }
-    return {};
+    return found;
 }
 
 CsvFile::Step CsvFile::next() {
@@ -172,6 +176,10 @@ std::string CsvFile::where() const {
 /// The next line that is neither empty nor a comment.
 bool CsvFile::next_line(char*& text, std::size_t& length) {
     while (lines_.next(text, length)) {
+        if (lines_.line() == 1 && has_byte_order_mark({text, length})) {
+            text += byte_order_mark.size();
+            length -= byte_order_mark.size();
+        }
         if (lines_.too_long() || (length > 0 && *text != '#'))
             return true;
     }

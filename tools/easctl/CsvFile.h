@@ -25,7 +25,7 @@ class LineReader {
     explicit LineReader(std::string path);
 
     /// The next line without its end, changeable and valid until the next call; false at the end of
-    /// the file. Throws Failure when the file cannot be read.
+    /// the file. Throws Failure when the file cannot be read, or a line seems to have no end.
     bool next(char*& text, std::size_t& length);
 
     /// Whether the latest line was longer than max_line: its rest is skipped.
@@ -59,7 +59,7 @@ class CsvFile {
     /// Reads the header. Throws Failure when the file cannot be read or has no header.
     explicit CsvFile(std::string path);
 
-    /// The place of a column, compared without case.
+    /// The place of a column, compared without case. Throws Failure when the header names it twice.
     [[nodiscard]] std::optional<std::size_t> column(std::string_view name) const;
 
     /// After `row`, fields() holds as many fields as the header; after `bad_row`, problem() says

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 
 #include "base/UniqueFd.h"
 #include "base/UniqueFile.h"
@@ -15,6 +16,12 @@ eas::UniqueFd open_input(const std::string& path);
 /// The whole of such a file. Throws Failure when it cannot be read, or is larger than any that this
 /// tool reads at once.
 std::string read_input(const std::string& path);
+
+/// What some editors put at the start of a file, unseen; the library takes it for text.
+inline constexpr std::string_view byte_order_mark = "\xEF\xBB\xBF";
+[[nodiscard]] inline bool has_byte_order_mark(std::string_view text) {
+    return text.substr(0, byte_order_mark.size()) == byte_order_mark;
+}
 
 /// A file in memory with `text`, at its start. Throws Failure.
 eas::UniqueFd memory_file(const std::string& text);

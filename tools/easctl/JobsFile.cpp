@@ -74,16 +74,21 @@ bool JobsFile::number(Place place, const char* name, double& value) {
     return false;
 }
 
-bool JobsFile::whole(Place place, const char* name, double smallest, double largest,
-                     double& value) {
-    if (!number(place, name, value))
+/// `cut`: what is below a whole one is cut off, else refused.
+bool JobsFile::whole(Place place, const char* name, double smallest, double largest, double& value,
+                     bool cut) {
+    double given = value;
+    if (!number(place, name, given))
         return false;
-    value = std::trunc(value);
-    if (value >= smallest && value <= largest)
-        return true;
-    problem_ = std::string(name) + ": \"" + std::string(csv_.fields()[*place].substr(0, 40)) +
-               (value < smallest ? "\" is too small" : "\" is too large");
-    return false;
+    value = std::trunc(given);
+    const char* const problem = value != given && !cut ? "\" is not a whole number"
+                                : value < smallest     ? "\" is too small"
+                                : value > largest      ? "\" is too large"
+                                                       : nullptr;
+    if (problem != nullptr)
+        problem_ =
+            std::string(name) + ": \"" + std::string(csv_.fields()[*place].substr(0, 40)) + problem;
+    return problem == nullptr;
 }
 
 bool JobsFile::take_names(JobRow& row) {
@@ -112,7 +117,7 @@ bool JobsFile::take_figures(JobRow& row) {
     double elapsed = 0.0;
     double khz = 0.0;
     double count = 1.0;
-    if (!whole(elapsed_, "elapsed_s", 1.0, INT_MAX, elapsed) ||
+    if (!whole(elapsed_, "elapsed_s", 1.0, INT_MAX, elapsed, true) ||
         !number(power_, "power_w", row.power_w) ||
         !whole(frequency_, "frequency_khz", frequency_ ? 1.0 : 0.0, INT_MAX, khz) ||
         !whole(count_, "count", 0.0, most_runs, count)) {

@@ -6,7 +6,7 @@
 //   elapsed_s           run time; what is below a whole second is cut off, as schedulers do
 //   power_w             mean power of a node
 //   frequency_khz       at which the job ran
-//   count               how often such a job ran (1)
+//   count               how often such a job ran (1), a whole number
 //   class               the kind of job that totals are wanted for
 #pragma once
 
@@ -56,7 +56,8 @@ class JobsFile {
     Place find(const char* name, bool needed) const;
     bool text(Place place, const char* name, std::string_view& value);
     bool number(Place place, const char* name, double& value);
-    bool whole(Place place, const char* name, double smallest, double largest, double& value);
+    bool whole(Place place, const char* name, double smallest, double largest, double& value,
+               bool cut = false);
     bool take_names(JobRow& row);
     bool take_counters(JobRow& row);
     bool take_figures(JobRow& row);

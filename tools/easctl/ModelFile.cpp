@@ -101,6 +101,11 @@ void scan(const std::string& path, const std::string& text, ModelFile& file) {
     int number = 0;
     for (std::string line; std::getline(in, line);) {
         ++number;
+        if (number == 1 && has_byte_order_mark(line)) {
+            file.findings.error(place(path, 1), "the file begins with a byte order mark",
+                                "save it as plain UTF-8: the library takes the mark for text");
+            line.erase(0, byte_order_mark.size());
+        }
         if (LineCheck(place(path, number), file.findings).check(line))
             file.lines.push_back(number);
     }

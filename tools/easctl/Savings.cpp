@@ -1,5 +1,8 @@
 #include "tools/easctl/Savings.h"
 
+#include <algorithm>
+#include <climits>
+#include <cmath>
 #include <utility>
 
 #include "common/JobMetrics.h"
@@ -7,6 +10,18 @@
 #include "tools/easctl/Output.h"
 
 namespace easctl {
+namespace {
+
+/// Whether the sum of no file that fits a disk overflows, whichever frequency is selected.
+bool can_be_summed(const EnergyTag& tag, double runs) {
+    constexpr double most_joules = 1e280;  // of a job
+    const std::vector<double>& watts = tag.predict_power_array();
+    return std::all_of(watts.begin(), watts.end(), [&](double power) {
+        return std::abs(runs * power * INT_MAX) <= most_joules;  // and is a number
+    });
+}
+
+}  // namespace
 
 EnergyPerfThreshold swept_thresholds(CoEfficients& coeffs, double percent) {
     EnergyPerfThreshold thresholds(&coeffs, "");  // without a file
@@ -63,11 +78,11 @@ bool Savings::add(const JobRow& job) {
     tag_.genEnergyTag(&coeffs_, "", "", "", "", job.power_w, job.elapsed_s,
                       GBS(bytes, job.elapsed_s), GIPS(instructions, job.elapsed_s),
                       CPI(cycles, instructions));
-    if (tag_.available() == 0)
+    const auto runs = static_cast<double>(job.count);
+    if (tag_.available() == 0 || !can_be_summed(tag_, runs))
         return false;
 
     ClassSums& sums = sums_of(job.job_class);
-    const auto runs = static_cast<double>(job.count);
     ++sums.jobs;
     sums.runs += job.count;
     sums.measured.energy_j += runs * job.power_w * job.elapsed_s;

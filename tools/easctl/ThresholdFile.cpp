@@ -65,6 +65,9 @@ class Walk {
             energy_.opened = line;
         } else if (time_.opened == 0 && is(text, keyword::TBEG)) {
             time_.opened = line;
+        } else if (line == 1 && has_byte_order_mark(text)) {
+            drop(line, "ignored: the line begins with a byte order mark",
+                 "save the file as plain UTF-8: the library takes the mark for text");
         } else {
             drop(line, "ignored: the line stands outside of both sections",
                  "a section begins with \"Begin Min_Energy\" or \"Begin Min_Time\", once");
