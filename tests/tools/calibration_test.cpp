@@ -154,7 +154,8 @@ TEST_F(Calibration, GivesGovernorAndFrequencyBackWhateverEndsItAndGoesOnLater) {
         }
         std::ofstream(path("m.csv"), std::ios::app) << "stream,26670";  // a line cut short
         const auto last =
-            run_easctl({"model", "calibrate", "--seconds", "0.1", "--out", path("m.csv")});
+            run_easctl({"model", "calibrate", "--seconds", "0.1", "--out", path("m.csv"),
+                        "--frequencies", "1600000,2400000,2667000,2667000"});
         EXPECT_EQ(last.code, 0) << last.err;
         EXPECT_EQ(settings(), own);
         for (const fake::FreqWrite& write : node.state().freq_log)

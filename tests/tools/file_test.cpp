@@ -1,6 +1,7 @@
 // What easctl says of a wrong command line and, line by line, of coefficient and threshold files.
 #include <gmock/gmock.h>
 
+#include <cstdlib>
 #include <nlohmann/json.hpp>
 
 #include "tests/support/ScratchFolder.h"
@@ -22,7 +23,14 @@ TEST(CommandLine, IsRefusedInWordsAndForProgramsToo) {
                 {{"db", "bogus"},
                  2,
                  "\"bogus\" is no command of easctl db\n  what to do: its commands: init, check\n"},
-                {{"model", "--json"}, 2, "easctl: "}});
+                {{"model", "--json"}, 2, "easctl: "},
+                {{"model", "fit", "m.csv", "--max-error", "nan"}, 2, "not a number of 0 or more"},
+                {{"model", "fit", "m.csv", "--min-r2", "nan"}, 2, "not a number from 0 to 1"},
+                {{"model", "calibrate", "--seconds", "nan"}, 2, "not a number from 0.05 to 3600"},
+                {{"node", "sample", "--interval", "nan", "true"}, 2, "not a number from"},
+                {{"tag", "verify", "--max-time-error", "nan"}, 2, "not a number of 0 or more"}});
+    for (const std::string option : {"--help", "--version"})
+        EXPECT_EQ(std::system((EAS_EASCTL " " + option + " >/dev/full 2>&1").c_str()), 1 << 8);
     const auto run = run_easctl({"model", "--json"});
     EXPECT_EQ(nlohmann::json::parse(run.out).at("error").at("name"), "usage");
 }

@@ -140,8 +140,9 @@ def small(easctl, folder, scratch):
     assert len(swept["total"]["policies"]) == 2 * 9
     check_totals(swept, jobs, model, default)
 
-    text = run(easctl, *source, *thresholds, "--class-column", "name", "--policy",
-               "minimize_energy").stdout
+    text = run(easctl, "--policy", "minimize_energy", "--policy", "minimize_energy", *source,
+               *thresholds, "--class-column", "name").stdout
+    assert text.count("Total") == 1, text
     assert "stream-triad" in text and "minimize_time" not in text, text
     table = run(easctl, *source, *thresholds, "--format", "csv").stdout.splitlines()
     assert len(list(csv.reader(table))) == 1 + 3 * 2, table
@@ -154,7 +155,12 @@ def small(easctl, folder, scratch):
     run(easctl, *source, code=2)
     for sweep in ("0:20", "5:1:1", "0:20:0", "0:200:1", "0:20:1e-9", "a:b:c"):
         run(easctl, *source, "--sweep", sweep, code=2)
-    run(easctl, "/nowhere", *source[1:], *thresholds, code=3)
+    assert "more than 1000 steps" in run(easctl, *source, "--sweep", "0:100:0.1", code=2).stderr
+    for bad in ("/nowhere", "/dev/zero"):
+        run(easctl, bad, *source[1:], *thresholds, code=3)
+    with open(path, "w", encoding="ascii") as file:
+        file.write("power_w," + ",".join(jobs[0]) + "\n")
+    assert "twice" in run(easctl, *source, *thresholds, code=3).stderr
 
 
 def large(easctl, folder, scratch):

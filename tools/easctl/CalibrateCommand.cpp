@@ -122,7 +122,7 @@ class Calibration {
         std::vector<int> frequencies = options_.frequencies;
         if (frequencies.empty())
             frequencies = frequencies_of_node();
-        for (const int khz : frequencies) {
+        for (const int khz : each_once(frequencies)) {
             for (const Kernel& kernel : kernels()) {
                 const auto& wanted = options_.kernels;
                 if (!wanted.empty() &&
@@ -270,7 +270,7 @@ void add_calibrate_command(CLI::App& model, Globals& globals) {
         ->capture_default_str()
         ->type_name("FILE");
     command.add_option("--seconds", options->seconds, "length of each run")
-        ->check(CLI::Range(0.05, 3600.0))
+        ->check(number_from(0.05, 3600.0))
         ->capture_default_str()
         ->type_name("S");
     command

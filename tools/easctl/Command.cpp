@@ -2,7 +2,10 @@
 
 #include <cstdio>
 #include <map>
+#include <optional>
 #include <sstream>
+
+#include "tools/easctl/CsvFile.h"
 
 namespace easctl {
 namespace {
@@ -70,6 +73,27 @@ void add_format_option(CLI::App& command, Format& format) {
             "table or csv")
         ->check(CLI::IsMember({"table", "csv"}))
         ->type_name("FORMAT");
+}
+
+void add_output_option(CLI::App& command, std::string& file, const std::string& description) {
+    command
+        .add_option_function<std::string>(
+            "-o,--output", [&file](const std::string& name) { file = name == "-" ? "" : name; },
+            description)
+        ->type_name("FILE");
+}
+
+CLI::Validator number_from(double lowest, double highest) {
+    const bool bounded = highest < std::numeric_limits<double>::max();
+    const std::string range = bounded ? "from " + exact(lowest) + " to " + exact(highest)
+                                      : "of " + exact(lowest) + " or more";
+    return {[=](const std::string& text) {
+                const std::optional<double> value = parse_number(text);
+                return value && *value >= lowest && *value <= highest
+                           ? std::string()
+                           : text + " is not a number " + range;
+            },
+            ""};
 }
 
 void complain(const Failure& failure) {

@@ -7,7 +7,10 @@
 #pragma once
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
+#include <limits>
 #include <string>
+#include <vector>
 
 #include "tools/easctl/Errors.h"
 #include "tools/easctl/Output.h"
@@ -32,6 +35,23 @@ CLI::App& add_group(CLI::App& parent, const std::string& name, const std::string
 enum class Format { table, csv };
 /// Adds --format.
 void add_format_option(CLI::App& command, Format& format);
+
+/// Adds -o; `file` is empty where standard output is meant, which "-" names, too.
+void add_output_option(CLI::App& command, std::string& file, const std::string& description);
+
+/// Checks for a finite number of that range; CLI::Range and its kin let "nan" pass.
+CLI::Validator number_from(double lowest, double highest = std::numeric_limits<double>::max());
+
+/// The values in their order, each once.
+template <typename Value>
+std::vector<Value> each_once(const std::vector<Value>& values) {
+    std::vector<Value> once;
+    for (const Value& value : values) {
+        if (std::find(once.begin(), once.end(), value) == once.end())
+            once.push_back(value);
+    }
+    return once;
+}
 
 /// Says what went wrong, and what to do, on standard error.
 void complain(const Failure& failure);

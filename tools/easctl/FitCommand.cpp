@@ -150,7 +150,10 @@ ExitCode warn(const ModelFit& model, const std::string& path) {
 void run_fit(const FitOptions& options, Globals& globals) {
     const MeasurementFile file(options.measurements);
     const ModelFit model = fit_model(file, options.default_khz, options.limits);
-    const std::string source = std::filesystem::path(options.measurements).filename().string();
+    const std::string source =
+        options.measurements == "-"
+            ? "standard input"
+            : std::filesystem::path(options.measurements).filename().string();
     if (!options.output.empty() && model.usable())
         write_file(options.output, coefficient_text(model, source));
     if (globals.json) {
@@ -181,16 +184,16 @@ void add_fit_command(CLI::App& model, Globals& globals) {
         "easctl model fit measurements.csv --default-frequency 2300000 > coefficients.txt");
     const auto options = std::make_shared<FitOptions>();
     command
-        .add_option("MEASUREMENTS", options->measurements,
-                    "CSV file; its first line names the columns kernel, frequency_khz, elapsed_s,\n"
-                    "power_w, cycles, instructions, memory_bytes. Seven kernels, each at every\n"
-                    "frequency; several runs of one kernel at one frequency are averaged")
+        .add_option(
+            "MEASUREMENTS", options->measurements,
+            "CSV file, - for standard input; its first line names the columns kernel,\n"
+            "frequency_khz, elapsed_s, power_w, cycles, instructions, memory_bytes. Seven\n"
+            "kernels, each at every frequency; several runs of one kernel at one frequency\n"
+            "are averaged")
         ->required()
         ->type_name("FILE");
-    command
-        .add_option("-o,--output", options->output,
-                    "where the coefficients go (else to standard output, without the report)")
-        ->type_name("FILE");
+    add_output_option(command, options->output,
+                      "where the coefficients go (else to standard output, without the report)");
     command
         .add_option("--default-frequency", options->default_khz,
                     "the frequency at which jobs will be measured; by default the one of the\n"
@@ -201,13 +204,13 @@ void add_fit_command(CLI::App& model, Globals& globals) {
     command
         .add_option("--min-r2", options->limits.lowest_r_squared,
                     "a fit that explains less is doubtful: exit code 1")
-        ->check(CLI::Range(0.0, 1.0))
+        ->check(number_from(0.0, 1.0))
         ->capture_default_str()
         ->type_name("R2");
     command
         .add_option("--max-error", options->limits.largest_error_percent,
                     "so is one that is off by more for a kernel, in percent")
-        ->check(CLI::PositiveNumber)
+        ->check(number_from(0.0))
         ->capture_default_str()
         ->type_name("PERCENT");
     command.callback([options, &globals] { run_fit(*options, globals); });

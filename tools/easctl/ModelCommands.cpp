@@ -320,7 +320,7 @@ void add_others(CLI::App& group, Globals& globals, const std::shared_ptr<Options
                          "Writes a cluster's coefficients as a file that import reads; exact.",
                          "easctl model export --cluster sample >coefficients.txt\n"
                          "easctl model export --cluster sample --output coefficients.txt");
-    save.add_option("-o,--output", options->file, "instead of standard output")->type_name("FILE");
+    add_output_option(save, options->file, "instead of standard output");
     CLI::App& remove =
         add(group, globals, options, "remove", remove_stored,
             "Removes a cluster's coefficients; tags stay.",

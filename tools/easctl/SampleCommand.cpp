@@ -274,7 +274,7 @@ void add_sample_command(CLI::App& node, Globals& globals) {
         "cannot be started); 6 when nothing can be sampled. The command prints on standard error.");
     const auto options = std::make_shared<SampleOptions>();
     command.add_option("--interval", options->interval, "seconds between two lines")
-        ->check(CLI::Range(0.01, 86400.0))
+        ->check(number_from(0.01, 86400.0))
         ->capture_default_str();
     command.add_option("command", options->command, "the command, behind \"--\"")
         ->required()

@@ -45,10 +45,15 @@ std::vector<double> steps_of(const std::string& sweep) {
                    parse_number(std::string_view(sweep).substr(second + 1))};
     }
     const auto [from, to, step] = numbers;
-    if (!from || !to || !step || *from < 0.0 || *to < *from || *to > 100.0 || !(*step > 0.0) ||
-        (*to - *from) / *step >= static_cast<double>(most_steps)) {
+    if (!from || !to || !step || *from < 0.0 || *to < *from || *to > 100.0 || !(*step > 0.0)) {
         throw Failure(ExitCode::usage, "--sweep " + sweep + " is not FROM:TO:STEP in percent",
                       "for example --sweep 0:20:1");
+    }
+    if ((*to - *from) / *step >= static_cast<double>(most_steps)) {
+        throw Failure(
+            ExitCode::usage,
+            "--sweep " + sweep + " has more than " + std::to_string(most_steps) + " steps",
+            "take a larger STEP");
     }
     std::vector<double> steps;
     // Counted, not added up, so that the last step is not lost to rounding.
@@ -71,13 +76,14 @@ EnergyPerfThreshold thresholds_of(const std::string& file, CoEfficients& coeffs)
 
 std::vector<Scenario> scenarios_of(const Options& options, CoEfficients& coeffs) {
     std::vector<Scenario> scenarios;
+    const std::vector<std::string> policies = each_once(options.policies);
     if (options.sweep.empty()) {
         const EnergyPerfThreshold thresholds = thresholds_of(options.thresholds, coeffs);
-        for (const std::string& policy : options.policies)
+        for (const std::string& policy : policies)
             scenarios.push_back({policy, {}, thresholds});
         return scenarios;
     }
-    for (const std::string& policy : options.policies) {
+    for (const std::string& policy : policies) {
         for (const double step : steps_of(options.sweep))
             scenarios.push_back({policy, step, swept_thresholds(coeffs, step)});
     }
@@ -182,6 +188,7 @@ void add_simulate_command(CLI::App& app, Globals& globals) {
         ->type_name("RANGE");
     command.add_option("--policy", options->policies, "only this one (default: both)")
         ->check(a_policy())
+        ->allow_extra_args(false)  // the file of jobs may follow
         ->type_name("POLICY");
     command
         .add_option("--class-column", options->class_column,

@@ -227,7 +227,7 @@ void add_tag_verify(CLI::App& group, Globals& globals) {
             .add_option(limits[i], options->limits_pct[i],
                         "largest error at which a tag still describes its job")
             ->capture_default_str()
-            ->check(CLI::NonNegativeNumber)
+            ->check(number_from(0.0))
             ->type_name("PERCENT");
     }
     command.callback([options, given, &globals] { run_verify(globals, *options, given); });

@@ -72,15 +72,22 @@ Failure usage_failure(const CLI::App& app, const CLI::ParseError& error) {
             "its commands: " + names};
 }
 
-int run(CLI::App& app, Globals& globals, int argc, char** argv) {
+/// Runs the command, or prints the help or version that was asked for.
+void parse(CLI::App& app, int argc, char** argv) {
     try {
         app.parse(argc, argv);
+    } catch (const CLI::ParseError& e) {
+        if (e.get_exit_code() != static_cast<int>(CLI::ExitCodes::Success))
+            throw usage_failure(app, e);
+        app.exit(e);
+    }
+}
+
+int run(CLI::App& app, Globals& globals, int argc, char** argv) {
+    try {
+        parse(app, argc, argv);
         flush_output();
         return static_cast<int>(globals.outcome);
-    } catch (const CLI::ParseError& e) {
-        if (e.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success))
-            return app.exit(e);  // --help, --version
-        return report(usage_failure(app, e), globals);
     } catch (const Failure& failure) {
         return report(failure, globals);
     } catch (const std::exception& e) {
