@@ -97,12 +97,22 @@ TEST_F(ModelFit, FindsTheCoefficientsThatTheMeasurementsWereMadeFrom) {
     EXPECT_EQ(fs::status(path("secret")).permissions(),
               fs::perms::owner_read | fs::perms::owner_write);
 
+    // What may be written but not replaced is written.
+    std::ofstream(path("secret")) << "old";
+    let_file_modes_bind();
+    fs::permissions(folder_.path(), fs::perms::owner_read | fs::perms::owner_exec);
+    std::vector<std::string> words{"model",   "fit", path("m.csv"), "--default-frequency",
+                                   "2400000", "-o",  path("c.txt")};
+    EXPECT_EQ(run_easctl(words).code, 0);
+    fs::permissions(folder_.path(), fs::perms::owner_all);
+
     // Without a file to write to, standard output is the file.
-    const auto piped =
-        run_easctl({"model", "fit", path("m.csv"), "--default-frequency", "2400000"});
     std::stringstream written;
     written << std::ifstream(path("c.txt")).rdbuf();
-    EXPECT_EQ(piped.out, written.str());
+    words.back() = "-";
+    EXPECT_EQ(run_easctl(words).out, written.str());
+    words.resize(5);
+    EXPECT_EQ(run_easctl(words).out, written.str());
 }
 
 TEST_F(ModelFit, RefusesWhatIsNoCompleteMeasurementWithFileAndLine) {

@@ -52,23 +52,23 @@ eas::UniqueFd open_present(const std::string& path) {
 
 /// Writes, and hands owner and mode of an earlier file on; false with errno.
 bool complete(int file, const std::string& text, const struct stat* earlier) {
-    return write_all(file, text) &&
-           (earlier == nullptr || ::fchown(file, earlier->st_uid, earlier->st_gid) == 0) &&
+    return (earlier == nullptr || ::fchown(file, earlier->st_uid, earlier->st_gid) == 0) &&
+           write_all(file, text) &&
            ::fchmod(file, earlier == nullptr ? default_mode() : earlier->st_mode & 07777) == 0 &&
            ::fsync(file) == 0;
 }
 
-/// Puts `text` in the place of `target`, which is no link.
-void replace(const std::string& target, const std::string& text, const struct stat* earlier) {
+/// Puts `text` in the place of `target`, which is no link; false with errno.
+bool replace(const std::string& target, const std::string& text, const struct stat* earlier) {
     std::string beside = target + ".XXXXXX";
     const eas::UniqueFd file(::mkostemp(beside.data(), O_CLOEXEC));
     if (!file.is_open())
-        refuse(target, "cannot be made");
+        return false;
     if (!complete(file.get(), text, earlier) || ::rename(beside.c_str(), target.c_str()) != 0) {
         const int error = errno;
         ::unlink(beside.c_str());
         errno = error;
-        refuse(target, "cannot be written");
+        return false;
     }
     // The name is made to last, too, as far as the folder may be opened.
     const fs::path folder = fs::path(target).parent_path();
@@ -76,20 +76,34 @@ void replace(const std::string& target, const std::string& text, const struct st
         ::open(folder.empty() ? "." : folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (opened.is_open())
         ::fsync(opened.get());
+    return true;
+}
+
+/// Whether a file that cannot be replaced may still be written: its folder, its owner or a mount
+/// on it forbade the former.
+bool only_replacing_failed() {
+    return errno == EACCES || errno == EPERM || errno == EROFS || errno == EBUSY;
 }
 
 }  // namespace
 
 void write_file(const std::string& path, const std::string& text) {
     const eas::UniqueFd present = open_present(path);
-    struct stat status {};
     if (!present.is_open()) {
-        replace(path, text, nullptr);
-    } else if (::fstat(present.get(), &status) == 0 && S_ISREG(status.st_mode)) {
-        replace(fs::canonical(path), text, &status);
-    } else if (!write_all(present.get(), text)) {
-        refuse(path, "cannot be written");
+        if (!replace(path, text, nullptr))
+            refuse(path, "cannot be made");
+        return;
     }
+    struct stat status {};
+    const bool plain = ::fstat(present.get(), &status) == 0 && S_ISREG(status.st_mode);
+    if (plain) {
+        if (replace(fs::canonical(path), text, &status))
+            return;
+        if (!only_replacing_failed() || ::ftruncate(present.get(), 0) != 0)
+            refuse(path, "cannot be written");
+    }
+    if (!write_all(present.get(), text) || (plain && ::fsync(present.get()) != 0))
+        refuse(path, "cannot be written");
 }
 
 }  // namespace easctl

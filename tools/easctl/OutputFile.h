@@ -1,4 +1,4 @@
-// A file that is there whole or not at all.
+// A file that is there whole or not at all, as far as its folder lets that be.
 #pragma once
 
 #include <string>
@@ -6,8 +6,8 @@
 namespace easctl {
 
 /// Writes beside `path`, synchronises and renames; an earlier file stays as it was until then, and
-/// hands its mode and owner on. A link is followed, and what is no plain file is written directly.
-/// Throws Failure.
+/// hands its mode and owner on. A link is followed. Written directly is what is no plain file, and
+/// what may be written but not replaced by its like. Throws Failure.
 void write_file(const std::string& path, const std::string& text);
 
 }  // namespace easctl
