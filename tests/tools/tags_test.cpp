@@ -101,6 +101,14 @@ TEST_P(Tags, AreListedShownAndSelectedFrom) {
     for (const char* part : {"1.20 GHz", "minimize_energy selects 1.80 GHz", "triad"})
         EXPECT_THAT(svg, HasSubstr(part));
 
+    // No name steers the terminal.
+    EXPECT_EQ(tag({"generate", "--user", "eve\033]0;x\n", "--tag", "t", "--job-id", "1", "--cycles",
+                   "6.624e13", "--instructions", "1.555806e14", "--memory-bytes", "9.957159e12",
+                   "--elapsed", "1800", "--power", "300.3"})
+                  .code,
+              0);
+    EXPECT_THAT(tag({"show", "--tag", "t"}).out, HasSubstr("eve\\x1b]0;x\\x0a"));
+
     const ToolRun selected = tag({"select", "--user", "carla", "--tag", "triad", "--policy",
                                   "minimize_energy", "--explain"});
     EXPECT_EQ(selected.code, 0);

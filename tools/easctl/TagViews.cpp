@@ -110,6 +110,15 @@ void list(Globals& globals, const View& options) {
     print(list_of(tags, library, options.format, globals.colored()));
 }
 
+/// The library's own report, with names that cannot steer the terminal.
+std::string report_of(EnergyTag tag, bool khz) {
+    tag.cluster_name(printable(tag.cluster_name()));
+    tag.user_name(printable(tag.user_name()));
+    tag.energy_tag_name(printable(tag.energy_tag_name()));
+    tag.job_step_id(printable(tag.job_step_id()));
+    return tag.format_etag(khz ? 1 : 0);
+}
+
 void show(Globals& globals, const View& options) {
     Library library(options.library);
     const std::vector<EnergyTag> tags = library.query(options.names.user, options.names.tag);
@@ -121,7 +130,7 @@ void show(Globals& globals, const View& options) {
     if (globals.json)
         print_json(as_json(tags, library));
     for (std::size_t i = 0; i < tags.size() && !globals.json; ++i)
-        print((i > 0 ? "\n" : "") + tags[i].format_etag(options.khz ? 1 : 0));
+        print((i > 0 ? "\n" : "") + report_of(tags[i], options.khz));
     draw(options.plot, trade_off_plot(tags.front(), library.thresholds()), globals);
 }
 
