@@ -142,6 +142,12 @@ TEST_F(ModelFit, RefusesWhatIsNoCompleteMeasurementWithFileAndLine) {
     expect_all({{{"model", "fit", path("m.csv"), "--default-frequency", "2000000"}, 3, "2000000"},
                 {{"model", "fit", path("none.csv")}, 3, "none.csv"},
                 {{"model", "fit", path("m.csv"), "--plot", path("fit.gif")}, 2, "fit.gif"}});
+    std::vector<std::string> lines = good_lines();
+    lines.resize(std::size(kernels));
+    write(lines);
+    expect_all({{{"model", "fit", path("m.csv"), "--plot", path("fit.svg")},
+                 1,
+                 "fit.svg was not drawn: there is nothing to draw"}});
 }
 
 // Exit code 1: what can be used is written, what would mislead the library is not.

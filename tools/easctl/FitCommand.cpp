@@ -108,8 +108,9 @@ void add_panel(std::string& script, const std::string& name, const std::string& 
               unit[0] + " using 1:2:3 with points pt 7 ps 0.9 lc palette notitle\n";
 }
 
+/// Empty when there is no frequency but the default one.
 std::string plot_of(const ModelFit& model) {
-    std::string power = "$W << END\n", pace = "$c << END\n";
+    std::string power, pace;
     const auto add = [](std::string& data, const Fit& fit, int khz) {
         for (std::size_t i = 0; i < kernel_count; ++i)
             data += exact(fit.measured[i]) + ' ' + exact(fit.predicted[i]) + ' ' +
@@ -121,8 +122,10 @@ std::string plot_of(const ModelFit& model) {
         add(power, row.power, row.khz);
         add(pace, row.pace, row.khz);
     }
+    if (power.empty())
+        return {};
     std::string script =
-        power + "END\n" + pace + "END\n" + "set multiplot layout 1,2 title " +
+        "$W << END\n" + power + "END\n$c << END\n" + pace + "END\nset multiplot layout 1,2 title " +
         plot_text("Seven kernels at each frequency; default " + ghz(model.default_khz)) +
         "\nset size square\nset grid lc rgb '#dddddd'\nset key top left\n"
         "set cblabel 'GHz'\nset palette rgbformulae 33,13,10\n"

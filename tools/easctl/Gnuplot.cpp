@@ -107,6 +107,8 @@ void draw(const std::string& file, const std::string& commands, Globals& globals
         return;
     flush_output();
     try {
+        if (commands.empty())
+            throw Failure(ExitCode::found, "there is nothing to draw");
         write_file(file, picture_of(*kind, commands));
         remark(globals, "drawn: " + file);
     } catch (const Failure& failure) {
