@@ -25,6 +25,10 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
+// How long a child may take to be gone: one that ends by itself does, however busy the node.
+constexpr std::chrono::milliseconds kPatience{10000};
+constexpr std::chrono::milliseconds kPatienceWithKilled{500};
+
 struct Channel {
     Descriptor mine, its;
 };
@@ -114,8 +118,8 @@ bool read_all(int channel, Clock::time_point deadline, std::string& text) {
 
 /// Waits for a child that has ended or was killed. One that hangs in the kernel is left to
 /// process 1.
-void reap(pid_t child) {
-    const auto deadline = Clock::now() + std::chrono::milliseconds(500);
+void reap(pid_t child, std::chrono::milliseconds patience) {
+    const auto deadline = Clock::now() + patience;
     while (::waitpid(child, nullptr, WNOHANG) == 0 && Clock::now() < deadline)
         ::poll(nullptr, 0, 1);
 }
@@ -143,7 +147,7 @@ Outcome call_in_child(int seconds, const std::function<Outcome()>& work) {
         read_all(channel.mine.get(), Clock::now() + std::chrono::seconds(seconds), text);
     if (!in_time)
         ::kill(child, SIGKILL);
-    reap(child);
+    reap(child, in_time ? kPatience : kPatienceWithKilled);
     if (!text.empty())
         return {text.front() == '+', text.substr(1)};
     return {false, in_time ? "the process that calls the library crashed"
@@ -165,7 +169,7 @@ Companion::Companion(const std::function<void(int channel)>& work) {
         });
         ::_exit(0);
     }
-    reap(between);
+    reap(between, kPatience);
     channel_ = std::move(channel.mine);
 }
 
