@@ -10,54 +10,73 @@
 namespace eas::slurm {
 namespace {
 
-/// What other jobs mean for this one.
-struct Neighbours {
-    uint32_t running = 0;  // a job on this node; 0: none
-    std::string done;      // what was done about them, and about dead ones
+void tell(std::string& all, const std::string& text) {
+    all += (all.empty() || text.empty() ? "" : "; ") + text;
+}
+
+/// What hindered it; empty: nothing. A CPU that refuses, an offline one for instance, may refuse
+/// for ever.
+std::string try_to_give_up(const StateFolder& folder, const JobRecord& record,
+                           const std::string& why) {
+    try {
+        give_up_frequency(folder, record, why);
+        return "";
+    } catch (const std::exception& error) {
+        return error.what();
+    }
+}
+
+std::string name_of(uint32_t job) {
+    return "job " + std::to_string(job);
+}
+
+/// Another job that has a record on the node, dead or alive.
+struct Neighbour {
+    uint32_t job = 0;
+    bool had_frequency = false;  // it was set back
+    std::string trouble;         // in doing so
+
+    [[nodiscard]] std::string describe(bool is_over) const {
+        if (!had_frequency)
+            return "";
+        return "set back the frequency " +
+               (is_over ? "that " + name_of(job) + " left behind" : "of running " + name_of(job)) +
+               (trouble.empty() ? "" : ", but " + trouble);
+    }
 };
 
-/// A CPU that refuses now, an offline one for instance, will refuse at the next prolog as well.
-std::string clear_left_over(const StateFolder& folder, uint32_t job, const JobRecord& record) {
-    std::string done = "set back the frequency that job " + std::to_string(job) + " left behind";
-    try {
-        restore(record.settings);
-    } catch (const std::exception& error) {
-        done += ", but " + std::string(error.what());
-    }
-    folder.remove(job);
-    return record.settings.empty() ? "" : done;
-}
-
 /// The frequency is the whole node's: that of a job which came first would be this one's, too.
-std::string clear_neighbour(const StateFolder& folder, const JobRecord& record, uint32_t newcomer) {
-    if (record.settings.empty())
-        return "";
-    const std::string name = "the frequency of running job " + std::to_string(record.request.job);
-    try {
-        give_up_frequency(folder, record,
-                          "job " + std::to_string(newcomer) + " ran on the node at the same time");
-        return "set back " + name;
-    } catch (const std::exception& error) {
-        return name + ": " + error.what();
-    }
-}
-
-/// Slurm is asked about another job only where the answer decides something.
-Neighbours look_around(const StateFolder& folder, const JobRequest& request, const NodeRole& role) {
-    Neighbours found;
+std::vector<Neighbour> protect(const StateFolder& folder, uint32_t newcomer) {
+    std::vector<Neighbour> neighbours;
     for (const uint32_t job : folder.jobs()) {
-        const std::optional<JobRecord> record = folder.read(job);
+        const std::optional<JobRecord> record = job == newcomer ? std::nullopt : folder.read(job);
         if (!record)
             continue;
-        const bool decides = !record->settings.empty() || request.purpose() != Purpose::kPlain;
-        const bool is_over = job == request.job || (decides && role.job_is_over(job));
-        if (!is_over)
-            found.running = job;
-        const std::string done = is_over ? clear_left_over(folder, job, *record)
-                                         : clear_neighbour(folder, *record, request.job);
-        found.done += (found.done.empty() || done.empty() ? "" : "; ") + done;
+        Neighbour neighbour{job, !record->settings.empty(), ""};
+        if (neighbour.had_frequency)
+            neighbour.trouble = try_to_give_up(
+                folder, *record, name_of(newcomer) + " ran on the node at the same time");
+        neighbours.push_back(neighbour);
     }
-    return found;
+    return neighbours;
+}
+
+/// Clears the records of dead jobs; a job that runs on the node, or 0. Slurm is asked only where
+/// the answer decides something: it may not answer before this process is ended.
+uint32_t clear_up(const StateFolder& folder, const std::vector<Neighbour>& neighbours,
+                  const JobRequest& request, const NodeRole& role, std::string& done) {
+    uint32_t running = 0;
+    for (const Neighbour& neighbour : neighbours) {
+        if (!neighbour.had_frequency && request.purpose() == Purpose::kPlain)
+            continue;
+        const bool is_over = role.job_is_over(neighbour.job);
+        if (is_over)
+            folder.remove(neighbour.job);
+        else
+            running = neighbour.job;
+        tell(done, neighbour.describe(is_over));
+    }
+    return running;
 }
 
 std::string percent(double change) {
@@ -91,6 +110,13 @@ int choose(const EasLibrary& library, const PluginArguments& arguments, const Jo
     return frequency;
 }
 
+/// Whoever came while the library was asked began with a record of its own.
+void expect_no_newcomer(const StateFolder& folder, uint32_t own) {
+    for (const uint32_t job : folder.jobs())
+        if (job != own)
+            throw std::runtime_error(name_of(job) + " runs on this node too");
+}
+
 std::string set_up_node(const StateFolder& folder, const PluginArguments& arguments,
                         const JobRequest& request) {
     std::string why;
@@ -102,37 +128,77 @@ std::string set_up_node(const StateFolder& folder, const PluginArguments& argume
         lines += line::setting(setting);
     folder.append(request.job, lines);  // before anything changes
     apply_frequency(library, settings, frequency);
+    expect_no_newcomer(folder, request.job);
     folder.append(request.job, line::reading("start", read_meter(library)));
     return why;
 }
 
+/// A job that starts once more may have left a record when it ran here before.
+std::string begin_record(const StateFolder& folder, const JobRequest& request, bool first_node) {
+    std::string done;
+    if (const std::optional<JobRecord> former = folder.read(request.job)) {
+        Neighbour itself{request.job, !former->settings.empty(), ""};
+        if (itself.had_frequency)
+            itself.trouble = try_to_give_up(folder, *former, "the job starts again");
+        done = itself.describe(true);
+    }
+    folder.create(request);
+    if (!first_node)
+        folder.append(request.job, line::other_node());
+    return done;
+}
+
+/// The rest of the prolog, with the node's other jobs out of the way.
+void settle_in(const StateFolder& folder, const PluginArguments& arguments,
+               const JobRequest& request, const NodeRole& role, std::string& done) {
+    Descriptor lock;
+    std::string no_lock;
+    try {
+        lock = folder.lock(arguments.lock_wait());
+    } catch (const std::exception& error) {  // neighbours are set back all the same
+        no_lock = error.what();
+    }
+    const std::vector<Neighbour> neighbours = protect(folder, request.job);
+    if (!no_lock.empty()) {
+        for (const Neighbour& neighbour : neighbours)
+            tell(done, neighbour.describe(false));
+        throw std::runtime_error(no_lock);
+    }
+    const uint32_t running = clear_up(folder, neighbours, request, role, done);
+    if (request.purpose() == Purpose::kPlain)
+        return;
+    if (running != 0)
+        throw std::runtime_error(name_of(running) + " runs on this node too");
+    tell(done, set_up_node(folder, arguments, request));
+}
+
+std::string leave_frequency(const StateFolder& folder, uint32_t job, const std::string& why) {
+    try {
+        if (const std::optional<JobRecord> record = folder.read(job))
+            give_up_frequency(folder, *record, why);
+        return "frequency left as it is";
+    } catch (const std::exception& error) {
+        return error.what();
+    }
+}
+
 }  // namespace
 
+// The record comes first: a job that comes later, or whose prolog runs at this moment, sees by it
+// that the node is shared, whatever becomes of this process.
 Outcome start_job(const PluginArguments& arguments, const JobRequest& request,
                   const NodeRole& role) {
     set_up_environment(arguments);
     const StateFolder folder(arguments.state);
-    const Descriptor lock = folder.lock(arguments.lock_wait());
     Outcome outcome;
-    const Neighbours neighbours = look_around(folder, request, role);
-    outcome.text = neighbours.done;
-    const auto tell = [&](const std::string& text) {
-        outcome.text += (outcome.text.empty() ? "" : "; ") + text;
-    };
-    folder.create(request);
-    if (request.purpose() == Purpose::kPlain)
-        return outcome;
-    if (!role.first)
-        folder.append(request.job, line::other_node());
+    outcome.text = begin_record(folder, request, role.first);
     try {
-        if (neighbours.running != 0)
-            throw std::runtime_error("job " + std::to_string(neighbours.running) +
-                                     " runs on this node too");
-        tell(set_up_node(folder, arguments, request));
+        settle_in(folder, arguments, request, role, outcome.text);
     } catch (const std::exception& error) {
         outcome.good = false;
-        give_up_frequency(folder, folder.read(request.job).value(), error.what());
-        tell(std::string(error.what()) + "; frequency left as it is");
+        tell(outcome.text, error.what());
+        if (request.purpose() != Purpose::kPlain)
+            tell(outcome.text, leave_frequency(folder, request.job, error.what()));
     }
     return outcome;
 }

@@ -12,6 +12,7 @@
 #include <stdexcept>
 
 #include "adapters/slurm/ChildCall.h"
+#include "adapters/slurm/JobOnNode.h"
 #include "adapters/slurm/JobRecord.h"
 #include "adapters/slurm/PluginArguments.h"
 #include "tests/support/ScratchFolder.h"
@@ -119,6 +120,53 @@ TEST(SlurmRecord, FoldersAndRecordsThatOthersCouldHavePlantedAreRefused) {
     ASSERT_EQ(0, ::mkfifo((good / "job-9").c_str(), 0600));
     EXPECT_THROW((void)folder.read(9), std::runtime_error) << "and does not wait for a writer";
     EXPECT_FALSE(fs::is_symlink(good / "job-8"));
+}
+
+/// Job 4's prolog beside job 3, which set the frequency; what `ask_slurm` does is done when Slurm
+/// is asked about job 3, and the answer is that it runs.
+Outcome prolog_of(const PluginArguments& arguments, const JobRequest& request,
+                  const std::function<void()>& ask_slurm) {
+    const StateFolder folder(arguments.state);
+    folder.create({3, 1000, "t", "minimize_energy"});
+    folder.append(3, line::setting({9999, "userspace", 1200000}));  // no machine has it
+    const NodeRole role{true, [&](uint32_t) {
+                            ask_slurm();
+                            return false;
+                        }};
+    return call_in_child(kAmple, [&] { return start_job(arguments, request, role); });
+}
+
+TEST(SlurmProlog, NothingHindersItFromSettingTheNodeBackFirst) {
+    const test::ScratchFolder scratch;
+    PluginArguments arguments;
+    arguments.state = scratch.path("state");
+    const StateFolder folder(arguments.state);
+    const std::string mark = "job 4 ran on the node at the same time";
+    const std::string done =
+        "set back the frequency of running job 3, but the former frequency setting is refused by "
+        "CPU 9999";
+
+    const Outcome silent = prolog_of(arguments, {4, 1000, "", ""}, [&] {
+        const StateFolder its(arguments.state);  // it has none of our descriptors
+        if (its.read(3)->disturbed == mark && its.read(4))
+            throw std::runtime_error("was asked last");
+    });
+    EXPECT_EQ("was asked last", silent.text);
+
+    const Outcome refused = prolog_of(arguments, {4, 1000, "t", ""}, [&] {
+        fs::remove(arguments.state + "/job-4");
+        fs::create_directory(arguments.state + "/job-4");
+    });
+    EXPECT_EQ(done + "; job 3 runs on this node too; job-4: not a file of root's", refused.text);
+    fs::remove(arguments.state + "/job-4");
+
+    arguments.limit = 1;
+    const Descriptor lock = folder.lock(std::chrono::milliseconds(0));
+    const Outcome locked = prolog_of(arguments, {4, 1000, "", ""}, [] {});
+    EXPECT_EQ(0U, locked.text.find(done + "; the lock of the records: ")) << locked.text;
+    EXPECT_FALSE(silent.good || refused.good || locked.good);
+    EXPECT_EQ(mark, folder.read(3)->disturbed);
+    EXPECT_TRUE(folder.read(4));
 }
 
 TEST(SlurmChild, WhateverHappensInItIsToldInTime) {
