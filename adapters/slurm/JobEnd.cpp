@@ -89,8 +89,11 @@ void generate(const PluginArguments& arguments, const JobRecord& record, const C
 
 }  // namespace
 
-Outcome give_back(const JobRecord& record) {
-    restore(record.settings);
+Outcome give_back(const PluginArguments& arguments, uint32_t job) {
+    const std::optional<JobRecord> record = StateFolder(arguments.state).read(job);
+    if (!record || record->settings.empty())
+        return {};
+    restore(record->settings);
     return {true, "frequency set back"};
 }
 

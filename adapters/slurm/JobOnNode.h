@@ -21,8 +21,8 @@ struct NodeRole {
 Outcome start_job(const PluginArguments& arguments, const JobRequest& request,
                   const NodeRole& role);
 
-/// Sets the frequency back.
-Outcome give_back(const JobRecord& record);
+/// Sets the frequency back, unless that was done before the job's end.
+Outcome give_back(const PluginArguments& arguments, uint32_t job);
 
 /// Notes the meter's reading at the end and says what the job needed; no text where the prolog took
 /// no reading.

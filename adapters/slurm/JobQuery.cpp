@@ -11,8 +11,13 @@
 namespace eas::slurm {
 namespace {
 
-/// State and flags of the job; nothing when there is no such job.
-std::optional<uint32_t> state_of(uint32_t job) {
+struct JobStanding {
+    uint32_t state = JOB_END;  // with flags
+    bool was_suspended = false;
+};
+
+/// How the controller sees the job; nothing when there is no such job.
+std::optional<JobStanding> standing_of(uint32_t job) {
     job_info_msg_t* answer = nullptr;
     if (slurm_load_job(&answer, job, SHOW_ALL) != 0) {
         const int error = errno;
@@ -26,7 +31,8 @@ std::optional<uint32_t> state_of(uint32_t job) {
     // Asked for an array or the leader of a heterogeneous job it tells of all their jobs.
     for (uint32_t i = 0; i < answer->record_count; ++i)
         if (answer->job_array[i].job_id == job)
-            return answer->job_array[i].job_state;
+            return JobStanding{answer->job_array[i].job_state,
+                               answer->job_array[i].suspend_time != 0};
     return std::nullopt;
 }
 
@@ -34,7 +40,7 @@ std::optional<uint32_t> state_of(uint32_t job) {
 
 bool job_is_over(uint32_t job) {
     try {
-        const uint32_t state = state_of(job).value_or(JOB_END);
+        const uint32_t state = standing_of(job).value_or(JobStanding{}).state;
         const uint32_t base = state & JOB_STATE_BASE;
         return (state & JOB_COMPLETING) == 0 && base != JOB_RUNNING && base != JOB_SUSPENDED;
     } catch (const std::runtime_error&) {
@@ -43,9 +49,10 @@ bool job_is_over(uint32_t job) {
 }
 
 std::string why_not_completed(uint32_t job) {
-    switch (state_of(job).value_or(JOB_END) & JOB_STATE_BASE) {
+    const JobStanding standing = standing_of(job).value_or(JobStanding{});
+    switch (standing.state & JOB_STATE_BASE) {
         case JOB_COMPLETE:
-            return "";
+            return standing.was_suspended ? "the job was suspended" : "";
         case JOB_CANCELLED:
             return "the job was cancelled";
         case JOB_TIMEOUT:

@@ -183,7 +183,8 @@ bool has_records(const PluginArguments& arguments) {
 }
 
 // Three children: a frequency is set back whether or not the library answers, and what the job
-// needed is known whether or not the database does.
+// needed is known whether or not the database does. The meter first: its figure is that of the
+// job's frequency alone.
 void end_job(const PluginArguments& arguments, uint32_t job) {
     if (!has_records(arguments))
         return;
@@ -191,13 +192,14 @@ void end_job(const PluginArguments& arguments, uint32_t job) {
     const std::optional<JobRecord> record = folder.read(job);
     if (!record)
         return;
-    Outcome outcome;
-    if (!record->settings.empty())
-        outcome = call_in_child(arguments.limit, [&] { return give_back(*record); });
-    const bool given_back = outcome.good;
+    Outcome outcome, consumption;
     if (record->start)
-        add(outcome,
-            call_in_child(arguments.limit, [&] { return read_meter_again(arguments, job); }));
+        consumption =
+            call_in_child(arguments.limit, [&] { return read_meter_again(arguments, job); });
+    if (!record->settings.empty())
+        outcome = call_in_child(arguments.limit, [&] { return give_back(arguments, job); });
+    const bool given_back = outcome.good;
+    add(outcome, consumption);
     add(outcome, tag_of(arguments, folder, job));
     log(job, outcome);
     if (given_back)  // else the next prolog of this node tries again
