@@ -67,7 +67,7 @@ code_of() { cat "$out/$1.code"; }
 # Polls until the command succeeds, or for so long that it never will.
 patiently() { # COMMAND...
     local attempt
-    for ((attempt = 0; attempt < 800; attempt++)); do
+    for ((attempt = 0; attempt < 500; attempt++)); do
         ! "$@" || return 0
         sleep 0.05
     done
@@ -105,12 +105,18 @@ options_are_offered_and_checked() {
         as nobody "$command" --energy-tag=t --energy-policy=fast true 2>"$out/refused"
         check "$command: an unknown policy" 1 $(($? != 0))
     done
-    for tag in '' '../x'; do
+    for tag in '' '../x' 'x"y' 'x;y' '%s' "$(printf 'x%.0s' {1..256})"; do
         printf '#!/bin/sh\n#SBATCH --energy-tag=%q\n' "$tag" >"$out/script"
         as nobody sbatch "$out/script" >"$out/refused" 2>&1
         check "#SBATCH --energy-tag=$tag is refused" 1 $(($? != 0))
     done
     check "nothing was submitted" "" "$(squeue -h)"
+    run policy_alone nobody -w n1 --energy-policy=minimize_time -- true
+    settle
+    check "a policy alone is no obstacle" 0 "$(code_of policy_alone)"
+    check "a policy alone: the user is told" 1 \
+        "$(grep -c 'energy-policy does nothing without --energy-tag' "$out/policy_alone.err")"
+    check_log policy_alone "$(id_of policy_alone)" '--energy-policy without --energy-tag; ignored'
 }
 
 # What the tag predicts is what the simulated machine does: power at three frequencies, percent.
@@ -131,9 +137,10 @@ cheapest() {
 }
 
 measuring_runs_make_tags() {
-    printf '#!/bin/bash\n#SBATCH --energy-tag=solve\n#SBATCH -w n1\nsrun -Q %s %s %s 2\n' \
+    local array  # its number is that of its last job
+    printf '#!/bin/bash\n#SBATCH --energy-tag=solve --array=0-1\n#SBATCH -w n1\nsrun -Q %s %s %s 2\n' \
         "$held" "$go/measured" "$bin/work" >"$out/script"
-    as nobody sbatch --parsable -o /dev/null "$out/script" >"$out/measured.id"
+    array=$(as nobody sbatch --parsable -o /dev/null "$out/script")
     run same_name games -w n2 --energy-tag=solve --energy-policy=none -- \
         "$held" "$go/same_name" "$bin/work" 2 &
     run unsupported nobody -w n3 --energy-tag=other -- "$held" "$go/unsupported" sleep 1.1 &
@@ -148,8 +155,10 @@ measuring_runs_make_tags() {
     check_tag nobody solve
     check_tag games solve
     check "tags there are" 24 "$(rows 1)"
-    check_log measured "$(id_of measured)" 'measuring for tag "solve" at 2300000 kHz' \
-        ' [0-9.]+ J in .*tag "solve" generated'
+    check_log array "$array" 'measuring for tag "solve" at 2300000 kHz' \
+        ' [0-9.]+ J in .*tag "solve" not generated: there is one of that name already'
+    check "an array makes one tag" 1 \
+        "$(grep -c 'J in .*tag "solve" generated' "$scratch/log/slurmd.n1.log")"
     check_log unsupported "$(id_of unsupported)" \
         'tag "other" not generated: the counters of this node are not supported'
     check "the job with the unsupported processor" 0 "$(code_of unsupported)"
@@ -206,7 +215,7 @@ jobs_that_end_otherwise() {
     # Cancelled with an exit code of 0, after what else would be a whole run; salloc is a whole one.
     run interrupted nobody -w n2 --energy-tag=half -- \
         bash -c 'trap "exit 0" TERM; sleep 1.1; echo begun; sleep 60 & wait' &
-    as nobody salloc -Q -w n1 --energy-tag=interactive srun -Q "$bin/work" 1 >"$out/salloc" &
+    as nobody salloc -Q -w n1 --energy-tag=interactive srun -Q "$bin/work" 2 >"$out/salloc" &
     patiently grep -qs begun "$out/interrupted.all"
     scancel -u nobody -w n2
     settle
@@ -226,6 +235,26 @@ left_overs_are_set_back() {
     run after_crash games -w n1 -- true
     settle
     check_log after_crash "$(id_of after_crash)" 'set back the frequency that job [0-9]+ left behind$'
+}
+
+interrupted_runs_count_for_nothing() {
+    local setting requeued
+    setting=$(cheapest)
+    printf '#!/bin/bash\nsleep 60\n' >"$out/script"
+    requeued=$(as nobody sbatch --parsable -o /dev/null -w n1 --energy-tag=solve \
+        --energy-policy=minimize_energy "$out/script")
+    run suspended nobody -w n2 --energy-tag=paused -- "$held" "$go/suspended" sleep 1.1 &
+    patiently has_begun suspended
+    scontrol suspend "$(running_on n2)"
+    becomes "n1 before the job is requeued" n1 "$setting"
+    scontrol requeue "$requeued"
+    becomes "n1 after the job is requeued" n1 "$idle"
+    scancel "$requeued"
+    scontrol resume "$(squeue -h -w n2 -o %i)"
+    let_go suspended
+    settle
+    check_log suspended "$(id_of suspended)" 'tag "paused" not generated: the job was suspended'
+    check_log requeued "$requeued" 'frequency set back'
 }
 
 other_wishes_are_respected() {
@@ -253,6 +282,44 @@ other_wishes_are_respected() {
     check "n3 within its limits" "performance 2000000 performance 2700000" "$(setting n3 | xargs)"
     check_log own "$(id_of own)" 'asks for a frequency of its own \(--cpu-freq\); ours is set back'
     check_log sharing "$(id_of sharing)" 'job [0-9]+ runs on this node too; frequency left as it is'
+}
+
+# A job with a policy on n2, and beside it a plain one whose prolog finds the records locked and has
+# LIMIT seconds.
+share_n2() { # NAME LOCK LIMIT
+    run "first_$1" nobody -p shared -n1 -w n2 --energy-tag=solve --energy-policy=minimize_energy -- \
+        "$held" "$go/first_$1" true &
+    becomes "n2 with one job" n2 "$(cheapest)"
+    patiently has_begun "first_$1"
+    sed -i.all "s/limit=20/limit=$3/" "$plugstack"
+    flock "$2"
+    run "second_$1" games -p shared -n1 -w n2 -- "$held" "$go/second_$1" true &
+    patiently has_two_records n2
+    mv "$plugstack.all" "$plugstack"
+}
+has_two_records() { [ "$(find "$(root_of "$1")$scratch/node/eas" -name 'job-*' | wc -l)" -eq 2 ]; }
+
+# Who joins a job sets the node back before anything that may not answer.
+newcomers_are_noticed() {
+    local lock
+    exec {lock}>"$(root_of n2)$scratch/node/eas/lock"
+    share_n2 unanswered "$lock" 20
+    kill -STOP "$(cat "$scratch/run/slurmctld.pid")"
+    flock -u "$lock"
+    becomes "n2 though the controller is silent" n2 "$idle"
+    kill -CONT "$(cat "$scratch/run/slurmctld.pid")"
+    let_go first_unanswered second_unanswered
+    settle
+    share_n2 locked "$lock" 4
+    becomes "n2 though the records are locked" n2 "$idle"
+    flock -u "$lock"
+    let_go first_locked second_locked
+    settle
+    check_log locked "$(id_of second_locked)" \
+        'error: .*set back the frequency of running job [0-9]+; the lock of the records'
+    for name in unanswered locked; do
+        check_log "$name" "$(id_of "first_$name")" ' J in .*; job [0-9]+ ran on the node at the same time'
+    done
 }
 
 # Each fault: an argument in plugstack.conf, the reason in the log, and what a measured job says of
@@ -297,8 +364,8 @@ tampered_clients_are_checked_again() {
 }
 
 for scenario in options_are_offered_and_checked measuring_runs_make_tags policies_set_the_frequency \
-    jobs_that_end_otherwise left_overs_are_set_back other_wishes_are_respected faults_cost_no_job \
-    tampered_clients_are_checked_again; do
+    jobs_that_end_otherwise left_overs_are_set_back interrupted_runs_count_for_nothing \
+    other_wishes_are_respected newcomers_are_noticed faults_cost_no_job tampered_clients_are_checked_again; do
     start=$SECONDS
     "$scenario"
     check "$scenario: drained nodes" "" "$(sinfo -h -N -p whole -t drain,drained,down,fail -o %N)"
