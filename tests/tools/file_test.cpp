@@ -97,11 +97,11 @@ TEST_F(Thresholds, AreShownWithWhatIsGivenInterpolatedAndExtrapolated) {
         "Begin Min_Time\nCPU_FREQ RUNTIME_VAR\n2800MHz -8\nEnd Min_Time\n",
         0);
     EXPECT_TRUE(result.at("valid"));
-    EXPECT_EQ(result.at("min_energy_percent"), 5.0);
+    EXPECT_EQ(result.at("min_energy_pct"), 5.0);
     std::string rows;
     for (const auto& row : result.at("min_time"))
-        rows += std::to_string(row.at("khz").get<int>() / 1000) + " " +
-                std::to_string(std::lround(row.at("percent").get<double>())) + " " +
+        rows += std::to_string(row.at("frequency_khz").get<int>() / 1000) + " " +
+                std::to_string(std::lround(row.at("time_change_pct").get<double>())) + " " +
                 row.at("source").get<std::string>() + "\n";
     EXPECT_EQ(rows,
               "2000 0 default\n2400 -4 interpolated\n2800 -8 given\n3200 -12 extrapolated\n"

@@ -21,7 +21,7 @@ struct FitOptions {
 Json json_of(const Fit& fit, const ModelFit& model) {
     Json json{{"r_squared", fit.r_squared},
               {"rms_residual", fit.rms_residual},
-              {"worst_error_percent", fit.worst_percent},
+              {"worst_error_pct", fit.worst_percent},
               {"worst_kernel", model.kernels[fit.worst_kernel]},
               {"kernels", Json::array()}};
     for (std::size_t i = 0; i < kernel_count; ++i)
@@ -39,9 +39,9 @@ Json json_of(const ModelFit& model) {
               {"rows", Json::array()}};
     for (const FrequencyFit& row : model.rows) {
         Json one{{"frequency_khz", row.khz}, {"default", row.is_default}};
-        constexpr const char* names = "ABCDEF";
-        for (std::size_t i = 0; i < 6; ++i)
-            one[std::string(1, names[i])] = i < 3 ? row.power.factors[i] : row.pace.factors[i - 3];
+        for (const Fit* fit : {&row.power, &row.pace})
+            for (const double factor : fit->factors)
+                one["coefficients"].push_back(factor);
         if (!row.is_default) {
             one["power_w"] = json_of(row.power, model);
             one["cycles_per_instruction"] = json_of(row.pace, model);

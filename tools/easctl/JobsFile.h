@@ -46,6 +46,8 @@ class JobsFile {
     /// After `bad_row`, problem() says what is wrong, with file and line.
     CsvFile::Step next(JobRow& row);
     [[nodiscard]] std::string problem() const { return csv_.where() + ": " + problem_; }
+    /// The same without them.
+    [[nodiscard]] const std::string& reason() const { return problem_; }
     [[nodiscard]] std::string where() const { return csv_.where(); }
     [[nodiscard]] const LineReader& lines() const { return csv_.lines(); }
     [[nodiscard]] bool has_classes() const { return class_.has_value(); }

@@ -36,7 +36,7 @@ struct Options {
 };
 
 Json json_of(const StoredModel& model) {
-    return {{"cluster", model.cluster},         {"default_khz", model.default_khz},
+    return {{"cluster", model.cluster},         {"default_frequency_khz", model.default_khz},
             {"frequencies", model.frequencies}, {"lowest_khz", model.lowest_khz},
             {"highest_khz", model.highest_khz}, {"tag_rows", model.tag_rows}};
 }
@@ -71,7 +71,7 @@ void report_import(const Options& options, const ModelFile& file, const char* ve
     const CoEfficients& model = file.coefficients;
     if (globals.json) {
         print_json({{"cluster", options.cluster},
-                    {"default_khz", model.getDefaultFrequency()},
+                    {"default_frequency_khz", model.getDefaultFrequency()},
                     {"frequencies", model.total_frequencies()},
                     {"dsn", database.dsn()},
                     {"result", verdict},
@@ -138,9 +138,10 @@ std::string file_text(const CoEfficients& model) {
 Json json_of(const CoEfficients& model) {
     Json rows = Json::array();
     for (std::size_t i = 0; i < model.frequencyArray().size(); ++i)
-        rows.push_back({{"khz", model.frequencyArray()[i]}, {"coefficients", factors(model, i)}});
+        rows.push_back(
+            {{"frequency_khz", model.frequencyArray()[i]}, {"coefficients", factors(model, i)}});
     return {{"cluster", model.getClusterName()},
-            {"default_khz", model.getDefaultFrequency()},
+            {"default_frequency_khz", model.getDefaultFrequency()},
             {"rows", rows}};
 }
 
@@ -190,7 +191,7 @@ void list_models(const Options& options, Globals& globals) {
         Json list = Json::array();
         for (const StoredModel& model : models)
             list.push_back(json_of(model));
-        print_json(list);
+        print_json({{"models", std::move(list)}});
         return;
     }
     if (models.empty())

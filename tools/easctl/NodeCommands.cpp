@@ -38,7 +38,7 @@ Json info_json(const std::vector<Link>& links) {
     std::vector<int> table;
     EnergyUtil::get_available_freqs(table, 0);
     json["available_khz"] = table;
-    json["cpus"] = all_cpus().size();
+    json["cpus"] = all_cpus();
     return json;
 }
 
@@ -100,14 +100,14 @@ void show_frequencies(const std::vector<int>& cpus, const Globals& globals) {
                    cell(std::to_string(state.lowest)), cell(std::to_string(state.highest)),
                    state.driver});
         json.push_back({{"cpus", members},
-                        {"khz", value(state.present)},
+                        {"frequency_khz", value(state.present)},
                         {"governor", state.governor.empty() ? Json(nullptr) : Json(state.governor)},
                         {"lowest_khz", value(state.lowest)},
                         {"highest_khz", value(state.highest)},
                         {"driver", state.driver}});
     }
     if (globals.json)
-        print_json(json);
+        print_json({{"cpu_groups", std::move(json)}});
     else
         print(table.text(globals.colored()));
 }

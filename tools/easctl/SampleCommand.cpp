@@ -163,7 +163,7 @@ class SampleTable {
             {"GFLOP/s", "giga_flops", 3, rate(flops_, 1e9), counter_state_},
             {"memory GB/s", "memory_gb_per_second", 3, rate(memory_, 1e9),
              memory_state_ == LinkStatus::ok ? counter_state_ : memory_state_},
-            {"margin C", "temperature_margin", 0, margin, counter_state_},
+            {"margin C", "temperature_margin_c", 0, margin, counter_state_},
             {"energy J", "energy_j", 1, over(energy_.whole(), 1e6), energy_state_},
             {"power W", "power_w", 1, rate(energy_, 1e6), energy_state_},
         };

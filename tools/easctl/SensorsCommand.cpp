@@ -18,7 +18,7 @@ namespace {
 
 struct Reading {
     std::string name;
-    LinkStatus state = LinkStatus::ok;
+    LinkStatus status = LinkStatus::ok;
     double value = 0;  // meaningless unless ok
     std::string unit;
     std::string why;  // there is none
@@ -49,7 +49,7 @@ void explain(Reading& reading) {
         else if (file.is_open())
             error = EIO;
     }
-    reading.state = status_of(error);
+    reading.status = status_of(error);
     reading.why = error == ENOENT ? "the energy meter has no such sensor" : std::strerror(error);
 }
 
@@ -69,7 +69,7 @@ Reading read_sensor(const char* name) {
         errno = 0;
         const unsigned long value = std::strtoul(text.data(), &end, 0);
         if (end == text.data() || errno != 0) {
-            reading.state = LinkStatus::missing;
+            reading.status = LinkStatus::missing;
             reading.why = "what the driver writes is no number";
         }
         reading.value = static_cast<double>(value) / unit.divisor;
@@ -86,7 +86,7 @@ Reading read_margin() {
         if (!is_broken(link) ||
             (link.name != "processor" && link.name.find("msr") == std::string::npos))
             continue;
-        reading.state = link.status == LinkStatus::denied ? link.status : LinkStatus::missing;
+        reading.status = link.status == LinkStatus::denied ? link.status : LinkStatus::missing;
         reading.why = link.name + ": " + link.found;
         return reading;
     }
@@ -94,16 +94,16 @@ Reading read_margin() {
     // Above the limit the margin is negative.
     reading.value = static_cast<double>(static_cast<std::int64_t>(usage.inlet_temperature));
     if (usage.inlet_temperature == NO_TEMPERATURE) {
-        reading.state = LinkStatus::missing;
+        reading.status = LinkStatus::missing;
         reading.why = "a processor has no valid reading, or its model has none";
     }
     return reading;
 }
 
 Json json_of(const Reading& reading) {
-    const bool good = reading.state == LinkStatus::ok;
+    const bool good = reading.status == LinkStatus::ok;
     Json json{{"name", reading.name},
-              {"state", name_of(reading.state)},
+              {"status", name_of(reading.status)},
               {"value", good ? Json(reading.value) : Json(nullptr)},
               {"unit", reading.unit}};
     if (!good)
@@ -121,15 +121,15 @@ void run_sensors(Globals& globals) {
     globals.outcome = ExitCode::node;
     for (const Reading& reading : readings) {
         json.push_back(json_of(reading));
-        if (reading.state == LinkStatus::ok) {
+        if (reading.status == LinkStatus::ok) {
             globals.outcome = ExitCode::ok;
             table.add({reading.name, exact(reading.value), reading.unit});
         } else {
-            table.add({reading.name, {name_of(reading.state), Style::bad}, "", reading.why});
+            table.add({reading.name, {name_of(reading.status), Style::bad}, "", reading.why});
         }
     }
     if (globals.json)
-        print_json(json);
+        print_json({{"sensors", std::move(json)}});
     else
         print(table.text(globals.colored()) +
               "margin: of the processors' temperature, below the highest that they allow\n");

@@ -44,7 +44,7 @@ class Generation {
             if (step == CsvFile::Step::row) {
                 generate(request_of(row));
             } else {
-                failed({ExitCode::input, jobs_.problem()}, {{"where", jobs_.where()}});
+                failed({ExitCode::input, jobs_.reason()}, {});
             }
             progress_.update(jobs_.lines().bytes_read());
         }
@@ -59,8 +59,7 @@ class Generation {
         } catch (const Failure& failure) {
             if (failure.code != ExitCode::refused && failure.code != ExitCode::usage)
                 throw;
-            failed({failure.code, jobs_.where() + ": " + failure.message, failure.hint},
-                   as_json(request));
+            failed(failure, {request.user, request.tag});
             return;
         }
         ++made_;
@@ -74,11 +73,11 @@ class Generation {
         }
     }
 
-    void failed(const Failure& failure, Json entry) {
+    void failed(const Failure& failure, const TagNames& names) {
+        const FailedRow row{jobs_.where(), failure, names};
         progress_.hide();
-        remark(globals_, printable(failure.message));
-        entry["message"] = failure.message;
-        failed_.push_back(std::move(entry));
+        remark(globals_, row.text());
+        failed_.push_back(row.json());
     }
 
     void finish() {
@@ -172,6 +171,23 @@ void TagNames::add_to(CLI::App& command, bool required) {
     command.add_option("--tag", tag, "name of the tag" + otherwise)
         ->required(required)
         ->type_name("NAME");
+}
+
+std::string FailedRow::text() const {
+    return printable(place + ": " + failure.message);
+}
+
+Json FailedRow::json() const {
+    const auto name = [](const std::string& text) {
+        return text.empty() ? Json(nullptr) : Json(text);
+    };
+    Json json{{"place", place},
+              {"user", name(names.user)},
+              {"tag", name(names.tag)},
+              {"message", failure.message}};
+    if (!failure.hint.empty())
+        json["hint"] = failure.hint;
+    return json;
 }
 
 OneOrMany::OneOrMany(CLI::App& command, std::string& file, const std::string& description)

@@ -20,6 +20,16 @@ struct TagNames {
     void add_to(CLI::App& command, bool required);
 };
 
+/// A row of a jobs file of which nothing came; one that could not be read has no names.
+struct FailedRow {
+    std::string place;  ///< "FILE:LINE"
+    Failure failure;
+    TagNames names;
+
+    [[nodiscard]] std::string text() const;
+    [[nodiscard]] Json json() const;
+};
+
 /// What a command about tags that its options name needs.
 struct TagChoice {
     LibraryOptions library;

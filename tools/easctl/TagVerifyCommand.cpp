@@ -47,7 +47,7 @@ std::vector<Selections> compare_selections(const Library& library, const EnergyT
 Json as_json(const Comparison& comparison) {
     return {{"predicted", comparison.predicted},
             {"measured", comparison.measured},
-            {"error", comparison.error()}};
+            {"error_pct", 100.0 * comparison.error()}};
 }
 
 /// A run beside what its tag predicted for it.
@@ -122,10 +122,10 @@ class Verifier {
         remark_on(one, where);
     }
 
-    void failed(const std::string& message) {
-        remark(globals_, printable(message));
+    void failed(const FailedRow& row) {
+        remark(globals_, row.text());
         globals_.outcome = ExitCode::found;
-        failed_.push_back(message);
+        failed_.push_back(row.json());
     }
 
     void finish() {
@@ -168,19 +168,20 @@ void verify_file(Verifier& verifier, const std::string& path) {
     JobRow row;
     for (CsvFile::Step step{}; (step = jobs.next(row)) != CsvFile::Step::end;) {
         if (step != CsvFile::Step::row) {
-            verifier.failed(jobs.problem());
+            verifier.failed({jobs.where(), {ExitCode::input, jobs.reason()}, {}});
             continue;
         }
         Run run{row.frequency_khz, row.elapsed_s, row.power_w, {}};
         if (row.has_counters)
             run.counters = row.counters;
+        const TagNames names{std::string(row.user), std::string(row.tag)};
         try {
-            verifier.check({std::string(row.user), std::string(row.tag)}, run, jobs.where());
+            verifier.check(names, run, jobs.where());
         } catch (const Failure& failure) {
             if (failure.code != ExitCode::found && failure.code != ExitCode::refused &&
                 failure.code != ExitCode::usage)
                 throw;
-            verifier.failed(jobs.where() + ": " + failure.message);
+            verifier.failed({jobs.where(), failure, names});
         }
     }
 }

@@ -44,7 +44,7 @@ Json tag_as_json(const EnergyTag& tag, const Library& library) {
     for (const auto policy : {eas::minimize_energy, eas::minimize_time}) {
         const eas::FrequencyChoice selected = choice(tag, policy, library);
         json["selected"][std::string(policy)] = {{"frequency_khz", selected.frequency},
-                                                 {"time_change", selected.time_var}};
+                                                 {"time_change_pct", 100.0 * selected.time_var}};
     }
     json["rows"] = rows_as_json(tag);
     return json;
@@ -177,8 +177,8 @@ Json as_json(const Explanation& explanation) {
     Json rows = Json::array();
     for (const Candidate& candidate : explanation.candidates) {
         rows.push_back({{"frequency_khz", candidate.frequency},
-                        {"energy_change", candidate.energy_change},
-                        {"time_change", candidate.time_change},
+                        {"energy_change_pct", 100.0 * candidate.energy_change},
+                        {"time_change_pct", 100.0 * candidate.time_change},
                         {"verdict", shown(candidate.verdict).text},
                         {"reason", candidate.reason}});
     }
@@ -212,7 +212,7 @@ void select(Globals& globals, const Select& options) {
                   {"tag", options.names.tag},
                   {"policy", options.policy},
                   {"frequency_khz", selected.frequency},
-                  {"time_change", selected.time_var}};
+                  {"time_change_pct", 100.0 * selected.time_var}};
         if (options.explain)
             json["explanation"] = as_json(explanation);
         print_json(json);
@@ -234,8 +234,8 @@ Json rows_as_json(const EnergyTag& tag) {
         rows.push_back({{"frequency_khz", tag.frequency_array()[i]},
                         {"power_w", tag.predict_power_array()[i]},
                         {"elapsed_s", tag.predict_elapse_time_array()[i]},
-                        {"energy_change", tag.energy_saving_pct_array()[i]},
-                        {"time_change", tag.perf_degrad_pct_array()[i]}});
+                        {"energy_change_pct", 100.0 * tag.energy_saving_pct_array()[i]},
+                        {"time_change_pct", 100.0 * tag.perf_degrad_pct_array()[i]}});
     }
     return rows;
 }

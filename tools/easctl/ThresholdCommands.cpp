@@ -38,12 +38,12 @@ Table table_of(const ThresholdFile& file, const CoEfficients& model) {
 Json json_of(const ThresholdFile& file, const CoEfficients& model) {
     Json rows = Json::array();
     for (const auto& [khz, fraction] : file.thresholds.getThresValue())
-        rows.push_back({{"khz", khz},
-                        {"percent", fraction * 100.0},
+        rows.push_back({{"frequency_khz", khz},
+                        {"time_change_pct", fraction * 100.0},
                         {"source", source_of(khz, file, model.getDefaultFrequency())}});
     return {{"valid", file.thresholds.isValid()},
             {"only_comments", file.thresholds.isAllCommentOut()},
-            {"min_energy_percent", file.thresholds.get_def_perf()},
+            {"min_energy_pct", file.thresholds.get_def_perf()},
             {"min_time", rows},
             {"findings", file.findings.json()}};
 }
