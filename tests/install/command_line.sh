@@ -28,6 +28,7 @@ in_zsh() {
     zsh -fc '
         _describe() { while [[ $1 == -* ]]; do shift; done; print -l -- ${${(P)2}%%:*} }
         _files() { print -- files }
+        compset() {}
         script=$1; shift
         words=("$@") CURRENT=$#
         . $script' - "$zsh_completion" "$@"
@@ -52,9 +53,19 @@ check() {
             problem "easctl $*: the manual page has no $name"
     done < <(cat "$scratch/options" "$scratch/commands")
     mapfile -t below <"$scratch/commands"
+    ((${#below[@]} > 0)) || [ "$(without <"$help")" = "$(section "$@" | without)" ] ||
+        problem "easctl $*: the manual page differs in what is required, and in defaults"
+    awk '/^Examples:/ { inside = 1; next } !NF { inside = 0 }
+        inside && !/easctl / && !more { exit 1 } { more = /\\$/ }' "$help" ||
+        problem "easctl $*: an example has no easctl"
     for name in "${below[@]}"; do
         check "$@" "$name"
     done
+}
+
+# What happens without each option, of a text that may break lines anywhere.
+without() {
+    tr -s ' \n' ' ' | grep -oE '\(required\)|\(default: [^)]*\)' | sort
 }
 
 # The part of the manual page about a command; for easctl and a group of commands all of it.
@@ -76,5 +87,8 @@ check
 # A value is not a command, listed values are offered, and behind "--" all is the command's own.
 [ "$(in_bash easctl --color a | xargs)" = "auto always" ] || problem "bash: --color a"
 [ "$(in_zsh easctl --color '' | xargs)" = "auto always never" ] || problem "zsh: --color"
+[ "$(in_bash easctl model calibrate --kernels stream,sp | xargs)" = stream,sparse ] ||
+    problem "bash: --kernels stream,sp"
+in_zsh easctl model calibrate --kernels '' | grep -qx stencil || problem "zsh: --kernels"
 [ "$(in_zsh easctl node sample -- '')" = files ] || problem "zsh: behind --"
 ((problems == 0)) && echo "$found commands and options agree"

@@ -248,11 +248,19 @@ void run_calibrate(const CalibrateOptions& options, Globals& globals) {
     remark(globals, "done; next: easctl model fit " + options.output + " -o coefficients.txt");
 }
 
-std::string kernel_names() {
-    std::string text;
+std::vector<std::string> kernel_names() {
+    std::vector<std::string> names;
     for (const Kernel& kernel : kernels())
-        text +=
-            (text.empty() ? "" : ", ") + std::string(kernel.name) + " (" + kernel.character + ")";
+        names.emplace_back(kernel.name);
+    return names;
+}
+
+/// What each stands for.
+std::string kernel_text() {
+    std::string text = "only some, separated by commas:";
+    for (const Kernel& kernel : kernels())
+        text += std::string(&kernel == kernels().data() ? "" : ",") + '\n' + kernel.name + " (" +
+                kernel.character + ")";
     return text;
 }
 
@@ -284,13 +292,9 @@ void add_calibrate_command(CLI::App& model, Globals& globals) {
         ->delimiter(',')
         ->check(CLI::Range(1, 999999999))
         ->type_name("KHZ");
-    command.add_option("--kernels", options->kernels, "only some of: " + kernel_names())
+    command.add_option("--kernels", options->kernels, kernel_text())
         ->delimiter(',')
-        ->check(CLI::Validator(
-            [](const std::string& name) {
-                return find_kernel(name) != nullptr ? std::string() : name + " is no kernel";
-            },
-            ""))
+        ->check(CLI::IsMember(kernel_names()))
         ->type_name("NAME");
     command.callback([options, &globals] { run_calibrate(*options, globals); });
 }

@@ -38,6 +38,16 @@ std::string value_of(const CLI::Option& option) {
     return word == "FLOAT" || word == "INT" || word == "UINT" ? "NUMBER" : word;
 }
 
+/// That an option must be given, or what holds where it is not.
+std::string without(const CLI::Option& option, bool positional) {
+    std::string text;
+    if (option.get_required() && !positional)
+        text = " (required)";
+    if (!option.get_default_str().empty())
+        text += " (default: " + option.get_default_str() + ')';
+    return text;
+}
+
 class PlainFormatter : public CLI::Formatter {
   public:
     std::string make_option_opts(const CLI::Option* option) const override {
@@ -47,10 +57,7 @@ class PlainFormatter : public CLI::Formatter {
             text += (text.empty() ? " " : "|") + choice;
         if (text.empty() && !positional && !value_of(*option).empty())
             text = ' ' + value_of(*option);
-        if (option->get_required() && !positional)
-            text += " (required)";
-        if (!option->get_default_str().empty())
-            text += " (default: " + option->get_default_str() + ')';
+        text += without(*option, positional);
         if (!option->get_envname().empty())
             text += " (or $" + option->get_envname() + ')';
         return text;
@@ -70,6 +77,7 @@ OptionEntry entry_of(const CLI::Option& option) {
     entry.value = value_of(option);
     entry.choices = choices_of(type);
     entry.text = one_line(option.get_description());
+    entry.without = without(option, entry.positional);
     if (!option.get_envname().empty())
         entry.text += " (else from the environment: " + option.get_envname() + ')';
     return entry;

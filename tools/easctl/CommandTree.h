@@ -14,6 +14,7 @@ struct OptionEntry {
     std::string value;                 ///< what it takes; empty for a flag
     std::vector<std::string> choices;  ///< the only values it takes, where they are listed
     std::string text;                  ///< one line
+    std::string without;               ///< what happens without it: "(required)", "(default: all)"
     bool positional = false;
 };
 

@@ -71,7 +71,7 @@ std::string rows(const CommandEntry& command, const std::vector<OptionEntry>& in
 
 constexpr std::string_view bash_function = R"(
 _easctl() {
-    local cur=${COMP_WORDS[COMP_CWORD]} where= word= option= names flags valued values=
+    local cur=${COMP_WORDS[COMP_CWORD]} where= word= option= first= names flags valued values=
     COMPREPLY=()
     _easctl_at ''
     for word in "${COMP_WORDS[@]:1:COMP_CWORD-1}"; do
@@ -92,10 +92,11 @@ _easctl() {
     if [[ $option ]]; then
         _easctl_at "$where $option"
         names=$values
+        [[ $cur != *,* ]] || first=${cur%,*},
     elif [[ $cur == -* ]]; then
         names=$flags
     fi
-    mapfile -t COMPREPLY < <(compgen -W "$names" -- "$cur")
+    mapfile -t COMPREPLY < <(compgen -P "$first" -W "$names" -- "${cur#"$first"}")
 }
 complete -o default -F _easctl easctl
 )";
@@ -120,7 +121,12 @@ _easctl() {
     done
     if [[ -n $option ]]; then
         _easctl_at "$where $option"
-        if (( $#values )); then _describe value values; else _files; fi
+        if (( $#values )); then
+            compset -P '*,'  # of a list its last item
+            _describe value values
+        else
+            _files
+        fi
     elif [[ ${words[CURRENT]} == -* ]]; then
         _describe -o option flags
     elif (( $#names )); then

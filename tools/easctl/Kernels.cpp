@@ -251,11 +251,4 @@ const std::array<Kernel, EnergyUtil::COEFNUM>& kernels() {
     return kKernels;
 }
 
-const Kernel* find_kernel(std::string_view name) {
-    for (const Kernel& kernel : kernels())
-        if (name == kernel.name)
-            return &kernel;
-    return nullptr;
-}
-
 }  // namespace easctl

@@ -6,7 +6,6 @@
 #include <array>
 #include <cstddef>
 #include <memory>
-#include <string_view>
 
 #include "common/EnergyUtil.h"
 
@@ -34,8 +33,5 @@ struct Kernel {
 constexpr std::size_t kLargestKernelBytes = std::size_t{48} << 20;
 
 const std::array<Kernel, EnergyUtil::COEFNUM>& kernels();
-
-/// Null for a name that is none.
-const Kernel* find_kernel(std::string_view name);
 
 }  // namespace easctl

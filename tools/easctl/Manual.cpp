@@ -43,15 +43,24 @@ std::string spelled(const OptionEntry& option) {
     return line;
 }
 
+/// The listed values that the text does not name.
+std::string other_choices(const OptionEntry& option) {
+    std::string list;
+    bool named = true;
+    for (const std::string& choice : option.choices) {
+        list += (list.empty() ? "; one of " : ", ") + literal(choice);
+        named = named && option.text.find(choice) != std::string::npos;
+    }
+    return named ? "" : list;
+}
+
 std::string option_list(const std::vector<OptionEntry>& options) {
     std::string items;
     for (const OptionEntry& option : options) {
         if (option.names.back() == "--help")
             continue;
-        items += ".It " + spelled(option) + '\n' + sentences(option.text);
-        for (std::size_t i = 0; i < option.choices.size(); ++i)
-            items += (i == 0 ? "; one of " : ", ") + literal(option.choices[i]);
-        items += '\n';
+        items += ".It " + spelled(option) + '\n' + sentences(option.text) + other_choices(option) +
+                 literal(option.without) + '\n';
     }
     return items.empty() ? "" : ".Bl -tag -width Ds\n" + items + ".El\n";
 }

@@ -267,11 +267,12 @@ void run_sample(const SampleOptions& options, Globals& globals) {
 
 void add_sample_command(CLI::App& node, Globals& globals) {
     CLI::App& command = add_command(
-        node, "sample", "runs a command and shows what it does to the node",
+        node, "sample",
+        "runs a command and shows what it does to the node. The exit code is the command's\n"
+        "(128 + N when signal N ended it, 126 or 127 when it cannot be started); 6 when nothing\n"
+        "can be sampled. The command prints on standard error.",
         "easctl node sample -- ./solver input\n"
-        "easctl node sample --interval 5 --json -- make -j8\n"
-        "The exit code is the command's (128 + N when signal N ended it, 126 or 127 when it\n"
-        "cannot be started); 6 when nothing can be sampled. The command prints on standard error.");
+        "easctl node sample --interval 5 --json -- make -j8");
     const auto options = std::make_shared<SampleOptions>();
     command.add_option("--interval", options->interval, "seconds between two lines")
         ->check(number_from(0.01, 86400.0))
