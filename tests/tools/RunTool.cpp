@@ -2,6 +2,8 @@
 
 #include <fcntl.h>
 #include <linux/capability.h>
+#include <pty.h>
+#include <sys/ioctl.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -28,14 +30,31 @@ UniqueFd pipe_with(const std::string& text) {
     return UniqueFd(ends[0]);
 }
 
-[[noreturn]] void become_easctl(std::vector<char*>& argv, int in, const char* out,
-                                const char* err) {
+/// A terminal on which `text` was typed; without any text none.
+struct Terminal {
+    explicit Terminal(const std::string& text) {
+        int ends[2] = {-1, -1};
+        if (text.empty())
+            return;
+        EXPECT_EQ(::openpty(&ends[0], &ends[1], nullptr, nullptr, nullptr), 0);
+        keyboard.reset(ends[0]);
+        screen.reset(ends[1]);
+        EXPECT_EQ(::write(keyboard.get(), text.data(), text.size()),
+                  static_cast<ssize_t>(text.size()));
+    }
+    UniqueFd keyboard, screen;
+};
+
+[[noreturn]] void become_easctl(std::vector<char*>& argv, int in, const char* out, const char* err,
+                                const Terminal& terminal) {
     ::dup2(in, STDIN_FILENO);
     if (std::freopen(out, "w", stdout) == nullptr || std::freopen(err, "w", stderr) == nullptr)
         ::_exit(127);
     // What the drivers leak is not the tool's, and they are unmapped when a checker looks.
     ::setenv("ASAN_OPTIONS", "detect_leaks=0", 1);
-    ::setsid();        // no terminal: a question about a password cannot wait for anybody
+    ::setsid();  // without a terminal a question cannot wait for anybody
+    if (terminal.screen.is_open() && ::ioctl(terminal.screen.get(), TIOCSCTTY, 0) != 0)
+        ::_exit(127);
     ::alarm(limit_s);  // survives exec
     ::execv(argv[0], argv.data());
     ::_exit(127);
@@ -43,7 +62,8 @@ UniqueFd pipe_with(const std::string& text) {
 
 }  // namespace
 
-ToolRun run_easctl(const std::vector<std::string>& arguments, const std::string& input) {
+ToolRun run_easctl(const std::vector<std::string>& arguments, const std::string& input,
+                   const std::string& typed) {
     std::vector<std::string> words{EAS_EASCTL};
     words.insert(words.end(), arguments.begin(), arguments.end());
     std::vector<char*> argv;
@@ -53,9 +73,10 @@ ToolRun run_easctl(const std::vector<std::string>& arguments, const std::string&
 
     const UniqueFd in = pipe_with(input);
     const ScratchFile out(""), err("");
+    const Terminal terminal(typed);
     const pid_t child = ::fork();
     if (child == 0)
-        become_easctl(argv, in.get(), out.path().c_str(), err.path().c_str());
+        become_easctl(argv, in.get(), out.path().c_str(), err.path().c_str(), terminal);
     int status = 0;
     EXPECT_EQ(::waitpid(child, &status, 0), child);
     EXPECT_FALSE(WIFSIGNALED(status) && WTERMSIG(status) == SIGALRM) << "easctl did not end";

@@ -13,8 +13,10 @@ struct ToolRun {
 };
 
 /// `arguments` follow the program's name. Standard input is a pipe that holds `input`; the
-/// environment is the test's. A run of more than a minute is ended and fails the test.
-ToolRun run_easctl(const std::vector<std::string>& arguments, const std::string& input = {});
+/// environment is the test's. There is no terminal unless something is `typed` there. A run of more
+/// than a minute is ended and fails the test.
+ToolRun run_easctl(const std::vector<std::string>& arguments, const std::string& input = {},
+                   const std::string& typed = {});
 
 struct Expectation {
     std::vector<std::string> arguments;

@@ -189,12 +189,23 @@ TEST_P(Tags, AreRemovedOnlyAsFarAsWasSaid) {
     generate_sample();
     expect_all(
         {{{"tag", "remove"}, 2, ""}, {{"tag", "remove", "--user", "anna"}, 2, "remove 2 tags"}});
+    for (const std::vector<std::string>& command : {
+             std::vector<std::string>{"tag", "remove", "--user", "anna", "--json"},
+             {"model", "remove", "--cluster", "sample", "--json"},
+         }) {
+        const ToolRun declined = run_easctl(command, "", "n\n");
+        EXPECT_EQ(declined.code, 1);
+        EXPECT_THAT(json::parse(declined.out)["error"]["message"], HasSubstr("nothing was"));
+    }
+    EXPECT_EQ(database().rows("TQVN_EnergyCoEfficients"), 12);
     EXPECT_EQ(database().rows("TQVN_EnergyPolicyTag"), 72);
+    EXPECT_EQ(run_easctl({"tag", "remove", "--user", "carla"}, "", "Yes\n").code, 0);
+    EXPECT_EQ(database().rows("TQVN_EnergyPolicyTag"), 48);
 
     EXPECT_EQ(tag({"remove", "--user", "anna", "--tag", "hpl"}).out,
               "removed tag \"hpl\" of anna\n");
-    EXPECT_EQ(database().rows("TQVN_EnergyPolicyTag"), 60);
-    EXPECT_EQ(tag_json({"remove", "--all", "--yes"})["removed"].size(), 5U);
+    EXPECT_EQ(database().rows("TQVN_EnergyPolicyTag"), 36);
+    EXPECT_EQ(tag_json({"remove", "--all", "--yes"})["removed"].size(), 3U);
     EXPECT_EQ(database().rows("TQVN_EnergyPolicyTag"), 0);
     EXPECT_EQ(tag({"remove", "--user", "anna"}).code, 0);
 }

@@ -1,10 +1,12 @@
 #include "tools/easctl/Command.h"
 
+#include <array>
 #include <cstdio>
 #include <map>
 #include <optional>
 #include <sstream>
 
+#include "base/UniqueFile.h"
 #include "tools/easctl/CsvFile.h"
 
 namespace easctl {
@@ -102,6 +104,23 @@ void complain(const Failure& failure) {
         std::fprintf(stderr, "easctl: %s\n", printable(line).c_str());
     if (!failure.hint.empty())
         std::fprintf(stderr, "  what to do: %s\n", printable(failure.hint).c_str());
+}
+
+void require_yes(const std::string& question) {
+    const eas::UniqueFile terminal(std::fopen("/dev/tty", "r+e"));
+    if (!terminal)
+        throw Failure(ExitCode::usage, question + " there is no terminal to ask on", "give --yes");
+    std::fprintf(terminal.get(), "%s [y/N] ", printable(question).c_str());
+    std::fflush(terminal.get());
+    std::array<char, 256> line{};
+    if (std::fgets(line.data(), line.size(), terminal.get()) == nullptr)
+        line[0] = '\0';
+    const std::string answer(line.data());
+    for (const char* yes : {"y\n", "Y\n", "yes\n", "Yes\n", "YES\n"}) {
+        if (answer == yes)
+            return;
+    }
+    throw Failure(ExitCode::found, question + " no: nothing was removed", "--yes asks nothing");
 }
 
 void remark(const Globals& globals, const std::string& text) {

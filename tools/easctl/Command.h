@@ -58,6 +58,10 @@ void complain(const Failure& failure);
 /// Prints a remark on standard error, unless the user wants quiet.
 void remark(const Globals& globals, const std::string& text);
 
+/// Asks on the terminal, whatever the standard streams are. Throws Failure unless the answer is
+/// yes, and where nobody can be asked.
+void require_yes(const std::string& question);
+
 void add_db_commands(CLI::App& app, Globals& globals);
 /// Returns the group "model", to which fit and calibrate belong as well.
 CLI::App& add_model_commands(CLI::App& app, Globals& globals);

@@ -1,10 +1,7 @@
 // easctl model: the coefficients of a cluster between the text file, the database and the eye.
-#include <unistd.h>
-
 #include <cstdio>
 #include <memory>
 
-#include "base/UniqueFile.h"
 #include "tools/easctl/Command.h"
 #include "tools/easctl/ModelFile.h"
 #include "tools/easctl/ModelStore.h"
@@ -252,24 +249,14 @@ void show_model(const Options& options, Globals& globals) {
     print('\n' + findings.text(globals.colored()));
 }
 
-bool confirmed(const std::string& question) {
-    const eas::UniqueFile terminal(std::fopen("/dev/tty", "r+e"));
-    if (!terminal)
-        return false;
-    std::fprintf(terminal.get(), "%s [y/N] ", question.c_str());
-    std::fflush(terminal.get());
-    const int answer = std::fgetc(terminal.get());
-    return answer == 'y' || answer == 'Y';
-}
-
 void remove_stored(const Options& options, Globals& globals) {
     Database database(options.database);
     const StoredModel model = pick_model(database, options.cluster, options.default_khz);
     const std::string what = std::to_string(model.frequencies) + " coefficient rows of " +
                              printable(model.cluster) + ", default " + ghz(model.default_khz);
     database.rollback();  // holds no lock while a person thinks
-    if (!options.yes && !confirmed("Remove " + what + "?"))
-        throw Failure(ExitCode::usage, "not confirmed: " + what + " stay", "--yes asks nothing");
+    if (!options.yes)
+        require_yes("remove " + what + "?");
     remove_model(database, model.cluster, model.default_khz);
     database.commit();
     if (globals.json)

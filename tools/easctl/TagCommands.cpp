@@ -1,10 +1,7 @@
 // easctl tag: what the scheduler's functions do, for a person; and the commands that change tags.
 #include "tools/easctl/TagCommands.h"
 
-#include <unistd.h>
-
 #include <algorithm>
-#include <iostream>
 #include <optional>
 
 #include "tools/easctl/JobsFile.h"
@@ -122,16 +119,6 @@ struct Remove : TagChoice {
     bool yes = false;
 };
 
-/// Asks on the terminal; without one the answer must have been given before.
-bool confirmed(const std::string& question) {
-    if (::isatty(STDIN_FILENO) != 1)
-        throw Failure(ExitCode::usage, question + " there is no terminal to ask on", "give --yes");
-    std::cerr << question << " [y/N] " << std::flush;
-    std::string answer;
-    std::getline(std::cin, answer);
-    return answer == "y" || answer == "Y" || answer == "yes";
-}
-
 void remove(Globals& globals, const Remove& options) {
     const TagNames& names = options.names;
     if (names.user.empty() && names.tag.empty() && !options.all) {
@@ -140,13 +127,9 @@ void remove(Globals& globals, const Remove& options) {
     }
     Library library(options.library);
     const std::size_t count = library.query(names.user, names.tag).size();
-    if (count > 1 && !options.yes &&
-        !confirmed("remove " + std::to_string(count) + " tags of cluster \"" + library.cluster() +
-                   "\" (" + name_of_tag(names.user, names.tag) + ")?")) {
-        remark(globals, "nothing was removed");
-        globals.outcome = ExitCode::found;
-        return;
-    }
+    if (count > 1 && !options.yes)
+        require_yes("remove " + std::to_string(count) + " tags of cluster \"" + library.cluster() +
+                    "\" (" + name_of_tag(names.user, names.tag) + ")?");
     const auto removed = library.remove(names.user, names.tag);
     Json list = Json::array();
     for (const auto& [user, tag] : removed) {
