@@ -31,6 +31,13 @@ TEST(CommandLine, IsRefusedInWordsAndForProgramsToo) {
                 {{"tag", "verify", "--max-time-error", "nan"}, 2, "not a number of 0 or more"}});
     for (const std::string option : {"--help", "--version"})
         EXPECT_EQ(std::system((EAS_EASCTL " " + option + " >/dev/full 2>&1").c_str()), 1 << 8);
+    // "$CLUSTER" of a script that never set it.
+    const char* const empty = ": must not be empty";
+    expect_all({{{"model", "remove", "--cluster", "", "--yes"}, 2, empty},
+                {{"model", "list", "--dsn", ""}, 2, empty},
+                {{"tag", "remove", "--user", "", "--tag", "hpl", "--yes"}, 2, empty},
+                {{"tag", "remove", "--tag", "", "--user", "anna", "--yes"}, 2, empty},
+                {{"node", "frequency", "--governor", ""}, 2, empty}});
     const auto run = run_easctl({"model", "--json"});
     EXPECT_EQ(nlohmann::json::parse(run.out).at("error").at("name"), "usage");
 }

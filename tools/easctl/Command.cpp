@@ -66,6 +66,13 @@ CLI::App& add_group(CLI::App& parent, const std::string& name, const std::string
     return group;
 }
 
+CLI::Validator some_text() {
+    return {[](const std::string& text) {
+                return text.empty() ? std::string("must not be empty") : std::string();
+            },
+            ""};
+}
+
 void add_format_option(CLI::App& command, Format& format) {
     static const std::map<std::string, Format> formats{{"table", Format::table},
                                                        {"csv", Format::csv}};

@@ -32,6 +32,9 @@ CLI::App& add_command(CLI::App& parent, const std::string& name, const std::stri
 /// Adds a group of commands, one of which must be given.
 CLI::App& add_group(CLI::App& parent, const std::string& name, const std::string& description);
 
+/// A text that is not empty, as a variable of a script is that was never set.
+CLI::Validator some_text();
+
 enum class Format { table, csv };
 /// Adds --format.
 void add_format_option(CLI::App& command, Format& format);

@@ -16,6 +16,7 @@
 #include "db/base_class/DBLibrary.h"
 #include "interface/LibraryState.h"
 #include "interface/Locator.h"
+#include "tools/easctl/Command.h"
 #include "tools/easctl/DatabaseFile.h"
 #include "tools/easctl/Signals.h"
 
@@ -102,11 +103,13 @@ void load_driver_manager() {
 
 void DatabaseOptions::add_to(CLI::App& command) {
     command.add_option("--dsn", dsn, "ODBC data source (default: the locator file's, else easdb)")
+        ->check(some_text())
         ->type_name("NAME");
     command
         .add_option("--user", user,
                     "account (default: the data source's own); its password comes from\n"
                     "EASCTL_DB_PASSWORD or is asked for")
+        ->check(some_text())
         ->type_name("NAME");
 }
 

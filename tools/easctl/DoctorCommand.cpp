@@ -152,6 +152,7 @@ void add_doctor_command(CLI::App& app, Globals& globals) {
     command
         .add_option("--cluster", options->cluster,
                     "whose coefficients (default: the only one with a model)")
+        ->check(some_text())
         ->type_name("NAME");
     command
         .add_option("--default-frequency", options->default_khz,

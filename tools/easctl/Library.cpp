@@ -8,6 +8,7 @@
 #include "interface/LibraryState.h"
 #include "interface/TagRecord.h"
 #include "interface/interface.h"
+#include "tools/easctl/Command.h"
 #include "tools/easctl/ModelStore.h"
 #include "tools/easctl/Output.h"
 
@@ -79,6 +80,7 @@ void ModelOptions::add_to(CLI::App& command) {
     command
         .add_option("--dsn", database.dsn,
                     "ODBC data source (default: the locator file's, else easdb)")
+        ->check(some_text())
         ->type_name("NAME");
     add_names_to(command);
 }
@@ -86,6 +88,7 @@ void ModelOptions::add_to(CLI::App& command) {
 std::array<CLI::Option*, 2> ModelOptions::add_names_to(CLI::App& command) {
     return {
         command.add_option("--cluster", cluster, "cluster (default: the only one with a model)")
+            ->check(some_text())
             ->type_name("NAME"),
         command
             .add_option("--default-frequency", default_khz,

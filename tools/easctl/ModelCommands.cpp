@@ -23,7 +23,7 @@ struct Options {
     void add_cluster(CLI::App& command, bool required) {
         CLI::Option* option =
             command.add_option("--cluster", cluster, "the cluster's name")->type_name("NAME");
-        option->required(required);
+        option->required(required)->check(some_text());
     }
     void add_default_frequency(CLI::App& command, const char* text) {
         command.add_option("--default-frequency", default_khz, text)

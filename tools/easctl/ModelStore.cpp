@@ -38,8 +38,9 @@ std::string choice(const std::vector<StoredModel>& models) {
 
 }  // namespace
 
-std::vector<StoredModel> stored_models(Database& database, const std::string& cluster) {
-    const std::string condition = cluster.empty() ? "" : " where c.cluster_name = ?";
+std::vector<StoredModel> stored_models(Database& database,
+                                       const std::optional<std::string>& cluster) {
+    const std::string condition = cluster ? " where c.cluster_name = ?" : "";
     const auto rows = database.run(
         "select c.cluster_name, c.default_frequency, count(*), min(c.frequency), max(c.frequency), "
         "(select count(*) from TQVN_EnergyPolicyTag t where t.cluster_name = c.cluster_name and "
@@ -47,7 +48,7 @@ std::vector<StoredModel> stored_models(Database& database, const std::string& cl
             condition +
             " group by c.cluster_name, c.default_frequency "
             "order by c.cluster_name, c.default_frequency",
-        cluster.empty() ? std::vector<std::string>() : std::vector<std::string>{cluster});
+        cluster ? std::vector<std::string>{*cluster} : std::vector<std::string>());
     std::vector<StoredModel> models;
     for (const auto& row : rows)
         models.push_back({row[0].value_or(""), int_of(row[1]), int_of(row[2]), int_of(row[3]),

@@ -1,6 +1,7 @@
 // The coefficients in the database, exact to the last bit on every engine.
 #pragma once
 
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -19,8 +20,9 @@ struct StoredModel {
     long tag_rows = 0;  ///< rows of tags that were predicted for this cluster and frequency
 };
 
-/// The models of one cluster, or of all (empty name), by name and default frequency.
-std::vector<StoredModel> stored_models(Database& database, const std::string& cluster = {});
+/// The models of one cluster, or of all, by name and default frequency.
+std::vector<StoredModel> stored_models(Database& database,
+                                       const std::optional<std::string>& cluster = {});
 
 /// The one model of a cluster; `default_khz` of 0 is enough where it has only one. Throws Failure
 /// when there is none, or several to choose from.

@@ -156,6 +156,7 @@ void add_frequency_command(CLI::App& node, Globals& globals) {
             ->type_name("KHZ");
     command.add_option("--governor", options->governor, "lets the kernel choose by this governor")
         ->excludes(set)
+        ->check(some_text())
         ->type_name("NAME");
     command.add_option("--cpu", options->cpus, "which CPUs, as 0-7,16-23, or all")
         ->capture_default_str()

@@ -150,9 +150,11 @@ void TagNames::add_to(CLI::App& command, bool required) {
     const std::string otherwise = required ? "" : " (default: all)";
     command.add_option("--user", user, "owner of the tag" + otherwise)
         ->required(required)
+        ->check(some_text())
         ->type_name("NAME");
     command.add_option("--tag", tag, "name of the tag" + otherwise)
         ->required(required)
+        ->check(some_text())
         ->type_name("NAME");
 }
 
@@ -209,13 +211,6 @@ void OneOrMany::require(const std::vector<CLI::Option*>& options) {
     if (!missing.empty())
         throw Failure(ExitCode::usage, "missing: " + missing,
                       "give all options of the job, or --jobs FILE for many jobs");
-}
-
-CLI::Validator some_text() {
-    return {[](const std::string& text) {
-                return text.empty() ? std::string("must not be empty") : std::string();
-            },
-            ""};
 }
 
 CLI::Validator figure() {

@@ -40,8 +40,7 @@ struct TagChoice {
                           const char* examples, bool required);
 };
 
-/// Text that is not empty, or a number above 0.
-CLI::Validator some_text();
+/// A number above 0.
 CLI::Validator figure();
 
 /// Options that describe one job, and the file of many that stands in for them.
