@@ -74,9 +74,11 @@ std::optional<std::string> ask_once(int terminal, const std::string& question, b
 }
 
 std::optional<std::string> find_password(const std::string& user, const std::string& dsn) {
+    if (user.empty())
+        return std::nullopt;  // the data source's own account has a password of its own
     if (const char* given = std::getenv(password_variable))
         return given;
-    const eas::UniqueFd terminal(user.empty() ? -1 : ::open("/dev/tty", O_RDWR | O_CLOEXEC));
+    const eas::UniqueFd terminal(::open("/dev/tty", O_RDWR | O_CLOEXEC));
     const std::string question = "Password of " + user + " for " + dsn + ": ";
     std::optional<std::string> password;
     for (bool again = terminal.is_open(); again;)

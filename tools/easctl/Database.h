@@ -19,9 +19,9 @@
 
 namespace easctl {
 
-/// The options --dsn and --user. A password is taken from the environment variable
-/// "EASCTL_DB_PASSWORD"; with --user and without the variable it is asked for on the terminal, and
-/// without a terminal left to the DSN.
+/// The options --dsn and --user. The password of --user is taken from the environment variable
+/// "EASCTL_DB_PASSWORD"; without the variable it is asked for on the terminal, and without a
+/// terminal left to the DSN.
 struct DatabaseOptions {
     std::string dsn;
     std::string user;
