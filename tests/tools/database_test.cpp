@@ -211,6 +211,46 @@ TEST(ToolOnSqlite, MakesNoFileWhereThePathIsWrongButToInitialise) {
     EXPECT_THAT(run_easctl({"db", "check"}).err, HasSubstr("is damaged"));
 }
 
+TEST(ToolOnSqlite, RefusesADataSourceThatWouldKeepNothing) {
+    ScratchDatabase database(Engine::sqlite);
+    database.disconnect();
+    const auto common = database.folder() / "odbc.ini";
+    const auto own = database.folder() / "own.ini";
+    std::filesystem::copy_file(common, own);
+    for (const char* keyword : {"", "Databse = /tmp/easdb.sqlite", "Database = :memory:"}) {
+        std::ofstream(common) << "[easdb]\nDriver = SQLite3\n" << keyword << '\n';
+        expect_all({{{"db", "init"}, 4, "names no file"}, {{"doctor"}, 1, "names no file"}});
+    }
+    // The driver manager tries to write the file that the user names, and drops it otherwise.
+    std::filesystem::remove(common);
+    ::setenv("ODBCINI", own.c_str(), 1);
+    EXPECT_EQ(run_easctl({"db", "check"}).code, 0);
+    let_file_modes_bind();
+    ASSERT_EQ(::chmod(own.c_str(), 0444), 0);
+    expect_all({{{"db", "init"}, 4, "ODBCSYSINI"},
+                {{"doctor"}, 1, own.string() + ": this user may read it, but not write it"}});
+}
+
+TEST(ToolOnSqlite, RefusesADataSourceThatWouldKeepNothing) {
+    ScratchDatabase database(Engine::sqlite);
+    database.disconnect();
+    const auto common = database.folder() / "odbc.ini";
+    const auto own = database.folder() / "own.ini";
+    std::filesystem::copy_file(common, own);
+    for (const char* keyword : {"", "Databse = /tmp/easdb.sqlite", "Database = :memory:"}) {
+        std::ofstream(common) << "[easdb]\nDriver = SQLite3\n" << keyword << '\n';
+        expect_all({{{"db", "init"}, 4, "names no file"}, {{"doctor"}, 1, "names no file"}});
+    }
+    // The driver manager tries to write the file that the user names, and drops it otherwise.
+    std::filesystem::remove(common);
+    ::setenv("ODBCINI", own.c_str(), 1);
+    EXPECT_EQ(run_easctl({"db", "check"}).code, 0);
+    let_file_modes_bind();
+    ASSERT_EQ(::chmod(own.c_str(), 0444), 0);
+    expect_all({{{"db", "init"}, 4, "ODBCSYSINI"},
+                {{"doctor"}, 1, own.string() + ": this user may read it, but not write it"}});
+}
+
 TEST(ToolOnSqlite, GivesTheTerminalItsEchoBackWhenASignalEndsTheQuestionForAPassword) {
     const ScratchDatabase database(Engine::sqlite);
     int master = -1;

@@ -18,6 +18,7 @@
 #include "interface/Locator.h"
 #include "tools/easctl/Command.h"
 #include "tools/easctl/DatabaseFile.h"
+#include "tools/easctl/OdbcConfiguration.h"
 #include "tools/easctl/Signals.h"
 
 namespace easctl {
@@ -127,11 +128,27 @@ Database::Database(const DatabaseOptions& options) : dsn_(options.dsn_name()) {
     connect(options);
     transaction_.emplace(&connection_);
     engine_ = engine_of(info(SQL_DBMS_NAME));
+    if (!keeps_nothing())
+        return;
+    end();
+    throw Failure(ExitCode::database,
+                  "data source \"" + dsn_ + "\" names no file: what is stored would be gone again",
+                  "write Database = /path/of/the/file into [" + dsn_ + "] of odbc.ini");
 }
 
 Database::~Database() {
-    if (!transaction_)
-        return;
+    if (transaction_)
+        end();
+}
+
+bool Database::keeps_nothing() {
+    if (engine_ != Engine::sqlite)
+        return false;
+    const std::vector<Row> files = run("pragma database_list");  // number, name, file
+    return files.empty() || files[0].at(2).value_or("").empty();
+}
+
+void Database::end() {
     transaction_->rollback();
     transaction_.reset();
     connection_.disconnect();
@@ -142,6 +159,9 @@ void Database::connect(const DatabaseOptions& options) {
     if (trouble && !(trouble->can_be_made && options.makes_file))
         throw Failure(ExitCode::database, "data source \"" + dsn_ + "\": " + trouble->found,
                       trouble->remedy);
+    if (const auto half = OdbcConfiguration().half_read(dsn_))
+        throw Failure(ExitCode::database, "data source \"" + dsn_ + "\": " + half->found,
+                      half->remedy);
     // A tool reports a database that does not answer; only a daemon may want to end there.
     ::setenv("ABORT_ON_DB_FAILED", "NO", 1);
     const std::optional<std::string> password = find_password(options.user, dsn_);

@@ -67,6 +67,9 @@ class Database {
 
   private:
     void connect(const DatabaseOptions& options);
+    /// Whether the tables would be in SQLite's memory, or in a file that it removes at the end.
+    bool keeps_nothing();
+    void end();
     void require(SQLRETURN rc, SQLSMALLINT type, SQLHANDLE handle, const std::string& what);
     std::vector<Row> fetch_all(SQLHANDLE statement, const std::string& what);
 

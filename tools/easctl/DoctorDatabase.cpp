@@ -92,6 +92,14 @@ Link denied(const std::string& name, const std::string& file) {
 
 Link data_source(const OdbcConfiguration& odbc, const std::string& dsn) {
     const std::string name = "data source " + dsn;
+    if (const auto half = odbc.half_read(dsn))
+        return {name, LinkStatus::wrong, half->found,
+                "the library connects to another database than the file says, or to none",
+                half->remedy};
+    if (const auto half = odbc.half_read(dsn))
+        return {name, LinkStatus::wrong, half->found,
+                "the library connects to another database than the file says, or to none",
+                half->remedy};
     const bool found = !odbc.value(dsn, "", "odbc.ini").empty();
     const auto files = OdbcConfiguration::data_source_files();
     if (const auto file = OdbcConfiguration::denied_of(files); !found && !file.empty())

@@ -35,6 +35,20 @@ std::string OdbcConfiguration::remedy_of_denied(const std::string& file) {
            ", with a group of the scheduler's daemon";
 }
 
+std::optional<OdbcConfiguration::HalfRead> OdbcConfiguration::half_read(
+    const std::string& dsn) const {
+    const std::vector<std::string> files = data_source_files();
+    const std::string& own = files.front();
+    if (files.size() == 1 || ::access(own.c_str(), R_OK) != 0 || ::access(own.c_str(), W_OK) == 0 ||
+        value(dsn, "", own.c_str()).empty())
+        return std::nullopt;
+    return HalfRead{own +
+                        ": this user may read it, but not write it: the driver manager loads the "
+                        "driver, and then hands nothing of the file to it",
+                    "as root: move it to odbc.ini in a folder of its own, ln -s /etc/odbcinst.ini "
+                    "beside it, and set ODBCSYSINI to that folder instead of ODBCINI"};
+}
+
 bool OdbcConfiguration::can_open(const std::string& driver, std::string& why) const {
     std::vector<std::string> candidates{driver};
     Dl_info place{};

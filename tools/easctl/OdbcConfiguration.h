@@ -1,6 +1,7 @@
 // What the driver manager's configuration files say, read by its own configuration library.
 #pragma once
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -22,6 +23,15 @@ class OdbcConfiguration {
 
     /// Whether the driver manager can open a driver's library; otherwise `why` says why not.
     [[nodiscard]] bool can_open(const std::string& driver, std::string& why) const;
+
+    struct HalfRead {
+        std::string found;
+        std::string remedy;
+    };
+    /// Whether the data source stands in a file that this user named (or has at home) and may read,
+    /// but not write. The driver manager then loads its driver, which gets nothing else of it:
+    /// neither file nor server, account or INITSTMT.
+    [[nodiscard]] std::optional<HalfRead> half_read(const std::string& dsn) const;
 
     /// The files that hold data sources, in the order in which they are looked into.
     static std::vector<std::string> data_source_files();
