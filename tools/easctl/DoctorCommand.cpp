@@ -157,6 +157,7 @@ void add_doctor_command(CLI::App& app, Globals& globals) {
     command
         .add_option("--default-frequency", options->default_khz,
                     "which, where the cluster has several")
+        ->check(CLI::PositiveNumber)
         ->type_name("KHZ");
     add_thresholds_option(command, options->thresholds);
     command.add_flag("--node", options->node, "also the hardware of this machine");

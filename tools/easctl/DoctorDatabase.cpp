@@ -9,6 +9,8 @@
 #include <cstring>
 #include <fstream>
 #include <memory>
+#include <optional>
+#include <utility>
 
 #include "db/base_class/DBLibrary.h"
 #include "interface/LibraryState.h"
@@ -57,6 +59,10 @@ Link driver_manager() {
             "no function of the library can reach a database", "apt install unixodbc-dev"};
 }
 
+Link skipped(const std::string& name, const std::string& why) {
+    return {name, LinkStatus::skipped, why, "", ""};
+}
+
 bool is_yes(const std::string& text) {
     return ::strcasecmp(text.c_str(), "yes") == 0 || ::strcasecmp(text.c_str(), "on") == 0 ||
            text == "1";
@@ -92,10 +98,8 @@ Link denied(const std::string& name, const std::string& file) {
 
 Link data_source(const OdbcConfiguration& odbc, const std::string& dsn) {
     const std::string name = "data source " + dsn;
-    if (const auto half = odbc.half_read(dsn))
-        return {name, LinkStatus::wrong, half->found,
-                "the library connects to another database than the file says, or to none",
-                half->remedy};
+    if (!odbc.available())
+        return skipped(name, "needs libodbcinst.so.2, which comes with the driver manager");
     if (const auto half = odbc.half_read(dsn))
         return {name, LinkStatus::wrong, half->found,
                 "the library connects to another database than the file says, or to none",
@@ -140,10 +144,6 @@ Link driver(const OdbcConfiguration& odbc, const std::string& dsn) {
     return {name, LinkStatus::ok, path, "", ""};
 }
 
-Link skipped(const std::string& name, const std::string& why) {
-    return {name, LinkStatus::skipped, why, "", ""};
-}
-
 const Finding* first_error(const Findings& findings) {
     for (const Finding& one : findings.all()) {
         if (one.severity == Severity::error)
@@ -168,8 +168,10 @@ Link schema(Database& database) {
             "tags cannot be stored or read as they must", one.hint};
 }
 
+constexpr const char* account_link = "rights of the account";
+
 Link rights(Database& database) {
-    const std::string name = "rights of the account";
+    const std::string name = account_link;
     const Findings findings = check_rights(database);
     const Finding* error = first_error(findings);
     if (error == nullptr)
@@ -257,19 +259,47 @@ Link thresholds(const DoctorOptions& options, CoEfficients& model) {
     }
 }
 
-void examine_contents(DoctorOptions options, Database& database, CoEfficients& model,
-                      std::vector<Link>& links) {
+/// A link that a statement breaks when it fails.
+template <typename Examine>
+Link examined(const std::string& name, Examine examine) {
     try {
-        links.push_back(schema(database));
-        if (is_broken(links.back())) {
-            links.push_back(skipped("coefficients", "needs the schema"));
-        } else {
-            links.push_back(rights(database));
-            links.push_back(coefficients(options, database, model));
-        }
+        return examine();
     } catch (const Failure& failure) {
-        links.push_back({"schema", LinkStatus::wrong, failure.message,
-                         "nothing can be stored or read", failure.hint});
+        return {name, LinkStatus::wrong, failure.message, "nothing can be stored or read",
+                failure.hint};
+    }
+}
+
+/// `database` is open afterwards, if the link holds.
+Link connection(const DoctorOptions& options, std::optional<Database>& database) {
+    const std::string name = "connection";
+    if (const auto trouble = trouble_with_file(options.database.dsn_name()))
+        return {name, trouble->denied ? LinkStatus::denied : LinkStatus::missing, trouble->found,
+                "no call of the library can do its work", trouble->remedy};
+    try {
+        database.emplace(options.database);
+        return {name, LinkStatus::ok,
+                database->info(SQL_DBMS_NAME) + ' ' + database->info(SQL_DBMS_VER), "", ""};
+    } catch (const Failure& failure) {
+        const bool denied = failure.message.find("28000") != std::string::npos ||
+                            failure.message.find("ccess denied") != std::string::npos;
+        return {name, denied ? LinkStatus::denied : LinkStatus::missing, failure.message,
+                "every call of the library fails", failure.hint};
+    }
+}
+
+void examine_contents(DoctorOptions options, std::optional<Database>& database, CoEfficients& model,
+                      std::vector<Link>& links) {
+    links.push_back(database ? examined("schema", [&] { return schema(*database); })
+                             : skipped("schema", "needs the connection"));
+    const std::string stored =
+        options.cluster.empty() ? "coefficients" : "coefficients of " + options.cluster;
+    if (holds(links.back())) {
+        links.push_back(examined(account_link, [&] { return rights(*database); }));
+        links.push_back(examined(stored, [&] { return coefficients(options, *database, model); }));
+    } else {
+        links.push_back(skipped(account_link, "needs the schema"));
+        links.push_back(skipped(stored, "needs the schema"));
     }
     if (!options.thresholds.empty())
         links.push_back(thresholds(options, model));
@@ -279,36 +309,20 @@ void examine_contents(DoctorOptions options, Database& database, CoEfficients& m
 
 std::vector<Link> examine_database(const DoctorOptions& options, CoEfficients& model) {
     std::vector<Link> links{locator(), driver_manager()};
-    const bool loaded = links.back().status == LinkStatus::ok;
+    bool usable = links.back().status == LinkStatus::ok;
+    const auto add = [&](Link link) {
+        usable &= link.status != LinkStatus::denied && link.status != LinkStatus::wrong;
+        links.push_back(std::move(link));
+    };
     const std::string dsn = options.database.dsn_name();
     const OdbcConfiguration odbc;
-    if (odbc.available()) {
-        links.push_back(pooling(odbc));
-        links.push_back(data_source(odbc, dsn));
-        if (!is_broken(links.back()))
-            links.push_back(driver(odbc, dsn));
-    }
-    if (!loaded || links.back().status == LinkStatus::denied) {
-        links.push_back(skipped("connection", "needs the links above"));
-        return links;
-    }
-    if (const auto trouble = trouble_with_file(dsn)) {
-        links.push_back({"connection", trouble->denied ? LinkStatus::denied : LinkStatus::missing,
-                         trouble->found, "no call of the library can do its work",
-                         trouble->remedy});
-        return links;
-    }
-    try {
-        Database database(options.database);
-        links.push_back({"connection", LinkStatus::ok,
-                         database.info(SQL_DBMS_NAME) + ' ' + database.info(SQL_DBMS_VER), "", ""});
-        examine_contents(options, database, model, links);
-    } catch (const Failure& failure) {
-        const bool denied = failure.message.find("28000") != std::string::npos ||
-                            failure.message.find("ccess denied") != std::string::npos;
-        links.push_back({"connection", denied ? LinkStatus::denied : LinkStatus::missing,
-                         failure.message, "every call of the library fails", failure.hint});
-    }
+    add(pooling(odbc));
+    add(data_source(odbc, dsn));
+    add(holds(links.back()) ? driver(odbc, dsn) : skipped("driver", "needs the data source"));
+    std::optional<Database> database;
+    links.push_back(usable ? connection(options, database)
+                           : skipped("connection", "needs the links above"));
+    examine_contents(options, database, model, links);
     return links;
 }
 
