@@ -149,6 +149,11 @@ TEST_P(Tool, DoctorFindsTheBrokenLink) {
     EXPECT_THAT(statuses({}, 1),
                 HasSubstr("coefficients=ok\nthresholds " + thresholds.path() + "=skipped"));
     ::unsetenv("EASCTL_THRESHOLDS");
+    plain().run("update TQVN_EnergyCoEfficients set factor_d = -9 where cluster_name = 'other'");
+    EXPECT_THAT(statuses({"--cluster", "other"}, 1), HasSubstr("coefficients of other=wrong"));
+    const auto shown = run_easctl({"model", "show", "--cluster", "other", "--json"});
+    EXPECT_EQ(shown.code, 1);
+    EXPECT_FALSE(nlohmann::json::parse(shown.out).at("findings").empty());
     std::ofstream(database().folder() / "odbcinst.ini", std::ios::app)
         << "\n[ODBC]\nPooling = Yes\n";
     EXPECT_THAT(statuses({}, 0), HasSubstr("ODBC pooling=warning"));

@@ -18,6 +18,7 @@
 #include "interface/TagStore.h"
 #include "tools/easctl/DatabaseFile.h"
 #include "tools/easctl/Doctor.h"
+#include "tools/easctl/ModelFile.h"
 #include "tools/easctl/ModelStore.h"
 #include "tools/easctl/OdbcConfiguration.h"
 #include "tools/easctl/Schema.h"
@@ -205,6 +206,25 @@ std::optional<Link> any_cluster(const DoctorOptions& options, Database& database
     return std::nullopt;
 }
 
+/// Coefficients that the library can read.
+Link judged(const std::string& name, const StoredModel& stored, const CoEfficients& model) {
+    const std::string remedy = "easctl model show --cluster " + stored.cluster +
+                               " says more; easctl model import FILE --cluster " + stored.cluster +
+                               " --replace";
+    if (model.getDefaultFrequency() != stored.default_khz)
+        return {name, LinkStatus::wrong,
+                "the row of zeros is that of " + std::to_string(model.getDefaultFrequency()) +
+                    " KHz, not of " + std::to_string(stored.default_khz),
+                "predictions are wrong", remedy};
+    const Findings findings = check_stored_model(model, stored.cluster);
+    if (const Finding* error = first_error(findings))
+        return {name, LinkStatus::wrong, error->place + ": " + error->text,
+                "predictions are wrong, or refused", remedy};
+    return {name, LinkStatus::ok,
+            std::to_string(stored.frequencies) + " frequencies, default " + ghz(stored.default_khz),
+            "", ""};
+}
+
 Link coefficients(DoctorOptions& options, Database& database, CoEfficients& model) {
     if (options.cluster.empty()) {
         if (const auto link = any_cluster(options, database, options.cluster))
@@ -220,15 +240,7 @@ Link coefficients(DoctorOptions& options, Database& database, CoEfficients& mode
             return {name, LinkStatus::wrong, "the library cannot read them", "",
                     "easctl db check --dsn " + database.dsn()};
         model = as_library;
-        if (model.getDefaultFrequency() != stored.default_khz)
-            return {name, LinkStatus::wrong,
-                    "the row of zeros is that of " + std::to_string(model.getDefaultFrequency()) +
-                        " KHz, not of " + std::to_string(stored.default_khz),
-                    "predictions are wrong", import + options.cluster + " --replace"};
-        return {
-            name, LinkStatus::ok,
-            std::to_string(stored.frequencies) + " frequencies, default " + ghz(stored.default_khz),
-            "", ""};
+        return judged(name, stored, model);
     } catch (const Failure& failure) {
         if (failure.code == ExitCode::usage)
             return {name, LinkStatus::skipped, failure.message, "", failure.hint};

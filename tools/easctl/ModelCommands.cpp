@@ -230,23 +230,20 @@ Table effects_of(const CoEfficients& model) {
 
 void show_model(const Options& options, Globals& globals) {
     const CoEfficients model = load(options);
+    const Findings findings = check_stored_model(model, model.getClusterName());
+    if (findings.has_errors())
+        globals.outcome = ExitCode::found;
     if (globals.json) {
-        print_json(json_of(model));
+        Json document = json_of(model);
+        document["findings"] = findings.json();
+        print_json(document);
         return;
     }
     print("Cluster " + printable(model.getClusterName()) + ", default frequency " +
           ghz(model.getDefaultFrequency()) + "\n\n");
     print(effects_of(model).text(globals.colored()));
-    std::vector<std::string> places;
-    for (const int khz : model.frequencyArray())
-        places.push_back(model.getClusterName() + ", " + std::to_string(khz) + " KHz");
-    Findings findings;
-    check_model(model, places, model.getClusterName(), findings);
-    if (findings.empty())
-        return;
-    if (findings.has_errors())
-        globals.outcome = ExitCode::found;
-    print('\n' + findings.text(globals.colored()));
+    if (!findings.empty())
+        print('\n' + findings.text(globals.colored()));
 }
 
 void remove_stored(const Options& options, Globals& globals) {

@@ -251,6 +251,15 @@ void check_model(const CoEfficients& model, const std::vector<std::string>& plac
     ModelCheck(model, places, whole, findings).run();
 }
 
+Findings check_stored_model(const CoEfficients& model, const std::string& cluster) {
+    std::vector<std::string> places;
+    for (const int khz : model.frequencyArray())
+        places.push_back(cluster + ", " + std::to_string(khz) + " KHz");
+    Findings findings;
+    check_model(model, places, cluster, findings);
+    return findings;
+}
+
 ModelFile read_model_file(const std::string& path) {
     const std::string text = read_input(path);
     ModelFile file;

@@ -24,6 +24,9 @@ ModelFile read_model_file(const std::string& path);
 void check_model(const CoEfficients& model, const std::vector<std::string>& places,
                  const std::string& whole, Findings& findings);
 
+/// The same of a model in the database, where a row is named by cluster and frequency.
+Findings check_stored_model(const CoEfficients& model, const std::string& cluster);
+
 /// A job whose predictions an administrator can judge.
 struct TypicalJob {
     const char* name;
