@@ -125,7 +125,7 @@ def small(easctl, folder, scratch):
                                   ",,,,1e12,1e12,1e9,100,200,1.9,core\n",
                                   ",,,,1e12,1e12,1e9,100,1e308,1,core\n"])
 
-    plain = run(easctl, *source, *thresholds, "--json", code=1)
+    plain = run(easctl, *source, *thresholds, "--json", "--quiet", code=1)
     result = json.loads(plain.stdout)
     check_totals(result, jobs, model, default)
     assert result["rows_left_out"] == 5, result

@@ -53,16 +53,17 @@ INSTANTIATE_TEST_SUITE_P(On, Tags, both_engines(), engine_suffix);
 TEST_P(Tags, AreMadeOfWhatAJobsFileHoldsAndTheOtherRowsAreNamed) {
     // Columns in another order, a quoted name, a class that nobody asks for, Windows line ends.
     const ScratchFile jobs(
-        "power_w,tag,user,job_id,elapsed_s,cycles,instructions,memory_bytes,class\r\n"
-        "300.3,\"h,p,l\",anna,1001.0,1800,6.624e13,1.555806e14,9.957159e12,x\r\n"
+        "power_w,tag,user,job_id,elapsed_s,cycles,instructions,memory_bytes,class,frequency_khz\r\n"
+        "300.3,\"h,p,l\",anna,1001.0,1800,6.624e13,1.555806e14,9.957159e12,x,2300000\r\n"
         "# a remark\r\n"
         "\r\n"
-        "nonsense,md,bert,1002.0,3600,1.3e14,1.6e14,7e13,x\r\n"
-        "300.3,\"h,p,l\",anna,1003.0,1800,6.624e13,1.555806e14,9.957159e12,x\r\n"
-        "260.3,idle,bert,1004.0,900,1e13,0,0,x\r\n"
+        "nonsense,md,bert,1002.0,3600,1.3e14,1.6e14,7e13,x,\r\n"
+        "300.3,\"h,p,l\",anna,1003.0,1800,6.624e13,1.555806e14,9.957159e12,x,\r\n"
+        "260.3,idle,bert,1004.0,900,1e13,0,0,x,\r\n"
         "260.3,short,bert,1005.0,900\r\n"
-        "260.3,solve,bert,1006.0,900.9,3.312e13,1.082671e13,6.236187e13,x\r\n");
-    const ToolRun run = tag({"generate", "--jobs", jobs.path()});
+        "260.3,solve,bert,1006.0,900.9,3.312e13,1.082671e13,6.236187e13,x,\r\n"
+        "260.3,slow,bert,1007.0,900,3.312e13,1.082671e13,6.236187e13,x,1200000\r\n");
+    const ToolRun run = tag({"generate", "--quiet", "--jobs", jobs.path()});
     EXPECT_EQ(run.code, 1);
     EXPECT_EQ(run.out,
               "generated tag \"h,p,l\" of anna from job 1001.0\n"
@@ -71,8 +72,9 @@ TEST_P(Tags, AreMadeOfWhatAJobsFileHoldsAndTheOtherRowsAreNamed) {
          {"file:5: power_w: \"nonsense\" is not a number",
           "file:6: tag \"h,p,l\" of anna: the user has a tag of this name already",
           "eas_generate_tag returned -6, EAS_TAG_EXISTS", "file:7: tag \"idle\" of bert",
-          "EAS_TAG_NOT_AVAILABLE", "file:8: 5 fields, but the header names 9 columns",
-          "2 tags generated, 4 rows gave none"})
+          "EAS_TAG_NOT_AVAILABLE", "file:8: 5 fields, but the header names 10 columns",
+          "file:10: measured at 1200000 kHz, not at the default frequency of 2300000 kHz",
+          "2 tags generated, 5 rows gave none"})
         EXPECT_THAT(run.err, HasSubstr(part));
 
     const json tags = tag_json({"list"})["tags"];

@@ -16,7 +16,7 @@ constexpr double most_runs = 1e9;  // of a row; the sum of no file that fits a d
 }  // namespace
 
 JobsFile::JobsFile(std::string path, unsigned needs, const std::string& class_column)
-    : csv_(std::move(path)) {
+    : csv_(std::move(path)), needs_frequency_((needs & frequency) != 0) {
     if ((needs & names) != 0) {
         user_ = find("user", true);
         tag_ = find("tag", true);
@@ -27,7 +27,7 @@ JobsFile::JobsFile(std::string path, unsigned needs, const std::string& class_co
         counters_[i] = find(counter_names[i], (needs & counters) != 0);
     elapsed_ = find("elapsed_s", true);
     power_ = find("power_w", true);
-    frequency_ = find("frequency_khz", (needs & frequency) != 0);
+    frequency_ = find("frequency_khz", needs_frequency_);
     count_ = find("count", false);
     class_ = find(class_column.c_str(), class_column != "class");
 }
@@ -46,8 +46,9 @@ CsvFile::Step JobsFile::next(JobRow& row) {
         problem_ = csv_.problem();
         return step;
     }
-    return take_names(row) && take_counters(row) && take_figures(row) ? CsvFile::Step::row
-                                                                      : CsvFile::Step::bad_row;
+    return take_names(row) && take_counters(row) && take_figures(row) && take_frequency(row)
+               ? CsvFile::Step::row
+               : CsvFile::Step::bad_row;
 }
 
 bool JobsFile::text(Place place, const char* name, std::string_view& value) {
@@ -115,12 +116,9 @@ bool JobsFile::take_counters(JobRow& row) {
 
 bool JobsFile::take_figures(JobRow& row) {
     double elapsed = 0.0;
-    double khz = 0.0;
     double count = 1.0;
     if (!whole(elapsed_, "elapsed_s", 1.0, INT_MAX, elapsed, true) ||
-        !number(power_, "power_w", row.power_w) ||
-        !whole(frequency_, "frequency_khz", frequency_ ? 1.0 : 0.0, INT_MAX, khz) ||
-        !whole(count_, "count", 0.0, most_runs, count)) {
+        !number(power_, "power_w", row.power_w) || !whole(count_, "count", 0.0, most_runs, count)) {
         return false;
     }
     if (!(row.power_w > 0.0)) {
@@ -128,9 +126,23 @@ bool JobsFile::take_figures(JobRow& row) {
         return false;
     }
     row.elapsed_s = static_cast<int>(elapsed);
-    row.frequency_khz = static_cast<int>(khz);
     row.count = static_cast<std::uint64_t>(count);
     return true;
+}
+
+bool JobsFile::take_frequency(JobRow& row) {
+    row.frequency_khz = 0;
+    if (!frequency_ || (!needs_frequency_ && csv_.fields()[*frequency_].empty()))
+        return true;
+    double khz = 0.0;
+    if (!whole(frequency_, "frequency_khz", 1.0, INT_MAX, khz))
+        return false;
+    row.frequency_khz = static_cast<int>(khz);
+    if (only_khz_ == 0 || row.frequency_khz == only_khz_)
+        return true;
+    problem_ = "measured at " + std::to_string(row.frequency_khz) +
+               " kHz, not at the default frequency of " + std::to_string(only_khz_) + " kHz";
+    return false;
 }
 
 }  // namespace easctl

@@ -5,7 +5,7 @@
 //   cycles, instructions, memory_bytes   hardware counters of the run
 //   elapsed_s           run time; what is below a whole second is cut off, as schedulers do
 //   power_w             mean power of a node
-//   frequency_khz       at which the job ran
+//   frequency_khz       at which the job ran; who needs no frequency may leave it empty
 //   count               how often such a job ran (1), a whole number
 //   class               the kind of job that totals are wanted for
 #pragma once
@@ -30,7 +30,7 @@ struct JobRow {
     bool has_counters = false;
     int elapsed_s = 0;
     double power_w = 0.0;
-    int frequency_khz = 0;
+    int frequency_khz = 0;  // 0: not stated
     std::uint64_t count = 1;
 };
 
@@ -43,6 +43,8 @@ class JobsFile {
     /// `class_column` names the column of the class; it may be missing when it is "class".
     JobsFile(std::string path, unsigned needs, const std::string& class_column = "class");
 
+    /// From now on a row of another frequency is a bad one.
+    void require_frequency(int khz) { only_khz_ = khz; }
     /// After `bad_row`, problem() says what is wrong, with file and line.
     CsvFile::Step next(JobRow& row);
     [[nodiscard]] std::string problem() const { return csv_.where() + ": " + problem_; }
@@ -63,11 +65,14 @@ class JobsFile {
     bool take_names(JobRow& row);
     bool take_counters(JobRow& row);
     bool take_figures(JobRow& row);
+    bool take_frequency(JobRow& row);
 
     CsvFile csv_;
     Place user_, tag_, job_, class_;
     std::array<Place, 3> counters_;
     Place elapsed_, power_, frequency_, count_;
+    bool needs_frequency_;
+    int only_khz_ = 0;
     std::string problem_;
 };
 

@@ -93,11 +93,12 @@ std::vector<Scenario> scenarios_of(const Options& options, CoEfficients& coeffs)
 /// Adds every job of a file; rows that cannot be used are named and counted.
 class Reading {
   public:
-    Reading(const Globals& globals, const Options& options)
-        : globals_(globals),
-          strict_(options.strict),
+    Reading(const Globals& globals, const Options& options, int default_khz)
+        : strict_(options.strict),
           jobs_(options.jobs, JobsFile::counters, options.class_column),
-          progress_("jobs", jobs_.lines().bytes_total(), globals.quiet) {}
+          progress_("jobs", jobs_.lines().bytes_total(), globals.quiet) {
+        jobs_.require_frequency(default_khz);
+    }
 
     void run(Savings& savings) {
         JobRow row;
@@ -111,8 +112,9 @@ class Reading {
         }
         progress_.hide();
         if (bad_ > 0)
-            remark(globals_, std::to_string(bad_) + " of " + std::to_string(rows_) +
-                                 " rows could not be used and are left out");
+            easctl::complain({ExitCode::found, std::to_string(bad_) + " of " +
+                                                   std::to_string(rows_) +
+                                                   " rows could not be used and are left out"});
         if (rows_ == bad_)
             throw Failure(ExitCode::input, jobs_.lines().path() + ": no job that can be used");
     }
@@ -125,12 +127,12 @@ class Reading {
             throw Failure(ExitCode::input, message, "without --strict such rows are left out");
         progress_.hide();
         if (++bad_ <= most_complaints)
-            remark(globals_, printable(message));
+            easctl::complain({ExitCode::input, message});
         else if (bad_ == most_complaints + 1)
-            remark(globals_, "further rows that cannot be used are only counted");
+            easctl::complain(
+                {ExitCode::input, "further rows that cannot be used are only counted"});
     }
 
-    const Globals& globals_;
     bool strict_;
     JobsFile jobs_;
     Progress progress_;
@@ -145,7 +147,7 @@ void simulate(Globals& globals, const Options& options) {
     }
     CoEfficients coeffs = options.model.load();
     Savings savings(coeffs, scenarios_of(options, coeffs));
-    Reading reading(globals, options);
+    Reading reading(globals, options, coeffs.getDefaultFrequency());
     reading.run(savings);
 
     const SavingsReport report(savings);
@@ -176,7 +178,8 @@ void add_simulate_command(CLI::App& app, Globals& globals) {
         .add_option("JOBS", options->jobs,
                     "CSV file of jobs, - for standard input; its header names the columns cycles,\n"
                     "instructions, memory_bytes, elapsed_s, power_w and, if there are such, count\n"
-                    "(how often the job ran) and class")
+                    "(how often the job ran), class, and frequency_khz: other rows than those of\n"
+                    "the default frequency are left out")
         ->required();
     options->model.add_to(command);
     add_thresholds_option(command, options->thresholds);

@@ -33,7 +33,9 @@ class Generation {
         : globals_(globals),
           library_(library),
           jobs_(path, JobsFile::names | JobsFile::job | JobsFile::counters),
-          progress_("tags", jobs_.lines().bytes_total(), globals.quiet) {}
+          progress_("tags", jobs_.lines().bytes_total(), globals.quiet) {
+        jobs_.require_frequency(library.default_khz());
+    }
 
     void run() {
         JobRow row;
@@ -73,19 +75,21 @@ class Generation {
     void failed(const Failure& failure, const TagNames& names) {
         const FailedRow row{jobs_.where(), failure, names};
         progress_.hide();
-        remark(globals_, row.text());
+        complain({failure.code, row.text()});
         failed_.push_back(row.json());
     }
 
     void finish() {
-        if (!failed_.empty())
+        const std::string summary = std::to_string(made_) + " tags generated, " +
+                                    std::to_string(failed_.size()) + " rows gave none";
+        if (!failed_.empty()) {
             globals_.outcome = ExitCode::found;
-        if (globals_.json) {
-            print_json({{"generated", std::move(generated_)}, {"failed", std::move(failed_)}});
-        } else {
-            remark(globals_, std::to_string(made_) + " tags generated, " +
-                                 std::to_string(failed_.size()) + " rows gave none");
+            complain({globals_.outcome, summary});
+        } else if (!globals_.json) {
+            remark(globals_, summary);
         }
+        if (globals_.json)
+            print_json({{"generated", std::move(generated_)}, {"failed", std::move(failed_)}});
     }
 
     Globals& globals_;
@@ -244,7 +248,9 @@ void add_tag_generate(CLI::App& group, Globals& globals) {
     TagRequest& request = options->request;
     OneOrMany given(command, options->jobs,
                     "CSV file of jobs, - for standard input; its header names the columns\n"
-                    "user, tag, job_id, cycles, instructions, memory_bytes, elapsed_s, power_w");
+                    "user, tag, job_id, cycles, instructions, memory_bytes, elapsed_s, power_w\n"
+                    "and, if there is such, frequency_khz: other rows than those of the default\n"
+                    "frequency give no tag");
     given.add("--user", request.user, "owner of the tag", "NAME");
     given.add("--tag", request.tag, "name of the tag", "NAME");
     given.add("--job-id", request.job_id, "the job that was measured", "ID");

@@ -123,7 +123,7 @@ class Verifier {
     }
 
     void failed(const FailedRow& row) {
-        remark(globals_, row.text());
+        complain({row.failure.code, row.text()});
         globals_.outcome = ExitCode::found;
         failed_.push_back(row.json());
     }
