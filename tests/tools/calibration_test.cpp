@@ -261,6 +261,15 @@ TEST_F(NodeCommands, NameTheBrokenLinkAndItsRemedy) {
                     ElementsAre("core counters (perf) missing: this (virtual) machine shows no "
                                 "counters"));
         node.state().counter_fails_at = -1;
+        // A meter that fails otherwise than by not being there.
+        const fs::path meter = "/sys/devices/platform/qpx.1/energy1_input";
+        const std::string reading = read_file(meter);
+        fs::remove(meter);
+        fs::create_directory(meter);
+        EXPECT_THAT(broken_links(), ElementsAre("energy meter wrong: the meter is there and does "
+                                                "not answer: see dmesg"));
+        fs::remove(meter);
+        write_file(meter, reading);
         // Root without the right to read what it may not read, as the tool is for others.
         let_file_modes_bind();
         const Hidden registers("/dev/cpu");

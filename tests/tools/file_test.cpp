@@ -37,7 +37,8 @@ TEST(CommandLine, IsRefusedInWordsAndForProgramsToo) {
                 {{"model", "list", "--dsn", ""}, 2, empty},
                 {{"tag", "remove", "--user", "", "--tag", "hpl", "--yes"}, 2, empty},
                 {{"tag", "remove", "--tag", "", "--user", "anna", "--yes"}, 2, empty},
-                {{"node", "frequency", "--governor", ""}, 2, empty}});
+                {{"node", "frequency", "--governor", ""}, 2, empty},
+                {{"simulate", "j.csv", "--model", "m.txt", "--dsn", "d"}, 2, "--model excludes"}});
     const auto run = run_easctl({"model", "--json"});
     EXPECT_EQ(nlohmann::json::parse(run.out).at("error").at("name"), "usage");
 }

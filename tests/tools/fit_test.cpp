@@ -125,6 +125,7 @@ TEST_F(ModelFit, RefusesWhatIsNoCompleteMeasurementWithFileAndLine) {
         {0, "1600000,registers,,10,150,0,1e10,1e9", "m.csv:2: cycles: \"0\""},
         {0, "1600000,registers,,10,inf,1,1e10,1e9", "m.csv:2: power_w: \"inf\""},
         {1, "16e5.5,matrix,,10,150,1,1,1", "m.csv:3: frequency_khz"},
+        {0, "2300,registers,,10,150,1e10,1e10,1e9", "m.csv:2: frequency_khz: \"2300\""},
         {20, "2667000,stream,,10,150,1e10,1e10", "m.csv:22: 7 fields"},
         {20, "# gone", "m.csv:16: kernel \"stream\" (line 8) was not measured at 2667000 kHz"},
         {21, "1600000,sort,,10,150,1e10,1e10,1e9", "m.csv:23: 8 kernels"},

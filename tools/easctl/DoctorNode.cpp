@@ -127,20 +127,23 @@ Link frequencies(const CoEfficients& model) {
 
 Link energy_meter() {
     int error = ENOENT;
+    std::string failed = "/sys/devices/platform/qpx.*";
     for (const char* device : {"qpx.1", "qpx.0"}) {
         const std::string path =
             std::string("/sys/devices/platform/") + device + '/' + value_files[0];
         if (const auto value = first_line(path))
             return {"energy meter", LinkStatus::ok, path + " reads " + *value, "", ""};
-        if (status_of(errno) == LinkStatus::denied)
-            error = errno;
+        if (errno == ENOENT)
+            continue;
+        error = errno;
+        failed = path;
     }
-    const LinkStatus status = status_of(error);
-    return {"energy meter", status,
-            std::string("/sys/devices/platform/qpx.*: ") + std::strerror(error),
-            "no power, no energy: a job cannot be measured",
-            status == LinkStatus::denied ? "run as root, or chmod a+r the sensor files"
-                                         : "load the driver of the meter"};
+    const bool silent = error != ENOENT && status_of(error) != LinkStatus::denied;
+    return {"energy meter", silent ? LinkStatus::wrong : status_of(error),
+            failed + ": " + std::strerror(error), "no power, no energy: a job cannot be measured",
+            silent            ? "the meter is there and does not answer: see dmesg"
+            : error == ENOENT ? "load the driver of the meter"
+                              : "run as root, or chmod a+r the sensor files"};
 }
 
 }  // namespace

@@ -142,6 +142,8 @@ FrequencyGuard::FrequencyGuard(const std::vector<int>& cpus) {
     for (const int cpu : cpus)
         saved_.push_back({cpu, read_cpufreq(cpu, "scaling_governor"),
                           to_khz(read_cpufreq(cpu, "scaling_setspeed"))});
+    // A signal to the whole group must not end the watcher before it ignores them.
+    const HeldSignals held;
     int ends[2];
     if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0)
         throw Failure(ExitCode::found, "no socket can be opened");

@@ -7,11 +7,11 @@
 #include "tools/easctl/CsvFile.h"
 #include "tools/easctl/Errors.h"
 #include "tools/easctl/Output.h"
+#include "tools/easctl/Units.h"
 
 namespace easctl {
 namespace {
 
-constexpr int highest_khz = 999999999;  // nine digits: what a frequency file takes
 constexpr std::size_t longest_name = 64;
 
 }  // namespace
@@ -77,8 +77,9 @@ class MeasurementFile::Reader {
 
     [[nodiscard]] int khz(std::size_t place, const char* name) const {
         const auto value = parse_number(csv_.fields()[place]);
-        if (!value || *value < 1 || *value > highest_khz || *value != std::floor(*value))
-            fail(std::string(name) + ": \"" + text(place) + "\" is not a frequency in kHz");
+        if (!value || *value < lowest_khz || *value > highest_khz || *value != std::floor(*value))
+            fail(std::string(name) + ": \"" + text(place) +
+                 "\" is not a frequency in kHz; 2.3 GHz is 2300000");
         return static_cast<int>(*value);
     }
 

@@ -43,6 +43,8 @@ void ModelChoice::add_to(CLI::App& command) {
     stored.database.add_to(command);
     for (CLI::Option* of_database : stored.add_names_to(command))
         model.excludes(of_database);
+    for (const char* name : {"--dsn", "--user"})
+        model.excludes(command.get_option(name));
 }
 
 CoEfficients ModelChoice::load() const {

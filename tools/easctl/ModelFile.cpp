@@ -9,13 +9,12 @@
 #include "common/EnergyTag.h"
 #include "tools/easctl/Errors.h"
 #include "tools/easctl/InputFile.h"
+#include "tools/easctl/Units.h"
 
 namespace easctl {
 namespace {
 
 constexpr std::size_t reader_buffer = 1024;
-constexpr int lowest_khz = 100'000;
-constexpr int highest_khz = 20'000'000;
 
 std::string trimmed(const std::string& text) {
     const std::size_t first = text.find_first_not_of(" \t\r\n\v\f");

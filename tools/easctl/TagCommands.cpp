@@ -2,6 +2,7 @@
 #include "tools/easctl/TagCommands.h"
 
 #include <algorithm>
+#include <climits>
 #include <optional>
 
 #include "tools/easctl/JobsFile.h"
@@ -225,6 +226,16 @@ CLI::Validator figure() {
             ""};
 }
 
+CLI::Validator whole_seconds() {
+    return {[](std::string& text) {
+                const double seconds = parse_number(text).value_or(0.0);
+                if (seconds >= 1.0 && seconds <= INT_MAX)
+                    text = std::to_string(static_cast<int>(seconds));
+                return std::string();  // figure() and the conversion say what is wrong
+            },
+            ""};
+}
+
 CLI::Validator a_policy() {
     return CLI::IsMember({std::string(eas::minimize_energy), std::string(eas::minimize_time)});
 }
@@ -258,6 +269,7 @@ void add_tag_generate(CLI::App& group, Globals& globals) {
     given.add("--instructions", request.counters[1], "instructions", "N");
     given.add("--memory-bytes", request.counters[2], "bytes of memory traffic", "N");
     given.add("--elapsed", request.elapsed_s, "run time", "S");
+    command.get_option("--elapsed")->transform(whole_seconds());
     given.add("--power", request.power_w, "mean power of a node", "W");
     command.callback([options, given, &globals] { generate(globals, *options, given.single()); });
 }

@@ -42,6 +42,8 @@ struct TagChoice {
 
 /// A number above 0.
 CLI::Validator figure();
+/// Cuts a run time to whole seconds, as it is in a file of jobs.
+CLI::Validator whole_seconds();
 
 /// Options that describe one job, and the file of many that stands in for them.
 class OneOrMany {

@@ -218,6 +218,7 @@ void add_tag_verify(CLI::App& group, Globals& globals) {
     given.add("--tag", options->names.tag, "name of the tag", "NAME");
     given.add("--frequency", options->run.frequency, "at which the job ran", "KHZ");
     given.add("--elapsed", options->run.elapsed_s, "run time", "S");
+    command.get_option("--elapsed")->transform(whole_seconds());
     given.add("--power", options->run.power_w, "mean power of a node", "W");
     given.add_optional("--cycles", options->counters[0], "processor cycles", "N");
     given.add_optional("--instructions", options->counters[1], "instructions", "N");
