@@ -233,7 +233,8 @@ TEST_F(NodeCommands, ShowAndSteerANode) {
                     {{"node", "sample", "--", "true"}, 6, "the command was not run"}});
         const auto sensors = run_easctl({"node", "sensors", "--json"});
         EXPECT_EQ(sensors.code, 6);
-        for (const auto& reading : nlohmann::json::parse(sensors.out).at("sensors"))
+        const auto readings = nlohmann::json::parse(sensors.out);
+        for (const auto& reading : readings.at("sensors"))
             EXPECT_TRUE(reading.at("value").is_null()) << reading;
     });
 }
