@@ -4,7 +4,6 @@
 #include <iostream>
 #include <new>
 
-#include "base/UniqueFile.h"
 #include "common/CoEfficients.h"
 #include "common/CoEffsFromFile.h"
 #include "common/EnergyPerfThreshold.h"
@@ -12,6 +11,7 @@
 #include "db/base_class/Properties.h"
 #include "interface/Locator.h"
 #include "tests/faults/Operations.h"
+#include "tests/model/ModelFixtures.h"
 
 namespace {
 
@@ -22,7 +22,6 @@ class AllocationFaults : public OperationTest {
     void SetUp() override {
         if (!allocations_are_watched)
             GTEST_SKIP() << "the sanitizer allocates";
-        manager_.on_crossing(watch_elsewhere);
         OperationTest::SetUp();
     }
 
@@ -40,8 +39,6 @@ class AllocationFaults : public OperationTest {
         expect_all_or_nothing(row.operation, code);
         expect_recovered(row.operation);
     }
-
-    FaultyDriverManager& manager_ = FaultyDriverManager::load();
 };
 
 INSTANTIATE_TEST_SUITE_P(On, AllocationFaults, both_engines(), engine_suffix);
@@ -144,9 +141,7 @@ TEST(AllocationFaultsOfReaders, KeepNothingHalfRead) {
     for (const Reader& reader : readers) {
         SCOPED_TRACE(reader.name);
         fail_each_allocation([&] {
-            const eas::UniqueFile file(std::tmpfile());
-            std::fputs(reader.content, file.get());
-            std::rewind(file.get());
+            const eas::UniqueFile file = eas_test::file_of(reader.content);
             bool complete = false;
             try {
                 const WatchAllocations watch;

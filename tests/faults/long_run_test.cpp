@@ -13,11 +13,6 @@ using namespace eas::test;
 
 class LongRun : public OperationTest {
   protected:
-    void SetUp() override {
-        manager_.on_crossing(watch_elsewhere);
-        OperationTest::SetUp();
-    }
-
     /// One of each function; none may fail.
     void round() {
         for (const Operation operation : {Operation::query, Operation::select, Operation::remove,
@@ -33,8 +28,6 @@ class LongRun : public OperationTest {
             once();
         return (static_cast<double>(::mallinfo2().uordblks) - static_cast<double>(before)) / count;
     }
-
-    FaultyDriverManager& manager_ = FaultyDriverManager::load();
 };
 
 INSTANTIATE_TEST_SUITE_P(On, LongRun, both_engines(), engine_suffix);

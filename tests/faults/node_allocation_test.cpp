@@ -1,12 +1,12 @@
 // Every allocation failure of a sample, in a fake node: the n-th allocation fails, once and with
 // all later ones, for every n until the sample is taken untouched. Later samples make none.
 #include <fcntl.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include "common/EasMisc.h"
 #include "tests/node/NodeTest.h"
 #include "tests/support/AllocationFaults.h"
+#include "tests/support/ChildProcess.h"
 
 namespace eas::test {
 namespace {
@@ -63,11 +63,7 @@ TEST_F(NodeAllocationFaults, EndInADocumentedCodeAndLeaveNothing) {
                     const pid_t child = ::fork();
                     if (child == 0)
                         ::_exit(sample_with_fault(n, for_good));
-                    int status = 0;
-                    ASSERT_EQ(::waitpid(child, &status, 0), child);
-                    ASSERT_TRUE(WIFEXITED(status))
-                        << "allocation " << n << ": killed by signal " << WTERMSIG(status);
-                    verdict = WEXITSTATUS(status);
+                    verdict = exit_status(child);
                     EXPECT_LE(verdict, met) << "allocation " << n << " for good: " << for_good;
                 }
             }

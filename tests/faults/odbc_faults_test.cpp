@@ -115,7 +115,6 @@ std::string described(const OperationRow& row, const Faults& faults) {
 class OdbcFaults : public OperationTest {
   protected:
     void SetUp() override {
-        manager_.on_crossing(watch_elsewhere);
         ::setenv("ABORT_ON_DB_FAILED", "NO", 1);
         OperationTest::SetUp();
     }
@@ -204,7 +203,6 @@ class OdbcFaults : public OperationTest {
         std::cout << row.name << ": " << alone_ << " faults and " << pairs_ << " pairs injected\n";
     }
 
-    FaultyDriverManager& manager_ = FaultyDriverManager::load();
     int alone_ = 0;
     int pairs_ = 0;
     long blocks_ = 0;

@@ -3,7 +3,6 @@
 // afterwards.
 #include <sched.h>
 #include <sys/mount.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
@@ -15,6 +14,7 @@
 #include <thread>
 
 #include "tests/faults/Operations.h"
+#include "tests/support/ChildProcess.h"
 #include "tests/support/DescriptorLimit.h"
 
 // Of the leak check, where it is built in.
@@ -32,12 +32,6 @@ using Codes = std::array<int, 5>;  // of the five operations, in their order
 
 class Outages : public OperationTest {
   protected:
-    [[nodiscard]] std::map<std::string, std::string> keywords() const override {
-        if (GetParam() == Engine::mariadb)
-            return {};
-        return {{"Timeout", "50"}};
-    }
-
     Codes try_all() {
         Codes codes{};
         for (std::size_t i = 0; i < codes.size(); ++i) {
@@ -59,8 +53,6 @@ class Outages : public OperationTest {
         }
         EXPECT_EQ(manager_.live_handles(), 0);
     }
-
-    FaultyDriverManager& manager_ = FaultyDriverManager::load();
 };
 
 INSTANTIATE_TEST_SUITE_P(On, Outages, both_engines(), engine_suffix);
@@ -78,9 +70,7 @@ TEST_P(Outages, AKilledProcessLeavesNoPartOfATag) {
         }
         ::usleep(static_cast<useconds_t>(random() % 20000));
         ::kill(child, SIGKILL);
-        int status = 0;
-        ASSERT_EQ(::waitpid(child, &status, 0), child);
-        ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL);
+        ASSERT_EQ(exit_status(child), 128 + SIGKILL);
         expect_all_or_nothing(Operation::remove, EAS_OK);
         ASSERT_FALSE(HasFailure()) << "kill " << i;
     }
@@ -121,8 +111,9 @@ class SqliteOutages : public Outages {
 
     /// What the operations give while something is wrong, on a tag that is there and on one that is
     /// to be stored; afterwards all is in order.
-    void expect_outage(const Codes& expected, const std::function<void()>& begin,
+    void expect_outage(const char* what, const Codes& expected, const std::function<void()>& begin,
                        const std::function<void()>& end) {
+        SCOPED_TRACE(what);
         prepare(Operation::generate);
         begin();
         const int code = run(Operation::generate);
@@ -146,55 +137,44 @@ INSTANTIATE_TEST_SUITE_P(On, SqliteOutages, ::testing::Values(Engine::sqlite), e
 
 TEST_P(SqliteOutages, EndInTheirCodesAndLeaveNothing) {
     const fs::path file = database().folder() / "easdb.sqlite";
+    const fs::path good = database().folder() / "good";
     const fs::path filler = "/tmp/filler";
-    {
-        SCOPED_TRACE("full disk");
-        expect_outage(
-            {EAS_OK, EAS_TAG_EXISTS, EAS_OK, EAS_REMOVE_FAILED, EAS_OK},
-            [&] {
-                std::ofstream out(filler);
-                while (out << std::string(4096, 'x') << std::flush) {
-                }
-            },
-            [&] { fs::remove(filler); });
-    }
-    {
-        SCOPED_TRACE("read-only");
-        expect_outage(
-            {EAS_OK, EAS_TAG_EXISTS, EAS_OK, EAS_REMOVE_FAILED, EAS_OK},
-            [&] {
-                database().disconnect();
-                ASSERT_EQ(::mount(nullptr, "/tmp", nullptr, MS_REMOUNT | MS_RDONLY, nullptr), 0);
-            },
-            [&] {
-                ASSERT_EQ(::mount(nullptr, "/tmp", nullptr, MS_REMOUNT, nullptr), 0);
-                database().reconnect();
-            });
-    }
-    {
-        SCOPED_TRACE("locked");
-        expect_outage(
-            {EAS_NO_COEFFICIENTS, EAS_STORE_FAILED, EAS_QUERY_FAILED, EAS_REMOVE_FAILED,
-             EAS_NO_UNIQUE_TAG},
-            [&] { plain().run("begin exclusive"); }, [&] { plain().run("rollback"); });
-    }
-    {
-        SCOPED_TRACE("corrupt");
-        const fs::path good = database().folder() / "good";
-        expect_outage(
-            {EAS_NO_COEFFICIENTS, EAS_STORE_FAILED, EAS_QUERY_FAILED, EAS_REMOVE_FAILED,
-             EAS_NO_UNIQUE_TAG},
-            [&] {
-                fs::copy_file(file, good, fs::copy_options::overwrite_existing);
-                std::fstream out(file, std::ios::in | std::ios::out | std::ios::binary);
-                for (auto left = fs::file_size(file); left > 0; --left)
-                    out.put('\x5a');
-            },
-            [&] {
-                fs::copy_file(good, file, fs::copy_options::overwrite_existing);
-                database().reconnect();
-            });
-    }
+    const Codes unwritable{EAS_OK, EAS_TAG_EXISTS, EAS_OK, EAS_REMOVE_FAILED, EAS_OK};
+    const Codes unreadable{EAS_NO_COEFFICIENTS, EAS_STORE_FAILED, EAS_QUERY_FAILED,
+                           EAS_REMOVE_FAILED, EAS_NO_UNIQUE_TAG};
+    expect_outage(
+        "full disk", unwritable,
+        [&] {
+            std::ofstream out(filler);
+            while (out << std::string(4096, 'x') << std::flush) {
+            }
+        },
+        [&] { fs::remove(filler); });
+    expect_outage(
+        "read-only", unwritable,
+        [&] {
+            database().disconnect();
+            ASSERT_EQ(::mount(nullptr, "/tmp", nullptr, MS_REMOUNT | MS_RDONLY, nullptr), 0);
+        },
+        [&] {
+            ASSERT_EQ(::mount(nullptr, "/tmp", nullptr, MS_REMOUNT, nullptr), 0);
+            database().reconnect();
+        });
+    expect_outage(
+        "locked", unreadable, [&] { plain().run("begin exclusive"); },
+        [&] { plain().run("rollback"); });
+    expect_outage(
+        "corrupt", unreadable,
+        [&] {
+            fs::copy_file(file, good, fs::copy_options::overwrite_existing);
+            std::fstream out(file, std::ios::in | std::ios::out | std::ios::binary);
+            for (auto left = fs::file_size(file); left > 0; --left)
+                out.put('\x5a');
+        },
+        [&] {
+            fs::copy_file(good, file, fs::copy_options::overwrite_existing);
+            database().reconnect();
+        });
 }
 
 /// A server of this test alone, which may crash.

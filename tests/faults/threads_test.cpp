@@ -28,30 +28,9 @@ void in_threads(const std::function<void(unsigned)>& body) {
         thread.join();
 }
 
-class Threads : public OperationTest {
-  protected:
-    /// Who cannot write now shall be told so soon.
-    [[nodiscard]] std::map<std::string, std::string> keywords() const override {
-        if (GetParam() == Engine::mariadb)
-            return {};
-        return {{"Timeout", "500"}};
-    }
-
-    FaultyDriverManager& manager_ = FaultyDriverManager::load();
-};
+using Threads = OperationTest;
 
 INSTANTIATE_TEST_SUITE_P(On, Threads, both_engines(), engine_suffix);
-
-/// Tries until it is done; 1 when it never is. SQLite lets one write at a time: who waits for it in
-/// vain is told so, or his commit is refused, which is not reported.
-template <typename Try>
-int never(const Try& done) {
-    for (int attempt = 0; attempt < 100; ++attempt) {
-        if (done())
-            return 0;
-    }
-    return 1;
-}
 
 /// How many tags of that name there are; -1 when it cannot be found out.
 int stored(const char* user, const std::string& tag) {
@@ -141,10 +120,7 @@ TEST_P(Threads, SellNoConnectionOfThePoolTwice) {
 /// Calls the four functions until it is cancelled.
 void* work_until_cancelled(void* user) {
     for (const std::string name = static_cast<const char*>(user);;) {
-        generate(name, "cfd");
-        Tags(name.c_str(), "cfd");
-        select(name.c_str(), "cfd", "minimize_time");
-        remove_tags(name.c_str(), "cfd");
+        call_all_on(name, "cfd");
         pthread_testcancel();
     }
 }

@@ -1,6 +1,5 @@
 // The end of the process while threads are inside the library: nothing of it is taken from under
 // them.
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
@@ -9,6 +8,7 @@
 #include <random>
 #include <thread>
 
+#include "tests/support/ChildProcess.h"
 #include "tests/support/SchedulerCalls.h"
 
 // The race detector would sleep for a second at every exit.
@@ -24,16 +24,6 @@ using namespace eas::test;
 class Exit : public SchedulerTest {};
 
 INSTANTIATE_TEST_SUITE_P(On, Exit, both_engines(), engine_suffix);
-
-/// Calls one function after another, for ever.
-void work(const std::string& user) {
-    for (;;) {
-        generate(user, "t");
-        Tags(user.c_str(), "t");
-        select(user.c_str(), "t", "minimize_time");
-        remove_tags(user.c_str(), "t");
-    }
-}
 
 const char* late_thresholds = nullptr;  // null: nobody calls late
 
@@ -55,7 +45,10 @@ const char* late_thresholds = nullptr;  // null: nobody calls late
 /// A daemon that is told to stop while its threads work.
 [[noreturn]] void work_and_exit(std::chrono::microseconds after) {
     for (const char* user : {"anna", "bert", "carl", "dora"})
-        std::thread(work, user).detach();
+        std::thread([user] {
+            for (;;)
+                call_all_on(user, "t");
+        }).detach();
     std::this_thread::sleep_for(after);
     std::exit(0);
 }
@@ -69,9 +62,8 @@ TEST_P(Exit, IsSafeWhileThreadsAreInsideCalls) {
         const pid_t child = ::fork();
         if (child == 0)
             work_and_exit(after);
-        int status = 0;
-        ASSERT_EQ(::waitpid(child, &status, 0), child);
-        ASSERT_EQ(status, 0) << "round " << round << ", after " << after.count() << " us";
+        ASSERT_EQ(exit_status(child), 0)
+            << "round " << round << ", after " << after.count() << " us";
         ASSERT_EQ(tag_rows() % 4, 0) << "round " << round;
     }
 }
@@ -83,9 +75,7 @@ TEST_P(Exit, LeavesLateCallsNothingInitialised) {
         late_thresholds = threshold_file_.c_str();
         std::exit(0);
     }
-    int status = 0;
-    ASSERT_EQ(::waitpid(child, &status, 0), child);
-    EXPECT_EQ(status, 0);
+    EXPECT_EQ(exit_status(child), 0);
 }
 
 }  // namespace

@@ -9,7 +9,6 @@
 
 #include <csignal>
 #include <filesystem>
-#include <fstream>
 #include <sstream>
 
 namespace eas::test {
@@ -22,9 +21,12 @@ void NodeTest::SetUp() {
         GTEST_SKIP() << reason;
 }
 
-NodeShape of_model(int model) {
+NodeShape of_model(int model, int sockets, int cores, int threads) {
     NodeShape shape;
     shape.model = model;
+    shape.sockets = sockets;
+    shape.cores = cores;
+    shape.threads = threads;
     return shape;
 }
 
@@ -64,20 +66,6 @@ std::string footprint() {
     uid_t real = 0, effective = 0, saved = 0;
     ::getresuid(&real, &effective, &saved);
     text << ", users " << real << ' ' << effective << ' ' << saved;
-    return text.str();
-}
-
-void write_file(const std::string& path, const std::string& text) {
-    fs::create_directories(fs::path(path).parent_path());
-    std::ofstream out(path, std::ios::binary);
-    out << text;
-    out.close();
-    ASSERT_TRUE(out.good()) << path;
-}
-
-std::string read_file(const std::string& path) {
-    std::ostringstream text;
-    text << std::ifstream(path, std::ios::binary).rdbuf();
     return text.str();
 }
 

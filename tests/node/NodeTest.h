@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/ScratchFolder.h"
 #include "tests/support/fakenode/FakeNode.h"
 
 namespace eas::test {
@@ -20,8 +21,8 @@ class NodeTest : public ::testing::Test {
     void SetUp() override;
 };
 
-/// Two sockets of four cores of two threads, of this processor model.
-NodeShape of_model(int model);
+/// A node of this processor model: its sockets, cores of a socket, threads of a core.
+NodeShape of_model(int model, int sockets = 2, int cores = 4, int threads = 2);
 
 /// Runs `body`, which may use gtest's assertions, inside the node.
 void inside(FakeNode& node, const std::function<void()>& body);
@@ -29,9 +30,6 @@ void inside(FakeNode& node, const std::function<void()>& body);
 /// Open descriptors, number of threads, affinity and user ids of this process, as text.
 std::string footprint();
 std::vector<std::string> open_descriptors();
-
-void write_file(const std::string& path, const std::string& text);
-std::string read_file(const std::string& path);
 
 /// An empty folder in place of `path` for the length of a block.
 class Hidden {

@@ -94,11 +94,7 @@ TEST_F(CountersTest, FollowsTheNodeOnAsManyCpusAsItHasCoresAndKeepsItsDescriptor
 }
 
 TEST_F(CountersTest, MoreCoresThanTheTableHoldsAreRefused) {
-    NodeShape shape;
-    shape.sockets = 4;
-    shape.cores = 32;
-    shape.threads = 1;
-    FakeNode node(shape);
+    FakeNode node(of_model(45, 4, 32, 1));
     inside(node, [&] {
         ASSERT_EQ(0, discover_topology());
         ASSERT_EQ(128, cinfo.numCores);

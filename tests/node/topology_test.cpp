@@ -10,61 +10,39 @@ namespace {
 
 using TopologyTest = NodeTest;
 
-NodeShape shape_of(int model, int sockets, int cores, int threads) {
-    NodeShape shape = of_model(model);
-    shape.sockets = sockets;
-    shape.cores = cores;
-    shape.threads = threads;
-    return shape;
-}
-
 NodeShape with_ids(NodeShape shape, std::vector<int> sockets, std::vector<int> cores = {}) {
     shape.socket_ids = std::move(sockets);
     shape.core_ids = std::move(cores);
     return shape;
 }
 
-/// What was found: the counts, socket ids in order of appearance, first CPUs by id, nominal clock.
+/// What was found: model; sockets, cores, threads, threads per core; socket ids in order of
+/// appearance; first CPUs by id; nominal clock in Hz.
 std::string found() {
     std::ostringstream text;
-    text << "model " << cinfo.model << ", " << cinfo.numSockets << " sockets, " << cinfo.numCores
-         << " cores, " << cinfo.numThreads << " threads, " << cinfo.threads_per_core
-         << " per core; ids";
+    text << cinfo.model << ": " << cinfo.numSockets << ' ' << cinfo.numCores << ' '
+         << cinfo.numThreads << ' ' << cinfo.threads_per_core << ';';
     for (const int id : cinfo.SId)
         text << ' ' << id;
-    text << "; first CPUs";
+    text << ';';
     for (const int cpu : cinfo.cpuId)
         text << ' ' << cpu;
-    text << "; " << cinfo.nominal_frequency << " Hz";
+    text << "; " << cinfo.nominal_frequency;
     return text.str();
 }
 
 // The clock is that of ratio 20. Gaps in core ids count hyper-threads twice.
 const std::pair<NodeShape, const char*> kNodes[] = {
-    {shape_of(30, 1, 4, 2),
-     "model 26, 1 sockets, 4 cores, 8 threads, 2 per core; ids 0 -1 -1 -1; first CPUs 0 -1 -1 -1; "
-     "2666666660 Hz"},
-    {shape_of(42, 1, 4, 1),
-     "model 42, 1 sockets, 4 cores, 4 threads, 1 per core; ids 0 -1 -1 -1; first CPUs 0 -1 -1 -1; "
-     "2000000000 Hz"},
-    {shape_of(62, 2, 12, 2),
-     "model 62, 2 sockets, 24 cores, 48 threads, 2 per core; ids 0 1 -1 -1; first CPUs 0 12 -1 -1; "
-     "2000000000 Hz"},
-    {shape_of(46, 4, 16, 2),
-     "model 46, 4 sockets, 64 cores, 128 threads, 2 per core; ids 0 1 2 3; first CPUs 0 16 32 48; "
-     "2666666660 Hz"},
-    {with_ids(shape_of(44, 2, 6, 2), {}, {0, 1, 2, 8, 9, 10}),
-     "model 44, 2 sockets, 18 cores, 24 threads, 1 per core; ids 0 1 -1 -1; first CPUs 0 6 -1 -1; "
-     "2666666660 Hz"},
-    {with_ids(shape_of(37, 1, 4, 1), {}, {0, 1, 9, 10}),
-     "model 37, 1 sockets, 4 cores, 4 threads, 1 per core; ids 0 -1 -1 -1; first CPUs 0 -1 -1 -1; "
-     "2666666660 Hz"},
-    {with_ids(shape_of(45, 2, 2, 1), {0, 3}),
-     "model 45, 2 sockets, 4 cores, 4 threads, 1 per core; ids 0 3 -1 -1; first CPUs 0 -1 -1 2; "
-     "2000000000 Hz"},
-    {with_ids(shape_of(47, 2, 2, 1), {1, 0}),
-     "model 47, 2 sockets, 4 cores, 4 threads, 1 per core; ids 1 0 -1 -1; first CPUs 2 0 -1 -1; "
-     "2666666660 Hz"},
+    {of_model(30, 1, 4, 2), "26: 1 4 8 2; 0 -1 -1 -1; 0 -1 -1 -1; 2666666660"},
+    {of_model(42, 1, 4, 1), "42: 1 4 4 1; 0 -1 -1 -1; 0 -1 -1 -1; 2000000000"},
+    {of_model(62, 2, 12, 2), "62: 2 24 48 2; 0 1 -1 -1; 0 12 -1 -1; 2000000000"},
+    {of_model(46, 4, 16, 2), "46: 4 64 128 2; 0 1 2 3; 0 16 32 48; 2666666660"},
+    {with_ids(of_model(44, 2, 6, 2), {}, {0, 1, 2, 8, 9, 10}),
+     "44: 2 18 24 1; 0 1 -1 -1; 0 6 -1 -1; 2666666660"},
+    {with_ids(of_model(37, 1, 4, 1), {}, {0, 1, 9, 10}),
+     "37: 1 4 4 1; 0 -1 -1 -1; 0 -1 -1 -1; 2666666660"},
+    {with_ids(of_model(45, 2, 2, 1), {0, 3}), "45: 2 4 4 1; 0 3 -1 -1; 0 -1 -1 2; 2000000000"},
+    {with_ids(of_model(47, 2, 2, 1), {1, 0}), "47: 2 4 4 1; 1 0 -1 -1; 2 0 -1 -1; 2666666660"},
 };
 
 TEST_F(TopologyTest, CountsSocketsCoresAndThreads) {

@@ -91,9 +91,7 @@ TEST_F(UncoreTest, ProgramsReadsAndStopsTheRegistersOnEachSocketsCpu) {
     for (const int model : {26, 30, 37, 44, 47}) {
         SCOPED_TRACE(model);
         const bool boxes = model == 47;
-        NodeShape shape = of_model(model);
-        shape.sockets = 4;
-        FakeNode node(shape);
+        FakeNode node(of_model(model, 4));
         inside(node, [&] {
             const std::vector<int> cpus = {0, 4, 8, 12};
             ASSERT_EQ(0, discover_topology());
@@ -162,8 +160,7 @@ uint64_t page_of(const NodeShape& shape, unsigned socket, size_t channel) {
 TEST_F(UncoreTest, ProgramsAndSumsTheMemoryChannels) {
     for (const int model : {45, 62}) {
         SCOPED_TRACE(model);
-        NodeShape shape = of_model(model);
-        shape.sockets = 3;
+        NodeShape shape = of_model(model, 3);
         shape.mcfg_base = model == 45 ? 0x80000000 : 0x3C0000000;
         FakeNode node(shape);
         inside(node, [&] {

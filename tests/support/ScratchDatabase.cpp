@@ -17,15 +17,6 @@ using Keywords = std::map<std::string, std::string>;
 
 std::string server_folder = EAS_TEST_MARIADB_DIR;
 
-std::string whole_file(const std::filesystem::path& path) {
-    std::ifstream in(path, std::ios::binary);
-    if (!in)
-        throw std::runtime_error("cannot read " + path.string());
-    std::ostringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
-
 /// The path of the server's socket; empty when no server runs for the tests.
 std::string server_socket() {
     std::ifstream in(std::filesystem::path(server_folder) / "socket");
@@ -62,7 +53,10 @@ std::string name_of(Engine engine) {
 }
 
 std::string source_file(const std::string& name) {
-    return whole_file(std::filesystem::path(EAS_SOURCE_DIR) / name);
+    const std::string text = read_file(std::filesystem::path(EAS_SOURCE_DIR) / name);
+    if (text.empty())
+        throw std::runtime_error("cannot read " + name);
+    return text;
 }
 
 void ScratchDatabase::use_server(const std::string& folder) {

@@ -86,7 +86,11 @@ class DatabaseTest : public ::testing::TestWithParam<Engine> {
         if (const auto why = ScratchDatabase::missing(GetParam()))
             GTEST_SKIP() << *why;
         database_.emplace(GetParam(), keywords(), pooled_);
+        set_up_database();
     }
+
+    /// What more a test's database needs.
+    virtual void set_up_database() {}
 
     /// What replaces or adds keywords of the data source.
     [[nodiscard]] virtual std::map<std::string, std::string> keywords() const { return {}; }

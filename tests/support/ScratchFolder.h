@@ -1,4 +1,4 @@
-// A folder, or a file in one, for the length of a test.
+// A folder, or a file in one, for the length of a test; and what stands in a file.
 #pragma once
 
 #include <stdlib.h>
@@ -31,6 +31,22 @@ class ScratchFolder {
     std::filesystem::path path_;
 };
 
+/// The whole of a file; empty when it cannot be read.
+inline std::string read_file(const std::filesystem::path& path) {
+    std::ifstream in(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), {}};
+}
+
+/// Makes a file that holds `text`, and the folders that it lies in.
+inline void write_file(const std::filesystem::path& path, const std::string& text) {
+    std::filesystem::create_directories(path.parent_path());
+    std::ofstream out(path, std::ios::binary);
+    out << text;
+    out.close();
+    if (!out)
+        throw std::filesystem::filesystem_error("not written", path, {});
+}
+
 /// A text file.
 class ScratchFile {
   public:
@@ -39,10 +55,7 @@ class ScratchFile {
     }
 
     [[nodiscard]] const std::string& path() const { return path_; }
-    [[nodiscard]] std::string text() const {
-        std::ifstream in(path_, std::ios::binary);
-        return {std::istreambuf_iterator<char>(in), {}};
-    }
+    [[nodiscard]] std::string text() const { return read_file(path_); }
 
   private:
     ScratchFolder folder_;

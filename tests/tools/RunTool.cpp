@@ -5,15 +5,16 @@
 #include <pty.h>
 #include <sys/ioctl.h>
 #include <sys/prctl.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 
 #include "base/UniqueFd.h"
 #include "gmock/gmock.h"
+#include "tests/support/ChildProcess.h"
 #include "tests/support/ScratchFolder.h"
 
 namespace eas::test {
@@ -77,11 +78,16 @@ ToolRun run_easctl(const std::vector<std::string>& arguments, const std::string&
     const pid_t child = ::fork();
     if (child == 0)
         become_easctl(argv, in.get(), out.path().c_str(), err.path().c_str(), terminal);
-    int status = 0;
-    EXPECT_EQ(::waitpid(child, &status, 0), child);
-    EXPECT_FALSE(WIFSIGNALED(status) && WTERMSIG(status) == SIGALRM) << "easctl did not end";
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), out.text(),
-            err.text()};
+    const int code = exit_status(child);
+    EXPECT_NE(code, 128 + SIGALRM) << "easctl did not end";
+    return {code, out.text(), err.text()};
+}
+
+nlohmann::json document_of(std::vector<std::string> arguments, int code) {
+    arguments.insert(arguments.begin(), "--json");
+    const ToolRun run = run_easctl(arguments);
+    EXPECT_EQ(run.code, code) << run.out << run.err;
+    return nlohmann::json::parse(run.out);
 }
 
 void expect_all(const std::vector<Expectation>& rows) {

@@ -1,6 +1,7 @@
 // Runs the built easctl as a person would, and says what it printed and how it ended.
 #pragma once
 
+#include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 
@@ -17,6 +18,9 @@ struct ToolRun {
 /// than a minute is ended and fails the test.
 ToolRun run_easctl(const std::vector<std::string>& arguments, const std::string& input = {},
                    const std::string& typed = {});
+
+/// The document that a command prints with --json; it must end with this code.
+nlohmann::json document_of(std::vector<std::string> arguments, int code = 0);
 
 struct Expectation {
     std::vector<std::string> arguments;

@@ -13,6 +13,7 @@
 #include <sstream>
 
 #include "tests/node/NodeTest.h"
+#include "tests/support/ChildProcess.h"
 #include "tests/support/ScratchFolder.h"
 #include "tests/tools/Measurements.h"
 #include "tests/tools/RunTool.h"
@@ -31,10 +32,7 @@ class Calibration : public NodeTest {
 
     /// One core per CPU, so that every thread of a kernel is counted.
     static NodeShape small_node() {
-        NodeShape shape = of_model(44);
-        shape.sockets = 1;
-        shape.cores = 2;
-        shape.threads = 1;
+        NodeShape shape = of_model(44, 1, 2, 1);
         shape.frequencies = {2667000, 2400000, 1600000};
         shape.nonturbo_ratio = 18;  // 2400000
         return shape;
@@ -52,11 +50,9 @@ void measure_into(const std::string& file, NodeShape shape) {
             shape.workload.push_back({row.khz, row.watts(kernel), row.pace(kernel), kernel.lines});
         FakeNode node(shape);
         inside(node, [&] {
-            const auto run = run_easctl({"model", "calibrate", "--out", file, "--seconds", "0.4",
-                                         "--kernels", kernel.name, "--json"});
-            EXPECT_EQ(run.code, 0) << run.err;
-            EXPECT_EQ(nlohmann::json::parse(run.out).at("measured").size(),
-                      std::size(coefficients));
+            const auto run = document_of({"model", "calibrate", "--out", file, "--seconds", "0.4",
+                                          "--kernels", kernel.name});
+            EXPECT_EQ(run.at("measured").size(), std::size(coefficients));
         });
     }
 }
@@ -128,10 +124,9 @@ int interrupted_by(int signal_number, const std::string& file) {
         ::usleep(10000);
     EXPECT_EQ(cpufreq(0, "scaling_governor"), "userspace\n");
     ::kill(child, signal_number);
-    int status = 0;
-    EXPECT_EQ(child, ::waitpid(child, &status, 0));
+    const int code = exit_status(child);
     EXPECT_GE(lines(), enough);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    return code;
 }
 
 TEST_F(Calibration, GivesGovernorAndFrequencyBackWhateverEndsItAndGoesOnLater) {
@@ -231,10 +226,8 @@ TEST_F(NodeCommands, ShowAndSteerANode) {
         const Hidden meter("/sys/devices/platform");
         expect_all({{{"node", "info"}, 6, "modprobe msr"},
                     {{"node", "sample", "--", "true"}, 6, "the command was not run"}});
-        const auto sensors = run_easctl({"node", "sensors", "--json"});
-        EXPECT_EQ(sensors.code, 6);
-        const auto readings = nlohmann::json::parse(sensors.out);
-        for (const auto& reading : readings.at("sensors"))
+        const auto sensors = document_of({"node", "sensors"}, 6);
+        for (const auto& reading : sensors.at("sensors"))
             EXPECT_TRUE(reading.at("value").is_null()) << reading;
     });
 }
@@ -326,10 +319,8 @@ TEST_F(NodeCommands, ShowNoEnergyThatTheMeterDoesNotTell) {
         FakeNode node(small_node());
         inside(node, [&, changes = changes, joules = joules] {
             fs::create_symlink("/sys/devices/platform/qpx.1/energy1_input", path("M"));
-            const auto run =
-                run_easctl({"node", "sample", "--interval", "0.1", "--json", "--", "sh", "-c",
-                            "cd " + folder_.path().string() + "; " + changes});
-            const auto json = nlohmann::json::parse(run.out);
+            const auto json = document_of({"node", "sample", "--interval", "0.1", "--", "sh", "-c",
+                                           "cd " + folder_.path().string() + "; " + changes});
             EXPECT_EQ(json.at("whole_run").at("energy_j"), joules) << json;
             EXPECT_EQ(json.at("samples").back().at("energy_j"), joules) << json;
             EXPECT_EQ(json.at("whole_run").at("power_w").is_null(), joules.is_null()) << json;

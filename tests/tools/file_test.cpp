@@ -89,10 +89,7 @@ class Thresholds : public ::testing::Test {
     /// Checks a file against five frequencies around a default of 2 GHz; returns the document.
     nlohmann::json check(const std::string& text, int code) {
         const ScratchFile file(text);
-        const auto run =
-            run_easctl({"thresholds", "check", file.path(), "--model", model_.path(), "--json"});
-        EXPECT_EQ(run.code, code) << run.out << run.err;
-        return nlohmann::json::parse(run.out);
+        return document_of({"thresholds", "check", file.path(), "--model", model_.path()}, code);
     }
 
     ScratchFile model_{std::string(low) + middle + "2400000:1.1,-1,-1,1,1,0\n" +

@@ -6,7 +6,6 @@
 #include <filesystem>
 #include <fstream>
 #include <nlohmann/json.hpp>
-#include <sstream>
 
 #include "tests/support/ScratchFolder.h"
 #include "tests/tools/Measurements.h"
@@ -107,12 +106,11 @@ TEST_F(ModelFit, FindsTheCoefficientsThatTheMeasurementsWereMadeFrom) {
     fs::permissions(folder_.path(), fs::perms::owner_all);
 
     // Without a file to write to, standard output is the file.
-    std::stringstream written;
-    written << std::ifstream(path("c.txt")).rdbuf();
+    const std::string written = read_file(path("c.txt"));
     words.back() = "-";
-    EXPECT_EQ(run_easctl(words).out, written.str());
+    EXPECT_EQ(run_easctl(words).out, written);
     words.resize(5);
-    EXPECT_EQ(run_easctl(words).out, written.str());
+    EXPECT_EQ(run_easctl(words).out, written);
 }
 
 TEST_F(ModelFit, RefusesWhatIsNoCompleteMeasurementWithFileAndLine) {

@@ -220,8 +220,7 @@ TEST_F(JsonDocuments, HaveTheFieldsThatTheManualPageLists) {
     const ScratchDatabase database(Engine::sqlite);
     const ScratchFile thresholds(source_file("examples/cluster/thresholds.conf"));
     ::setenv("EASCTL_THRESHOLDS", thresholds.path().c_str(), 1);
-    NodeShape shape = of_model(44);  // whose memory counters run with the workload
-    shape.sockets = 1;
+    NodeShape shape = of_model(44, 1);  // whose memory counters run with the workload
     shape.workload = {{1600000, 150, 1.0, 0.01}};
     FakeNode node(shape);
     inside(node, [&] {

@@ -2,7 +2,6 @@
 #include <gmock/gmock.h>
 #include <stdlib.h>
 
-#include <fstream>
 #include <nlohmann/json.hpp>
 
 #include "tests/support/ScratchDatabase.h"
@@ -21,10 +20,7 @@ std::string cluster_file(const std::string& name) {
 
 class Tags : public DatabaseTest {
   protected:
-    void SetUp() override {
-        DatabaseTest::SetUp();
-        if (IsSkipped())
-            return;
+    void set_up_database() override {
         ::setenv("EASCTL_THRESHOLDS", cluster_file("thresholds.conf").c_str(), 1);
         expect_all({{{"model", "import", cluster_file("coefficients.txt"), "--cluster", "sample"},
                      0,
@@ -37,10 +33,8 @@ class Tags : public DatabaseTest {
     }
 
     json tag_json(std::vector<std::string> arguments, int code = 0) {
-        arguments.emplace_back("--json");
-        const ToolRun run = tag(std::move(arguments));
-        EXPECT_EQ(run.code, code) << run.err;
-        return json::parse(run.out);
+        arguments.insert(arguments.begin(), "tag");
+        return document_of(std::move(arguments), code);
     }
 
     void generate_sample() {
@@ -98,8 +92,7 @@ TEST_P(Tags, AreListedShownAndSelectedFrom) {
                 {{"tag", "show", "--tag", "triad", "--unit", "khz"},
                  0,
                  "       1800000        0.037849    -12.76          623       3.83"}});
-    std::ifstream file(picture);
-    const std::string svg((std::istreambuf_iterator<char>(file)), {});
+    const std::string svg = read_file(picture);
     for (const char* part : {"1.20 GHz", "minimize_energy selects 1.80 GHz", "triad"})
         EXPECT_THAT(svg, HasSubstr(part));
 

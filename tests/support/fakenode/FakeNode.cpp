@@ -6,7 +6,6 @@
 #include <sys/mount.h>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -15,27 +14,25 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <new>
 #include <system_error>
 #include <thread>
 
 #include "base/UniqueFd.h"
+#include "tests/support/ChildProcess.h"
+#include "tests/support/ScratchFolder.h"
 #include "tests/support/fakenode/NodeServer.h"
 
 namespace eas::fake {
 namespace {
 
 namespace fs = std::filesystem;
+using test::exit_status;
+using test::write_file;
 
 void check(bool good, const std::string& what) {
     if (!good)
         throw std::system_error(errno, std::generic_category(), what);
-}
-
-void write_text(const fs::path& path, const std::string& text) {
-    fs::create_directories(path.parent_path());
-    std::ofstream(path, std::ios::binary) << text;
 }
 
 void bind(const fs::path& from, const fs::path& to) {
@@ -54,7 +51,7 @@ void keep_device(const fs::path& from, const fs::path& to) {
     if (fs::is_directory(from))
         fs::create_directories(to);
     else
-        write_text(to, "");
+        write_file(to, "");
     bind(from, to);
 }
 
@@ -62,7 +59,7 @@ void make_devices(const NodeShape& shape, const fs::path& stage) {
     fs::create_directories(stage / "dev" / "cpu");
     for (const char* name : kKept)
         keep_device(fs::path("/dev") / name, stage / "dev" / name);
-    write_text(stage / "dev" / "mem", "");
+    write_file(stage / "dev" / "mem", "");
     // Sparse: from address 0 to the end of the 256 MiB that configuration space takes.
     fs::resize_file(stage / "dev" / "mem", shape.mcfg_base + (uint64_t{256} << 20));
     bind(stage / "files" / "msr", stage / "dev" / "cpu");
@@ -72,7 +69,7 @@ void make_sysfs(const NodeShape& shape, const fs::path& stage) {
     const fs::path cpu = stage / "cpu", meter = stage / "platform" / "qpx.1";
     const std::string range = "0-" + std::to_string(shape.cpus() - 1) + "\n";
     for (const char* name : {"online", "possible", "present"})
-        write_text(cpu / name, range);
+        write_file(cpu / name, range);
     fs::create_directories(cpu / "cpufreq");
     bind(stage / "files" / "cpufreq", cpu / "cpufreq");
     for (int i = 0; i < shape.cpus(); ++i) {
@@ -80,11 +77,11 @@ void make_sysfs(const NodeShape& shape, const fs::path& stage) {
         fs::create_directories(folder);
         fs::create_symlink("../cpufreq/policy" + std::to_string(i), folder / "cpufreq");
     }
-    write_text(meter / "energy1_input", "1000000\n");
+    write_file(meter / "energy1_input", "1000000\n");
     if (!shape.workload.empty())
         bind(stage / "files" / "meter" / "energy1_input", meter / "energy1_input");
-    write_text(stage / "firmware" / "acpi" / "tables" / "MCFG", mcfg_table(shape.mcfg_base));
-    write_text(stage / "cpuinfo", cpuinfo_text(shape));
+    write_file(stage / "firmware" / "acpi" / "tables" / "MCFG", mcfg_table(shape.mcfg_base));
+    write_file(stage / "cpuinfo", cpuinfo_text(shape));
 }
 
 void cover_machine(const NodeShape& shape, const fs::path& stage) {
@@ -95,13 +92,6 @@ void cover_machine(const NodeShape& shape, const fs::path& stage) {
     bind(stage / "platform", "/sys/devices/platform");
     bind(stage / "firmware", "/sys/firmware");
     bind(stage / "dev", "/dev");
-}
-
-int exit_status(pid_t child) {
-    int status = 0;
-    while (::waitpid(child, &status, 0) < 0 && errno == EINTR) {
-    }
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
 /// The descriptor `number` of process `child`.

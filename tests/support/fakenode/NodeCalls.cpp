@@ -13,7 +13,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstddef>
-#include <cstring>
 
 #include "base/UniqueFd.h"
 #include "tests/support/fakenode/NodeServer.h"
@@ -24,19 +23,12 @@ namespace {
 using Lock = std::lock_guard<std::mutex>;
 using Call = seccomp_notif;
 
-bool copy_in(const Call& call, uint64_t address, void* to, size_t size) {
-    const iovec local{to, size};
+/// Copies between the caller's `address` and `here`, one way or the other.
+template <typename Copy>
+bool copy(Copy process_vm, const Call& call, uint64_t address, void* here, size_t size) {
+    const iovec local{here, size};
     const iovec remote{reinterpret_cast<void*>(address), size};
-    return ::process_vm_readv(static_cast<pid_t>(call.pid), &local, 1, &remote, 1, 0) ==
-           static_cast<ssize_t>(size);
-}
-
-bool copy_out(const Call& call, uint64_t address, const void* from, size_t size) {
-    CpuMask bytes{};
-    std::memcpy(bytes.data(), from, size);
-    const iovec local{bytes.data(), size};
-    const iovec remote{reinterpret_cast<void*>(address), size};
-    return ::process_vm_writev(static_cast<pid_t>(call.pid), &local, 1, &remote, 1, 0) ==
+    return process_vm(static_cast<pid_t>(call.pid), &local, 1, &remote, 1, 0) ==
            static_cast<ssize_t>(size);
 }
 
@@ -61,7 +53,7 @@ int64_t set_affinity(NodeServer& server, const Call& call) {
     const Lock lock(server.mutex);
     CpuMask wanted{};
     const size_t size = std::min<size_t>(call.data.args[1], sizeof wanted);
-    if (!copy_in(call, call.data.args[2], wanted.data(), size))
+    if (!copy(::process_vm_readv, call, call.data.args[2], wanted.data(), size))
         return -EFAULT;
     const CpuMask present = all_cpus(server.shape);
     for (size_t word = 0; word < wanted.size(); ++word)
@@ -76,10 +68,10 @@ int64_t set_affinity(NodeServer& server, const Call& call) {
 int64_t get_affinity(NodeServer& server, const Call& call) {
     const Lock lock(server.mutex);
     const int target = static_cast<int>(call.data.args[0]);
-    const CpuMask mask = server.affinity_of(target != 0 ? target : static_cast<int>(call.pid));
+    CpuMask mask = server.affinity_of(target != 0 ? target : static_cast<int>(call.pid));
     if (call.data.args[1] < sizeof mask)
         return -EINVAL;
-    if (!copy_out(call, call.data.args[2], mask.data(), sizeof mask))
+    if (!copy(::process_vm_writev, call, call.data.args[2], mask.data(), sizeof mask))
         return -EFAULT;
     return sizeof mask;
 }
@@ -89,10 +81,10 @@ int64_t new_counter(NodeServer& server, const Call& call) {
     const Lock lock(server.mutex);
     Counter counter{};
     const auto argument = [&](size_t i) { return static_cast<int>(call.data.args[i]); };
-    if (!copy_in(call, call.data.args[0], &counter.attr, PERF_ATTR_SIZE_VER0))
+    if (!copy(::process_vm_readv, call, call.data.args[0], &counter.attr, PERF_ATTR_SIZE_VER0))
         return -EFAULT;
-    if (!copy_in(call, call.data.args[0], &counter.attr,
-                 std::min<size_t>(counter.attr.size, sizeof counter.attr)))
+    if (!copy(::process_vm_readv, call, call.data.args[0], &counter.attr,
+              std::min<size_t>(counter.attr.size, sizeof counter.attr)))
         return -EFAULT;
     counter.pid = argument(1);
     counter.cpu = argument(2);
