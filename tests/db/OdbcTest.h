@@ -43,10 +43,7 @@ class OdbcTest : public ::testing::Test {
         return all;
     }
     int count(const std::string& entry_point) {
-        int calls = 0;
-        for (const auto& call : odbc.calls())
-            calls += call.entry_point == entry_point ? 1 : 0;
-        return calls;
+        return static_cast<int>(odbc.said(entry_point).size());
     }
 
     ScratchDatabase database{Engine::sqlite};

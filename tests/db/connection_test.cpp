@@ -7,6 +7,7 @@
 
 #include <csignal>
 #include <thread>
+#include <tuple>
 
 #include "db/base_class/DBDiagnostics.h"
 #include "db/base_class/OdbcHandle.h"
@@ -201,6 +202,17 @@ TEST_F(Connection, SchemaIsSetWhenItDiffersFromTheUser) {
     EXPECT_EQ(odbc.live_handles(), 1) << "the environment";
 }
 
+TEST_F(Connection, WithoutAStatementNoSchemaIsSet) {
+    ASSERT_EQ(connect(), 0);
+    for (const SQLRETURN code :
+         std::vector<SQLRETURN>{SQL_STILL_EXECUTING, SQL_NEED_DATA, SQL_NO_DATA}) {
+        answer("SQLAllocHandle", {code});
+        EXPECT_EQ(con->setDbSchema("site"), code);
+        EXPECT_EQ(count("SQLExecDirect"), 0);
+    }
+    EXPECT_EQ(con->disconnect(), 0);
+}
+
 // SQLite's driver refuses to disconnect while a transaction is open.
 TEST_F(Connection, OpenTransactionIsRolledBackAndDoesNotKeepTheConnection) {
     for (int round = 0; round < 3; ++round) {
@@ -313,12 +325,7 @@ TEST_F(Connection, CallersEnvironmentStaysTheCallers) {
 }
 
 TEST_F(Connection, ReturnCodesAreAnsweredByTheTable) {
-    struct Row {
-        SQLRETURN rc;
-        int answer;
-        const char* text;
-    };
-    const std::vector<Row> rows{
+    const std::tuple<SQLRETURN, int, const char*> rows[] = {
         {0, 0, ""},
         {1, 0, ""},
         {2, 0, ""},
@@ -326,12 +333,11 @@ TEST_F(Connection, ReturnCodesAreAnsweredByTheTable) {
         {100, 0, ""},
         {-2, 1, "SQL_INVALID_HANDLE (-2)\n\n"},
         {-1, 2, "SQL_ERROR (-1)\n\n"},
-        {101, 3, "Received unexpected error code (101)\n\n"},
-    };
-    for (const Row& row : rows) {
+        {101, 3, "Received unexpected error code (101)\n\n"}};
+    for (const auto& [rc, answer, text] : rows) {
         const std::size_t before = log.text().size();
-        EXPECT_EQ(HandleInfoPrint(SQL_HANDLE_DBC, nullptr, row.rc, 1, "file", true), row.answer);
-        EXPECT_EQ(log.text().substr(before), row.text);
+        EXPECT_EQ(HandleInfoPrint(SQL_HANDLE_DBC, nullptr, rc, 1, "file", true), answer);
+        EXPECT_EQ(log.text().substr(before), text);
     }
 }
 

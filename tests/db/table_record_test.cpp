@@ -1,4 +1,4 @@
-// The two table records without a database: statement texts, what is bound where, and dumps.
+// The two table records without a database: statement texts and dumps.
 #include <array>
 #include <cstring>
 #include <new>
@@ -8,7 +8,6 @@
 
 #include "common/TQVN_EnergyCoEfficients.h"
 #include "common/TQVN_EnergyPolicyTag.h"
-#include "db/base_class/DBLibrary.h"
 #include "gmock/gmock.h"
 
 namespace {
@@ -77,106 +76,30 @@ TEST(TableRecord, AllColumnsAreDecidedByValue) {
     EXPECT_THROW(tag.setBitMap(ColumnsBitMap().set(64)), std::overflow_error);
 }
 
-// ------------------------------------------------------------------ what reaches the driver
-// manager
-
-/// Binds as the driver manager gets them.
-struct Recorder {
-    std::ostringstream calls;
-    const char* row = nullptr;
-
-    std::string take() {
-        std::string text = calls.str();
-        calls.str("");
-        return text;
-    }
-};
-Recorder* recorder = nullptr;
-
-SQLRETURN SQL_API bind_col(SQLHSTMT, SQLUSMALLINT position, SQLSMALLINT type, SQLPOINTER value,
-                           SQLLEN size, SQLLEN* indicator) {
-    EXPECT_NE(indicator, nullptr);
-    EXPECT_EQ(*indicator, 0) << "never left as it was in memory";
-    recorder->calls << position << ":" << type << ":" << size << "@"
-                    << static_cast<char*>(value) - recorder->row << " ";
-    return SQL_SUCCESS;
-}
-
-SQLRETURN SQL_API bind_parameter(SQLHSTMT, SQLUSMALLINT position, SQLSMALLINT direction,
-                                 SQLSMALLINT type, SQLSMALLINT sql_type, SQLULEN column_size,
-                                 SQLSMALLINT digits, SQLPOINTER value, SQLLEN size,
-                                 SQLLEN* indicator) {
-    EXPECT_EQ(direction, SQL_PARAM_INPUT);
-    EXPECT_EQ(digits, 0);
-    EXPECT_EQ(indicator, nullptr);
-    recorder->calls << position << ":" << type << "/" << sql_type << ":" << column_size << ":"
-                    << size << "@" << static_cast<char*>(value) - recorder->row << " ";
-    return SQL_SUCCESS;
-}
-
-class Binding : public ::testing::Test {
-  protected:
-    Binding() {
-        recorder = &recorder_;
-        DBLibrary* odbc = DBLibrary::get();
-        odbc->SQLBindCol = &bind_col;
-        odbc->SQLBindParameter = &bind_parameter;
-        // Memory that is all ones, as a stack may be.
-        std::memset(memory_.data(), 0xff, memory_.size());
-        tag_ = new (memory_.data()) TQVN_EnergyPolicyTag;
-        recorder_.row = tag_->_energy_tag_name;
-    }
-    ~Binding() override {
-        tag_->~TQVN_EnergyPolicyTag();
-        DBLibrary::release();
-    }
-
-    Recorder recorder_;
-    alignas(TQVN_EnergyPolicyTag) std::array<char, sizeof(TQVN_EnergyPolicyTag)> memory_;
-    TQVN_EnergyPolicyTag* tag_;
-};
-
-TEST_F(Binding, PositionsCountTheSelectedColumns) {
-    const auto offset = [this](const void* field) {
-        return "@" + std::to_string(static_cast<const char*>(field) - recorder_.row) + " ";
-    };
-    EXPECT_EQ(tag_->bind_col(nullptr, nullptr), -1) << "nothing is selected";
-    EXPECT_EQ(tag_->bind_param(nullptr, nullptr), -1);
-    EXPECT_EQ(recorder_.take(), "");
-
-    tag_->setBitMap(ColumnsBitMap(0b10001101001));  // name, cluster, job, power left out, ...
-    EXPECT_EQ(tag_->bind_col(nullptr, nullptr), 0);
-    EXPECT_EQ(recorder_.take(), "1:1:257@0 2:1:41" + offset(tag_->_cluster_name) + "3:1:1025" +
-                                    offset(tag_->_job_id) + "4:8:8" +
-                                    offset(&tag_->_predict_power) + "5:-25:8" +
-                                    offset(&tag_->_create_time));
-
-    tag_->setBitMap(ColumnsBitMap(0b10101000001));
-    tag_->clear();
-    std::strcpy(tag_->_energy_tag_name, "four");
-    EXPECT_EQ(tag_->bind_param(nullptr, nullptr), 0);
-    EXPECT_EQ(recorder_.take(), "1:1/1:256:4@0 2:8/8:0:0" + offset(&tag_->_predict_power) +
-                                    "3:4/4:0:0" + offset(&tag_->_predict_elapse_time) +
-                                    "4:-25/-5:0:0" + offset(&tag_->_create_time));
-}
-
-TEST_F(Binding, DumpShowsWhatIsSelectedAndNotNull) {
+TEST(TableRecord, DumpShowsWhatIsSelectedAndNotNull) {
+    // In memory that is all ones, as a stack may be.
+    alignas(TQVN_EnergyPolicyTag) std::array<char, sizeof(TQVN_EnergyPolicyTag)> memory;
+    memory.fill('\xff');
+    auto* const tag = new (memory.data()) TQVN_EnergyPolicyTag;
+    EXPECT_EQ(tag->bind_col(nullptr, nullptr), -1) << "nothing is selected";
+    EXPECT_EQ(tag->bind_param(nullptr, nullptr), -1);
     std::ostringstream out;
-    tag_->dump(out);
+    tag->dump(out);
     EXPECT_EQ(out.str(), "");
-    tag_->setBitMap(ColumnsBitMap(0b10001010001));
-    tag_->clear();
-    std::strcpy(tag_->_energy_tag_name, "t 1");
-    tag_->_frequency = 2600000;
-    tag_->_predict_power = 250.123456789;
-    tag_->_create_time = 1099511627776;
-    tag_->dump(out);
+    tag->setBitMap(ColumnsBitMap(0b10001010001));
+    tag->clear();
+    std::strcpy(tag->_energy_tag_name, "t 1");
+    tag->_frequency = 2600000;
+    tag->_predict_power = 250.123456789;
+    tag->_create_time = 1099511627776;
+    tag->dump(out);
     EXPECT_EQ(out.str(),
               "\n\n==> TQVN_EnergyPolicyTag record \n"
               "_energy_tag_name          = t 1\n"
               "_frequency                = 2600000\n"
               "_predict_power            = 250.123\n"
               "_create_time              = 1099511627776\n");
+    tag->~TQVN_EnergyPolicyTag();
 
     std::ostringstream both;
     TQVN_EnergyCoEfficients coefficients;

@@ -1,33 +1,29 @@
 // The five functions on real databases, as a scheduler calls them.
-#include <pthread.h>
+#include <sched.h>
 #include <sys/mman.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
+#include <atomic>
 #include <cstdlib>
 #include <filesystem>
+#include <new>
 #include <string>
 #include <vector>
 
+#include "common/CoEfficients.h"
+#include "db/base_class/DBLibrary.h"
 #include "gtest/gtest.h"
 #include "interface/LibraryState.h"
+#include "interface/TagStore.h"
 #include "interface/interface.h"
+#include "tests/support/ChildProcess.h"
 #include "tests/support/SchedulerCalls.h"
 
 namespace {
 
-using eas::test::both_engines;
-using eas::test::default_frequency;
-using eas::test::engine_suffix;
-using eas::test::generate;
-using eas::test::remove_tags;
-using eas::test::Removed;
-using eas::test::select;
-using eas::test::Selection;
-using eas::test::Tags;
-using eas::test::text;
-using Scheduler = eas::test::SchedulerTest;
+using namespace eas::test;
+using Scheduler = SchedulerTest;
 
 TEST(SchedulerWithoutDatabase, SaysThatThereIsNoDataSource) {
     ::setenv("ODBCINI", "/nonexistent/odbc.ini", 1);
@@ -186,6 +182,35 @@ TEST_P(Scheduler, AFailedInitialisationLeavesNothingInitialised) {
     EXPECT_TRUE(fails_with(EAS_THRESHOLDS_COMMENTED_OUT));  // like a file without an entry
 }
 
+OdbcEntryPoints real;
+char* bound_name;  // of the coefficient row: the third column
+char first_of_name;
+
+TEST_P(Scheduler, TakesACoefficientRowOfNoClusterAndNoneOfAnother) {
+    ASSERT_EQ(initialize(), EAS_OK);
+    OdbcEntryPoints& odbc = *DBLibrary::get();
+    real = odbc;
+    odbc.SQLBindCol = [](SQLHSTMT statement, SQLUSMALLINT position, SQLSMALLINT type,
+                         SQLPOINTER value, SQLLEN size, SQLLEN* indicator) {
+        if (position == 3)
+            bound_name = static_cast<char*>(value);
+        return real.SQLBindCol(statement, position, type, value, size, indicator);
+    };
+    odbc.SQLFetch = [](SQLHSTMT statement) {
+        const SQLRETURN rc = real.SQLFetch(statement);
+        *bound_name = first_of_name;
+        return rc;
+    };
+    for (const bool taken : {true, false}) {
+        first_of_name = taken ? '\0' : 'C';
+        const eas::OwnedConnection connection(create_db_connection());
+        CoEfficients read;
+        EXPECT_EQ(read_coeffs_from_db(connection.get(), "c1", default_frequency, read),
+                  taken ? 0 : 1);
+        EXPECT_EQ(read.total_frequencies(), taken ? 4 : 0);
+    }
+}
+
 TEST_P(Scheduler, RefusesAJobThatAllowsNoPrediction) {
     ASSERT_EQ(initialize(), EAS_OK);
     double no_instructions[] = {1e12, 0.0, 1e12};
@@ -202,7 +227,8 @@ TEST_P(Scheduler, NoNameReachesAnotherUsersTags) {
     ASSERT_EQ(generate("victim", "t"), EAS_OK);
     ASSERT_EQ(generate("victim ", "t "), EAS_OK);
     // Names that change the condition, and names that an engine takes for a column.
-    for (const std::string name : {"x\" or \"1\"=\"1", "\"", "x\\", "\\\" or 1=1 -- "}) {
+    for (const std::string name :
+         {"x\" or \"1\"=\"1", "\"", "x\\", "\\", "\\\\\\", "a\\\"", "\\\" or 1=1 -- "}) {
         EXPECT_EQ(Tags(text(name), "t").status, EAS_QUERY_FAILED) << name;
         EXPECT_EQ(Tags("victim", text(name)).status, EAS_QUERY_FAILED) << name;
         EXPECT_EQ(remove_tags(text(name), "t").status, EAS_REMOVE_FAILED) << name;
@@ -226,7 +252,8 @@ TEST_P(Scheduler, KeepsNamesByteForByteAndCutsThemToTheirFields) {
         "\xe4",    "a\xcc\x88", "\xff\xfe\x80", "SITE\\anna", "SITEanna", "SITE\\\\anna",
         "it's",    "a?b",       "\\?",          "{fn now()}", "{d '",     "-- x",
         "/* x",    "x;--",      "%s%n",         "%",          "_",        "\x81\x8d\x8f\x90\x9d",
-        "\xbf\\'", " t ",       "\t\n\x01\x1a", "0",          "00",       "1e0"};
+        "\xbf\\'", " t ",       "\t\n\x01\x1a", "0",          "00",       "1e0",
+        "a\\\\",   "\\\\\\\\",  "\xff`;--"};
     for (const std::string& name : names)
         ASSERT_EQ(generate(name, name), EAS_OK) << name;
     for (const std::string& name : names) {
@@ -250,33 +277,28 @@ TEST_P(Scheduler, KeepsNamesByteForByteAndCutsThemToTheirFields) {
 
 TEST_P(Scheduler, TwoProcessesThatGenerateTheSameTagStoreItOnce) {
     constexpr int rounds = 20;
-    void* const shared = ::mmap(nullptr, sizeof(pthread_barrier_t), PROT_READ | PROT_WRITE,
+    void* const shared = ::mmap(nullptr, sizeof(std::atomic<int>), PROT_READ | PROT_WRITE,
                                 MAP_SHARED | MAP_ANONYMOUS, -1, 0);
     ASSERT_NE(shared, MAP_FAILED);
-    auto* const start = static_cast<pthread_barrier_t*>(shared);
-    pthread_barrierattr_t between_processes;
-    pthread_barrierattr_init(&between_processes);
-    pthread_barrierattr_setpshared(&between_processes, PTHREAD_PROCESS_SHARED);
-    pthread_barrier_init(start, &between_processes, 2);
+    auto& arrived = *new (shared) std::atomic<int>(0);
     std::array<pid_t, 2> children{};
     for (pid_t& child : children) {
         child = ::fork();
         if (child == 0) {
             int stored = initialize() == EAS_OK ? 0 : 100;
             for (int i = 0; i < rounds; ++i) {
-                pthread_barrier_wait(start);
+                ++arrived;
+                while (arrived < 2 * (i + 1))  // both begin at once
+                    ::sched_yield();
                 stored += generate("u", "t" + std::to_string(i)) == EAS_OK ? 1 : 0;
             }
             ::_exit(stored);
         }
     }
     int stored = 0;
-    for (const pid_t child : children) {
-        int status = 0;
-        ::waitpid(child, &status, 0);
-        stored += WEXITSTATUS(status);
-    }
-    ::munmap(shared, sizeof(pthread_barrier_t));
+    for (const pid_t child : children)
+        stored += exit_status(child);
+    ::munmap(shared, sizeof(std::atomic<int>));
     EXPECT_EQ(stored, rounds);
     EXPECT_EQ(tag_rows(), 4 * rounds);  // each is whole
 }

@@ -4,6 +4,8 @@
 #include <sqlext.h>
 #pragma GCC visibility pop
 
+#include <initializer_list>
+
 #include "tests/support/FaultyDriverManager/Manager.h"
 
 using eas::test::Fault;
@@ -19,6 +21,13 @@ struct Outcome {
 
 std::string text(const SQLCHAR* value) {
     return value != nullptr ? reinterpret_cast<const char*>(value) : "(null)";
+}
+
+std::string numbers(std::initializer_list<SQLLEN> all) {
+    std::string joined;
+    for (const SQLLEN number : all)
+        joined += (joined.empty() ? "" : ":") + std::to_string(number);
+    return joined;
 }
 
 template <typename... Arguments>
@@ -99,14 +108,20 @@ SQLRETURN SQLExecDirect(SQLHSTMT statement, SQLCHAR* sql, SQLINTEGER length) {
 
 SQLRETURN SQLBindCol(SQLHSTMT statement, SQLUSMALLINT column, SQLSMALLINT type, SQLPOINTER value,
                      SQLLEN size, SQLLEN* indicator) {
-    return forward("SQLBindCol", statement, column, type, value, size, indicator).answer;
+    const FaultyManager::Crossing crossing(FaultyManager::instance());
+    const std::string said = numbers({column, type, size, indicator != nullptr ? *indicator : -9});
+    return forward_said("SQLBindCol", said, statement, column, type, value, size, indicator).answer;
 }
 
 SQLRETURN SQLBindParameter(SQLHSTMT statement, SQLUSMALLINT number, SQLSMALLINT direction,
                            SQLSMALLINT value_type, SQLSMALLINT type, SQLULEN column_size,
                            SQLSMALLINT digits, SQLPOINTER value, SQLLEN size, SQLLEN* indicator) {
-    return forward("SQLBindParameter", statement, number, direction, value_type, type, column_size,
-                   digits, value, size, indicator)
+    const FaultyManager::Crossing crossing(FaultyManager::instance());
+    const std::string said =
+        numbers({number, direction, value_type, type, static_cast<SQLLEN>(column_size), digits,
+                 size, indicator != nullptr ? 1 : 0});
+    return forward_said("SQLBindParameter", said, statement, number, direction, value_type, type,
+                        column_size, digits, value, size, indicator)
         .answer;
 }
 

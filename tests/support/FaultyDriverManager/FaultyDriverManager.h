@@ -32,16 +32,28 @@ class FaultyDriverManager {
 
     struct Call {
         std::string entry_point;
-        int number;        ///< among the calls of this entry point, from 1
-        std::string said;  ///< texts among the arguments, and how a transaction ends
+        int number;  ///< among the calls of this entry point, from 1
+        /// Texts among the arguments; how a transaction ends; of a bind its numbers in their
+        /// order, behind them what a column's indicator holds (-9: it has none), or whether a
+        /// parameter has one.
+        std::string said;
     };
     /// The list: every call, in order.
     virtual std::vector<Call> calls() = 0;
+    /// What those of one entry point said.
+    std::vector<std::string> said(const std::string& entry_point) {
+        std::vector<std::string> texts;
+        for (const Call& call : calls()) {
+            if (call.entry_point == entry_point)
+                texts.push_back(call.said);
+        }
+        return texts;
+    }
 
     /// Handles that are not freed.
     [[nodiscard]] virtual int live_handles() const = 0;
-    /// Frees what a fault for good had made it impossible to free; how many handles.
-    virtual int free_left_overs() = 0;
+    /// Frees what a fault for good had made it impossible to free.
+    virtual void free_left_overs() = 0;
 
     /// Told +1 when a thread enters the driver manager and -1 when it leaves.
     virtual void on_crossing(void (*told)(int)) = 0;

@@ -89,7 +89,7 @@ int FaultyManager::live_handles() const {
     return static_cast<int>(handles_.size());
 }
 
-int FaultyManager::free_left_overs() {
+void FaultyManager::free_left_overs() {
     const auto left = handles_;
     for (const auto type : {SQL_HANDLE_STMT, SQL_HANDLE_DBC, SQL_HANDLE_ENV}) {
         for (const auto& [handle, what] : left) {
@@ -102,7 +102,6 @@ int FaultyManager::free_left_overs() {
             SQLFreeHandle(what.type, handle);
         }
     }
-    return static_cast<int>(left.size());
 }
 
 }  // namespace eas::test

@@ -17,7 +17,7 @@ class FaultyManager final : public FaultyDriverManager {
     bool end_faults() override;
     std::vector<Call> calls() override;
     [[nodiscard]] int live_handles() const override;
-    int free_left_overs() override;
+    void free_left_overs() override;
     void on_crossing(void (*told)(int)) override { told_ = told; }
 
     /// The real entry point.

@@ -2,46 +2,18 @@
    Without ODBC's headers, since only the names matter. */
 #include <stdlib.h>
 
-#pragma GCC visibility push(default)
-#define NEVER_CALLED(name) \
-    void name(void);       \
-    void name(void) {      \
-        abort();           \
-    }
+__attribute__((used)) static void end_the_test(void) {
+    abort();
+}
 
-NEVER_CALLED(SQLAllocConnect)
-NEVER_CALLED(SQLAllocEnv)
-NEVER_CALLED(SQLAllocStmt)
-NEVER_CALLED(SQLCancel)
-NEVER_CALLED(SQLCloseCursor)
-NEVER_CALLED(SQLColAttribute)
-NEVER_CALLED(SQLColumns)
-NEVER_CALLED(SQLDescribeCol)
-NEVER_CALLED(SQLError)
-NEVER_CALLED(SQLExecute)
-NEVER_CALLED(SQLFetchScroll)
-NEVER_CALLED(SQLFreeConnect)
-NEVER_CALLED(SQLFreeEnv)
-NEVER_CALLED(SQLGetConnectOption)
-NEVER_CALLED(SQLGetCursorName)
-NEVER_CALLED(SQLGetData)
-NEVER_CALLED(SQLGetDiagField)
-NEVER_CALLED(SQLGetEnvAttr)
-NEVER_CALLED(SQLGetFunctions)
-NEVER_CALLED(SQLGetInfo)
-NEVER_CALLED(SQLGetStmtAttr)
-NEVER_CALLED(SQLGetStmtOption)
-NEVER_CALLED(SQLGetTypeInfo)
-NEVER_CALLED(SQLNumResultCols)
-NEVER_CALLED(SQLParamData)
-NEVER_CALLED(SQLPrepare)
-NEVER_CALLED(SQLPutData)
-NEVER_CALLED(SQLRowCount)
-NEVER_CALLED(SQLSetConnectOption)
-NEVER_CALLED(SQLSetCursorName)
-NEVER_CALLED(SQLSetStmtAttr)
-NEVER_CALLED(SQLSetStmtOption)
-NEVER_CALLED(SQLSpecialColumns)
-NEVER_CALLED(SQLStatistics)
-NEVER_CALLED(SQLTables)
-NEVER_CALLED(SQLTransact)
+#pragma GCC visibility push(default)
+__attribute__((alias("end_the_test"))) void SQLAllocConnect(void), SQLAllocEnv(void),
+    SQLAllocStmt(void), SQLCancel(void), SQLCloseCursor(void), SQLColAttribute(void),
+    SQLColumns(void), SQLDescribeCol(void), SQLError(void), SQLExecute(void), SQLFetchScroll(void),
+    SQLFreeConnect(void), SQLFreeEnv(void), SQLGetConnectOption(void), SQLGetCursorName(void),
+    SQLGetData(void), SQLGetDiagField(void), SQLGetEnvAttr(void), SQLGetFunctions(void),
+    SQLGetInfo(void), SQLGetStmtAttr(void), SQLGetStmtOption(void), SQLGetTypeInfo(void),
+    SQLNumResultCols(void), SQLParamData(void), SQLPrepare(void), SQLPutData(void),
+    SQLRowCount(void), SQLSetConnectOption(void), SQLSetCursorName(void), SQLSetStmtAttr(void),
+    SQLSetStmtOption(void), SQLSpecialColumns(void), SQLStatistics(void), SQLTables(void),
+    SQLTransact(void);
