@@ -12,40 +12,27 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 #include <string>
 
 #include "base/DebugFile.h"
+#include "common/EnergyPerfThreshold.h"
 #include "gmock/gmock.h"
 #include "interface/LibraryState.h"
 #include "interface/Locator.h"
-#include "interface/interface.h"
-#include "tests/support/ScratchDatabase.h"
+#include "tests/support/SchedulerCalls.h"
 
 namespace {
 
+using namespace eas::test;
 using ::testing::ContainsRegex;
 using ::testing::HasSubstr;
 using ::testing::Not;
 
-char cluster[] = "c1";
 constexpr const char* debug_log = "/tmp/.eas_lib_debug";
 constexpr const char* threshold_output = "/tmp/.threshold_output";
 
-std::string content(const std::string& path) {
-    std::stringstream text;
-    text << std::ifstream(path).rdbuf();
-    return text.str();
-}
-
-int query(const std::string& tag) {
-    int count = 0;
-    energyPolicyTag_t* tags = nullptr;
-    return eas_query_tag(cluster, 2000000, nullptr, const_cast<char*>(tag.c_str()), &count, &tags);
-}
-
-/// /tmp and /etc are this process's own, and hold a database of cluster "c1".
-class InPrivateNamespace : public ::testing::Test {
+/// /tmp and /etc are this process's own.
+class InPrivateNamespace : public SchedulerTest {
   protected:
     void SetUp() override {
         if (::unshare(CLONE_NEWNS) != 0)
@@ -57,36 +44,27 @@ class InPrivateNamespace : public ::testing::Test {
         ASSERT_EQ(::mount("overlay", "/etc", "overlay", 0,
                           "lowerdir=/etc,upperdir=/tmp/upper,workdir=/tmp/work"),
                   0);
-        if (const auto why = eas::test::ScratchDatabase::missing(eas::test::Engine::sqlite))
-            GTEST_SKIP() << *why;
-        database_.emplace(eas::test::Engine::sqlite);
-        database_->seed_coefficients("c1", 2000000, 1600000, 200000, 3);
-        thresholds_ = database_->folder() / "thresholds";
-        std::ofstream(thresholds_)
-            << "Begin Min_Energy\nTHRESHOLD_RUNTIME_VAR = 5\nEnd Min_Energy\n"
-               "Begin Min_Time\nCPU_FREQ RUNTIME_VAR\nEnd Min_Time\n";
+        SchedulerTest::SetUp();
     }
-    int initialize() { return eas_initialize(cluster, 2000000, thresholds_.data()); }
-
-    std::optional<eas::test::ScratchDatabase> database_;
-    std::string thresholds_;
 };
 
-TEST_F(InPrivateNamespace, TheDebugLogBeginsWithTheFirstQueryThatIsAskedToLog) {
+INSTANTIATE_TEST_SUITE_P(On, InPrivateNamespace, ::testing::Values(Engine::sqlite), engine_suffix);
+
+TEST_P(InPrivateNamespace, TheDebugLogBeginsWithTheFirstQueryThatIsAskedToLog) {
     ::unsetenv("DEBUG_THRESHOLD");
     ASSERT_EQ(initialize(), EAS_OK);
-    ASSERT_EQ(query("quiet"), EAS_OK);
+    ASSERT_EQ(Tags(nullptr, "quiet").status, EAS_OK);
     eas_debug_printf(debug_fd, "nowhere\n");
     EXPECT_NE(::access(debug_log, F_OK), 0);
 
     ::setenv("DEBUG_THRESHOLD", "", 1);
     ASSERT_EQ(initialize(), EAS_OK);
     EXPECT_NE(::access(debug_log, F_OK), 0);  // only a query opens it
-    ASSERT_EQ(query("loud"), EAS_OK);
-    ASSERT_EQ(query("a\"b"), EAS_QUERY_FAILED);
+    ASSERT_EQ(Tags(nullptr, "loud").status, EAS_OK);
+    ASSERT_EQ(Tags(nullptr, "a\"b").status, EAS_QUERY_FAILED);
     eas_debug_printf(debug_fd, std::string(2000, 'x'));
 
-    const std::string log = content(debug_log);
+    const std::string log = read_file(debug_log);
     EXPECT_THAT(log, Not(HasSubstr("quiet")));
     EXPECT_THAT(log, HasSubstr("The SQL condition:  where cluster_name=\"c1\" and "
                                "default_frequency=2000000 and energy_tag_name=\"loud\"\n"));
@@ -99,7 +77,22 @@ TEST_F(InPrivateNamespace, TheDebugLogBeginsWithTheFirstQueryThatIsAskedToLog) {
     EXPECT_EQ(log.size() - log.find(std::string(1023, 'x')), 1023U);
 }
 
-TEST_F(InPrivateNamespace, ADebugFileWithSomethingElseInItsPlaceStopsTheProcess) {
+TEST_P(InPrivateNamespace, TheThresholdFileGetsEachReadingThatIsAskedFor) {
+    ::unsetenv("DEBUG_THRESHOLD");
+    ASSERT_EQ(initialize(), EAS_OK);
+    EXPECT_NE(::access(threshold_output, F_OK), 0);
+    ::setenv("DEBUG_THRESHOLD", "", 1);
+    EnergyPerfThreshold().displayThresholds();
+    ASSERT_EQ(initialize(), EAS_OK);
+    EXPECT_EQ(read_file(threshold_output),
+              "This threshold is not valid.\n"
+              "This threshold is valid.\n"
+              "The performance threshold: 5.000000\n"
+              "Frequency = 2000000, threshold value defined = 0.000000\n"
+              "Frequency = 2400000, threshold value defined = -0.150000\n");
+}
+
+TEST_P(InPrivateNamespace, ADebugFileWithSomethingElseInItsPlaceStopsTheProcess) {
     constexpr const char* elsewhere = "/tmp/elsewhere";
     std::ofstream{elsewhere};
     int (*const plants[])(const char*) = {
@@ -115,8 +108,8 @@ TEST_F(InPrivateNamespace, ADebugFileWithSomethingElseInItsPlaceStopsTheProcess)
             ASSERT_EQ(plant(path), 0);
             const auto use = [&] {
                 if (path == threshold_output)
-                    initialize();
-                query("t");
+                    (void)initialize();
+                Tags(nullptr, "t");
                 ::_exit(0);
             };
             EXPECT_EXIT(use(), ::testing::KilledBySignal(SIGABRT),
@@ -126,10 +119,10 @@ TEST_F(InPrivateNamespace, ADebugFileWithSomethingElseInItsPlaceStopsTheProcess)
         const eas::UniqueFd file = eas::open_debug_file(path);
         EXPECT_EQ(::fcntl(file.get(), F_GETFD), FD_CLOEXEC) << path;
     }
-    EXPECT_EQ(content(elsewhere), "");
+    EXPECT_EQ(read_file(elsewhere), "");
 }
 
-TEST_F(InPrivateNamespace, AnUnloadedLibraryLeavesNoDescriptorAndNoNameInTheSystemLog) {
+TEST_P(InPrivateNamespace, AnUnloadedLibraryLeavesNoDescriptorAndNoNameInTheSystemLog) {
     const auto descriptors = [] {
         return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
     };
@@ -141,18 +134,18 @@ TEST_F(InPrivateNamespace, AnUnloadedLibraryLeavesNoDescriptorAndNoNameInTheSyst
         reinterpret_cast<decltype(&eas_initialize)>(::dlsym(library, "eas_initialize"));
     const auto query_it =
         reinterpret_cast<decltype(&eas_query_tag)>(::dlsym(library, "eas_query_tag"));
-    ASSERT_EQ(initialize_it(cluster, 2000000, thresholds_.data()), EAS_OK);
+    ASSERT_EQ(initialize_it(text("c1"), default_frequency, text(threshold_file_)), EAS_OK);
     int count = 0;
     energyPolicyTag_t* tags = nullptr;
-    ASSERT_EQ(query_it(cluster, 2000000, nullptr, nullptr, &count, &tags), EAS_OK);
-    EXPECT_THAT(content(debug_log), HasSubstr("Successfully executed"));
+    ASSERT_EQ(query_it(text("c1"), default_frequency, nullptr, nullptr, &count, &tags), EAS_OK);
+    EXPECT_THAT(read_file(debug_log), HasSubstr("Successfully executed"));
     ::dlclose(library);
     ASSERT_EQ(::dlopen(EAS_LIBRARY, RTLD_NOW | RTLD_NOLOAD), nullptr);
     EXPECT_EQ(descriptors(), before);
     ::syslog(LOG_DEBUG, "the host's own record");
 }
 
-TEST_F(InPrivateNamespace, TheLocatorFileNamesTheDataSource) {
+TEST_P(InPrivateNamespace, TheLocatorFileNamesTheDataSource) {
     const auto locate = [](const std::string& line) {
         std::ofstream(cfgloc) << line;
         return get_dsn();

@@ -2,6 +2,7 @@
 #include "common/CoEffsFromFile.h"
 
 #include "tests/model/ModelFixtures.h"
+#include "tests/support/ScratchFolder.h"
 
 namespace {
 
@@ -31,8 +32,8 @@ TEST(CoefficientFile, ReadsRowsUpToTheFirstWrongLine) {
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
         CoEffsFromFile reader;
-        const eas::UniqueFile file = eas_test::file_of(c.content);
-        EXPECT_EQ(reader.ReadCoefficientsFromFile(eas_test::path_of(file).c_str()), c.result);
+        const eas::test::ScratchFile file(c.content);
+        EXPECT_EQ(reader.ReadCoefficientsFromFile(file.path().c_str()), c.result);
         EXPECT_EQ(reader.energy_err_reason, c.result);
         EXPECT_EQ(reader.getFrequencies(), c.frequencies);
         EXPECT_EQ(reader.getFactorF().size(), c.frequencies.size());

@@ -32,11 +32,6 @@ inline eas::UniqueFile file_of(std::string_view content) {
     return file;
 }
 
-/// A name under which this process can open `file` once more.
-inline std::string path_of(const eas::UniqueFile& file) {
-    return "/proc/self/fd/" + std::to_string(::fileno(file.get()));
-}
-
 /// Switches the process to a locale with a decimal comma, made for the test.
 inline void use_decimal_comma() {
     std::string folder = testing::TempDir() + "/eas-locale-XXXXXX";

@@ -3,14 +3,14 @@
 
 #include "common/EnergyPerfThreshold.h"
 #include "tests/model/ModelFixtures.h"
+#include "tests/support/ScratchFolder.h"
 
 namespace {
 
 using Map = std::map<int, double>;
 
-EnergyPerfThreshold parse(CoEfficients* set, std::string_view content) {
-    const eas::UniqueFile file = eas_test::file_of(content);
-    return EnergyPerfThreshold(set, eas_test::path_of(file).c_str());
+EnergyPerfThreshold parse(CoEfficients* set, const std::string& content) {
+    return EnergyPerfThreshold(set, eas::test::ScratchFile(content).path().c_str());
 }
 
 std::string time_section(const std::string& lines) {
