@@ -3,7 +3,6 @@
 
 #include <pthread.h>
 
-#include <fstream>
 #include <thread>
 #include <vector>
 
@@ -23,29 +22,12 @@ int unset_user() {
     return ++switched_back;
 }
 
-class TextFile {
-  public:
-    explicit TextFile(const std::string& text) : file_(::memfd_create("properties", MFD_CLOEXEC)) {
-        EXPECT_EQ(::write(file_.get(), text.data(), text.size()),
-                  static_cast<ssize_t>(text.size()));
-    }
-    [[nodiscard]] std::string path() const {
-        return "/proc/self/fd/" + std::to_string(file_.get());
-    }
-
-  private:
-    eas::UniqueFd file_;
-};
-
+using eas::test::ScratchFile;
 using Map = std::map<std::string, std::string>;
 
 TEST(PropertiesFile, LinesAreReadAsDocumented) {
-    struct Row {
-        std::string text;
-        Map expected;
-    };
     const std::string long_value(300, 'v');
-    const std::vector<Row> rows{
+    const std::pair<std::string, Map> rows[] = {
         {"a=1\n", {{"a", "1"}}},
         {"a=1", {}},
         {"a=1\nb=2", {{"a", "1"}}},
@@ -54,15 +36,15 @@ TEST(PropertiesFile, LinesAreReadAsDocumented) {
         {"\ta=b\t\r\n", {{"\ta", "b\t\r"}}},
         {"k=" + long_value + "\n", {{"k", long_value.substr(0, 253)}}},
     };
-    for (const Row& row : rows)
-        EXPECT_EQ(Properties(TextFile(row.text).path().c_str()).getPropertiesMap(), row.expected)
-            << row.text;
+    for (const auto& [text, expected] : rows)
+        EXPECT_EQ(Properties(ScratchFile(text).path().c_str()).getPropertiesMap(), expected)
+            << text;
 }
 
 TEST(PropertiesFile, IsRejectedByItsFirstLineAndWhenItCannotBeRead) {
     const eas::test::TraceCapture log;
-    const TextFile commented("# a comment\na=1\n");
-    const TextFile empty("");
+    const ScratchFile commented("# a comment\na=1\n");
+    const ScratchFile empty("");
     std::string expected;
     for (const std::string& path : {commented.path(), empty.path(), std::string("/")}) {
         EXPECT_THAT(Properties(path.c_str()).getPropertiesMap(), testing::IsEmpty());
@@ -167,19 +149,17 @@ TEST_F(Pool, CleanupKeepsTheMinimum) {
 }
 
 TEST_F(Pool, PropertiesFileConfiguresItUnlessTheEnvironmentSaysMore) {
-    struct Row {
-        const char* environment;
-        unsigned expected;
-    };
-    const TextFile file(
+    const std::pair<const char*, unsigned> rows[] = {
+        {"30", 30}, {"31", 2}, {"0", 2}, {"many", 2}, {"1", 1}};
+    const ScratchFile file(
         "database_name=easdb\ndatabase_user=u\ndatabase_schema_name=u\nmin_pool_connections=2\n"
         "max_pool_connections=40\npool_trace_level=3\n");
-    for (const Row& row : {Row{"30", 30}, Row{"31", 2}, Row{"0", 2}, Row{"many", 2}, Row{"1", 1}}) {
-        ::setenv("MIN_POOL_CONNECTIONS", row.environment, 1);
+    for (const auto& [environment, expected] : rows) {
+        ::setenv("MIN_POOL_CONNECTIONS", environment, 1);
         DBConnectionPool::init(file.path().c_str());
         const DBConnectionPool& pool = *DBConnectionPool::Instance();
-        EXPECT_EQ(pool.minCount(), row.expected) << row.environment;
-        EXPECT_EQ(pool.availableCount(), row.expected);
+        EXPECT_EQ(pool.minCount(), expected) << environment;
+        EXPECT_EQ(pool.availableCount(), expected);
         EXPECT_EQ(pool.maxCount(), 40);
         EXPECT_EQ(pool.trcLevel(), 3);
         DBConnectionPool::terminate();

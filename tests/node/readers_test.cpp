@@ -51,10 +51,8 @@ TEST(RegisterTest, BitsAreCutOutAndLimitedTo32) {
 }
 
 TEST(CounterTest, ScalesByTheTimeOnTheHardwareWhatComesInPieces) {
-    const struct {
-        std::array<uint64_t, 3> words;  // value, enabled, running
-        unsigned long long result;
-    } rows[] = {
+    using Words = std::array<uint64_t, 3>;  // value, enabled, running
+    const std::pair<Words, unsigned long long> rows[] = {
         {{1000, 100, 50}, 2000},
         {{1000, 50, 100}, 1000},
         {{1000, 100, 0}, 0},
@@ -68,11 +66,11 @@ TEST(CounterTest, ScalesByTheTimeOnTheHardwareWhatComesInPieces) {
     const UniqueFd reader(ends[0]);
     UniqueFd writer(ends[1]);
     unsigned long long value = 5;
-    for (const auto& row : rows) {
-        for (const uint64_t word : row.words)
+    for (const auto& [words, result] : rows) {
+        for (const uint64_t word : words)
             ASSERT_EQ(8, ::write(writer.get(), &word, 8));
         EXPECT_EQ(0, read_core_counter(reader.get(), &value));
-        EXPECT_EQ(row.result, value) << row.words[0];
+        EXPECT_EQ(result, value) << words[0];
     }
     ASSERT_EQ(10, ::write(writer.get(), rows, 10));
     writer.reset();
@@ -185,10 +183,7 @@ TEST(TopologyReaderTest, NoCoreIdsGiveNoCoresAndNoDivision) {
 
 TEST(NodeThreadsTest, AreThreadsPerCoreTimesCoresTimesSockets) {
     const std::string block = "processor\t: 3\nphysical id\t: 0\nsiblings\t: ";
-    const struct {
-        std::string text;
-        int result;
-    } rows[] = {
+    const std::pair<std::string, int> rows[] = {
         {block + "8\ncpu cores\t: 4\nphysical id\t: 1\nphysical id\t: 1\n", 16},
         {block + "6\ncpu cores\t: 4\n", 4},  // the division comes first
         {"physical id\t: 256\nphysical id\t: -1\nphysical id\t: 255\n" + block +
@@ -199,10 +194,8 @@ TEST(NodeThreadsTest, AreThreadsPerCoreTimesCoresTimesSockets) {
         {"processor\t: 4\nsiblings\t: 6\ncpu cores\t: 4\n", -1},
         {block + "2147483647\ncpu cores\t: 1\nphysical id\t: 1\n", -1},
     };
-    for (const auto& row : rows) {
-        std::string text = row.text;
-        EXPECT_EQ(row.result, count_node_threads(stream_of(text).get(), 3)) << text;
-    }
+    for (auto [text, result] : rows)
+        EXPECT_EQ(result, count_node_threads(stream_of(text).get(), 3)) << text;
 }
 
 }  // namespace
