@@ -8,6 +8,7 @@
 #include "base/DebugFile.h"
 #include "base/FatalAssertion.h"
 #include "base/ThreadSafety.h"
+#include "base/UniqueFd.h"
 #include "common/CoEfficients.h"
 #include "common/EnergyPerfThreshold.h"
 #include "db/base_class/DBConnection.h"
