@@ -8,7 +8,12 @@ install(TARGETS eas EXPORT eas-targets
         LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
                 COMPONENT library
                 NAMELINK_COMPONENT development)
-foreach(header ${EAS_PUBLIC_HEADERS})
+install(TARGETS easnode EXPORT eas-targets
+        LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+                COMPONENT node
+                NAMELINK_COMPONENT development)
+get_property(public_headers GLOBAL PROPERTY EAS_PUBLIC_HEADERS)
+foreach(header IN LISTS public_headers)
     install(FILES ${header} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/eas COMPONENT development)
 endforeach()
 
@@ -21,9 +26,14 @@ install(FILES ${PROJECT_BINARY_DIR}/eas-config.cmake ${PROJECT_BINARY_DIR}/eas-c
         DESTINATION ${cmake_dir} COMPONENT development)
 
 file(RELATIVE_PATH EAS_PC_TO_PREFIX /prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig /prefix)
-configure_file(cmake/eas.pc.in eas.pc @ONLY)
-install(FILES ${PROJECT_BINARY_DIR}/eas.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig
-        COMPONENT development)
+set(EAS_PC_ABOUT_eas "${PROJECT_DESCRIPTION}")
+set(EAS_PC_ABOUT_easnode "Meter and processor frequencies of a compute node")
+foreach(EAS_PC_NAME eas easnode)
+    set(EAS_PC_ABOUT "${EAS_PC_ABOUT_${EAS_PC_NAME}}")
+    configure_file(cmake/eas.pc.in ${EAS_PC_NAME}.pc @ONLY)
+    install(FILES ${PROJECT_BINARY_DIR}/${EAS_PC_NAME}.pc
+            DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)
+endforeach()
 
 # The samples keep their places towards each other: load-sqlite finds the schema in ../../sql.
 set(data_dir ${CMAKE_INSTALL_DATADIR}/eas)

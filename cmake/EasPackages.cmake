@@ -1,6 +1,7 @@
 # Debian packages, one per component of the installation:
 #
 #   libeas1       library       libeas.so.1
+#   libeasnode1   node          libeasnode.so.1
 #   libeas-dev    development   headers, CMake package, pkg-config file, man3, C examples
 #   eas-tools     tools         easctl, schemas, samples, guides
 #   libeas-slurm  slurm         the Slurm adapter and its guide, where it was built
@@ -10,6 +11,8 @@
 set(version ${PROJECT_VERSION}-1)
 set(library_package libeas${PROJECT_VERSION_MAJOR})
 set(EAS_PACKAGE_OF_library ${library_package})
+set(node_package libeasnode${PROJECT_VERSION_MAJOR})
+set(EAS_PACKAGE_OF_node ${node_package})
 set(EAS_PACKAGE_OF_development libeas-dev)
 set(EAS_PACKAGE_OF_tools eas-tools)
 set(EAS_PACKAGE_OF_slurm libeas-slurm)
@@ -76,18 +79,33 @@ set(CPACK_DEBIAN_LIBRARY_PACKAGE_SECTION libs)
 set(CPACK_DEBIAN_LIBRARY_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_LIBRARY_PACKAGE_DEPENDS ${driver_manager})
 set(CPACK_DEBIAN_LIBRARY_PACKAGE_RECOMMENDS ${drivers})
-# Programs linked against the library get a dependency on this version or a later one.
-file(WRITE ${papers}/shlibs
-     "libeas ${PROJECT_VERSION_MAJOR} ${library_package} (>= ${PROJECT_VERSION})\n")
-set(CPACK_DEBIAN_LIBRARY_PACKAGE_CONTROL_EXTRA
-    ${PROJECT_SOURCE_DIR}/packaging/debian/triggers ${papers}/shlibs)
+# Programs linked against a library get a dependency on this version or a later one.
+foreach(component library node)
+    set(package ${EAS_PACKAGE_OF_${component}})
+    string(REGEX REPLACE "[0-9]+$" "" name ${package})
+    file(WRITE ${papers}/${component}/shlibs
+         "${name} ${PROJECT_VERSION_MAJOR} ${package} (>= ${PROJECT_VERSION})\n")
+    string(TOUPPER ${component} COMPONENT)
+    set(CPACK_DEBIAN_${COMPONENT}_PACKAGE_CONTROL_EXTRA
+        ${PROJECT_SOURCE_DIR}/packaging/debian/triggers ${papers}/${component}/shlibs)
+endforeach()
 set(CPACK_COMPONENT_LIBRARY_DESCRIPTION "energy-aware job scheduling: shared library
 ${about}
 .
 This package has the library that a batch scheduler or a node daemon loads.")
 
+set(CPACK_DEBIAN_NODE_PACKAGE_SECTION libs)
+set(CPACK_DEBIAN_NODE_PACKAGE_SHLIBDEPS ON)
+set(CPACK_COMPONENT_NODE_DESCRIPTION "energy-aware job scheduling: library for compute nodes
+${about}
+.
+This package has the library that measures a node (cycles, instructions,
+memory traffic, joules) and sets its processor frequencies. It needs no
+database.")
+
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
-set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "${library_package} (= ${version})")
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS
+    "${library_package} (= ${version}), ${node_package} (= ${version})")
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SUGGESTS "pkg-config, cmake")
 set(CPACK_COMPONENT_DEVELOPMENT_DESCRIPTION "energy-aware job scheduling: development files
 ${about}

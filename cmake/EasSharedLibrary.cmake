@@ -1,30 +1,33 @@
-# libeas.so: the objects behind a version script, so that only the external interfaces are visible.
+# A shared library: objects behind a version script, so that only its external interfaces are visible,
+# and its headers as they will be installed, so that every client in this tree includes <eas/...>.
+
+set(EAS_HEADER_DIR ${PROJECT_BINARY_DIR}/include)
+
+# eas_shared_library(TARGET VERSION_SCRIPT HEADER...): headers by their paths in the tree.
+function(eas_shared_library name script)
+    add_library(eas::${name} ALIAS ${name})
+    set_target_properties(
+        ${name}
+        PROPERTIES VERSION ${PROJECT_VERSION}
+                   SOVERSION ${PROJECT_VERSION_MAJOR}
+                   LINKER_LANGUAGE CXX
+                   LINK_DEPENDS ${script})
+    target_link_libraries(${name} PRIVATE eas_options ${CMAKE_DL_LIBS} Threads::Threads)
+    # A host program may define its own restore_priv: our calls must still reach ours.
+    target_link_options(${name} PRIVATE LINKER:--version-script=${script}
+                        LINKER:-Bsymbolic-functions)
+    if(NOT EAS_SANITIZE)
+        target_link_options(${name} PRIVATE LINKER:-z,defs)
+    endif()
+    foreach(header IN LISTS ARGN)
+        get_filename_component(file ${header} NAME)
+        configure_file(${PROJECT_SOURCE_DIR}/${header} ${EAS_HEADER_DIR}/eas/${file} COPYONLY)
+    endforeach()
+    set_property(GLOBAL APPEND PROPERTY EAS_PUBLIC_HEADERS ${ARGN})
+    target_include_directories(${name} INTERFACE $<BUILD_INTERFACE:${EAS_HEADER_DIR}>
+                                                 $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
+endfunction()
 
 add_library(eas SHARED $<TARGET_OBJECTS:eas_objects>)
-add_library(eas::eas ALIAS eas)
-set_target_properties(
-    eas
-    PROPERTIES VERSION ${PROJECT_VERSION}
-               SOVERSION ${PROJECT_VERSION_MAJOR}
-               LINKER_LANGUAGE CXX
-               LINK_DEPENDS ${PROJECT_SOURCE_DIR}/interface/libeas.map)
-target_link_libraries(eas PRIVATE eas_options ${CMAKE_DL_LIBS} Threads::Threads)
-target_link_options(
-    eas
-    PRIVATE
-    LINKER:--version-script=${PROJECT_SOURCE_DIR}/interface/libeas.map
-    # A host program may define its own restore_priv: our calls must still reach ours.
-    LINKER:-Bsymbolic-functions)
-if(NOT EAS_SANITIZE)
-    target_link_options(eas PRIVATE LINKER:-z,defs)
-endif()
-
-# The headers as they will be installed, so that every client in this tree includes <eas/...>.
-set(EAS_PUBLIC_HEADERS interface/interface.h common/EasMisc.h common/EnergyUtil.h)
-set(EAS_HEADER_DIR ${PROJECT_BINARY_DIR}/include)
-foreach(header ${EAS_PUBLIC_HEADERS})
-    get_filename_component(name ${header} NAME)
-    configure_file(${PROJECT_SOURCE_DIR}/${header} ${EAS_HEADER_DIR}/eas/${name} COPYONLY)
-endforeach()
-target_include_directories(eas INTERFACE $<BUILD_INTERFACE:${EAS_HEADER_DIR}>
-                                         $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
+eas_shared_library(eas ${PROJECT_SOURCE_DIR}/interface/libeas.map interface/interface.h
+                   common/EasMisc.h common/EnergyUtil.h)

@@ -50,8 +50,10 @@ done
 echo "what is in them"
 lib='lib(/[^/]+)?'
 has libeas1 "$lib/libeas\.so\.1" "$lib/libeas\.so\.1\.[0-9.]+" 'share/doc/libeas1/copyright'
-has libeas-dev "$lib/libeas\.so" "$lib/pkgconfig/eas\.pc" "$lib/cmake/eas/eas-config\.cmake" \
-    'include/eas/(interface|EasMisc|EnergyUtil)\.h' 'share/eas/examples/scheduler\.c' \
+has libeasnode1 "$lib/libeasnode\.so\.1" "$lib/libeasnode\.so\.1\.[0-9.]+" \
+    'share/doc/libeasnode1/copyright'
+has libeas-dev "$lib/libeas(node)?\.so" "$lib/pkgconfig/eas(node)?\.pc" \
+    "$lib/cmake/eas/eas-config\.cmake" 'include/eas/(interface|EasMisc|EnergyUtil|node)\.h' 'share/eas/examples/scheduler\.c' \
     'share/man/man3/eas_(initialize|remove_tag)\.3\.gz' 'share/doc/eas/developer-guide\.md'
 has eas-tools 'share/eas/sql/(sqlite|mariadb)\.sql' 'share/eas/examples/odbc/cfgloc' \
     'share/man/man5/eas-thresholds\.5\.gz' 'share/doc/eas/administrator-guide\.md'
@@ -73,7 +75,8 @@ field libeas1 Depends '(^|, )unixodbc-dev(,|$)'
 field libeas1 Depends 'libc6 \(>='
 field libeas1 Recommends 'libsqliteodbc \| odbc-mariadb'
 field eas-tools Depends '(^|, )unixodbc-dev(,|$)'
-field libeas-dev Depends "^libeas1 \(= $(dpkg-deb -f "$(package libeas1)" Version)\)"
+version=$(dpkg-deb -f "$(package libeas1)" Version)
+field libeas-dev Depends "^libeas1 \(= $version\), libeasnode1 \(= $version\)"
 # The dependency is there for this one name.
 dpkg -L unixodbc-dev | grep '/libodbc\.so$' >/dev/null || fail "unixodbc-dev has no libodbc.so"
 # The solver that an administrator will use agrees; nothing is installed.
