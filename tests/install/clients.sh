@@ -22,7 +22,6 @@ libdir=$(dirname "$(find "$prefix" -name libeas.so.1)")
 echo "pkg-config"
 export PKG_CONFIG_PATH=$libdir/pkgconfig
 read -ra flags <<<"$(pkg-config --cflags --libs eas)"
-read -ra node_flags <<<"$(pkg-config --cflags --libs easnode)"
 [ "$(pkg-config --modversion eas)" = "$(cd "$libdir" && echo libeas.so.*.*.* | sed 's/.*\.so\.//')" ]
 strict=(-Wall -Wextra -Wpedantic -Werror "-Wl,-rpath,$libdir")
 c++ -std=c++17 "${strict[@]}" "$clients/client.cpp" -o "$scratch/cpp" "${flags[@]}"
