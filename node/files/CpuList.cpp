@@ -1,50 +1,74 @@
 #include "node/files/CpuList.h"
 
 #include <algorithm>
+#include <charconv>
 
-#include "node/files/SmallFile.h"
+#include "base/Decimal.h"
+#include "base/Numbers.h"
 
 namespace eas::node {
 namespace {
 
-constexpr std::uint64_t last_cpu = 65535;
+/// Takes a number off the front of `text`; -1 when there is none, or one that no CPU bears.
+int take_cpu(std::string_view& text) {
+    int cpu = -1;
+    const auto [end, problem] = std::from_chars(text.data(), text.data() + text.size(), cpu);
+    if (problem != std::errc{} || cpu < 0 || cpu >= kMostCpus || !is_digit(text.front()))
+        return -1;
+    text.remove_prefix(static_cast<std::size_t>(end - text.data()));
+    return cpu;
+}
 
-/// Appends one item, "7" or "0-31". False for anything else.
-bool append_item(std::string_view item, std::vector<int>& cpus) {
-    const std::size_t dash = item.find('-');
-    const auto first = parse_number(item.substr(0, dash));
-    const auto last = dash == std::string_view::npos ? first : parse_number(item.substr(dash + 1));
-    if (!first || !last || *first > *last || *last > last_cpu)
+bool take_range(std::string_view& text, std::vector<bool>& found) {
+    const int first = take_cpu(text);
+    int last = first;
+    if (!text.empty() && text.front() == '-') {
+        text.remove_prefix(1);
+        last = take_cpu(text);
+    }
+    if (first < 0 || last < first)
         return false;
-    for (auto cpu = *first; cpu <= *last; ++cpu)
-        cpus.push_back(static_cast<int>(cpu));
+    if (found.size() <= static_cast<std::size_t>(last))
+        found.resize(static_cast<std::size_t>(last) + 1);
+    std::fill(found.begin() + first, found.begin() + last + 1, true);
     return true;
+}
+
+bool is_separator(char c) {
+    return c == ',' || is_space(c);
 }
 
 }  // namespace
 
 std::optional<std::vector<int>> parse_cpu_list(std::string_view text) {
-    constexpr std::size_t most_items = last_cpu + 1;
-    std::vector<int> cpus;
-    text = trimmed(text);
+    std::vector<bool> found;
+    while (!text.empty() && is_space(text.front()))
+        text.remove_prefix(1);
     while (!text.empty()) {
-        const std::size_t end = text.find_first_of(", ");
-        if (!append_item(text.substr(0, end), cpus) || cpus.size() > most_items)
+        if (!take_range(text, found) || (!text.empty() && !is_separator(text.front())))
             return std::nullopt;
-        if (end == std::string_view::npos)
-            break;
-        text.remove_prefix(end + 1);
-        if (text.empty())
-            return std::nullopt;
+        while (!text.empty() && is_separator(text.front()))
+            text.remove_prefix(1);
     }
-    std::sort(cpus.begin(), cpus.end());
-    cpus.erase(std::unique(cpus.begin(), cpus.end()), cpus.end());
+    std::vector<int> cpus;
+    for (std::size_t cpu = 0; cpu < found.size(); ++cpu)
+        if (found[cpu])
+            cpus.push_back(static_cast<int>(cpu));
     return cpus;
 }
 
-std::optional<std::vector<int>> read_cpu_list(const std::string& path) {
-    const FileText file = read_file(path);
-    return file.good() ? parse_cpu_list(file.text) : std::nullopt;
+std::string cpu_list_text(const std::vector<int>& cpus) {
+    std::string text;
+    for (std::size_t i = 0; i < cpus.size();) {
+        std::size_t last = i;
+        while (last + 1 < cpus.size() && cpus[last + 1] == cpus[last] + 1)
+            ++last;
+        text += (text.empty() ? "" : ",") + decimal(cpus[i]);
+        if (last > i)
+            text += '-' + decimal(cpus[last]);
+        i = last + 1;
+    }
+    return text;
 }
 
 }  // namespace eas::node

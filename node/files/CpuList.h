@@ -1,4 +1,4 @@
-// Lists of CPUs as the kernel writes them: "0-31,64-95" or "0 48". Any thread.
+// Lists of CPUs as the kernel writes them: "0-3,8" or "0 1 2 8".
 #pragma once
 
 #include <optional>
@@ -8,14 +8,13 @@
 
 namespace eas::node {
 
-/// The CPUs of a list, ascending and each once; an empty text is an empty list. Null for anything
-/// that is no list, or names CPUs beyond any kernel's (65535).
+/// Beyond every kernel's NR_CPUS; a list with a larger number is none.
+constexpr int kMostCpus = 65536;
+
+/// Ascending, each once. An empty text is an empty list; a text that is no list gives no value.
 [[nodiscard]] std::optional<std::vector<int>> parse_cpu_list(std::string_view text);
 
-/// The list in a file; null where it cannot be read or holds something else.
-[[nodiscard]] std::optional<std::vector<int>> read_cpu_list(const std::string& path);
-
-/// The file that lists the CPUs that are online.
-constexpr const char* online_cpus_file = "/sys/devices/system/cpu/online";
+/// "0-3,8"; empty for no CPU. `cpus` are ascending.
+[[nodiscard]] std::string cpu_list_text(const std::vector<int>& cpus);
 
 }  // namespace eas::node

@@ -24,14 +24,6 @@ struct FolderCloser {
 };
 using UniqueFolder = std::unique_ptr<DIR, FolderCloser>;
 
-std::string_view trimmed(std::string_view text) {
-    while (!text.empty() && is_space(text.front()))
-        text.remove_prefix(1);
-    while (!text.empty() && is_space(text.back()))
-        text.remove_suffix(1);
-    return text;
-}
-
 }  // namespace
 
 FileText read_text(const std::string& path) {
@@ -81,6 +73,15 @@ std::vector<std::string> names_in(const std::string& folder, int* error) {
             names.emplace_back(entry->d_name);
     std::sort(names.begin(), names.end());
     return names;
+}
+
+std::string_view trimmed(std::string_view text) noexcept {
+    const auto is_padding = [](char c) { return is_space(c) || c == '\0'; };
+    while (!text.empty() && is_padding(text.front()))
+        text.remove_prefix(1);
+    while (!text.empty() && is_padding(text.back()))
+        text.remove_suffix(1);
+    return text;
 }
 
 std::optional<long long> parse_number(std::string_view text) noexcept {

@@ -29,6 +29,9 @@ constexpr std::size_t kLargestFile = std::size_t{16} << 20;
 /// The names in a folder, sorted; empty when there is none, with the reason in `*error` if asked.
 [[nodiscard]] std::vector<std::string> names_in(const std::string& folder, int* error = nullptr);
 
+/// `text` without the blanks, ends of line and NULs around it.
+[[nodiscard]] std::string_view trimmed(std::string_view text) noexcept;
+
 /// The whole text as a decimal number: blanks around it are allowed, anything else is not.
 [[nodiscard]] std::optional<long long> parse_number(std::string_view text) noexcept;
 
