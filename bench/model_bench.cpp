@@ -9,9 +9,9 @@
 
 #include "base/UniqueFile.h"
 #include "bench/Contest.h"
-#include "common/CoEfficients.h"
-#include "common/EnergyPerfThreshold.h"
-#include "common/EnergyTag.h"
+#include "common/model/CoEfficients.h"
+#include "common/model/EnergyPerfThreshold.h"
+#include "common/model/EnergyTag.h"
 
 namespace eas::bench {
 namespace {

@@ -30,4 +30,4 @@ endfunction()
 
 add_library(eas SHARED $<TARGET_OBJECTS:eas_objects>)
 eas_shared_library(eas ${PROJECT_SOURCE_DIR}/interface/libeas.map interface/interface.h
-                   common/EasMisc.h common/EnergyUtil.h)
+                   common/node/EasMisc.h common/node/EnergyUtil.h)

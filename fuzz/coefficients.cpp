@@ -2,8 +2,8 @@
 #include <cstring>
 #include <vector>
 
-#include "common/CoEffsFromFile.h"
-#include "common/EnergyTag.h"
+#include "common/model/CoEffsFromFile.h"
+#include "common/model/EnergyTag.h"
 #include "fuzz/Fuzz.h"
 
 using eas::fuzz::check;

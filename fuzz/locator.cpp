@@ -1,7 +1,7 @@
 // Locator files.
 #include <cstring>
 
-#include "common/TextHelpers.h"
+#include "common/model/TextHelpers.h"
 #include "fuzz/Fuzz.h"
 #include "interface/Locator.h"
 

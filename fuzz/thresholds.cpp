@@ -3,8 +3,8 @@
 #include <array>
 #include <vector>
 
-#include "common/CoEfficients.h"
-#include "common/EnergyPerfThreshold.h"
+#include "common/model/CoEfficients.h"
+#include "common/model/EnergyPerfThreshold.h"
 #include "fuzz/Fuzz.h"
 
 using eas::fuzz::check;

@@ -1,7 +1,7 @@
 #include "interface/FrequencyPolicy.h"
 
-#include "common/EnergyPerfThreshold.h"
-#include "common/EnergyTag.h"
+#include "common/model/EnergyPerfThreshold.h"
+#include "common/model/EnergyTag.h"
 #include "interface/LibraryState.h"
 
 namespace {

@@ -5,7 +5,7 @@
 #include <cstring>
 
 #include "base/UniqueFile.h"
-#include "common/TextHelpers.h"
+#include "common/model/TextHelpers.h"
 
 std::string get_dsn() {
     if (::access(cfgloc, F_OK) != 0 || ::access(cfgloc, R_OK) != 0)

@@ -7,7 +7,7 @@
 #include <string_view>
 #include <vector>
 
-#include "common/EnergyTag.h"
+#include "common/model/EnergyTag.h"
 
 namespace eas {
 

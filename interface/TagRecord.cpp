@@ -5,7 +5,7 @@
 #include <cstring>
 #include <vector>
 
-#include "common/EnergyTag.h"
+#include "common/model/EnergyTag.h"
 #include "interface/LibraryState.h"
 
 namespace {

@@ -14,10 +14,10 @@
 #include <vector>
 
 #include "base/DeferCancellation.h"
-#include "common/CoEfficients.h"
-#include "common/EnergyPerfThreshold.h"
-#include "common/EnergyTag.h"
-#include "common/JobMetrics.h"
+#include "common/model/CoEfficients.h"
+#include "common/model/EnergyPerfThreshold.h"
+#include "common/model/EnergyTag.h"
+#include "common/model/JobMetrics.h"
 #include "db/base_class/DBConnection.h"
 #include "db/base_class/DBLibrary.h"
 #include "interface/FrequencyPolicy.h"

@@ -10,7 +10,7 @@
 #include <cstdint>
 
 #include "base/FdSlot.h"
-#include "common/EasMisc.h"
+#include "common/node/EasMisc.h"
 
 /// Events that are counted.
 constexpr int NUM_CORE_COUNTERS = 15;

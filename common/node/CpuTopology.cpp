@@ -5,8 +5,8 @@
 #include <string_view>
 
 #include "base/UniqueFile.h"
-#include "common/EnergyUtil.h"
 #include "common/node/CpuinfoLine.h"
+#include "common/node/EnergyUtil.h"
 #include "common/node/Msr.h"
 
 cpuinfo_t cinfo{};

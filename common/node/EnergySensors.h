@@ -3,7 +3,7 @@
 
 #include <array>
 
-#include "common/EasMisc.h"
+#include "common/node/EasMisc.h"
 
 /// Sensor files in the order of the fields of enrusage, which have the same names.
 extern const std::array<const char*, 14> value_files;

@@ -1,9 +1,9 @@
 // Sampling of hardware usage: programs the counters on the first call, reads them on each, undoes
 // the programming on request. Process-wide state; one thread samples.
 #include "base/DeferCancellation.h"
-#include "common/EasMisc.h"
 #include "common/node/CoreCounters.h"
 #include "common/node/CpuTopology.h"
+#include "common/node/EasMisc.h"
 #include "common/node/EnergySensors.h"
 #include "common/node/MemoryChannels.h"
 #include "common/node/Privileges.h"

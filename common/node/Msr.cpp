@@ -7,7 +7,7 @@
 #include <cstdio>
 
 #include "base/UniqueFd.h"
-#include "common/EasMisc.h"
+#include "common/node/EasMisc.h"
 
 namespace {
 

@@ -9,8 +9,8 @@
 
 #include "base/DeferCancellation.h"
 #include "base/UniqueFile.h"
-#include "common/EnergyUtil.h"
 #include "common/node/CpuinfoLine.h"
+#include "common/node/EnergyUtil.h"
 
 int EnergyUtil::cpu_threads_num = 0;
 

@@ -3,7 +3,7 @@
 
 #include <unistd.h>
 
-#include "common/EasMisc.h"
+#include "common/node/EasMisc.h"
 
 namespace eas {
 

@@ -1,7 +1,7 @@
 // Memory traffic of the node, by the method that the processor model has. One thread samples.
 #pragma once
 
-#include "common/EasMisc.h"
+#include "common/node/EasMisc.h"
 
 namespace eas {
 

@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
-#include "common/TQVN_EnergyCoEfficients.h"
-#include "common/TQVN_EnergyPolicyTag.h"
+#include "common/records/TQVN_EnergyCoEfficients.h"
+#include "common/records/TQVN_EnergyPolicyTag.h"
 #include "gmock/gmock.h"
 
 namespace {

@@ -11,8 +11,8 @@
 #include <thread>
 #include <vector>
 
-#include "common/TQVN_EnergyCoEfficients.h"
-#include "common/TQVN_EnergyPolicyTag.h"
+#include "common/records/TQVN_EnergyCoEfficients.h"
+#include "common/records/TQVN_EnergyPolicyTag.h"
 #include "db/base_class/DBConnection.h"
 #include "db/base_class/DBConnectionPool.h"
 #include "db/base_class/DBLibrary.h"

@@ -4,9 +4,9 @@
 #include <iostream>
 #include <new>
 
-#include "common/CoEfficients.h"
-#include "common/CoEffsFromFile.h"
-#include "common/EnergyPerfThreshold.h"
+#include "common/model/CoEfficients.h"
+#include "common/model/CoEffsFromFile.h"
+#include "common/model/EnergyPerfThreshold.h"
 #include "db/base_class/DBConnectionPool.h"
 #include "db/base_class/Properties.h"
 #include "interface/Locator.h"

@@ -1,5 +1,5 @@
 // Every allocation failure of the node's class, in a fake node.
-#include "common/EnergyUtil.h"
+#include "common/node/EnergyUtil.h"
 #include "tests/node/NodeTest.h"
 #include "tests/support/AllocationFaults.h"
 

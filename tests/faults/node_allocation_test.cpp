@@ -3,7 +3,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include "common/EasMisc.h"
+#include "common/node/EasMisc.h"
 #include "tests/node/NodeTest.h"
 #include "tests/support/AllocationFaults.h"
 #include "tests/support/ChildProcess.h"

@@ -15,7 +15,7 @@
 #include <string>
 
 #include "base/DebugFile.h"
-#include "common/EnergyPerfThreshold.h"
+#include "common/model/EnergyPerfThreshold.h"
 #include "gmock/gmock.h"
 #include "interface/LibraryState.h"
 #include "interface/Locator.h"

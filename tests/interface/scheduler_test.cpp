@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "common/CoEfficients.h"
+#include "common/model/CoEfficients.h"
 #include "db/base_class/DBLibrary.h"
 #include "gtest/gtest.h"
 #include "interface/LibraryState.h"

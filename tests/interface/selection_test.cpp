@@ -1,8 +1,8 @@
 // The selection rule and the record that a scheduler is handed.
 #include <vector>
 
-#include "common/EnergyPerfThreshold.h"
-#include "common/EnergyTag.h"
+#include "common/model/EnergyPerfThreshold.h"
+#include "common/model/EnergyTag.h"
 #include "interface/FrequencyPolicy.h"
 #include "interface/TagRecord.h"
 #include "tests/model/ModelFixtures.h"

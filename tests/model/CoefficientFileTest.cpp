@@ -1,5 +1,5 @@
 // The reader of coefficient files.
-#include "common/CoEffsFromFile.h"
+#include "common/model/CoEffsFromFile.h"
 
 #include "tests/model/ModelFixtures.h"
 #include "tests/support/ScratchFolder.h"

@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "base/UniqueFile.h"
-#include "common/CoEfficients.h"
+#include "common/model/CoEfficients.h"
 
 namespace eas_test {
 

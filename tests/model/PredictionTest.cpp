@@ -4,8 +4,8 @@
 #include <utility>
 
 #include "base/Numbers.h"
-#include "common/EnergyTag.h"
-#include "common/JobMetrics.h"
+#include "common/model/EnergyTag.h"
+#include "common/model/JobMetrics.h"
 #include "tests/model/ModelFixtures.h"
 
 namespace {

@@ -1,5 +1,5 @@
 // The report of a tag, to the blank, and the dump.
-#include "common/EnergyTag.h"
+#include "common/model/EnergyTag.h"
 #include "tests/model/ModelFixtures.h"
 
 namespace {

@@ -1,5 +1,5 @@
 // The helpers that the file readers rest on.
-#include "common/TextHelpers.h"
+#include "common/model/TextHelpers.h"
 
 #include <utility>
 

@@ -1,7 +1,7 @@
 // The threshold file: sections, lines, interpolation.
 #include <optional>
 
-#include "common/EnergyPerfThreshold.h"
+#include "common/model/EnergyPerfThreshold.h"
 #include "tests/model/ModelFixtures.h"
 #include "tests/support/ScratchFolder.h"
 

@@ -4,7 +4,7 @@
 
 #include <cmath>
 
-#include "common/EnergyUtil.h"
+#include "common/node/EnergyUtil.h"
 
 namespace {
 

@@ -5,8 +5,8 @@
 
 #include <vector>
 
-#include "common/EnergyUtil.h"
 #include "common/node/BinFile.h"
+#include "common/node/EnergyUtil.h"
 #include "tests/node/NodeTest.h"
 
 namespace eas::test {

@@ -12,10 +12,10 @@
 
 #include "base/UniqueFd.h"
 #include "base/UniqueFile.h"
-#include "common/EasMisc.h"
 #include "common/node/CoreCounters.h"
 #include "common/node/CpuTopology.h"
 #include "common/node/CpuinfoLine.h"
+#include "common/node/EasMisc.h"
 #include "common/node/NodeThreads.h"
 
 namespace eas {

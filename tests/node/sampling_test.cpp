@@ -6,8 +6,8 @@
 
 #include <cstring>
 
-#include "common/EasMisc.h"
 #include "common/node/CpuTopology.h"
+#include "common/node/EasMisc.h"
 #include "common/node/EnergySensors.h"
 #include "tests/node/NodeTest.h"
 

@@ -6,7 +6,7 @@
 #include <cstring>
 #include <filesystem>
 
-#include "common/EasMisc.h"
+#include "common/node/EasMisc.h"
 #include "common/node/EnergySensors.h"
 #include "tests/node/NodeTest.h"
 

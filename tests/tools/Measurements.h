@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "common/CoEffsFromFile.h"
+#include "common/model/CoEffsFromFile.h"
 
 namespace eas::test {
 

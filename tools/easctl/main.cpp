@@ -1,10 +1,12 @@
 // easctl: the administrator's tool of the energy-aware scheduling library.
+#include <CLI/CLI.hpp>
 #include <cstdio>
 #include <map>
 #include <string>
 
-#include "tools/easctl/Command.h"
-#include "tools/easctl/CommandTree.h"
+#include "tools/easctl/cli/Command.h"
+#include "tools/easctl/cli/CommandTree.h"
+#include "tools/easctl/cli/Json.h"
 
 namespace easctl {
 namespace {

@@ -1,0 +1,148 @@
+#include "tools/easctl/tag/JobsFile.h"
+
+#include <climits>
+#include <cmath>
+#include <utility>
+
+#include "tools/easctl/cli/Errors.h"
+
+namespace easctl {
+
+namespace {
+
+constexpr std::array counter_names{"cycles", "instructions", "memory_bytes"};
+constexpr double most_runs = 1e9;  // of a row; the sum of no file that fits a disk overflows
+
+}  // namespace
+
+JobsFile::JobsFile(std::string path, unsigned needs, const std::string& class_column)
+    : csv_(std::move(path)), needs_frequency_((needs & frequency) != 0) {
+    if ((needs & names) != 0) {
+        user_ = find("user", true);
+        tag_ = find("tag", true);
+    }
+    if ((needs & job) != 0)
+        job_ = find("job_id", true);
+    for (std::size_t i = 0; i < counters_.size(); ++i)
+        counters_[i] = find(counter_names[i], (needs & counters) != 0);
+    elapsed_ = find("elapsed_s", true);
+    power_ = find("power_w", true);
+    frequency_ = find("frequency_khz", needs_frequency_);
+    count_ = find("count", false);
+    class_ = find(class_column.c_str(), class_column != "class");
+}
+
+JobsFile::Place JobsFile::find(const char* name, bool needed) const {
+    const Place place = csv_.column(name);
+    if (needed && !place)
+        throw Failure(ExitCode::input,
+                      csv_.where() + ": the header names no column \"" + name + '"');
+    return place;
+}
+
+CsvFile::Step JobsFile::next(JobRow& row) {
+    const CsvFile::Step step = csv_.next();
+    if (step != CsvFile::Step::row) {
+        problem_ = csv_.problem();
+        return step;
+    }
+    return take_names(row) && take_counters(row) && take_figures(row) && take_frequency(row)
+               ? CsvFile::Step::row
+               : CsvFile::Step::bad_row;
+}
+
+bool JobsFile::text(Place place, const char* name, std::string_view& value) {
+    if (!place)
+        return true;
+    value = csv_.fields()[*place];
+    if (!value.empty() && value.find('\0') == std::string_view::npos)
+        return true;
+    problem_ = std::string(name) + (value.empty() ? " is empty" : " holds a NUL character");
+    return false;
+}
+
+bool JobsFile::number(Place place, const char* name, double& value) {
+    if (!place)
+        return true;
+    const std::string_view field = csv_.fields()[*place];
+    const std::optional<double> parsed = parse_number(field);
+    if (parsed && *parsed >= 0.0) {
+        value = *parsed;
+        return true;
+    }
+    problem_ = std::string(name) + ": \"" + std::string(field.substr(0, 40)) +
+               (parsed ? "\" is below 0" : "\" is not a number");
+    return false;
+}
+
+/// `cut`: what is below a whole one is cut off, else refused.
+bool JobsFile::whole(Place place, const char* name, double smallest, double largest, double& value,
+                     bool cut) {
+    double given = value;
+    if (!number(place, name, given))
+        return false;
+    value = std::trunc(given);
+    const char* const problem = value != given && !cut ? "\" is not a whole number"
+                                : value < smallest     ? "\" is too small"
+                                : value > largest      ? "\" is too large"
+                                                       : nullptr;
+    if (problem != nullptr)
+        problem_ =
+            std::string(name) + ": \"" + std::string(csv_.fields()[*place].substr(0, 40)) + problem;
+    return problem == nullptr;
+}
+
+bool JobsFile::take_names(JobRow& row) {
+    row.job_class = {};
+    if (class_)
+        row.job_class = csv_.fields()[*class_];
+    return text(user_, "user", row.user) && text(tag_, "tag", row.tag) &&
+           text(job_, "job_id", row.job_id);
+}
+
+/// A file that does not need counters may leave them empty.
+bool JobsFile::take_counters(JobRow& row) {
+    row.has_counters = true;
+    for (const auto& column : counters_) {
+        if (!column || csv_.fields()[*column].empty())
+            row.has_counters = false;
+    }
+    for (std::size_t i = 0; i < counters_.size() && row.has_counters; ++i) {
+        if (!number(counters_[i], counter_names[i], row.counters[i]))
+            return false;
+    }
+    return true;
+}
+
+bool JobsFile::take_figures(JobRow& row) {
+    double elapsed = 0.0;
+    double count = 1.0;
+    if (!whole(elapsed_, "elapsed_s", 1.0, INT_MAX, elapsed, true) ||
+        !number(power_, "power_w", row.power_w) || !whole(count_, "count", 0.0, most_runs, count)) {
+        return false;
+    }
+    if (!(row.power_w > 0.0)) {
+        problem_ = "power_w is 0: a reading that is missing?";
+        return false;
+    }
+    row.elapsed_s = static_cast<int>(elapsed);
+    row.count = static_cast<std::uint64_t>(count);
+    return true;
+}
+
+bool JobsFile::take_frequency(JobRow& row) {
+    row.frequency_khz = 0;
+    if (!frequency_ || (!needs_frequency_ && csv_.fields()[*frequency_].empty()))
+        return true;
+    double khz = 0.0;
+    if (!whole(frequency_, "frequency_khz", 1.0, INT_MAX, khz))
+        return false;
+    row.frequency_khz = static_cast<int>(khz);
+    if (only_khz_ == 0 || row.frequency_khz == only_khz_)
+        return true;
+    problem_ = "measured at " + std::to_string(row.frequency_khz) +
+               " kHz, not at the default frequency of " + std::to_string(only_khz_) + " kHz";
+    return false;
+}
+
+}  // namespace easctl

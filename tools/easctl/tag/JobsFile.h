@@ -1,0 +1,79 @@
+// Past jobs of a CSV file: what their counters and meters said.
+//
+// Columns, found by their names in the header, in any order; others are ignored:
+//   user, tag, job_id   whose tag it is, and the job that it was measured on
+//   cycles, instructions, memory_bytes   hardware counters of the run
+//   elapsed_s           run time; what is below a whole second is cut off, as schedulers do
+//   power_w             mean power of a node
+//   frequency_khz       at which the job ran; who needs no frequency may leave it empty
+//   count               how often such a job ran (1), a whole number
+//   class               the kind of job that totals are wanted for
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "tools/easctl/cli/CsvFile.h"
+
+namespace easctl {
+
+/// One job. The texts are valid until the next row; those that nobody needs are empty.
+struct JobRow {
+    std::string_view user;
+    std::string_view tag;
+    std::string_view job_id;
+    std::string_view job_class;
+    std::array<double, 3> counters{};  // cycles, instructions, bytes of memory traffic
+    bool has_counters = false;
+    int elapsed_s = 0;
+    double power_w = 0.0;
+    int frequency_khz = 0;  // 0: not stated
+    std::uint64_t count = 1;
+};
+
+class JobsFile {
+  public:
+    /// What a row must have beside run time and power.
+    enum Needs : unsigned { names = 1, job = 2, counters = 4, frequency = 8 };
+
+    /// Throws Failure when the file cannot be read or the header lacks a column that is needed.
+    /// `class_column` names the column of the class; it may be missing when it is "class".
+    JobsFile(std::string path, unsigned needs, const std::string& class_column = "class");
+
+    /// From now on a row of another frequency is a bad one.
+    void require_frequency(int khz) { only_khz_ = khz; }
+    /// After `bad_row`, problem() says what is wrong, with file and line.
+    CsvFile::Step next(JobRow& row);
+    [[nodiscard]] std::string problem() const { return csv_.where() + ": " + problem_; }
+    /// The same without them.
+    [[nodiscard]] const std::string& reason() const { return problem_; }
+    [[nodiscard]] std::string where() const { return csv_.where(); }
+    [[nodiscard]] const LineReader& lines() const { return csv_.lines(); }
+    [[nodiscard]] bool has_classes() const { return class_.has_value(); }
+
+  private:
+    using Place = std::optional<std::size_t>;
+
+    Place find(const char* name, bool needed) const;
+    bool text(Place place, const char* name, std::string_view& value);
+    bool number(Place place, const char* name, double& value);
+    bool whole(Place place, const char* name, double smallest, double largest, double& value,
+               bool cut = false);
+    bool take_names(JobRow& row);
+    bool take_counters(JobRow& row);
+    bool take_figures(JobRow& row);
+    bool take_frequency(JobRow& row);
+
+    CsvFile csv_;
+    Place user_, tag_, job_, class_;
+    std::array<Place, 3> counters_;
+    Place elapsed_, power_, frequency_, count_;
+    bool needs_frequency_;
+    int only_khz_ = 0;
+    std::string problem_;
+};
+
+}  // namespace easctl

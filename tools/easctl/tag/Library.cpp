@@ -1,0 +1,188 @@
+#include "tools/easctl/tag/Library.h"
+
+#include <cstdlib>
+#include <memory>
+
+#include "common/model/CoEfficients.h"
+#include "interface/LibraryState.h"
+#include "interface/TagRecord.h"
+#include "interface/interface.h"
+#include "tools/easctl/cli/Command.h"
+#include "tools/easctl/cli/Output.h"
+#include "tools/easctl/model/ModelStore.h"
+
+namespace easctl {
+
+namespace {
+
+/// What eas_query_tag handed out.
+class Records {
+  public:
+    Records() = default;
+    ~Records() {
+        free_tag_struct(records, count);
+        std::free(records);
+    }
+    Records(const Records&) = delete;
+    Records& operator=(const Records&) = delete;
+
+    energyPolicyTag_t* records = nullptr;
+    int count = 0;
+};
+
+EnergyTag tag_of(const energyPolicyTag_t& record) {
+    const auto text = [](const char* name) { return name != nullptr ? name : ""; };
+    EnergyTag tag;
+    tag.cluster_name(text(record.cluster_name));
+    tag.user_name(text(record.user_name));
+    tag.energy_tag_name(text(record.energy_tag_name));
+    tag.job_step_id(text(record.job_id));
+    tag.default_frequency(record.default_frequency);
+    for (int i = 0; i < record.num_freq; ++i) {
+        tag.set_array_data(record.frequencies[i], record.predict_power[i],
+                           record.energy_saving_pct[i], record.predict_elapse_time[i],
+                           record.perf_degrad_pct[i]);
+    }
+    return tag;
+}
+
+/// Takes a list of heap strings over into `names`.
+std::vector<std::string> take_list(char** list, int count) {
+    std::vector<std::string> names;
+    for (int i = 0; i < count; ++i) {
+        const std::unique_ptr<char, decltype(&std::free)> entry(list[i], &std::free);
+        names.emplace_back(entry.get());
+    }
+    std::free(list);
+    return names;
+}
+
+}  // namespace
+
+void LibraryOptions::add_to(CLI::App& command) {
+    ModelOptions::add_to(command);
+    add_thresholds_option(command, thresholds);
+}
+
+Library::Library(LibraryOptions options) : options_(std::move(options)) {
+    if (options_.thresholds.empty()) {
+        throw Failure(ExitCode::usage, "no file of performance thresholds is given",
+                      std::string("give --thresholds FILE, or set ") + thresholds_variable);
+    }
+    if (options_.thresholds == "-")
+        options_.thresholds = "/dev/stdin";  // the library opens it itself
+    {
+        // A database that does not answer is explained better by a connection of our own.
+        Database database(options_.database);
+        options_.resolve(database);
+        sqlite_ = database.engine() == Engine::sqlite;
+    }
+    diagnostics_.emplace();
+    const int code = eas::initialize(options_.database.dsn_name().c_str(), options_.cluster.c_str(),
+                                     options_.default_khz, options_.thresholds.c_str());
+    if (code == EAS_OK)
+        return;
+    const bool by_file = code == EAS_BAD_THRESHOLD_FILE || code == EAS_THRESHOLDS_COMMENTED_OUT;
+    throw refusal(Function::initialize, code,
+                  by_file ? options_.thresholds
+                          : "cluster \"" + options_.cluster + "\" at " + ghz(options_.default_khz),
+                  diagnostics_->take());
+}
+
+const CoEfficients& Library::coefficients() const {
+    return *global_coeffs;
+}
+
+const EnergyPerfThreshold& Library::thresholds() const {
+    return *global_threshold;
+}
+
+void Library::require_names(const std::string& user, const std::string& tag) const {
+    for (const std::string& name : {user, tag}) {
+        if (sqlite_ && is_column(name, "TQVN_EnergyPolicyTag"))
+            throw Failure(ExitCode::usage,
+                          name_of_tag(user, tag) + ": SQLite reads \"" + name +
+                              "\" as a column of its table, not as a name",
+                          "choose another name; MariaDB takes this one, too");
+    }
+}
+
+void Library::generate(const TagRequest& request) {
+    require_names(request.user, request.tag);
+    TagRequest copy(request);  // the function takes pointers to what it could change
+    const int code = eas_generate_tag(options_.cluster.data(), options_.default_khz,
+                                      copy.user.data(), copy.tag.data(), copy.counters.data(),
+                                      copy.job_id.data(), copy.elapsed_s, copy.power_w);
+    const std::string said = diagnostics_->take();
+    if (code != EAS_OK) {
+        throw refusal(Function::generate_tag, code, name_of_tag(request.user, request.tag),
+                      code == EAS_STORE_FAILED || code == EAS_NO_CONNECTION ? said : "");
+    }
+}
+
+std::vector<EnergyTag> Library::query(const std::string& user, const std::string& tag) {
+    require_names(user, tag);
+    std::string users(user);
+    std::string tags(tag);
+    Records found;
+    const int code = eas_query_tag(options_.cluster.data(), options_.default_khz, users.data(),
+                                   tags.data(), &found.count, &found.records);
+    const std::string said = diagnostics_->take();
+    if (code != EAS_OK)
+        throw refusal(Function::query_tag, code, name_of_tag(user, tag), said);
+    std::vector<EnergyTag> result;
+    for (int i = 0; i < found.count; ++i)
+        result.push_back(tag_of(found.records[i]));
+    return result;
+}
+
+std::vector<std::pair<std::string, std::string>> Library::remove(const std::string& user,
+                                                                 const std::string& tag) {
+    require_names(user, tag);
+    std::string users(user);
+    std::string tags(tag);
+    int count = 0;
+    char** user_list = nullptr;
+    char** name_list = nullptr;
+    const int code = eas_remove_tag(options_.cluster.data(), options_.default_khz, users.data(),
+                                    tags.data(), &count, &user_list, &name_list);
+    const std::string said = diagnostics_->take();
+    if (code != EAS_OK)
+        throw refusal(Function::remove_tag, code, name_of_tag(user, tag), said);
+    const std::vector<std::string> owners = take_list(user_list, count);
+    const std::vector<std::string> names = take_list(name_list, count);
+    std::vector<std::pair<std::string, std::string>> removed;
+    for (std::size_t i = 0; i < owners.size(); ++i)
+        removed.emplace_back(owners[i], names[i]);
+    return removed;
+}
+
+eas::FrequencyChoice Library::select(const std::string& user, const std::string& tag,
+                                     const std::string& policy) {
+    require_names(user, tag);
+    std::string users(user);
+    std::string tags(tag);
+    std::string policies(policy);
+    eas::FrequencyChoice choice{0, 0.0};
+    const int code = eas_auto_select_frequency(options_.cluster.data(), options_.default_khz,
+                                               users.data(), tags.data(), policies.data(),
+                                               &choice.frequency, &choice.time_var);
+    const std::string said = diagnostics_->take();
+    if (code != EAS_OK) {
+        throw refusal(Function::auto_select_frequency, code, name_of_tag(user, tag),
+                      code == EAS_NO_CONNECTION ? said : "");
+    }
+    return choice;
+}
+
+std::string name_of_tag(const std::string& user, const std::string& tag) {
+    return (tag.empty() ? "all tags" : "tag \"" + tag + '"') +
+           (user.empty() ? std::string() : " of " + user);
+}
+
+std::string no_tag_named(const std::string& user, const std::string& tag) {
+    return tag.empty() ? "there is no tag" + (user.empty() ? std::string() : " of " + user)
+                       : "there is no " + name_of_tag(user, tag);
+}
+
+}  // namespace easctl
