@@ -49,8 +49,8 @@ std::atomic<int> calls{0};  // in progress, or no_more_calls
 void eas_debug_printf(int fd, const std::string& msg) {
     if (!eas::debug_output_wanted())
         return;
-    constexpr std::size_t LONGEST = 1023;
-    const std::string_view text = std::string_view(msg.c_str()).substr(0, LONGEST);
+    constexpr std::size_t longest = 1023;
+    const std::string_view text = std::string_view(msg.c_str()).substr(0, longest);
     // The log is an aid: a text that cannot be written is lost.
     [[maybe_unused]] const ssize_t written = ::write(fd, text.data(), text.size());
 }
