@@ -2,10 +2,11 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstdlib>
 
-#include "base/DeferCancellation.h"
+#include "base/CancelState.h"
 
 namespace eas {
 namespace {
@@ -30,6 +31,10 @@ UniqueFd open_debug_file(const char* path) noexcept {
     if (file.is_open() && !is_safe_to_append(file.get()))
         file.reset();
     return file;
+}
+
+void write_debug_text(int fd, std::string_view text) {
+    [[maybe_unused]] const ssize_t written = ::write(fd, text.data(), text.size());
 }
 
 }  // namespace eas

@@ -1,10 +1,12 @@
-// Conversions between text, double and int that give the same result in every locale and a defined
-// one for every value: the host program's locale must not change how a file is read (5.5 must not
-// become 5) or a report looks.
+// Numbers as text and back, with the same result in every locale and a defined one for every value:
+// the host program's locale must not change how a file is read (5.5 must not become 5) or a report
+// looks.
 #pragma once
 
 #include <locale.h>
 
+#include <array>
+#include <charconv>
 #include <climits>
 #include <cstddef>
 #include <string>
@@ -16,6 +18,14 @@ namespace eas {
 
 /// As atoi(); a number that no int holds gives INT_MIN.
 [[nodiscard]] int to_int(const char* text) noexcept;
+
+/// A whole number in decimal.
+template <typename Integer>
+std::string decimal(Integer number) {
+    std::array<char, 24> digits{};  // enough for 64 bits and a sign
+    const auto end = std::to_chars(digits.data(), digits.data() + digits.size(), number).ptr;
+    return {digits.data(), end};
+}
 
 /// `value` cut to a whole number toward zero; what no int holds, NaN included, gives INT_MIN, which
 /// no time and no frequency can be.

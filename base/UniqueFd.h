@@ -5,7 +5,7 @@
 
 #include <utility>
 
-#include "base/DeferCancellation.h"
+#include "base/CancelState.h"
 
 namespace eas {
 

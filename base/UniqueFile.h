@@ -4,7 +4,7 @@
 #include <cstdio>
 #include <memory>
 
-#include "base/DeferCancellation.h"
+#include "base/CancelState.h"
 
 namespace eas {
 

@@ -1,7 +1,5 @@
 #include "interface/LibraryState.h"
 
-#include <unistd.h>
-
 #include <string_view>
 #include <utility>
 
@@ -50,9 +48,7 @@ void eas_debug_printf(int fd, const std::string& msg) {
     if (!eas::debug_output_wanted())
         return;
     constexpr std::size_t longest = 1023;
-    const std::string_view text = std::string_view(msg.c_str()).substr(0, longest);
-    // The log is an aid: a text that cannot be written is lost.
-    [[maybe_unused]] const ssize_t written = ::write(fd, text.data(), text.size());
+    eas::write_debug_text(fd, std::string_view(msg.c_str()).substr(0, longest));
 }
 
 namespace eas {

@@ -4,9 +4,9 @@
 #include <cstring>
 #include <exception>
 
+#include "base/CancelState.h"
 #include "base/DebugFile.h"
-#include "base/Decimal.h"
-#include "base/DeferCancellation.h"
+#include "base/Numbers.h"
 #include "common/model/CoEfficients.h"
 #include "common/model/EnergyTag.h"
 #include "common/records/TQVN_EnergyCoEfficients.h"

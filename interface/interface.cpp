@@ -13,7 +13,7 @@
 #include <utility>
 #include <vector>
 
-#include "base/DeferCancellation.h"
+#include "base/CancelState.h"
 #include "common/model/CoEfficients.h"
 #include "common/model/EnergyPerfThreshold.h"
 #include "common/model/EnergyTag.h"

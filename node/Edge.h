@@ -10,7 +10,7 @@
 #include <new>
 #include <string_view>
 
-#include "base/DeferCancellation.h"
+#include "base/CancelState.h"
 #include "node/node.h"
 
 namespace eas::node {

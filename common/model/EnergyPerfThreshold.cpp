@@ -1,7 +1,5 @@
 #include "common/model/EnergyPerfThreshold.h"
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <array>
 #include <climits>
@@ -9,8 +7,8 @@
 #include <exception>
 #include <utility>
 
+#include "base/CancelState.h"
 #include "base/DebugFile.h"
-#include "base/DeferCancellation.h"
 #include "base/FatalAssertion.h"
 #include "base/Numbers.h"
 #include "base/UniqueFile.h"
@@ -131,11 +129,6 @@ class Interpolation {
     double slope_ = 0.0;  // percent per position
     double base_ = 0.0;   // percent
 };
-
-void write_text(int fd, const std::string& text) {
-    const auto written = ::write(fd, text.data(), text.size());
-    static_cast<void>(written);  // nobody to tell: this is the debug output
-}
 
 }  // namespace
 
@@ -357,16 +350,16 @@ void EnergyPerfThreshold::displayThresholds() const {
     std::string text;
     eas::append_formatted(text, message_size, "This threshold is %s.\n",
                           valid ? "valid" : "not valid");
-    write_text(file.get(), text);
+    eas::write_debug_text(file.get(), text);
     if (!valid)
         return;
     text.clear();
     eas::append_formatted(text, message_size, "The performance threshold: %f\n", perf_threshold);
-    write_text(file.get(), text);
+    eas::write_debug_text(file.get(), text);
     for (const auto& [frequency, fraction] : thresval) {
         text.clear();
         eas::append_formatted(text, message_size, "Frequency = %d, threshold value defined = %f\n",
                               frequency, fraction);
-        write_text(file.get(), text);
+        eas::write_debug_text(file.get(), text);
     }
 }

@@ -9,8 +9,8 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "base/FdSlot.h"
 #include "common/node/EasMisc.h"
+#include "common/node/FdSlot.h"
 
 /// Events that are counted.
 constexpr int NUM_CORE_COUNTERS = 15;

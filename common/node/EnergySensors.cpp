@@ -8,7 +8,7 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "base/DeferCancellation.h"
+#include "base/CancelState.h"
 #include "base/UniqueFd.h"
 #include "common/node/CpuTopology.h"
 #include "common/node/Msr.h"

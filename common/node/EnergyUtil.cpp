@@ -14,7 +14,7 @@
 #include <new>
 #include <string_view>
 
-#include "base/DeferCancellation.h"
+#include "base/CancelState.h"
 #include "base/Numbers.h"
 #include "base/UniqueFd.h"
 #include "common/node/BinFile.h"

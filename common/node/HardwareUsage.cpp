@@ -1,6 +1,6 @@
 // Sampling of hardware usage: programs the counters on the first call, reads them on each, undoes
 // the programming on request. Process-wide state; one thread samples.
-#include "base/DeferCancellation.h"
+#include "base/CancelState.h"
 #include "common/node/CoreCounters.h"
 #include "common/node/CpuTopology.h"
 #include "common/node/EasMisc.h"

@@ -5,8 +5,8 @@
 
 #include <cstdint>
 
-#include "base/FdSlot.h"
 #include "common/node/CpuTopology.h"
+#include "common/node/FdSlot.h"
 
 /// Memory channels of a socket.
 constexpr int CHANNELS_PER_SOCKET = 8;

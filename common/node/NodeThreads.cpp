@@ -7,7 +7,7 @@
 #include <new>
 #include <string_view>
 
-#include "base/DeferCancellation.h"
+#include "base/CancelState.h"
 #include "base/UniqueFile.h"
 #include "common/node/CpuinfoLine.h"
 #include "common/node/EnergyUtil.h"

@@ -8,8 +8,7 @@
 #include <string>
 #include <utility>
 
-#include "base/DeferCancellation.h"
-#include "db/base_class/CancelState.h"
+#include "base/CancelState.h"
 #include "db/base_class/DBDiagnostics.h"
 #include "db/base_class/DBLibrary.h"
 #include "db/base_class/DBTracer.h"

@@ -8,8 +8,8 @@
 #include <cstring>
 #include <utility>
 
+#include "base/CancelState.h"
 #include "base/Numbers.h"
-#include "db/base_class/CancelState.h"
 #include "db/base_class/DBTracer.h"
 #include "db/base_class/Properties.h"
 

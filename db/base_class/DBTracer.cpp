@@ -12,9 +12,10 @@
 #include <memory>
 #include <string_view>
 
-#include "base/Decimal.h"
-#include "base/DeferCancellation.h"
+#include "base/CancelState.h"
+#include "base/DebugFile.h"
 #include "base/FatalAssertion.h"
+#include "base/Numbers.h"
 #include "base/ThreadSafety.h"
 
 namespace {
@@ -115,10 +116,6 @@ char severity_letter(long severity) {
     return severity_letters[index < unknown ? index : unknown];
 }
 
-void write_ignoring_errors(int fd, const char* text, std::size_t length) {
-    [[maybe_unused]] const ssize_t written = ::write(fd, text, length);
-}
-
 }  // namespace
 
 std::atomic<DBTracer*> DBTracer::_instance{nullptr};
@@ -210,7 +207,7 @@ int DBTracer::send_buf() {
             ::syslog(static_cast<int>(severity), "%.*s", static_cast<int>(length), pbase());
         if (_logprefix)
             write_prefix();
-        write_ignoring_errors(_fd, pbase(), static_cast<std::size_t>(length));
+        eas::write_debug_text(_fd, {pbase(), static_cast<std::size_t>(length)});
     }
     setp(_outbuf.get(), _outbuf.get() + _bufsize);
     return 0;
@@ -219,8 +216,7 @@ int DBTracer::send_buf() {
 /// Without memory for it a record goes out bare: an exception would leave the stream unusable.
 void DBTracer::write_prefix() {
     try {
-        const std::string prefix = logprefix();
-        write_ignoring_errors(_fd, prefix.data(), prefix.size());
+        eas::write_debug_text(_fd, logprefix());
     } catch (const std::bad_alloc&) {
         return;
     }

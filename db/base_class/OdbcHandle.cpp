@@ -1,6 +1,6 @@
 #include "db/base_class/OdbcHandle.h"
 
-#include "base/DeferCancellation.h"
+#include "base/CancelState.h"
 #include "db/base_class/DBLibrary.h"
 
 namespace eas {

@@ -4,7 +4,7 @@
 #include <cstring>
 #include <string>
 
-#include "base/DeferCancellation.h"
+#include "base/CancelState.h"
 #include "db/base_class/DBConnection.h"
 #include "db/base_class/DBConnectionPool.h"
 #include "db/base_class/DBDiagnostics.h"

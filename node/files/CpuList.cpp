@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <charconv>
 
-#include "base/Decimal.h"
 #include "base/Numbers.h"
 
 namespace eas::node {

@@ -1,7 +1,7 @@
 // Giving back what was set before: in this process or, after a crash, in another one.
 #include <algorithm>
 
-#include "base/Decimal.h"
+#include "base/Numbers.h"
 #include "node/files/PseudoFile.h"
 #include "node/frequency/NodeFrequency.h"
 

@@ -4,7 +4,7 @@
 #include <functional>
 #include <iterator>
 
-#include "base/Decimal.h"
+#include "base/Numbers.h"
 #include "node/files/CpuList.h"
 #include "node/files/PseudoFile.h"
 #include "node/frequency/Nominal.h"

@@ -9,7 +9,6 @@
 #include <cpuid.h>
 #endif
 
-#include "base/Decimal.h"
 #include "base/Numbers.h"
 #include "node/files/PseudoFile.h"
 #include "node/topology/Processor.h"

@@ -6,7 +6,7 @@
 #include <functional>
 #include <optional>
 
-#include "base/Decimal.h"
+#include "base/Numbers.h"
 #include "node/files/CpuList.h"
 #include "node/files/PseudoFile.h"
 #include "node/frequency/Nominal.h"

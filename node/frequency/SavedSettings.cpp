@@ -8,7 +8,6 @@
 #include <utility>
 #include <vector>
 
-#include "base/Decimal.h"
 #include "base/Numbers.h"
 #include "node/files/CpuList.h"
 #include "node/files/PseudoFile.h"

@@ -6,7 +6,7 @@
 #include <string>
 #include <utility>
 
-#include "base/Decimal.h"
+#include "base/Numbers.h"
 #include "node/files/CpuList.h"
 #include "node/files/PseudoFile.h"
 
