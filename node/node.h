@@ -202,9 +202,9 @@ typedef struct easnode_meter easnode_meter;
  *   meter     out: the meter, or null after a failure
  *
  * Takes two descriptors for each online CPU, and some for each memory controller. Where that is
- * more than half of the process's soft limit (RLIMIT_NOFILE), the limit is raised for the length of
- * the call, as far as the hard limit lets it, and the descriptors get numbers above it, so that the
- * program keeps its own. A command of the site is run once.
+ * more than a quarter of the process's soft limit (RLIMIT_NOFILE), the limit is raised for the
+ * length of the call, as far as the hard limit lets it, and the descriptors get numbers above it,
+ * so that the program keeps its own. A command of the site is run once.
  *
  * Returns EASNODE_OK, also when no source serves; EASNODE_BAD_ARGUMENT, EASNODE_NO_MEMORY,
  * EASNODE_NO_SUCH_SOURCE or EASNODE_NO_SUCH_PROCESS.

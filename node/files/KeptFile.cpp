@@ -18,6 +18,14 @@ std::string why(std::string_view path, int error) {
     return std::string(path) + ": " + error_name(error);
 }
 
+std::string quoted(std::string_view text) {
+    constexpr std::size_t longest = 40;
+    std::string result = "\"";
+    for (const char c : text.substr(0, longest))
+        result += c >= ' ' && c <= '~' ? c : '?';
+    return result + (text.size() > longest ? "...\"" : "\"");
+}
+
 KeptFile::KeptFile(std::string path) : path_(std::move(path)) {
     fd_.reset(::open(path_.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK));
     error_ = fd_.is_open() ? 0 : errno;
@@ -34,7 +42,7 @@ std::optional<std::string_view> KeptFile::read(Buffer& buffer) noexcept {
     return trimmed({buffer.data(), static_cast<std::size_t>(count)});
 }
 
-std::optional<std::uint64_t> KeptFile::number() noexcept {
+std::optional<std::uint64_t> KeptFile::number() {
     Buffer buffer;
     const auto text = read(buffer);
     if (!text)
@@ -42,13 +50,14 @@ std::optional<std::uint64_t> KeptFile::number() noexcept {
     const auto value = parse_number(*text);
     if (!value || *value < 0) {
         error_ = EINVAL;
+        said_ = quoted(*text);
         return std::nullopt;
     }
     return static_cast<std::uint64_t>(*value);
 }
 
 std::string KeptFile::reason() const {
-    return error_ == EINVAL ? path_ + ": not a number" : why(path_, error_);
+    return error_ == EINVAL ? path_ + " says " + said_ : why(path_, error_);
 }
 
 }  // namespace eas::node

@@ -18,6 +18,9 @@ namespace eas::node {
 /// "PATH: Permission denied".
 [[nodiscard]] std::string why(std::string_view path, int error);
 
+/// The beginning of a text that somebody else wrote, in quotes, fit for a message.
+[[nodiscard]] std::string quoted(std::string_view text);
+
 class KeptFile {
   public:
     /// Not open after a failure; reason() then says why.
@@ -33,7 +36,7 @@ class KeptFile {
     [[nodiscard]] std::optional<std::string_view> read(Buffer& buffer) noexcept;
 
     /// The text as a decimal number without sign. No value when it is anything else.
-    [[nodiscard]] std::optional<std::uint64_t> number() noexcept;
+    [[nodiscard]] std::optional<std::uint64_t> number();
 
     /// Why there was no value, with the path.
     [[nodiscard]] std::string reason() const;
@@ -41,7 +44,8 @@ class KeptFile {
   private:
     std::string path_;
     UniqueFd fd_;
-    int error_ = 0;  // errno; EINVAL: not a number
+    int error_ = 0;     // errno; EINVAL: not a number
+    std::string said_;  // what stood there instead of a number
 };
 
 }  // namespace eas::node

@@ -8,16 +8,15 @@
 #include <array>
 #include <atomic>
 #include <cstdint>
-#include <string>
 
 #include "tests/support/fakenode/NodeShape.h"
 
 namespace eas::fake {
 
-constexpr int kMaxCpus = 1024;
-constexpr int kMaxCounters = 16384;
+constexpr int kMaxCpus = 128;
+constexpr int kMaxCounters = 1024;
 
-using CpuMask = std::array<uint64_t, kMaxCpus / 64>;
+using CpuMask = std::array<uint64_t, 2>;
 
 struct MsrRegister {
     uint32_t number;
@@ -34,9 +33,16 @@ struct MsrAccess {
 
 enum class MsrDevice { kPresent, kMissing, kShortReads };
 
+struct CpuFrequency {
+    std::array<char, 16> governor;
+    int current;
+    int min;
+    int max;
+};
+
 /// A file write that reached cpufreq, refused or not.
 struct FreqWrite {
-    int cpu;  // number of the policy; -1: all of them
+    int cpu;
     std::array<char, 32> file;
     std::array<char, 32> text;
 };
@@ -74,9 +80,9 @@ struct NodeState {
     Log<MsrAccess, 4096> msr_log;
     int stray_lookups;  // of register devices of CPUs that are not there
 
-    bool deaf;    // cpufreq takes every request and stays at its frequency
-    int cap_khz;  // the hardware runs no faster, whatever was asked for; 0: none
-    Log<FreqWrite, 4096> freq_log;
+    std::array<CpuFrequency, kMaxCpus> cpufreq;
+    FreqDriver driver;
+    Log<FreqWrite, 512> freq_log;
 
     Log<Counter, kMaxCounters> counters;
     int counter_fails_at;  // index of the open that fails with ENODEV; -1: none
@@ -102,13 +108,6 @@ struct NodeState {
         }
         *found = value;
         return true;
-    }
-
-    void log_write(int policy, const std::string& file, const std::string& text) {
-        FreqWrite write{policy, {}, {}};
-        file.copy(write.file.data(), write.file.size() - 1);
-        text.copy(write.text.data(), write.text.size() - 1);
-        freq_log.add(write);
     }
 
     /// Back to the power-on values of `shape`, logs emptied.

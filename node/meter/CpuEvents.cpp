@@ -1,0 +1,146 @@
+#include <algorithm>
+#include <cerrno>
+
+#include "base/Numbers.h"
+#include "node/files/CpuList.h"
+#include "node/meter/CoreEvents.h"
+
+namespace eas::node {
+namespace {
+
+// The kernel takes an event of one kind of core by the type of its PMU in the upper half.
+constexpr int pmu_type_shift = 32;
+
+/// A CPU that is not there is no failure: it may have gone while the list was read.
+bool is_cpu_missing(int error) noexcept {
+    return error == ENODEV;
+}
+
+std::string on_cpu(const EventSet& events, int cpu) {
+    return std::string(events.name) + " on CPU " + decimal(cpu);
+}
+
+}  // namespace
+
+int CpuEvents::add_cpu(int cpu) {
+    std::array<EventCode, most_events> codes{};
+    std::copy_n(events_.codes, events_.count, codes.begin());
+    for (const CorePmu& pmu : pmus_)
+        if (std::binary_search(pmu.cpus.begin(), pmu.cpus.end(), cpu))
+            for (EventCode& code : codes)
+                code.config |= std::uint64_t{pmu.type} << pmu_type_shift;
+    CpuGroup added{cpu, {}};
+    const int error = added.group.open(codes.data(), events_.count, cpu);
+    if (error == 0)
+        groups_.push_back(std::move(added));
+    return error;
+}
+
+bool CpuEvents::open(const EventSet& events, std::string& reason) {
+    events_ = events;
+    pmus_ = core_pmus();
+    KeptFile::Buffer buffer;
+    const auto text = online_file_.read(buffer);
+    const auto cpus = text ? parse_cpu_list(*text) : std::nullopt;
+    if (!cpus || cpus->empty()) {
+        reason = text ? online_file_.path() + ": not a list of CPUs" : online_file_.reason();
+        return false;
+    }
+    online_ = *text;
+    groups_.reserve(cpus->size());
+    for (const int cpu : *cpus) {
+        const int error = add_cpu(cpu);
+        if (error != 0 && !is_cpu_missing(error)) {
+            reason = why_no_event(on_cpu(events_, cpu), error);
+            groups_.clear();
+            return false;
+        }
+    }
+    if (groups_.empty())
+        reason = why_no_event(events_.name, ENODEV);
+    return !groups_.empty();
+}
+
+void CpuEvents::retire(CpuGroup& gone) {
+    gone.group.update_singly();
+    for (std::size_t i = 0; i < events_.count; ++i)
+        retired_[i] += gone.group.totals()[i];
+    gone.gone = true;
+}
+
+/// Opens what came online and gives up what is gone, where the list changed.
+bool CpuEvents::follow_online_cpus(Result& result) {
+    KeptFile::Buffer buffer;
+    const auto text = online_file_.read(buffer);
+    if (text && *text == online_)
+        return true;
+    const auto cpus = text ? parse_cpu_list(*text) : std::nullopt;
+    if (!cpus) {
+        result.end(text ? online_file_.path() + ": not a list of CPUs" : online_file_.reason());
+        return false;
+    }
+    for (CpuGroup& group : groups_)
+        if (!std::binary_search(cpus->begin(), cpus->end(), group.cpu))
+            retire(group);
+    groups_.erase(std::remove_if(groups_.begin(), groups_.end(),
+                                 [](const CpuGroup& group) { return group.gone; }),
+                  groups_.end());
+    online_ = *text;
+    for (const int cpu : *cpus) {
+        const auto here = [cpu](const CpuGroup& group) { return group.cpu == cpu; };
+        if (std::any_of(groups_.begin(), groups_.end(), here))
+            continue;
+        const int error = add_cpu(cpu);
+        if (is_cpu_missing(error)) {
+            online_.clear();  // looked at again by the next reading
+        } else if (error != 0) {
+            result.end(why_no_event(on_cpu(events_, cpu) + ", which came online", error));
+            return false;
+        }
+    }
+    return true;
+}
+
+bool CpuEvents::read_groups(EventTotals& totals, Result& result) {
+    bool lost_one = false;
+    for (CpuGroup& group : groups_) {
+        switch (group.group.update()) {
+            case Progress::counted:
+                break;
+            case Progress::scaled:
+                scaled_ = true;
+                break;
+            case Progress::no_data:
+                result.wait_for(on_cpu(events_, group.cpu) +
+                                ": other users had the counters since the last reading");
+                break;
+            case Progress::stopped:
+            case Progress::unreadable:  // the kernel took the group of a lost CPU apart
+                lost_one = true;
+                retire(group);
+                break;
+        }
+        if (!group.gone)
+            for (std::size_t i = 0; i < events_.count; ++i)
+                totals.values[i] += group.group.totals()[i];
+    }
+    if (lost_one) {  // it may be back already, so that the list is the same
+        online_.clear();
+        groups_.erase(std::remove_if(groups_.begin(), groups_.end(),
+                                     [](const CpuGroup& group) { return group.gone; }),
+                      groups_.end());
+    }
+    return result.reason.empty();
+}
+
+bool CpuEvents::read(EventTotals& totals, Result& result) {
+    if (!follow_online_cpus(result))
+        return false;
+    const bool good = read_groups(totals, result);
+    totals.scaled = scaled_;
+    for (std::size_t i = 0; i < events_.count; ++i)
+        totals.values[i] += retired_[i];
+    return good;
+}
+
+}  // namespace eas::node
