@@ -25,19 +25,6 @@ constexpr std::string_view first_line = "easnode-frequency 1";
 constexpr std::size_t longest_text = std::size_t{1} << 20;
 constexpr std::size_t longest_word = 36;  // the id of a boot
 
-/// FNV-1a; against accidents, not against an attacker.
-std::string checksum(std::string_view text) {
-    std::uint64_t hash = 0xcbf29ce484222325U;
-    for (const char c : text)
-        hash = (hash ^ static_cast<unsigned char>(c)) * 0x100000001b3U;
-    std::array<char, 16> digits;
-    digits.fill('0');
-    std::array<char, 16> raw;
-    const auto end = std::to_chars(raw.data(), raw.data() + raw.size(), hash, 16).ptr;
-    std::copy(raw.data(), end, digits.data() + (raw.data() + raw.size() - end));
-    return {digits.data(), digits.size()};
-}
-
 const char* name_of(TurboSwitch::Kind kind) {
     return kind == TurboSwitch::Kind::boost ? "boost" : "no_turbo";
 }
@@ -152,7 +139,7 @@ std::string text_of(const SavedSettings& saved) {
     }
     for (const auto& [words, numbers] : lines)
         text += "policies " + cpu_list_text(numbers) + ' ' + words + '\n';
-    return text + "end " + checksum(text) + '\n';
+    return text + end_line(text);
 }
 
 std::optional<SavedSettings> parse_settings(std::string_view text) {
@@ -171,6 +158,17 @@ std::optional<SavedSettings> parse_settings(std::string_view text) {
     if (saved.policies.empty() || text_of(saved) != text)
         return std::nullopt;
     return saved;
+}
+
+std::string end_line(std::string_view lines) {
+    std::uint64_t hash = 0xcbf29ce484222325U;  // FNV-1a; against accidents, not against an attacker
+    for (const char c : lines)
+        hash = (hash ^ static_cast<unsigned char>(c)) * 0x100000001b3U;
+    std::array<char, 16> digits;
+    const auto end = std::to_chars(digits.data(), digits.data() + digits.size(), hash, 16).ptr;
+    const auto length = static_cast<std::size_t>(end - digits.data());
+    return "end " + std::string(digits.size() - length, '0') + std::string(digits.data(), length) +
+           '\n';
 }
 
 std::string boot_id() {

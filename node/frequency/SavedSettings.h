@@ -31,6 +31,9 @@ struct SavedSettings {
 /// Null for any text but those that text_of makes.
 [[nodiscard]] std::optional<SavedSettings> parse_settings(std::string_view text);
 
+/// The last line of a text that begins with `lines`.
+[[nodiscard]] std::string end_line(std::string_view lines);
+
 /// The kernel's id of this boot; "-" when it cannot be read.
 [[nodiscard]] std::string boot_id();
 

@@ -35,7 +35,7 @@ void check(bool good, const std::string& what) {
         throw std::system_error(errno, std::generic_category(), what);
 }
 
-void bind(const fs::path& from, const fs::path& to) {
+void cover(const fs::path& from, const fs::path& to) {
     check(::mount(from.c_str(), to.c_str(), nullptr, MS_BIND | MS_REC, nullptr) == 0, to);
 }
 
@@ -52,46 +52,44 @@ void keep_device(const fs::path& from, const fs::path& to) {
         fs::create_directories(to);
     else
         write_file(to, "");
-    bind(from, to);
+    cover(from, to);
 }
 
-void make_devices(const NodeShape& shape, const fs::path& stage) {
-    fs::create_directories(stage / "dev" / "cpu");
+void make_devices(const fs::path& stage) {
+    fs::create_directories(stage / "dev");
     for (const char* name : kKept)
         keep_device(fs::path("/dev") / name, stage / "dev" / name);
+}
+
+void make_registers(const NodeShape& shape, const fs::path& stage) {
+    fs::create_directories(stage / "dev" / "cpu");
     write_file(stage / "dev" / "mem", "");
     // Sparse: from address 0 to the end of the 256 MiB that configuration space takes.
     fs::resize_file(stage / "dev" / "mem", shape.mcfg_base + (uint64_t{256} << 20));
-    bind(stage / "files" / "msr", stage / "dev" / "cpu");
+    cover(stage / "files" / "msr", stage / "dev" / "cpu");
 }
 
-void make_sysfs(const NodeShape& shape, const fs::path& stage) {
-    const fs::path cpu = stage / "cpu", meter = stage / "platform" / "qpx.1";
-    const std::string range = "0-" + std::to_string(shape.cpus() - 1) + "\n";
-    for (const char* name : {"online", "possible", "present"})
-        write_file(cpu / name, range);
-    fs::create_directories(cpu / "cpufreq");
-    bind(stage / "files" / "cpufreq", cpu / "cpufreq");
-    for (int i = 0; i < shape.cpus(); ++i) {
-        const fs::path folder = cpu / ("cpu" + std::to_string(i));
-        fs::create_directories(folder);
-        fs::create_symlink("../cpufreq/policy" + std::to_string(i), folder / "cpufreq");
+/// Covers /sys whole and single files of /proc by the served ones.
+void cover_files(NodeServer& server, const fs::path& served) {
+    if (fs::exists("/sys/fs/cgroup")) {
+        server.root.make("sys/fs/cgroup", TreeEntry::Kind::kFolder);
+        cover("/sys/fs/cgroup", served / "sys/fs/cgroup");
     }
-    write_file(meter / "energy1_input", "1000000\n");
-    if (!shape.workload.empty())
-        bind(stage / "files" / "meter" / "energy1_input", meter / "energy1_input");
-    write_file(stage / "firmware" / "acpi" / "tables" / "MCFG", mcfg_table(shape.mcfg_base));
-    write_file(stage / "cpuinfo", cpuinfo_text(shape));
+    cover(served / "sys", "/sys");
+    server.root.each_file("proc", [&](const std::string& path) {
+        // The descriptor stands for a link itself: /proc/mounts is one, and differs by process.
+        const UniqueFd target(::open(("/" + path).c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+        if (target.is_open())
+            cover(served / path, "/proc/self/fd/" + std::to_string(target.get()));
+    });
 }
 
-void cover_machine(const NodeShape& shape, const fs::path& stage) {
-    make_sysfs(shape, stage);
-    make_devices(shape, stage);
-    bind(stage / "cpuinfo", "/proc/cpuinfo");
-    bind(stage / "cpu", "/sys/devices/system/cpu");
-    bind(stage / "platform", "/sys/devices/platform");
-    bind(stage / "firmware", "/sys/firmware");
-    bind(stage / "dev", "/dev");
+void cover_machine(NodeServer& server, const fs::path& stage) {
+    if (server.shape.old_model)
+        make_registers(server.shape, stage);
+    make_devices(stage);
+    cover_files(server, stage / "files" / "node");
+    cover(stage / "dev", "/dev");
 }
 
 /// The descriptor `number` of process `child`.
@@ -139,7 +137,7 @@ int keep_node(NodeServer& server, pid_t child, Pipe& ready, Pipe& calls) {
     ::fuse* served = mount_files(server, files);
     check(served != nullptr, "mounting the served files");
     std::thread([served] { serve_files(served); }).detach();
-    cover_machine(server.shape, server.stage);
+    cover_machine(server, server.stage);
     int number = -1;
     check(::write(ready.in.get(), "g", 1) == 1, "starting the node");
     check(::read(calls.out.get(), &number, sizeof number) == sizeof number, "diverting calls");
@@ -150,7 +148,7 @@ int keep_node(NodeServer& server, pid_t child, Pipe& ready, Pipe& calls) {
         std::thread([&server] {
             for (;; std::this_thread::sleep_for(std::chrono::milliseconds(5))) {
                 const std::lock_guard<std::mutex> lock(server.mutex);
-                server.workload.advance();
+                server.advance();
             }
         }).detach();
     return exit_status(child);
@@ -224,19 +222,16 @@ void NodeState::reset(const NodeShape& shape) {
     msr_count = {};
     msr_device = MsrDevice::kPresent;
     msr_stray_bits = 0;
-    driver = shape.driver;
+    deaf = shape.driver == FreqDriver::kDeaf;
+    cap_khz = 0;
     counter_fails_at = -1;
     msr_log.clear();
     freq_log.clear();
     counters.clear();
-    for (int cpu = 0; cpu < shape.cpus() && cpu < kMaxCpus; ++cpu) {
+    for (int cpu = 0; shape.old_model && cpu < shape.cpus() && cpu < kMaxCpus; ++cpu) {
         set_msr(cpu, 0xCE, static_cast<uint64_t>(shape.nonturbo_ratio) << 8);
         set_msr(cpu, 0x19C, 0x80000000 | 40 << 16);  // 40 degrees below the limit, valid
         set_msr(cpu, 0x1A2, 95 << 16);
-        CpuFrequency& policy = cpufreq[static_cast<size_t>(cpu)];
-        policy = {
-            {}, shape.frequencies.front(), shape.frequencies.back(), shape.frequencies.front()};
-        std::strcpy(policy.governor.data(), "performance");
     }
 }
 

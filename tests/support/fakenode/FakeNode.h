@@ -1,12 +1,17 @@
-// A machine that this one is not: runs a function or a command where /proc/cpuinfo, cpufreq, the
-// msr devices, physical memory, the energy meter and perf_event_open are those of a node of a given
-// shape. The node is a private mount namespace and a server process; nothing of it is seen from
-// outside. It ends with what runs in it, so a daemon must stay in the foreground. Needs root
+// A machine that this one is not: runs a function or a command where /sys, the files of /proc that
+// describe processors, the msr devices, physical memory and perf_event_open are those of a node of
+// a given shape. The node is a private mount namespace and a server process; nothing of it is seen
+// from outside. It ends with what runs in it, so a daemon must stay in the foreground. Needs root
 // (CAP_SYS_ADMIN) and /dev/fuse.
 //
-// Where it is unlike a real node: registers of a socket are kept per CPU and take any value; the
-// counters in physical memory stand still, also under a workload, and reads of them go unseen; an
-// event is counted for any process id; answered affinity binds nothing and is not inherited.
+// From inside, a file can be removed, made anew with other content, or with "!EIO" for one that
+// fails; "0" into a CPU's `online` takes it offline.
+//
+// Where it is unlike a real node: every core always works, on one of its threads, whatever runs;
+// clocks follow at once; registers of a socket are kept per CPU and take any value; the counters in
+// physical memory stand still, also under a workload, and reads of them go unseen; answered
+// affinity binds nothing and is not inherited; /proc shows what the shape names and has here, the
+// rest is this machine's.
 #pragma once
 
 #include <functional>

@@ -42,10 +42,10 @@ void answer(int listener, const Call& call, int64_t result) {
     ::ioctl(listener, SECCOMP_IOCTL_NOTIF_SEND, &response);
 }
 
-CpuMask all_cpus(const NodeShape& shape) {
+CpuMask all_cpus(const NodeServer& server) {
     CpuMask mask{};
-    for (int cpu = 0; cpu < shape.cpus() && cpu < kMaxCpus; ++cpu)
-        mask[static_cast<size_t>(cpu) / 64] |= uint64_t{1} << (cpu % 64);
+    for (const int cpu : server.cpus.online())
+        mask.at(static_cast<size_t>(cpu) / 64) |= uint64_t{1} << (cpu % 64);
     return mask;
 }
 
@@ -55,7 +55,7 @@ int64_t set_affinity(NodeServer& server, const Call& call) {
     const size_t size = std::min<size_t>(call.data.args[1], sizeof wanted);
     if (!copy(::process_vm_readv, call, call.data.args[2], wanted.data(), size))
         return -EFAULT;
-    const CpuMask present = all_cpus(server.shape);
+    const CpuMask present = all_cpus(server);
     for (size_t word = 0; word < wanted.size(); ++word)
         wanted[word] &= present[word];
     if (wanted == CpuMask{})
@@ -98,8 +98,8 @@ int64_t new_counter(NodeServer& server, const Call& call) {
         return -EMFILE;
     if (static_cast<int>(index) == server.state.counter_fails_at)
         return -ENODEV;
-    server.workload.advance();
-    counter.opened_at = server.workload.total(counter.attr);
+    server.advance();
+    counter.opened_at = total_of(server, counter);
     server.state.counters.add(counter);
     return static_cast<int64_t>(index);
 }
@@ -121,9 +121,19 @@ void open_counter(NodeServer& server, int listener, const Call& call) {
 
 }  // namespace
 
+double total_of(const NodeServer& server, const Counter& counter) {
+    const CpuWork work =
+        counter.cpu < 0 ? server.workload.all_cpus() : server.workload.of_cpu(counter.cpu);
+    if (counter.attr.type != PERF_TYPE_HARDWARE)
+        return 0;
+    if (counter.attr.config == PERF_COUNT_HW_CPU_CYCLES)
+        return work.cycles;
+    return counter.attr.config == PERF_COUNT_HW_INSTRUCTIONS ? work.instructions : 0;
+}
+
 CpuMask NodeServer::affinity_of(int thread) const {
     const auto found = masks.find(thread);
-    return found != masks.end() ? found->second : all_cpus(shape);
+    return found != masks.end() ? found->second : all_cpus(*this);
 }
 
 int divert_system_calls(bool affinity_too) {

@@ -1,6 +1,7 @@
 // The files that answer as devices do: model-specific registers (8 bytes wide, 1 apart), cpufreq
 // attributes (a store replaces the value and may be refused), event counters, the energy meter.
 #define FUSE_USE_VERSION 31
+#include <fcntl.h>
 #include <fuse.h>
 #include <sys/stat.h>
 
@@ -21,181 +22,151 @@ using Lock = std::lock_guard<std::mutex>;
 NodeServer& server() {
     return *static_cast<NodeServer*>(fuse_get_context()->private_data);
 }
-CpuFrequency& policy(int cpu) {
-    return server().state.cpufreq[static_cast<size_t>(cpu)];
-}
-bool in_userspace(int cpu) {
-    return std::strcmp(policy(cpu).governor.data(), "userspace") == 0;
-}
-std::string line(int value) {
-    return std::to_string(value) + "\n";
-}
-
-// ---- cpufreq ----
-
-std::string_view governors() {
-    return server().state.driver == FreqDriver::kNoUserspace
-               ? "performance powersave"
-               : "conservative ondemand userspace powersave performance schedutil";
-}
-
-const char* driver_name() {
-    constexpr const char* kNames[] = {"acpi-cpufreq", "intel_pstate", "intel_cpufreq"};
-    return kNames[static_cast<int>(server().state.driver)];
-}
-
-std::string frequency_list() {
-    std::string text;
-    for (const int khz : server().shape.frequencies)
-        text += std::to_string(khz) + " ";
-    return text + "\n";
-}
-
-std::string show_speed(int cpu) {
-    return in_userspace(cpu) ? line(policy(cpu).current) : std::string("<unsupported>\n");
-}
-
-/// The lowest frequency of the table that is not below `khz`, as the userspace governor chooses.
-int step_for(int khz) {
-    const auto& table = server().shape.frequencies;
-    int step = table.front();
-    for (const int candidate : table)
-        if (candidate >= khz)
-            step = candidate;
-    return step;
-}
-
-void run_at(int cpu, int khz) {
-    if (server().state.driver != FreqDriver::kDeaf)
-        policy(cpu).current = step_for(std::clamp(khz, policy(cpu).min, policy(cpu).max));
-}
-
-int store_governor(int cpu, const std::string& text) {
-    std::array<char, 16> word{};
-    if (std::sscanf(text.c_str(), "%15s", word.data()) != 1)
-        return -EINVAL;
-    if ((" " + std::string(governors()) + " ").find(" " + std::string(word.data()) + " ") ==
-        std::string::npos)
-        return -EINVAL;
-    policy(cpu).governor = word;
-    if (std::strcmp(word.data(), "performance") == 0)
-        run_at(cpu, policy(cpu).max);
-    if (std::strcmp(word.data(), "powersave") == 0)
-        run_at(cpu, policy(cpu).min);
-    return 0;
-}
-
-int store_speed(int cpu, const std::string& text) {
-    int khz = 0;
-    if (!in_userspace(cpu) || std::sscanf(text.c_str(), "%d", &khz) != 1)
-        return -EINVAL;
-    run_at(cpu, khz);
-    return 0;
-}
-
-int store_limit(int cpu, const std::string& text, bool upper) {
-    int khz = 0;
-    if (std::sscanf(text.c_str(), "%d", &khz) != 1)
-        return -EINVAL;
-    CpuFrequency& limits = policy(cpu);
-    const auto& table = server().shape.frequencies;
-    khz = std::clamp(khz, table.back(), table.front());
-    if (upper)
-        limits.max = khz;
-    limits.min = std::min(upper ? limits.min : khz, limits.max);
-    run_at(cpu, limits.current);
-    return 0;
-}
-
-struct FreqFile {
-    const char* name;
-    std::string (*show)(int cpu);
-    int (*store)(int cpu, const std::string& text);  // null: read-only
-};
-
-constexpr FreqFile kFreqFiles[] = {
-    {"scaling_available_frequencies", [](int) { return frequency_list(); }, nullptr},
-    {"scaling_available_governors", [](int) { return std::string(governors()) + " \n"; }, nullptr},
-    {"scaling_cur_freq", [](int cpu) { return line(policy(cpu).current); }, nullptr},
-    {"scaling_driver", [](int) { return std::string(driver_name()) + "\n"; }, nullptr},
-    {"scaling_governor", [](int cpu) { return std::string(policy(cpu).governor.data()) + "\n"; },
-     store_governor},
-    {"scaling_max_freq", [](int cpu) { return line(policy(cpu).max); },
-     [](int cpu, const std::string& text) { return store_limit(cpu, text, true); }},
-    {"scaling_min_freq", [](int cpu) { return line(policy(cpu).min); },
-     [](int cpu, const std::string& text) { return store_limit(cpu, text, false); }},
-    {"scaling_setspeed", show_speed, store_speed},
-};
-
-const FreqFile* find_freq_file(std::string_view name) {
-    if (server().state.driver == FreqDriver::kNoUserspace &&
-        name == "scaling_available_frequencies")
-        return nullptr;
-    for (const FreqFile& file : kFreqFiles)
-        if (name == file.name)
-            return &file;
-    return nullptr;
-}
-
 // ---- paths ----
 
-enum class Kind { kNone, kFolder, kMsr, kFreq, kCounter, kMeter };
+enum class Kind { kNone, kFolder, kMsr, kCounter, kTree };
 
 struct Entry {
     Kind kind = Kind::kNone;
     int index = 0;
-    const FreqFile* freq = nullptr;
+    TreeEntry* file = nullptr;
 };
 
-bool is_cpu(int cpu) {
-    return cpu >= 0 && cpu < server().shape.cpus();
+constexpr std::string_view kNode = "/node";
+
+Entry find_msr(const char* path) {
+    Entry entry;
+    std::array<char, 8> name{};
+    const int parts = std::sscanf(path, "/msr/%d/%7s", &entry.index, name.data());
+    if (parts < 1 || !server().shape.old_model)
+        return {};
+    if (entry.index < 0 || entry.index >= server().shape.cpus()) {
+        ++server().state.stray_lookups;
+        return {};
+    }
+    const bool device =
+        std::strcmp(name.data(), "msr") == 0 && server().state.msr_device != MsrDevice::kMissing;
+    entry.kind = parts == 1 ? Kind::kFolder : device ? Kind::kMsr : Kind::kNone;
+    return entry;
 }
 
 Entry find(const char* path) {
     const std::string_view text = path;
-    for (const char* folder : {"/", "/msr", "/cpufreq", "/counter", "/meter"})
-        if (text == folder)
-            return {Kind::kFolder};
-    if (text == "/meter/energy1_input")
-        return {Kind::kMeter};
     Entry entry;
-    std::array<char, 40> name{};
-    if (std::sscanf(path, "/counter/%d", &entry.index) == 1) {
+    if (text.substr(0, kNode.size()) == kNode) {
+        entry.file = server().root.find(text.substr(kNode.size()));
+        const bool there = entry.file != nullptr && refusal_of(entry.file->text) != ENOENT;
+        entry.kind = there ? Kind::kTree : Kind::kNone;
+    } else if (text == "/" || text == "/msr" || text == "/counter") {
+        entry.kind = Kind::kFolder;
+    } else if (std::sscanf(path, "/counter/%d", &entry.index) == 1) {
         entry.kind = Kind::kCounter;
-    } else if (const int got = std::sscanf(path, "/msr/%d/%39s", &entry.index, name.data());
-               got >= 1) {
-        if (!is_cpu(entry.index)) {
-            ++server().state.stray_lookups;
-            return {};
-        }
-        const bool device = std::strcmp(name.data(), "msr") == 0 &&
-                            server().state.msr_device != MsrDevice::kMissing;
-        entry.kind = got == 1 ? Kind::kFolder : device ? Kind::kMsr : Kind::kNone;
-    } else if (const int parts =
-                   std::sscanf(path, "/cpufreq/policy%d/%39s", &entry.index, name.data());
-               parts >= 1 && is_cpu(entry.index)) {
-        entry.freq = find_freq_file(name.data());
-        entry.kind = parts == 1 ? Kind::kFolder : entry.freq ? Kind::kFreq : Kind::kNone;
+    } else {
+        return find_msr(path);
     }
     return entry;
 }
 
+mode_t type_of(const TreeEntry& entry) {
+    constexpr mode_t kTypes[] = {S_IFDIR, S_IFREG, S_IFLNK};
+    return kTypes[static_cast<int>(entry.kind)];
+}
+
 int get_attributes(const char* path, struct stat* out, fuse_file_info*) {
+    const Lock lock(server().mutex);
     const Entry entry = find(path);
     *out = {};
     out->st_nlink = 1;
-    out->st_size = 4096;
-    const bool folder = entry.kind == Kind::kFolder;
-    out->st_mode = folder ? S_IFDIR | 0755 : S_IFREG | (entry.kind == Kind::kMsr ? 0600 : 0644);
+    out->st_size = std::string_view(path).rfind("/node/proc", 0) == 0 ? 0 : 4096;
+    if (entry.kind == Kind::kTree)
+        out->st_mode = type_of(*entry.file) | entry.file->mode;
+    else if (entry.kind == Kind::kFolder)
+        out->st_mode = S_IFDIR | 0755;
+    else
+        out->st_mode = S_IFREG | (entry.kind == Kind::kMsr ? 0600 : 0644);
     return entry.kind == Kind::kNone ? -ENOENT : 0;
 }
 
-int open_file(const char*, fuse_file_info* info) {
-    info->direct_io = 1;  // every read and write arrives here, at its own offset and length
+int read_link(const char* path, char* buf, size_t size) {
+    const Lock lock(server().mutex);
+    const Entry entry = find(path);
+    if (entry.file == nullptr || entry.file->kind != TreeEntry::Kind::kLink)
+        return -EINVAL;
+    buf[entry.file->text.copy(buf, size - 1)] = '\0';
     return 0;
 }
 
-int truncate_file(const char*, off_t, fuse_file_info*) {
+int read_folder(const char* path, void* buf, fuse_fill_dir_t fill, off_t, fuse_file_info*,
+                fuse_readdir_flags) {
+    const Lock lock(server().mutex);
+    const Entry entry = find(path);
+    for (const char* name : {".", ".."})
+        fill(buf, name, nullptr, 0, {});
+    if (entry.file != nullptr)
+        for (const auto& [name, child] : entry.file->children) {
+            struct stat attributes {};
+            attributes.st_mode = type_of(*child);
+            fill(buf, name.c_str(), &attributes, 0, {});
+        }
+    return 0;
+}
+
+/// Permission as a file's text wishes it; the others were checked by the kernel.
+int open_file(const char* path, fuse_file_info* info) {
+    const Lock lock(server().mutex);
+    info->direct_io = 1;  // every read and write arrives here, at its own offset and length
+    const Entry entry = find(path);
+    if (entry.kind != Kind::kTree)
+        return 0;
+    // Of the kernel's attributes, root too opens for writing only those that can be written.
+    const bool writes = (info->flags & O_ACCMODE) != O_RDONLY;
+    if (writes && (entry.file->mode & 0222) == 0 && !server().shape.old_model)
+        return -EACCES;
+    if ((info->flags & O_TRUNC) != 0 && !entry.file->store)
+        entry.file->text.clear();
+    const int refusal = refusal_of(entry.file->text);
+    return refusal == EACCES || refusal == EPERM ? -refusal : 0;
+}
+
+// What is done to the node from inside it: files made, taken away, given other rights.
+
+int make_entry(const char* path, TreeEntry::Kind kind, mode_t mode) {
+    const Lock lock(server().mutex);
+    const std::string_view text = path;
+    if (text.substr(0, kNode.size()) != kNode)
+        return -EACCES;
+    server().root.make(text.substr(kNode.size()), kind).mode = mode & 07777;
+    return 0;
+}
+
+int remove_entry(const char* path) {
+    const Lock lock(server().mutex);
+    const std::string_view text = path;
+    const size_t slash = text.rfind('/');
+    if (find(path).kind != Kind::kTree)
+        return -EACCES;
+    auto& siblings = server().root.find(text.substr(kNode.size(), slash - kNode.size()))->children;
+    const auto found = siblings.find(text.substr(slash + 1));
+    if (!found->second->children.empty())
+        return -ENOTEMPTY;
+    siblings.erase(found);
+    return 0;
+}
+
+int change_mode(const char* path, mode_t mode, fuse_file_info*) {
+    const Lock lock(server().mutex);
+    const Entry entry = find(path);
+    if (entry.kind != Kind::kTree)
+        return -EACCES;
+    entry.file->mode = mode & 07777;
+    return 0;
+}
+
+int truncate_file(const char* path, off_t size, fuse_file_info*) {
+    const Lock lock(server().mutex);
+    const Entry entry = find(path);
+    if (entry.kind == Kind::kTree && !entry.file->store)
+        entry.file->text.resize(static_cast<size_t>(size));
     return 0;
 }
 
@@ -231,9 +202,8 @@ int write_msr(int cpu, const char* buf, size_t size, off_t reg) {
 int read_counter(const Counter& counter, char* buf, size_t size) {
     std::array<uint64_t, 3> words = counter.words;
     if (server().workload.active()) {
-        const double total = server().workload.total(counter.attr) - counter.opened_at;
-        const int sharers = counter.pid == -1 ? server().shape.sockets * server().shape.cores : 1;
-        words = {static_cast<uint64_t>(total / sharers), 1, 1};
+        const double total = total_of(server(), counter) - counter.opened_at;
+        words = {static_cast<uint64_t>(total), 1, 1};
     }
     if (size < sizeof words)
         return -ENOSPC;
@@ -242,6 +212,8 @@ int read_counter(const Counter& counter, char* buf, size_t size) {
 }
 
 int read_text(const std::string& text, char* buf, size_t size, off_t offset) {
+    if (const int refusal = refusal_of(text))
+        return -refusal;
     const size_t from = std::min(static_cast<size_t>(offset), text.size());
     const size_t length = std::min(size, text.size() - from);
     std::memcpy(buf, text.data() + from, length);
@@ -250,17 +222,14 @@ int read_text(const std::string& text, char* buf, size_t size, off_t offset) {
 
 int read_file(const char* path, char* buf, size_t size, off_t offset, fuse_file_info*) {
     const Lock lock(server().mutex);
-    server().workload.advance();
+    server().advance();
     const Entry entry = find(path);
     switch (entry.kind) {
         case Kind::kMsr:
             return read_msr(entry.index, buf, size, offset);
-        case Kind::kFreq:
-            return read_text(entry.freq->show(entry.index), buf, size, offset);
-        case Kind::kMeter:
-            return read_text(
-                std::to_string(static_cast<uint64_t>(server().workload.joules() * 1e6)) + "\n", buf,
-                size, offset);
+        case Kind::kTree:
+            return read_text(entry.file->show ? entry.file->show() : entry.file->text, buf, size,
+                             offset);
         case Kind::kCounter:
             return read_counter(server().state.counters.rows[static_cast<size_t>(entry.index)], buf,
                                 size);
@@ -271,19 +240,21 @@ int read_file(const char* path, char* buf, size_t size, off_t offset, fuse_file_
 
 int write_file(const char* path, const char* buf, size_t size, off_t offset, fuse_file_info*) {
     const Lock lock(server().mutex);
-    server().workload.advance();
+    server().advance();
     const Entry entry = find(path);
     if (entry.kind == Kind::kMsr)
         return write_msr(entry.index, buf, size, offset);
-    if (entry.kind != Kind::kFreq || entry.freq->store == nullptr)
+    if (entry.kind != Kind::kTree)
         return -EINVAL;
-    const std::string text(buf, size);
-    FreqWrite write{entry.index, {}, {}};
-    std::strncpy(write.file.data(), entry.freq->name, write.file.size() - 1);
-    text.copy(write.text.data(), write.text.size() - 1);
-    server().state.freq_log.add(write);
-    const int refused = entry.freq->store(entry.index, text);
-    return refused != 0 ? refused : static_cast<int>(size);
+    if (entry.file->store) {
+        const int refused = entry.file->store(std::string(buf, size));
+        return refused != 0 ? refused : static_cast<int>(size);
+    }
+    std::string& text = entry.file->text;
+    text.resize(std::max(text.size(), static_cast<size_t>(offset) + size));
+    text.replace(static_cast<size_t>(offset), size, buf, size);
+    entry.file->show = nullptr;
+    return static_cast<int>(size);
 }
 
 void* start(fuse_conn_info*, fuse_config* config) {
@@ -297,6 +268,18 @@ void* start(fuse_conn_info*, fuse_config* config) {
     fuse_operations calls{};
     calls.init = start;
     calls.getattr = get_attributes;
+    calls.readlink = read_link;
+    calls.readdir = read_folder;
+    calls.mkdir = [](const char* path, mode_t mode) {
+        return make_entry(path, TreeEntry::Kind::kFolder, mode);
+    };
+    calls.create = [](const char* path, mode_t mode, fuse_file_info* info) {
+        info->direct_io = 1;
+        return make_entry(path, TreeEntry::Kind::kFile, mode);
+    };
+    calls.unlink = remove_entry;
+    calls.rmdir = remove_entry;
+    calls.chmod = change_mode;
     calls.open = open_file;
     calls.truncate = truncate_file;
     calls.read = read_file;

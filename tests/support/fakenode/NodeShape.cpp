@@ -3,6 +3,7 @@
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
+#include <utility>
 
 namespace eas::fake {
 namespace {
@@ -19,15 +20,96 @@ int id_at(const std::vector<int>& ids, int index) {
     return ids.empty() ? index : ids.at(static_cast<size_t>(index));
 }
 
+void plant_cpus(const NodeShape& shape, TreeEntry& cpus) {
+    const std::string all = "0-" + std::to_string(shape.cpus() - 1) + "\n";
+    for (const char* name : {"online", "possible", "present"})
+        cpus.put(name, all);
+    const int cores = shape.sockets * shape.cores;
+    for (int cpu = 0; cpu < shape.cpus(); ++cpu) {
+        TreeEntry& topology =
+            cpus.make("cpu" + std::to_string(cpu) + "/topology", TreeEntry::Kind::kFolder);
+        const auto put = [&](const char* name, int id) {
+            topology.put(name, std::to_string(id) + "\n");
+        };
+        put("physical_package_id", id_at(shape.socket_ids, shape.socket_of(cpu)));
+        put("core_id", id_at(shape.core_ids, shape.core_of(cpu)));
+        put("die_id", 0);
+        std::string siblings = std::to_string(cpu % cores);
+        for (int thread = 1; thread < shape.threads; ++thread)
+            siblings += "," + std::to_string(cpu % cores + thread * cores);
+        topology.put("core_cpus_list", siblings + "\n");
+        topology.put("thread_siblings_list", siblings + "\n");
+        cpus.put("cpu" + std::to_string(cpu) + "/cache/index3/coherency_line_size", "64\n");
+    }
+}
+
+void plant_policy(const NodeShape& shape, TreeEntry& policy, int cpu) {
+    const auto line = [](const auto& value) { return std::to_string(value) + "\n"; };
+    std::string list;
+    for (const int khz : shape.frequencies)
+        list += std::to_string(khz) + " ";
+    const bool listed = shape.driver != FreqDriver::kNoUserspace;
+    const std::string highest = line(shape.frequencies.front());
+    const std::string lowest = line(shape.frequencies.back());
+    constexpr const char* kNames[] = {"acpi-cpufreq\n", "intel_pstate\n", "intel_cpufreq\n"};
+    const std::pair<const char*, std::string> files[] = {
+        {"scaling_driver", kNames[static_cast<int>(shape.driver)]},
+        {"scaling_governor", "performance\n"},
+        {"scaling_available_governors",
+         listed ? "conservative ondemand userspace powersave performance schedutil \n"
+                : "performance powersave \n"},
+        {"scaling_setspeed", "<unsupported>\n"},
+        {"scaling_cur_freq", highest},
+        {"scaling_max_freq", highest},
+        {"scaling_min_freq", lowest},
+        {"cpuinfo_max_freq", highest},
+        {"cpuinfo_min_freq", lowest},
+        {"related_cpus", line(cpu)},
+        {"affected_cpus", line(cpu)},
+    };
+    for (const auto& [name, text] : files)
+        policy.put(name, text, 0644);
+    if (listed)
+        policy.put("scaling_available_frequencies", list + "\n");
+}
+
+/// What the processors have whose registers the library programs itself.
+void plant_old_model(const NodeShape& shape, TreeEntry& root) {
+    TreeEntry& cpus = *root.find("sys/devices/system/cpu");
+    for (int cpu = 0; cpu < shape.cpus(); ++cpu) {
+        const std::string number = std::to_string(cpu);
+        plant_policy(shape, cpus.make("cpufreq/policy" + number, TreeEntry::Kind::kFolder), cpu);
+        cpus.make("cpu" + number + "/cpufreq", TreeEntry::Kind::kLink).text =
+            "../cpufreq/policy" + number;
+    }
+    root.put("sys/devices/platform/qpx.1/energy1_input", "1000000\n", 0644);
+    root.put("sys/firmware/acpi/tables/MCFG", mcfg_table(shape.mcfg_base));
+    root.put("sys/bus/event_source/devices/cpu/type", "4\n");
+}
+
 }  // namespace
+
+void plant(const NodeShape& shape, TreeEntry& root) {
+    if (shape.cpus() > 0) {
+        plant_cpus(shape, root.make("sys/devices/system/cpu", TreeEntry::Kind::kFolder));
+        root.put("proc/cpuinfo", cpuinfo_text(shape), 0644);
+    }
+    if (shape.old_model)
+        plant_old_model(shape, root);
+    for (const ShapeFile& file : shape.files) {
+        TreeEntry& entry = root.make(file.path, file.kind);
+        entry.mode = file.mode;
+        entry.text = file.text;
+    }
+}
 
 std::string cpuinfo_text(const NodeShape& shape) {
     std::ostringstream out;
     const std::string flags = flags_line();
     for (int cpu = 0; cpu < shape.cpus(); ++cpu) {
-        out << "processor\t: " << cpu
-            << "\nvendor_id\t: GenuineIntel\ncpu family\t: 6\nmodel\t\t: " << shape.model
-            << "\nmodel name\t: Intel(R) Xeon(R) CPU E5-2680 0 @ 2.70GHz\nstepping\t: 7"
+        out << "processor\t: " << cpu << "\nvendor_id\t: " << shape.vendor
+            << "\ncpu family\t: " << shape.family << "\nmodel\t\t: " << shape.model
+            << "\nmodel name\t: " << shape.model_name << "\nstepping\t: 7"
             << "\nphysical id\t: " << id_at(shape.socket_ids, shape.socket_of(cpu))
             << "\nsiblings\t: " << shape.cores * shape.threads
             << "\ncore id\t\t: " << id_at(shape.core_ids, shape.core_of(cpu))

@@ -8,15 +8,16 @@
 #include <array>
 #include <atomic>
 #include <cstdint>
+#include <string>
 
 #include "tests/support/fakenode/NodeShape.h"
 
 namespace eas::fake {
 
-constexpr int kMaxCpus = 128;
-constexpr int kMaxCounters = 1024;
+constexpr int kMaxCpus = 1024;
+constexpr int kMaxCounters = 16384;
 
-using CpuMask = std::array<uint64_t, 2>;
+using CpuMask = std::array<uint64_t, kMaxCpus / 64>;
 
 struct MsrRegister {
     uint32_t number;
@@ -33,16 +34,9 @@ struct MsrAccess {
 
 enum class MsrDevice { kPresent, kMissing, kShortReads };
 
-struct CpuFrequency {
-    std::array<char, 16> governor;
-    int current;
-    int min;
-    int max;
-};
-
 /// A file write that reached cpufreq, refused or not.
 struct FreqWrite {
-    int cpu;
+    int cpu;  // number of the policy; -1: all of them
     std::array<char, 32> file;
     std::array<char, 32> text;
 };
@@ -80,9 +74,9 @@ struct NodeState {
     Log<MsrAccess, 4096> msr_log;
     int stray_lookups;  // of register devices of CPUs that are not there
 
-    std::array<CpuFrequency, kMaxCpus> cpufreq;
-    FreqDriver driver;
-    Log<FreqWrite, 512> freq_log;
+    bool deaf;    // cpufreq takes every request and stays at its frequency
+    int cap_khz;  // the hardware runs no faster, whatever was asked for; 0: none
+    Log<FreqWrite, 4096> freq_log;
 
     Log<Counter, kMaxCounters> counters;
     int counter_fails_at;  // index of the open that fails with ENODEV; -1: none
@@ -108,6 +102,13 @@ struct NodeState {
         }
         *found = value;
         return true;
+    }
+
+    void log_write(int policy, const std::string& file, const std::string& text) {
+        FreqWrite write{policy, {}, {}};
+        file.copy(write.file.data(), write.file.size() - 1);
+        text.copy(write.text.data(), write.text.size() - 1);
+        freq_log.add(write);
     }
 
     /// Back to the power-on values of `shape`, logs emptied.
