@@ -3,7 +3,10 @@
 // share them, or they see a part of the node.
 #include "node/meter/PowerMeter.h"
 
+#include <poll.h>
+
 #include <algorithm>
+#include <cerrno>
 
 #include "node/files/KeptFile.h"
 #include "node/files/PseudoFile.h"
@@ -15,6 +18,7 @@ namespace {
 const char* const hwmon_class = "/sys/class/hwmon/";
 constexpr double micro = 1e-6;
 constexpr Nanoseconds millisecond = 1'000'000;
+constexpr int first_average = 50;  // ms
 constexpr Nanoseconds usual_interval = 1'000'000'000;
 
 /// What meters of processor modules say of themselves, the widest level first.
@@ -34,17 +38,19 @@ bool is_level(const std::string& info) {
     return info.find("Power Socket") != std::string::npos;
 }
 
-/// The files lie in the device's folder, on older kernels in the one below.
+/// A file of a chip: in its folder, on older kernels in that of its device. Names and values may
+/// lie in different ones.
+std::string file_of(const std::string& chip, const char* name) {
+    const std::string here = chip + "/" + name;
+    return read_text(here).error == ENOENT ? chip + "/device/" + name : here;
+}
+
 std::vector<MeterInfo> find_meters() {
     std::vector<MeterInfo> meters;
     for (const std::string& name : names_in(hwmon_class)) {
-        for (const char* below : {"", "/device"}) {
-            const std::string folder = hwmon_class + name + below;
-            if (read_text(folder + "/name").text != "power_meter")
-                continue;
-            meters.push_back({folder, read_text(folder + "/power1_oem_info").text});
-            break;
-        }
+        const std::string chip = hwmon_class + name;
+        if (read_text(file_of(chip, "name")).text == "power_meter")
+            meters.push_back({chip, read_text(file_of(chip, "power1_oem_info")).text});
     }
     return meters;
 }
@@ -60,13 +66,17 @@ class PowerMeter : public Source {
             return false;
         }
         for (const std::string& folder : chosen.folders) {
-            files_.emplace_back(file_in(folder, "/power1_average"));
-            const auto interval = read_number(file_in(folder, "/power1_average_interval"));
+            files_.emplace_back(file_of(folder, "power1_average"));
+            const auto interval = read_number(file_of(folder, "power1_average_interval"));
             if (interval && *interval > 0 && *interval < 60'000)
                 interval_ = std::max(interval_, static_cast<Nanoseconds>(*interval) * millisecond);
         }
         coverage_ = {chosen.extent, what_, interval_};
-        const auto watts = power(reason);
+        auto watts = power(reason);
+        if (!watts) {  // one that has just been started has no average yet
+            ::poll(nullptr, 0, first_average);
+            watts = power(reason);
+        }
         if (watts)
             integral_.start(request.now, *watts);
         return watts.has_value();
@@ -87,12 +97,6 @@ class PowerMeter : public Source {
     }
 
   private:
-    /// A name and its file may lie in different ones of the two folders.
-    static std::string file_in(const std::string& folder, const char* name) {
-        const bool here = read_text(folder + name).error == 0;
-        return folder + (here ? "" : "/device") + name;
-    }
-
     std::optional<double> power(std::string& reason) {
         double watts = 0;
         for (KeptFile& file : files_) {
