@@ -1,6 +1,7 @@
 #include "node/meter/PerfGroup.h"
 
 #include <linux/perf_event.h>
+#include <sys/ioctl.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -43,6 +44,7 @@ UniqueFd open_event(EventCode code, const EventTarget& target, int leader, bool 
     attr.read_format = PERF_FORMAT_TOTAL_TIME_ENABLED | PERF_FORMAT_TOTAL_TIME_RUNNING;
     if (grouped)
         attr.read_format |= PERF_FORMAT_GROUP;
+    attr.disabled = grouped && leader < 0;
     attr.inherit = target.inherit;
     attr.exclude_kernel = target.user_only;
     attr.exclude_hv = target.user_only;
@@ -99,7 +101,7 @@ int PerfGroup::open(const EventCode* codes, std::size_t count, int cpu) {
         if (!fds_[i].is_open())
             break;
     }
-    if (fds_[count - 1].is_open() && read_group(last_))
+    if (fds_[count - 1].is_open() && ::ioctl(fds_[0].get(), PERF_EVENT_IOC_ENABLE, 0) == 0)
         return 0;
     const int error = errno;
     for (UniqueFd& fd : fds_)

@@ -31,8 +31,8 @@ struct EventTarget {
     bool user_only = false;
 };
 
-/// Opens one event; `leader` -1 for none, `grouped` for one whose reading is that of its group.
-/// -1 with errno after a failure.
+/// Opens one event; `leader` -1 for none, `grouped` for one whose reading is that of its group, and
+/// which waits for PERF_EVENT_IOC_ENABLE if it leads. Not open, with errno, after a failure.
 [[nodiscard]] UniqueFd open_event(EventCode code, const EventTarget& target, int leader,
                                   bool grouped) noexcept;
 
@@ -64,8 +64,8 @@ class PerfGroup {
   public:
     PerfGroup() = default;
 
-    /// Opens `codes` on a CPU for everybody, and takes the first reading. 0, or an errno; the
-    /// group is then empty.
+    /// Opens `codes` on a CPU for everybody; they begin together, at 0. 0, or an errno; the group
+    /// is then empty.
     int open(const EventCode* codes, std::size_t count, int cpu);
 
     /// Reads once; adds to the totals.

@@ -76,8 +76,9 @@ std::optional<Terms> parse_terms(std::string_view text) {
     Terms terms;
     while (!text.empty()) {
         std::string_view value = next_part(text, ',');
+        const bool alone = value.find('=') == std::string_view::npos;
         const std::string_view name = next_part(value, '=');
-        const auto number = value.empty() ? std::optional<std::uint64_t>(1) : parse_value(value);
+        const auto number = alone ? std::optional<std::uint64_t>(1) : parse_value(value);
         if (name.empty() || !number)
             return std::nullopt;
         terms.emplace_back(name, *number);

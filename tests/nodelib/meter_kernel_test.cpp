@@ -1,0 +1,318 @@
+// The meter against the kernel of this machine: its events, its limits, its processes.
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <linux/perf_event.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <thread>
+
+#include "node/meter/CoreEvents.h"
+#include "node/meter/DescriptorRoom.h"
+#include "node/node.h"
+#include "tests/support/ScratchFolder.h"
+
+namespace eas::node {
+namespace {
+
+using ::testing::HasSubstr;
+using namespace std::chrono_literals;
+
+struct MeterCloser {
+    void operator()(easnode_meter* meter) const { easnode_meter_close(meter); }
+};
+using OwnedMeter = std::unique_ptr<easnode_meter, MeterCloser>;
+
+easnode_meter_options plain_options() {
+    easnode_meter_options options{};
+    options.size = sizeof options;
+    return options;
+}
+
+OwnedMeter opened(const easnode_meter_options& options) {
+    easnode_meter* meter = nullptr;
+    EXPECT_EQ(EASNODE_OK, easnode_meter_open(&options, &meter));
+    return OwnedMeter(meter);
+}
+
+easnode_reading reading_of(const OwnedMeter& meter) {
+    easnode_reading reading{};
+    reading.size = sizeof reading;
+    EXPECT_EQ(EASNODE_OK, easnode_meter_read(meter.get(), &reading));
+    return reading;
+}
+
+size_t descriptors() {
+    return static_cast<size_t>(std::distance(std::filesystem::directory_iterator("/proc/self/fd"),
+                                             std::filesystem::directory_iterator()));
+}
+
+/// Works until this thread has had so much of a CPU.
+void spin_cpu(std::chrono::milliseconds time) {
+    const auto used = [] {
+        timespec now{};
+        ::clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
+        return std::chrono::seconds(now.tv_sec) + std::chrono::nanoseconds(now.tv_nsec);
+    };
+    const auto until = used() + time;
+    while (used() < until) {
+    }
+}
+
+// Software events need no hardware: the groups, the times and the process's tree are real.
+constexpr EventCode software[] = {{PERF_TYPE_SOFTWARE, PERF_COUNT_SW_CPU_CLOCK},
+                                  {PERF_TYPE_SOFTWARE, PERF_COUNT_SW_CONTEXT_SWITCHES}};
+constexpr EventSet clock_and_switches = {software, 2, "software events"};
+constexpr EventCode task_clock[] = {{PERF_TYPE_SOFTWARE, PERF_COUNT_SW_TASK_CLOCK}};
+constexpr EventSet clock_of_tasks = {task_clock, 1, "task clock"};
+
+TEST(CpuEvents, CountOnEveryCpuInOneReadingEach) {
+    std::string reason;
+    CpuEvents events;
+    ASSERT_TRUE(events.open(clock_and_switches, reason)) << reason;
+    const auto begin = std::chrono::steady_clock::now();
+    std::this_thread::sleep_for(100ms);
+    EventTotals totals;
+    Result result;
+    ASSERT_TRUE(events.read(totals, result)) << result.reason;
+    const std::chrono::duration<double, std::nano> passed =
+        std::chrono::steady_clock::now() - begin;
+    const auto cpus = static_cast<double>(::sysconf(_SC_NPROCESSORS_ONLN));
+    EXPECT_NEAR(1, static_cast<double>(totals.values[0]) / (passed.count() * cpus), 0.1);
+    EXPECT_GT(totals.values[1], 0U) << "this thread slept";
+}
+
+TEST(TaskEvents, CountAProcessItsThreadsAndItsChildrenOnly) {
+    std::string reason;
+    std::atomic<bool> goes_on = true;
+    std::thread another([&] {
+        while (goes_on)
+            std::this_thread::sleep_for(1ms);
+        spin_cpu(30ms);
+    });
+    TaskEvents events;
+    ASSERT_TRUE(events.open(clock_of_tasks, ::getpid(), reason)) << reason;
+    goes_on = false;
+    another.join();
+    const pid_t child = ::fork();
+    if (child == 0) {
+        spin_cpu(50ms);
+        ::_exit(0);
+    }
+    ::waitpid(child, nullptr, 0);
+    EventTotals totals;
+    Result result;
+    ASSERT_TRUE(events.read(totals, result)) << result.reason;
+    const double milliseconds = static_cast<double>(totals.values[0]) / 1e6;
+    EXPECT_GE(milliseconds, 60);
+    EXPECT_LE(milliseconds, 400);
+    TaskEvents of_nobody;
+    EXPECT_FALSE(of_nobody.open(clock_of_tasks, child, reason));
+    EXPECT_THAT(reason, HasSubstr("task clock: "));
+}
+
+/// Instructions of `child`, counted beside the meter; -1 when the machine cannot.
+UniqueFd independent_count(pid_t child) {
+    EventTarget target;
+    target.process = child;
+    target.inherit = true;
+    return open_event({PERF_TYPE_HARDWARE, PERF_COUNT_HW_INSTRUCTIONS}, target, -1, false);
+}
+
+TEST(Meter, CountsTheInstructionsOfACommandOrSaysThatTheMachineCannot) {
+    int go[2];
+    ASSERT_EQ(0, ::pipe(go));
+    const pid_t child = ::fork();
+    if (child == 0) {
+        char byte = 0;
+        if (::read(go[0], &byte, 1) != 1)
+            ::_exit(1);
+        volatile unsigned sum = 0;
+        for (unsigned i = 0; i < 50'000'000; ++i)
+            sum = sum + i;
+        ::_exit(0);
+    }
+    easnode_meter_options options = plain_options();
+    options.process = child;
+    const OwnedMeter meter = opened(options);
+    const UniqueFd other = independent_count(child);
+    ASSERT_EQ(1, ::write(go[1], "", 1));
+    ::waitpid(child, nullptr, 0);
+    ::close(go[0]);
+    ::close(go[1]);
+    const easnode_reading reading = reading_of(meter);
+    if (!other.is_open()) {
+        EXPECT_EQ(EASNODE_MISSING, reading.instructions.quality);
+        EXPECT_EQ(0, reading.instructions.value);
+        EXPECT_STRNE("", reading.instructions.reason);
+        return;
+    }
+    std::array<uint64_t, 3> words{};  // value, time enabled, time running
+    ASSERT_EQ(static_cast<ssize_t>(sizeof words), ::read(other.get(), words.data(), sizeof words));
+    const double expected = static_cast<double>(words[0]) * static_cast<double>(words[1]) /
+                            static_cast<double>(words[2]);
+    EXPECT_NEAR(1, reading.instructions.value / expected, 0.01);
+    EXPECT_GE(reading.instructions.value, 50e6);
+}
+
+TEST(Meter, RefusesWhatItCannotDoAndLeavesNothingOpen) {
+    const size_t before = descriptors();
+    easnode_meter* meter = nullptr;
+    EXPECT_EQ(EASNODE_BAD_ARGUMENT, easnode_meter_open(nullptr, nullptr));
+    easnode_meter_options options = plain_options();
+    options.size = 8;
+    EXPECT_EQ(EASNODE_BAD_ARGUMENT, easnode_meter_open(&options, &meter));
+    options = plain_options();
+    options.energy_sources = "powercap,sun";
+    EXPECT_EQ(EASNODE_NO_SUCH_SOURCE, easnode_meter_open(&options, &meter));
+    options = plain_options();
+    options.process = 0x7ffffffe;
+    EXPECT_EQ(EASNODE_NO_SUCH_PROCESS, easnode_meter_open(&options, &meter));
+    const char* const relative[] = {"sh", nullptr};
+    options = plain_options();
+    options.command = relative;
+    EXPECT_EQ(EASNODE_BAD_ARGUMENT, easnode_meter_open(&options, &meter));
+    EXPECT_EQ(nullptr, meter);
+    options = plain_options();
+    options.core_sources = options.memory_sources = options.energy_sources = "none";
+    OwnedMeter nothing = opened(options);
+    EXPECT_STREQ("not asked for", reading_of(nothing).cycles.reason);
+    easnode_reading small{};
+    small.size = sizeof small.size;
+    EXPECT_EQ(EASNODE_BAD_ARGUMENT, easnode_meter_read(nothing.get(), &small));
+    easnode_source source{};
+    source.size = sizeof source;
+    EXPECT_EQ(EASNODE_BAD_ARGUMENT, easnode_meter_source(nothing.get(), 0, 99, &source));
+    opened(plain_options()).reset();
+    nothing.reset();
+    easnode_meter_close(nullptr);
+    EXPECT_EQ(before, descriptors());
+}
+
+TEST(Meter, FillsNoMoreThanTheCallerKnows) {
+    const OwnedMeter meter = opened(plain_options());
+    struct {
+        easnode_reading reading;
+        char behind[64];
+    } newer{};
+    newer.reading.size = sizeof newer;
+    ASSERT_EQ(EASNODE_OK, easnode_meter_read(meter.get(), &newer.reading));
+    EXPECT_EQ(sizeof newer, newer.reading.size);
+    for (const char c : newer.behind)
+        EXPECT_EQ(0, c);
+}
+
+/// A meter whose energy is that of a script.
+class SiteCommandTest : public ::testing::Test {
+  protected:
+    OwnedMeter meter_of(const std::string& body, int gives = EASNODE_COMMAND_WATTS) {
+        path_ = (folder_.path() / "power").string();
+        write(body);
+        const char* const command[] = {"/bin/sh", path_.c_str(), nullptr};
+        easnode_meter_options options = plain_options();
+        options.command = command;
+        options.command_gives = gives;
+        options.command_timeout_ms = 400;
+        options.core_sources = options.memory_sources = "none";
+        options.energy_sources = "command";
+        return opened(options);
+    }
+    void write(const std::string& body) { std::ofstream(path_) << body; }
+
+    test::ScratchFolder folder_;
+    std::string path_;
+};
+
+TEST_F(SiteCommandTest, GivesWattsOverTimeOrJoulesAsTheyAre) {
+    OwnedMeter meter = meter_of("echo 200 W");
+    std::this_thread::sleep_for(100ms);
+    easnode_reading reading = reading_of(meter);
+    EXPECT_EQ(EASNODE_INTEGRATED, reading.energy.quality) << reading.energy.reason;
+    EXPECT_NEAR(200, reading.energy.value / (static_cast<double>(reading.time_ns) / 1e9), 60);
+    EXPECT_THAT(reading.energy.covers, HasSubstr("integrated from 2 samples"));
+
+    meter = meter_of("echo 1000 J", EASNODE_COMMAND_JOULES);
+    write("echo 1500 J");
+    reading = reading_of(meter);
+    EXPECT_EQ(EASNODE_COUNTED, reading.energy.quality);
+    EXPECT_DOUBLE_EQ(500, reading.energy.value);
+    write("echo 7 J");
+    EXPECT_THAT(reading_of(meter).energy.reason, HasSubstr("backwards"));
+    write("echo 2000 J");
+    EXPECT_EQ(EASNODE_MISSING, reading_of(meter).energy.quality) << "one that failed has ended";
+}
+
+TEST_F(SiteCommandTest, ThatHangsDiesOrBabblesIsAMissingFigureWithItsReason) {
+    const struct {
+        const char* body;
+        const char* reason;
+    } rows[] = {
+        {"exec sleep 30", "did not end in time"},
+        {"sleep 30 & wait", "did not end in time"},
+        {"exec >&-; exec sleep 30", "did not end in time"},
+        {"exit 3", "ended with status 3"},
+        {"kill -9 $$", "was killed by signal 9"},
+        {"echo power supply missing", "says \"power supply missing\""},
+        {"while :; do echo 1234567890123456789012345678901234567890; done", "without end"},
+        {"echo 0", "says \"0\""},
+    };
+    for (const auto& row : rows) {
+        const size_t before = descriptors();
+        OwnedMeter meter = meter_of("echo 200");
+        write(row.body);
+        const auto begin = std::chrono::steady_clock::now();
+        const easnode_reading reading = reading_of(meter);
+        EXPECT_LT(std::chrono::steady_clock::now() - begin, 3s) << row.body;
+        EXPECT_EQ(EASNODE_MISSING, reading.energy.quality);
+        EXPECT_EQ(0, reading.energy.value);
+        EXPECT_THAT(reading.energy.reason, HasSubstr(row.reason));
+        EXPECT_EQ(-1, ::waitpid(-1, nullptr, WNOHANG)) << "a child is left of " << row.body;
+        meter.reset();
+        EXPECT_EQ(before, descriptors());
+    }
+}
+
+TEST_F(SiteCommandTest, SeesNothingOfTheProgramThatAsks) {
+    const UniqueFd inherited(::dup2(STDIN_FILENO, 77));  // without O_CLOEXEC
+    ::setenv("SECRET", "x", 1);
+    OwnedMeter meter = meter_of("[ -z \"$SECRET\" ] && [ ! -e /proc/$$/fd/77 ] && echo 5",
+                                EASNODE_COMMAND_JOULES);
+    const easnode_reading reading = reading_of(meter);
+    EXPECT_EQ(EASNODE_COUNTED, reading.energy.quality) << reading.energy.reason;
+}
+
+TEST(DescriptorRoom, LeavesTheProgramItsOwnNumbersAndItsLimit) {
+    rlimit before{};
+    ASSERT_EQ(0, ::getrlimit(RLIMIT_NOFILE, &before));
+    ASSERT_GT(before.rlim_max, 400U);
+    rlimit low = before;
+    low.rlim_cur = 64;
+    ASSERT_EQ(0, ::setrlimit(RLIMIT_NOFILE, &low));
+    std::vector<UniqueFd> events;
+    {
+        const DescriptorRoom room;
+        for (int i = 0; i < 100; ++i)
+            events.push_back(open_event(task_clock[0], {0, -1, false, false}, -1, false));
+    }
+    rlimit after{};
+    ::getrlimit(RLIMIT_NOFILE, &after);
+    EXPECT_EQ(low.rlim_cur, after.rlim_cur);
+    for (const UniqueFd& event : events) {
+        EXPECT_GE(event.get(), 64);
+        std::array<uint64_t, 3> words{};
+        EXPECT_EQ(static_cast<ssize_t>(sizeof words),
+                  ::read(event.get(), words.data(), sizeof words));
+    }
+    const UniqueFd own(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+    EXPECT_LT(own.get(), 64);
+    EXPECT_GE(own.get(), 0);
+}
+
+}  // namespace
+}  // namespace eas::node
