@@ -50,9 +50,18 @@ int unbind_this_thread(cpu_set_t oset);
 
 namespace eas {
 
-/// The reading behind discover_topology, less the register: fills `cinfo` from `cpuinfo`, which
-/// stays open. 0 or -2 as above.
-int read_topology(std::FILE* cpuinfo);
+struct TopologyReading {
+    int result;  ///< 0 or -2 as of discover_topology
+    cpuinfo_t processors;
+};
+
+/// The reading behind discover_topology, less the register. `cpuinfo` stays open; `cinfo` is left
+/// as it is, so that a node can be looked at while it is sampled.
+[[nodiscard]] TopologyReading read_topology(std::FILE* cpuinfo);
+
+/// Nominal clock in Hz, from bits 15:8 of the platform-information register of CPU 0 and the bus
+/// clock of the model; 0 when the register cannot be read.
+[[nodiscard]] std::uint64_t nominal_clock(const cpuinfo_t& processors);
 
 /// Whether counters of this family and model can be programmed.
 [[nodiscard]] bool can_be_sampled(const cpuinfo_t& processors) noexcept;

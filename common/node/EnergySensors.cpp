@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -12,6 +11,7 @@
 #include "base/UniqueFd.h"
 #include "common/node/CpuTopology.h"
 #include "common/node/Msr.h"
+#include "common/node/ProcessorModel.h"
 
 const std::array<const char*, 14> value_files = {{
     "energy1_input",
@@ -57,10 +57,9 @@ constexpr std::array<unsigned long enrusage::*, 14> VALUES = {{
     &enrusage::temp2_input,
 }};
 
-// Models whose thermal registers have the layout that is read here.
-constexpr std::array<int, 7> MODELS_WITH_TEMPERATURE = {{26, 30, 37, 44, 45, 47, 62}};
-
-constexpr std::uint32_t MSR_THERM_STATUS = 0x19C;        // bits 22:16 readout, bit 31 valid
+// Thermal registers as in the processor vendor's software developer manual. The readout is bits
+// 22:16 there; bit 23 is reserved, reads as 0, and is taken along.
+constexpr std::uint32_t MSR_THERM_STATUS = 0x19C;        // bit 31: the readout is valid
 constexpr std::uint32_t MSR_TEMPERATURE_TARGET = 0x1A2;  // bits 23:16 junction maximum
 
 eas::UniqueFd open_sensor(const char* device, const char* fname) {
@@ -133,17 +132,14 @@ int verify_qpx() {
     return static_cast<int>(sysfs_get_one_value(0));
 }
 
-int read_inlet_temperature(hwrusage* usage) {
-    usage->inlet_temperature = NO_TEMPERATURE;
-    const auto& models = MODELS_WITH_TEMPERATURE;
-    if (std::find(models.begin(), models.end(), cinfo.model) == models.end())
-        return 0;
-    if (cinfo.numSockets < 1)
-        return 0;
+std::uint64_t eas::mean_margin(const cpuinfo_t& processors) {
+    const ProcessorModel* model = find_model(processors.model);
+    if (model == nullptr || !model->thermal_sensor || processors.numSockets < 1)
+        return NO_TEMPERATURE;
     int sum = 0;
     bool all_valid = true;
-    for (int s = 0; s < cinfo.numSockets; ++s) {
-        const int cpu = cinfo.cpuId[s];
+    for (int s = 0; s < processors.numSockets; ++s) {
+        const int cpu = processors.cpuId[s];
         int margin = 0;
         if (cpu >= 0 && read_margin(cpu, margin)) {
             sum += margin;
@@ -151,7 +147,10 @@ int read_inlet_temperature(hwrusage* usage) {
             all_valid = false;
         }
     }
-    if (all_valid)
-        usage->inlet_temperature = static_cast<std::uint64_t>(sum / cinfo.numSockets);
+    return all_valid ? static_cast<std::uint64_t>(sum / processors.numSockets) : NO_TEMPERATURE;
+}
+
+int read_inlet_temperature(hwrusage* usage) {
+    usage->inlet_temperature = eas::mean_margin(cinfo);
     return 0;
 }

@@ -3,6 +3,7 @@
 
 #include <array>
 
+#include "common/node/CpuTopology.h"
 #include "common/node/EasMisc.h"
 
 /// Sensor files in the order of the fields of enrusage, which have the same names.
@@ -17,6 +18,9 @@ constexpr unsigned NO_TEMPERATURE = 999;
 int read_inlet_temperature(hwrusage* usage);
 
 namespace eas {
+
+/// What read_inlet_temperature stores, for these processors. A mean below 0 wraps.
+[[nodiscard]] std::uint64_t mean_margin(const cpuinfo_t& processors);
 
 /// The number that the text of a sensor file begins with (strtoul(3), base 0); 0 for none and for
 /// one that does not fit.

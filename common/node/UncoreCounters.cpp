@@ -2,12 +2,12 @@
 
 #include "common/node/CpuTopology.h"
 #include "common/node/MemoryChannels.h"
+#include "common/node/ProcessorModel.h"
 #include "common/node/UncoreMsrCounters.h"
 
 namespace {
 
 constexpr std::uint64_t BYTES_PER_LINE = 64;
-constexpr int NEWEST_MODEL = 62;
 
 using Method = eas::MemoryMethod;
 using eas::memory_method;
@@ -43,26 +43,7 @@ std::uint64_t bytes_of_socket(Method method, unsigned socket) {
 
 }  // namespace
 
-Method eas::memory_method(int model) {
-    switch (model) {
-        case 26:
-        case 30:
-        case 37:
-        case 44:
-            return Method::uncore_msrs;
-        case 45:
-        case 62:
-            return Method::memory_channels;
-        case 47:
-            return Method::uncore_boxes;
-        default:
-            return Method::none;
-    }
-}
-
 int init_uncore_counters() {
-    if (cinfo.model > NEWEST_MODEL)
-        return 0;
     switch (memory_method(cinfo.model)) {
         case Method::uncore_msrs:
             init_uncore_msrs();

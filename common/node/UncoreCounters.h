@@ -3,14 +3,6 @@
 
 #include "common/node/EasMisc.h"
 
-namespace eas {
-
-/// How memory traffic is counted; none: it reads as 0.
-enum class MemoryMethod { none, uncore_msrs, memory_channels, uncore_boxes };
-MemoryMethod memory_method(int model);
-
-}  // namespace eas
-
 /// Programs every socket. 0, also for a model without a method; -1 when the memory channels of a
 /// socket cannot be had: the sockets before it are then given back, its own stay mapped until the
 /// clean-up.

@@ -138,8 +138,8 @@ std::pair<int, bool> verdict(const std::string& vendor, int family, int model) {
     std::string text =
         "processor\t: 0\nvendor_id\t: " + vendor + "\ncpu family\t: " + std::to_string(family) +
         "\nmodel\t\t: " + std::to_string(model) + "\nprocessor\t: 1\nvendor_id\t: not looked at\n";
-    const int result = read_topology(stream_of(text).get());
-    return {result, can_be_sampled(cinfo)};
+    const auto [result, processors] = read_topology(stream_of(text).get());
+    return {result, can_be_sampled(processors)};
 }
 
 TEST(TopologyReaderTest, KnowsElevenModelsOfWhichNineCanBeSampled) {
@@ -160,25 +160,28 @@ TEST(TopologyReaderTest, NumbersBeyondTheTablesLeaveABlankRecord) {
          {"physical id\t: 4", "physical id\t: -1", "physical id\t: x", "core id\t: 64",
           "core id\t: -1", "core id\t:", "processor\t: 128", "processor\t: 99999999999\n"}) {
         std::string text = good + bad;
-        EXPECT_EQ(-2, read_topology(stream_of(text).get())) << bad;
-        EXPECT_EQ(0, cinfo.family) << bad;
-        EXPECT_EQ(0, cinfo.numSockets) << bad;
-        EXPECT_THAT(cinfo.cpuId, Each(-1)) << bad;
+        const auto [result, processors] = read_topology(stream_of(text).get());
+        EXPECT_EQ(-2, result) << bad;
+        EXPECT_EQ(0, processors.family) << bad;
+        EXPECT_EQ(0, processors.numSockets) << bad;
+        EXPECT_THAT(processors.cpuId, Each(-1)) << bad;
     }
     std::string same_again;
     for (int i = 0; i <= MAX_CPUS; ++i)
         same_again += "processor\t: 0\n";
-    EXPECT_EQ(-2, read_topology(stream_of(same_again).get()));
+    EXPECT_EQ(-2, read_topology(stream_of(same_again).get()).result);
 }
 
 TEST(TopologyReaderTest, NoCoreIdsGiveNoCoresAndNoDivision) {
     std::string text = "processor\t: 0\nphysical id\t: 3\nprocessor\t: 1\nphysical id\t: 3\n";
-    EXPECT_EQ(0, read_topology(stream_of(text).get()));
-    EXPECT_EQ(0, cinfo.numCores);
-    EXPECT_EQ(2, cinfo.numThreads);
-    EXPECT_EQ(1, cinfo.threads_per_core);
-    EXPECT_THAT(cinfo.SId, ElementsAre(3, -1, -1, -1));
-    EXPECT_THAT(cinfo.cpuId, ElementsAre(-1, -1, -1, 0));
+    const auto [result, processors] = read_topology(stream_of(text).get());
+    EXPECT_EQ(0, result);
+    EXPECT_EQ(0, processors.numCores);
+    EXPECT_EQ(2, processors.numThreads);
+    EXPECT_EQ(1, processors.threads_per_core);
+    EXPECT_THAT(processors.SId, ElementsAre(3, -1, -1, -1));
+    EXPECT_THAT(processors.cpuId, ElementsAre(-1, -1, -1, 0));
+    EXPECT_EQ(0, cinfo.numThreads) << "a look changes nothing that a sampler uses";
 }
 
 TEST(NodeThreadsTest, AreThreadsPerCoreTimesCoresTimesSockets) {

@@ -36,6 +36,11 @@ const char* name_of(LinkStatus status) noexcept {
     return shown(status).text;
 }
 
+Link identified(LinkId id, Link link) {
+    link.id = id;
+    return link;
+}
+
 bool is_broken(const Link& link) {
     return link.status == LinkStatus::missing || link.status == LinkStatus::denied ||
            link.status == LinkStatus::wrong;

@@ -9,6 +9,30 @@
 
 namespace easctl {
 
+enum class LinkId {
+    none,
+    // from a call of the library to the coefficients
+    locator,
+    driver_manager,
+    pooling,
+    data_source,
+    driver,
+    connection,
+    schema,
+    rights,
+    coefficients,
+    thresholds,
+    // from the node's programs to its hardware
+    processor,
+    registers,
+    core_counters,
+    memory_counters,
+    cpufreq_driver,
+    cpufreq_governor,
+    frequencies,
+    energy_meter,
+};
+
 enum class LinkStatus { ok, warning, missing, denied, wrong, skipped };
 
 struct Link {
@@ -17,7 +41,11 @@ struct Link {
     std::string found;    ///< what is there
     std::string meaning;  ///< what follows from it, unless all is well
     std::string remedy;   ///< the command that mends it
+    LinkId id = LinkId::none;
 };
+
+/// `link` as the one of that id.
+Link identified(LinkId id, Link link);
 
 const char* name_of(LinkStatus status) noexcept;
 /// Missing, denied or wrong.

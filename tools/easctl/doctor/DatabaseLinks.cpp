@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>
@@ -300,42 +301,62 @@ Link connection(const DoctorOptions& options, std::optional<Database>& database)
     }
 }
 
+/// The links in the order in which each needs those before it.
+class Chain {
+  public:
+    void add(LinkId id, Link link) { links_.push_back(identified(id, std::move(link))); }
+    [[nodiscard]] bool last_holds() const { return holds(links_.back()); }
+    /// Whether the library would get as far as connecting.
+    [[nodiscard]] bool can_connect() const {
+        return std::all_of(links_.begin(), links_.end(), [](const Link& link) {
+            const bool optional = link.id == LinkId::locator;
+            return optional ||
+                   (link.status != LinkStatus::denied && link.status != LinkStatus::wrong &&
+                    (link.id != LinkId::driver_manager || holds(link)));
+        });
+    }
+    std::vector<Link> take() { return std::move(links_); }
+
+  private:
+    std::vector<Link> links_;
+};
+
 void examine_contents(DoctorOptions options, std::optional<Database>& database, CoEfficients& model,
-                      std::vector<Link>& links) {
-    links.push_back(database ? examined("schema", [&] { return schema(*database); })
-                             : skipped("schema", "needs the connection"));
+                      Chain& chain) {
+    chain.add(LinkId::schema, database ? examined("schema", [&] { return schema(*database); })
+                                       : skipped("schema", "needs the connection"));
     const std::string stored =
         options.cluster.empty() ? "coefficients" : "coefficients of " + options.cluster;
-    if (holds(links.back())) {
-        links.push_back(examined(account_link, [&] { return rights(*database); }));
-        links.push_back(examined(stored, [&] { return coefficients(options, *database, model); }));
+    if (chain.last_holds()) {
+        chain.add(LinkId::rights, examined(account_link, [&] { return rights(*database); }));
+        chain.add(LinkId::coefficients,
+                  examined(stored, [&] { return coefficients(options, *database, model); }));
     } else {
-        links.push_back(skipped(account_link, "needs the schema"));
-        links.push_back(skipped(stored, "needs the schema"));
+        chain.add(LinkId::rights, skipped(account_link, "needs the schema"));
+        chain.add(LinkId::coefficients, skipped(stored, "needs the schema"));
     }
     if (!options.thresholds.empty())
-        links.push_back(thresholds(options, model));
+        chain.add(LinkId::thresholds, thresholds(options, model));
 }
 
 }  // namespace
 
 std::vector<Link> examine_database(const DoctorOptions& options, CoEfficients& model) {
-    std::vector<Link> links{locator(), driver_manager()};
-    bool usable = links.back().status == LinkStatus::ok;
-    const auto add = [&](Link link) {
-        usable &= link.status != LinkStatus::denied && link.status != LinkStatus::wrong;
-        links.push_back(std::move(link));
-    };
+    Chain chain;
     const std::string dsn = options.database.dsn_name();
+    chain.add(LinkId::locator, locator());
+    chain.add(LinkId::driver_manager, driver_manager());
     const OdbcConfiguration odbc;
-    add(pooling(odbc));
-    add(data_source(odbc, dsn));
-    add(holds(links.back()) ? driver(odbc, dsn) : skipped("driver", "needs the data source"));
+    chain.add(LinkId::pooling, pooling(odbc));
+    chain.add(LinkId::data_source, data_source(odbc, dsn));
+    chain.add(LinkId::driver,
+              chain.last_holds() ? driver(odbc, dsn) : skipped("driver", "needs the data source"));
     std::optional<Database> database;
-    links.push_back(usable ? connection(options, database)
-                           : skipped("connection", "needs the links above"));
-    examine_contents(options, database, model, links);
-    return links;
+    chain.add(LinkId::connection, chain.can_connect()
+                                      ? connection(options, database)
+                                      : skipped("connection", "needs the links above"));
+    examine_contents(options, database, model, chain);
+    return chain.take();
 }
 
 }  // namespace easctl

@@ -41,11 +41,10 @@ struct PlannedRun {
 /// Throws Failure that names everything that is missing, at once.
 void require_node() {
     std::string missing;
-    for (const Link& link : examine_node({})) {
+    for (const Link& link : examine_node(node_links)) {
         // A list of frequencies can be given, too.
-        if (is_broken(link) && link.name != "frequencies")
-            missing += '\n' + link.name + ' ' + name_of(link.status) + ": " + link.found +
-                       "; what to do: " + link.remedy;
+        if (is_broken(link) && link.id != LinkId::frequencies)
+            missing += '\n' + trouble_of(link);
     }
     if (!missing.empty())
         throw Failure(ExitCode::node, "this node cannot be calibrated:" + missing);

@@ -75,8 +75,8 @@ std::string cpu_name(int cpu) {
 }
 
 [[noreturn]] void fail_refused(int cpu, const std::string& what) {
-    for (const Link& link : examine_node({})) {
-        if (is_broken(link) && link.name.compare(0, 7, "cpufreq") == 0)
+    for (const Link& link : examine_node(frequency_links)) {
+        if (is_broken(link))
             throw Failure(ExitCode::node,
                           cpu_name(cpu) + ": " + what + " was refused: driver " +
                               frequency_driver(cpu) + ", " + link.name + ' ' +

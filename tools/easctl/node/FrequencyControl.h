@@ -27,9 +27,9 @@ void set_governor(const std::vector<int>& cpus, const std::string& governor);
 /// Throws Failure when one of the CPUs does not run at `khz`, after `patience` seconds.
 void check_frequency(const std::vector<int>& cpus, int khz, double patience);
 
-/// Remembers governor and frequency of the CPUs; gives them back when it is destroyed. A process
-/// that waits beside this one does so when this one is killed before. To be made before there are
-/// threads. The limits of the frequency range are never touched.
+/// Remembers governor and frequency of the CPUs; gives them back when it is destroyed. A child
+/// process gives them back if this process is killed first. To be made before there are threads.
+/// The limits of the frequency range are never touched.
 class FrequencyGuard {
   public:
     explicit FrequencyGuard(const std::vector<int>& cpus);

@@ -9,7 +9,8 @@ namespace easctl {
 
 class GrowingCount {
   public:
-    /// Nothing: it cannot be read now. Nor can one that says 0 after it said more.
+    /// An empty `reading` means that the count cannot be read now. A 0 after a higher value means
+    /// the same: the meter's driver has gone.
     void read(std::optional<std::uint64_t> reading) {
         if (reading == 0U && latest_ > 0U)
             reading.reset();
@@ -26,7 +27,7 @@ class GrowingCount {
         latest_ = *reading;
     }
 
-    /// Growth since the reading before, and since the first one; nothing where nobody knows it.
+    /// Growth since the reading before, and since the first one; empty where it is not known.
     [[nodiscard]] std::optional<double> step() const { return since(before_); }
     [[nodiscard]] std::optional<double> whole() const { return since(first_); }
 

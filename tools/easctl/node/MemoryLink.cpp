@@ -9,15 +9,15 @@
 #include <cstring>
 
 #include "base/UniqueFd.h"
-#include "common/node/CpuTopology.h"
 #include "common/node/MemoryChannels.h"
-#include "common/node/UncoreCounters.h"
+#include "common/node/ProcessorModel.h"
 
 namespace easctl {
 namespace {
 
 Link broken(LinkStatus status, const std::string& found, const std::string& remedy) {
-    return {memory_link, status, found, "no memory traffic: a job cannot be measured", remedy};
+    return {"memory counters", status, found, "no memory traffic: a job cannot be measured",
+            remedy};
 }
 
 Link broken(const std::string& path, int error, const std::string& when_denied,
@@ -28,16 +28,16 @@ Link broken(const std::string& path, int error, const std::string& when_denied,
 }
 
 /// Models whose counters are registers: those of each socket's first CPU are used.
-Link by_registers() {
-    for (int s = 0; s < cinfo.numSockets; ++s) {
-        const std::string path =
-            "/dev/cpu/" + std::to_string(std::max(0, cinfo.cpuId[cinfo.SId[s]])) + "/msr";
+Link by_registers(const cpuinfo_t& processors) {
+    for (int s = 0; s < processors.numSockets; ++s) {
+        const int cpu = processors.cpuId[processors.SId[s]];
+        const std::string path = "/dev/cpu/" + std::to_string(std::max(0, cpu)) + "/msr";
         const eas::UniqueFd device(::open(path.c_str(), O_RDWR | O_CLOEXEC));
         if (!device.is_open())
             return broken(path, errno, "run as root (secure boot may lock registers)",
                           "modprobe msr");
     }
-    return {memory_link, LinkStatus::ok, "registers of each socket", "", ""};
+    return {"memory counters", LinkStatus::ok, "registers of each socket", "", ""};
 }
 
 /// Models whose counters are pages of the memory controllers.
@@ -69,26 +69,31 @@ Link by_physical_memory() {
         return broken("a page of the memory controller", error, when_denied,
                       "enable memory-mapped PCI configuration in the firmware");
     ::munmap(page, CHANNEL_PAGE_SIZE);
-    return {memory_link, LinkStatus::ok, "the memory controllers can be mapped", "", ""};
+    return {"memory counters", LinkStatus::ok, "the memory controllers can be mapped", "", ""};
 }
 
 }  // namespace
 
-Link examine_memory_counters() {
-    switch (eas::memory_method(cinfo.model)) {
+Link examine_memory_counters(const cpuinfo_t& processors) {
+    switch (eas::memory_method(processors.model)) {
         case eas::MemoryMethod::uncore_msrs:
         case eas::MemoryMethod::uncore_boxes:
-            return by_registers();
+            return by_registers(processors);
         case eas::MemoryMethod::memory_channels:
             return by_physical_memory();
         case eas::MemoryMethod::none:
             break;
     }
-    return broken(
-        LinkStatus::missing,
-        "the library knows none of " + (cinfo.model > 0 ? "model " + std::to_string(cinfo.model)
-                                                        : std::string("this processor")),
-        "calibrate and measure on a node of model 26, 30, 37, 44, 45, 47 or 62");
+    std::vector<std::string> models;
+    for (const eas::ProcessorModel& model : eas::processor_models) {
+        if (model.memory != eas::MemoryMethod::none)
+            models.push_back(std::to_string(model.model));
+    }
+    const int model = processors.model;
+    return broken(LinkStatus::missing,
+                  "the library knows none of " +
+                      (model > 0 ? "model " + std::to_string(model) : "this processor"),
+                  "calibrate and measure on a node whose model is one of " + joined(models));
 }
 
 }  // namespace easctl

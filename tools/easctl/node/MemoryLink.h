@@ -2,12 +2,12 @@
 // can be made of such a job.
 #pragma once
 
+#include "common/node/CpuTopology.h"
 #include "tools/easctl/cli/Link.h"
 
 namespace easctl {
 
-constexpr const char* memory_link = "memory counters";
-/// Looks at what hwrusage::membytes_xferred is made of. The topology must have been read.
-Link examine_memory_counters();
+/// Looks at what hwrusage::membytes_xferred is made of on these processors.
+Link examine_memory_counters(const cpuinfo_t& processors);
 
 }  // namespace easctl

@@ -45,7 +45,7 @@ Json info_json(const std::vector<Link>& links) {
 }
 
 void run_info(Globals& globals) {
-    const std::vector<Link> links = examine_node({});
+    const std::vector<Link> links = examine_node(node_links);
     if (std::any_of(links.begin(), links.end(), is_broken))
         globals.outcome = ExitCode::node;
     if (globals.json)
@@ -136,12 +136,11 @@ void run_frequency(const FrequencyOptions& options, Globals& globals) {
     if (options.khz > 0 || !options.governor.empty())
         change(cpus, options);
     show_frequencies(cpus, globals);
-    for (const Link& link : examine_node({})) {
-        if (!is_broken(link) || link.name.compare(0, 7, "cpufreq") != 0)
+    for (const Link& link : examine_node(frequency_links)) {
+        if (!is_broken(link))
             continue;
         globals.outcome = ExitCode::node;
-        remark(globals, link.name + ' ' + name_of(link.status) + ": " + link.found +
-                            "; what to do: " + link.remedy);
+        remark(globals, trouble_of(link));
     }
 }
 

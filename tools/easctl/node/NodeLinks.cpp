@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstring>
 #include <fstream>
@@ -15,6 +16,7 @@
 #include "common/node/CpuTopology.h"
 #include "common/node/EnergySensors.h"
 #include "common/node/EnergyUtil.h"
+#include "common/node/ProcessorModel.h"
 #include "tools/easctl/cli/InputFile.h"
 #include "tools/easctl/node/MemoryLink.h"
 
@@ -33,17 +35,22 @@ std::string cpuinfo_value(const std::string& key) {
     return "unknown";
 }
 
-Link processor() {
+Link processor(const CoEfficients& /*model*/) {
     const std::string found = cpuinfo_value("model name") + ", family " +
                               cpuinfo_value("cpu family") + ", model " + cpuinfo_value("model\t");
-    const eas::UniqueFile cpuinfo = eas::open_for_reading(PROC_CPUINFO_PATH);
-    if (cpuinfo != nullptr && eas::read_topology(cpuinfo.get()) == 0 && eas::can_be_sampled(cinfo))
+    const eas::TopologyReading reading = read_processors();
+    if (reading.result == 0 && eas::can_be_sampled(reading.processors))
         return {"processor", LinkStatus::ok, found, "", ""};
+    std::vector<std::string> models;
+    for (const eas::ProcessorModel& model : eas::processor_models) {
+        if (model.sampled)
+            models.push_back(std::to_string(model.model));
+    }
     return {"processor", LinkStatus::missing, found, "gethwrusage does not support this processor",
-            "calibrate and sample on a node whose model is one of those in EasMisc.h"};
+            "calibrate and sample on a node of family 6 whose model is one of " + joined(models)};
 }
 
-Link msr() {
+Link msr(const CoEfficients& /*model*/) {
     const std::string name = std::string("register device ") + msr_device;
     const eas::UniqueFd device(::open(msr_device, O_RDWR | O_CLOEXEC));
     if (device.is_open())
@@ -55,7 +62,7 @@ Link msr() {
                                          : "modprobe msr"};
 }
 
-Link perf() {
+Link perf(const CoEfficients& /*model*/) {
     perf_event_attr event{};
     event.size = sizeof event;
     event.type = PERF_TYPE_HARDWARE;
@@ -81,7 +88,7 @@ Link unreadable(const std::string& name, const std::string& path, const std::str
     return {name, status_of(error), path + ": " + std::strerror(error), meaning, remedy};
 }
 
-Link driver() {
+Link driver(const CoEfficients& /*model*/) {
     const auto driver = first_line(std::string(cpufreq) + "scaling_driver");
     if (!driver)
         return unreadable("cpufreq driver", std::string(cpufreq) + "scaling_driver",
@@ -94,7 +101,7 @@ Link driver() {
     return {"cpufreq driver", LinkStatus::ok, *driver, "", ""};
 }
 
-Link governor() {
+Link governor(const CoEfficients& /*model*/) {
     const auto offered = first_line(std::string(cpufreq) + "scaling_available_governors");
     const auto now = first_line(std::string(cpufreq) + "scaling_governor");
     if (!offered || !now)
@@ -126,7 +133,7 @@ Link frequencies(const CoEfficients& model) {
     return {"frequencies", LinkStatus::ok, std::to_string(offered.size()) + " can be set", "", ""};
 }
 
-Link energy_meter() {
+Link energy_meter(const CoEfficients& /*model*/) {
     int error = ENOENT;
     std::string failed = "/sys/devices/platform/qpx.*";
     for (const char* device : {"qpx.1", "qpx.0"}) {
@@ -147,12 +154,42 @@ Link energy_meter() {
                               : "run as root, or chmod a+r the sensor files"};
 }
 
+Link memory_counters(const CoEfficients& /*model*/) {
+    return examine_memory_counters(read_processors().processors);
+}
+
+struct NodeLink {
+    LinkId id;
+    Link (*examine)(const CoEfficients& model);
+};
+
+constexpr std::array<NodeLink, node_links.size()> links = {{
+    {LinkId::processor, processor},
+    {LinkId::registers, msr},
+    {LinkId::core_counters, perf},
+    {LinkId::memory_counters, memory_counters},
+    {LinkId::cpufreq_driver, driver},
+    {LinkId::cpufreq_governor, governor},
+    {LinkId::frequencies, frequencies},
+    {LinkId::energy_meter, energy_meter},
+}};
+
 }  // namespace
 
-std::vector<Link> examine_node(const CoEfficients& model) {
-    return {
-        processor(),        msr(),         perf(), examine_memory_counters(), driver(), governor(),
-        frequencies(model), energy_meter()};
+eas::TopologyReading read_processors() {
+    const eas::UniqueFile cpuinfo = eas::open_for_reading(PROC_CPUINFO_PATH);
+    return cpuinfo != nullptr ? eas::read_topology(cpuinfo.get()) : eas::TopologyReading{-1, {}};
+}
+
+Link examine_node(LinkId which, const CoEfficients& model) {
+    const auto* row = std::find_if(links.begin(), links.end(),
+                                   [which](const NodeLink& one) { return one.id == which; });
+    return row == links.end() ? Link{} : identified(which, row->examine(model));
+}
+
+std::string trouble_of(const Link& link) {
+    return link.name + ' ' + name_of(link.status) + ": " + link.found +
+           "; what to do: " + link.remedy;
 }
 
 }  // namespace easctl

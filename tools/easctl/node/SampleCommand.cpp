@@ -15,7 +15,6 @@
 #include "tools/easctl/cli/Json.h"
 #include "tools/easctl/cli/Link.h"
 #include "tools/easctl/node/GrowingCount.h"
-#include "tools/easctl/node/MemoryLink.h"
 #include "tools/easctl/node/NodeCommands.h"
 #include "tools/easctl/node/NodeLinks.h"
 #include "tools/easctl/node/NodeSampler.h"
@@ -113,14 +112,14 @@ struct Figure {
 class SampleTable {
   public:
     explicit SampleTable(const NodeSampler& sampler) : sampler_(sampler) {
-        for (const Link& link : examine_node({})) {
-            if (link.name == memory_link)
+        for (const Link& link : examine_node(measuring_links)) {
+            if (link.id == LinkId::memory_counters)
                 memory_state_ = link.status;
-            if (link.status != LinkStatus::denied || link.name == memory_link)
+            else if (link.status != LinkStatus::denied)
                 continue;
-            if (link.name == "energy meter")
+            else if (link.id == LinkId::energy_meter)
                 energy_state_ = link.status;
-            else if (link.name.compare(0, 7, "cpufreq") != 0)
+            else
                 counter_state_ = link.status;
         }
     }
@@ -225,11 +224,9 @@ bool ended_within(double seconds, HeldCommand& command, const HeldSignals& signa
 }
 
 void say_what_is_missing(const Globals& globals) {
-    for (const Link& link : examine_node({})) {
-        if (is_broken(link) && link.name.compare(0, 7, "cpufreq") != 0 &&
-            link.name != "frequencies")
-            remark(globals, link.name + ' ' + name_of(link.status) + ": " + link.found +
-                                "; what to do: " + link.remedy);
+    for (const Link& link : examine_node(measuring_links)) {
+        if (is_broken(link))
+            remark(globals, trouble_of(link));
     }
 }
 

@@ -74,7 +74,8 @@ Reading read_sensor(const char* name) {
             reading.status = LinkStatus::missing;
             reading.why = "what the driver writes is no number";
         }
-        reading.value = static_cast<double>(value) / unit.divisor;
+        // A temperature below 0 comes as a negative number, which wraps.
+        reading.value = static_cast<double>(static_cast<long>(value)) / unit.divisor;
         return reading;
     }
     return reading;
@@ -83,19 +84,17 @@ Reading read_sensor(const char* name) {
 /// Reads registers only: counters that another process has programmed are not disturbed.
 Reading read_margin() {
     Reading reading{"margin", LinkStatus::ok, 0, "degrees C", {}};
-    hwrusage usage{};
-    for (const Link& link : examine_node({})) {
-        if (!is_broken(link) ||
-            (link.name != "processor" && link.name.find("msr") == std::string::npos))
+    for (const Link& link : examine_node(std::array{LinkId::processor, LinkId::registers})) {
+        if (!is_broken(link))
             continue;
         reading.status = link.status == LinkStatus::denied ? link.status : LinkStatus::missing;
         reading.why = link.name + ": " + link.found;
         return reading;
     }
-    read_inlet_temperature(&usage);
+    const std::uint64_t margin = eas::mean_margin(read_processors().processors);
     // Above the limit the margin is negative.
-    reading.value = static_cast<double>(static_cast<std::int64_t>(usage.inlet_temperature));
-    if (usage.inlet_temperature == NO_TEMPERATURE) {
+    reading.value = static_cast<double>(static_cast<std::int64_t>(margin));
+    if (margin == NO_TEMPERATURE) {
         reading.status = LinkStatus::missing;
         reading.why = "a processor has no valid reading, or its model has none";
     }
