@@ -135,6 +135,7 @@ bool NodeFrequency::open(std::vector<int> cpus, Problem& problem) {
                          [&cpus](int cpu) { return is_in(cpus, cpu); }))
             continue;
         served.insert(served.end(), policy.cpus.begin(), policy.cpus.end());
+        complete_policy(policy);
         policies_.push_back(std::move(policy));
     }
     std::sort(served.begin(), served.end());

@@ -44,15 +44,11 @@ Policy read_policy(const std::string& name) {
     if (!number || *number < 0 || *number >= kMostCpus)
         return policy;
     policy.number = static_cast<int>(*number);
-    const FileText affected = read_text(policy.file("affected_cpus"));
-    policy.cpus = parse_cpu_list(affected.text).value_or(std::vector<int>{});
+    FileText cpus = read_text(policy.file("affected_cpus"));  // those that are online
+    if (!cpus.good())
+        cpus = read_text(policy.file("related_cpus"));
+    policy.cpus = parse_cpu_list(cpus.text).value_or(std::vector<int>{});
     policy.driver = read_text(policy.file("scaling_driver")).text;
-    const auto governors = words_of(read_text(policy.file("scaling_available_governors")).text);
-    policy.offers_userspace =
-        std::find(governors.begin(), governors.end(), "userspace") != governors.end();
-    policy.table = read_table(policy);
-    policy.lowest = read_khz(policy.file("cpuinfo_min_freq")).value_or(0);
-    find_nominal(policy);
     return policy;
 }
 
@@ -176,6 +172,15 @@ std::vector<Policy> read_policies() {
     std::sort(policies.begin(), policies.end(),
               [](const Policy& a, const Policy& b) { return a.number < b.number; });
     return policies;
+}
+
+void complete_policy(Policy& policy) {
+    const auto governors = words_of(read_text(policy.file("scaling_available_governors")).text);
+    policy.offers_userspace =
+        std::find(governors.begin(), governors.end(), "userspace") != governors.end();
+    policy.table = read_table(policy);
+    policy.lowest = read_khz(policy.file("cpuinfo_min_freq")).value_or(0);
+    find_nominal(policy);
 }
 
 bool read_settings(const Policy& policy, Settings& settings, Problem& problem) {

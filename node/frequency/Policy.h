@@ -14,6 +14,8 @@ struct Policy {
     int number = 0;
     std::vector<int> cpus;  // those that are online, ascending
     std::string driver;
+
+    // What complete_policy reads.
     bool offers_userspace = false;  // the governor that takes a frequency
     std::vector<int> table;         // highest first; empty: the driver has none
     int lowest = 0;                 // of the hardware; 0: unknown
@@ -44,8 +46,11 @@ struct Settings {
     }
 };
 
-/// All policies that have an online CPU, by number.
+/// All policies that have an online CPU, by number: number, CPUs and driver.
 [[nodiscard]] std::vector<Policy> read_policies();
+
+/// Reads what the driver offers.
+void complete_policy(Policy& policy);
 
 /// False, with `problem`, when governor or limits cannot be read; `settings` then means nothing.
 [[nodiscard]] bool read_settings(const Policy& policy, Settings& settings, Problem& problem);

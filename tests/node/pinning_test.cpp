@@ -1,0 +1,494 @@
+// libeasnode's frequencies on nodes of every kind of cpufreq driver: what is offered, what is
+// written in which order, and that what stood there before comes back, whoever gives it back.
+#include <gmock/gmock.h>
+#include <sys/mount.h>
+#include <unistd.h>
+
+#include <memory>
+#include <vector>
+
+#include "node/frequency/SavedSettings.h"
+#include "node/node.h"
+#include "tests/node/NodeTest.h"
+#include "tests/support/ChildProcess.h"
+
+namespace eas::test {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+
+using PinningTest = NodeTest;
+
+const std::string cpu_folder = "/sys/devices/system/cpu/";
+
+struct Closer {
+    void operator()(easnode_frequency* frequency) const { easnode_frequency_close(frequency); }
+};
+
+/// The frequencies of some CPUs; `problem` is that of the last call.
+struct Frequency {
+    explicit Frequency(const char* cpus = nullptr) {
+        easnode_frequency* made = nullptr;
+        problem.size = sizeof problem;
+        code = easnode_frequency_open(cpus, &made, &problem);
+        handle.reset(made);
+    }
+    int set(int khz) { return easnode_frequency_set(handle.get(), khz, &problem); }
+    std::string save(int khz = 0) {
+        std::string text(EASNODE_FREQUENCY_TEXT_SIZE, '\0');
+        size_t length = 0;
+        EXPECT_EQ(EASNODE_OK, easnode_frequency_save(handle.get(), khz, text.data(), text.size(),
+                                                     &length, &problem));
+        return text.substr(0, length);
+    }
+    int restore(const std::string& text) {
+        return easnode_frequency_restore(handle.get(), text.data(), text.size(), &problem);
+    }
+    easnode_frequency_info info() {
+        easnode_frequency_info info{};
+        info.size = sizeof info;
+        EXPECT_EQ(EASNODE_OK, easnode_frequency_describe(handle.get(), &info));
+        return info;
+    }
+    std::vector<easnode_step> steps() {
+        std::vector<easnode_step> found(1000);
+        size_t count = 0;
+        EXPECT_EQ(EASNODE_OK,
+                  easnode_frequency_steps(handle.get(), found.data(), found.size(), &count));
+        found.resize(count);
+        return found;
+    }
+    std::vector<easnode_cpu_frequency> rows() {
+        std::vector<easnode_cpu_frequency> found(1024);
+        size_t count = 0;
+        EXPECT_EQ(EASNODE_OK,
+                  easnode_frequency_read(handle.get(), found.data(), found.size(), &count));
+        found.resize(count);
+        return found;
+    }
+
+    std::unique_ptr<easnode_frequency, Closer> handle;
+    easnode_problem problem{};
+    int code;
+};
+
+void put(NodeShape& shape, const std::string& path, const std::string& text) {
+    shape.files.push_back({path.substr(1), fake::TreeEntry::Kind::kFile, 0644, text + "\n"});
+}
+
+std::string policy_file(int policy, const char* name) {
+    return cpu_folder + "cpufreq/policy" + std::to_string(policy) + "/" + name;
+}
+
+/// A shape with eight CPUs of those that the file has; two of them share a clock where its do.
+NodeShape small(const std::string& name) {
+    NodeShape shape = fake::read_shape(name);
+    const int clocks = name == "epyc2019" ? 4 : 8;
+    shape.sockets = shape.threads = 2;
+    shape.cores = 2;
+    std::vector<fake::ShapeFile> files;
+    for (fake::ShapeFile& file : shape.files) {
+        int number = 0;
+        const char* const path = file.path.c_str();
+        const bool of_cpu = std::sscanf(path, "sys/devices/system/cpu/cpu%d/", &number) == 1;
+        if (std::sscanf(path, "sys/devices/system/cpu/cpufreq/policy%d/", &number) == 1
+                ? number >= clocks
+                : of_cpu && (number >= 8 || file.kind == fake::TreeEntry::Kind::kLink))
+            continue;
+        const std::string leaf = file.path.substr(file.path.rfind('/') + 1);
+        if (clocks == 4 && (leaf == "related_cpus" || leaf == "affected_cpus"))
+            file.text = std::to_string(number) + " " + std::to_string(number + 4) + "\n";
+        files.push_back(file);
+    }
+    shape.files = files;
+    put(shape, cpu_folder + "possible", "0-7");
+    if (name == "hybrid")  // one small core
+        put(shape, policy_file(7, "base_frequency"), "1800000");
+    return shape;
+}
+
+/// A node without a cpufreq driver.
+NodeShape bare() {
+    NodeShape shape = small("xeon2023");
+    shape.files.erase(std::remove_if(shape.files.begin(), shape.files.end(),
+                                     [](const fake::ShapeFile& file) {
+                                         return file.path.find("policy") != file.path.npos;
+                                     }),
+                      shape.files.end());
+    return shape;
+}
+
+/// What is set on the whole node.
+std::string all_settings() {
+    return Frequency().save();
+}
+
+/// As another process gives back.
+int restore(const std::string& text, easnode_problem* problem = nullptr) {
+    return easnode_frequency_restore(nullptr, text.data(), text.size(), problem);
+}
+
+/// "policy file=text" of every write since the last call; the policy of all of them is -1.
+std::vector<std::string> writes(FakeNode& node) {
+    std::vector<std::string> lines;
+    for (const fake::FreqWrite& write : node.state().freq_log)
+        lines.push_back(std::to_string(write.cpu) + " " + write.file.data() + "=" +
+                        write.text.data());
+    node.state().freq_log.clear();
+    return lines;
+}
+
+/// One write(2), as other programs of the node make it.
+void store(const std::string& path, const std::string& text) {
+    std::ofstream out(path);
+    out << text << std::flush;
+    EXPECT_TRUE(out.good()) << path;
+}
+
+TEST_F(PinningTest, EveryDriverIsFixedReadBackAndGivenBack) {
+    const struct {
+        const char* shape;
+        int method, policies, nominal, source;
+        size_t steps;
+        int lowest_step;
+        int khz;
+        std::vector<std::string> writes;  // for CPU 1
+    } rows[] = {
+        {"xeon2023",
+         EASNODE_FREQUENCY_LIMITS,
+         8,
+         2000000,
+         EASNODE_NOMINAL_BASE,
+         13,
+         800000,
+         1400000,
+         {"1 scaling_min_freq=1400000", "1 scaling_max_freq=1400000"}},
+        {"epyc2019",
+         EASNODE_FREQUENCY_USERSPACE,
+         4,
+         2300000,
+         EASNODE_NOMINAL_TABLE,
+         3,
+         1500000,
+         2000000,
+         {"1 scaling_governor=userspace", "1 scaling_min_freq=2000000",
+          "1 scaling_max_freq=2000000", "1 scaling_setspeed=2000000"}},
+        {"epyc2023",
+         EASNODE_FREQUENCY_LIMITS,
+         8,
+         2750000,
+         EASNODE_NOMINAL_CPPC,
+         17,
+         1210811,
+         1210811,
+         {"1 scaling_max_freq=1210811"}},
+        {"epyc2023-passive",
+         EASNODE_FREQUENCY_USERSPACE,
+         8,
+         2750000,
+         EASNODE_NOMINAL_CPPC,
+         17,
+         1210811,
+         2700000,
+         {"1 scaling_governor=userspace", "1 scaling_min_freq=2700000",
+          "1 scaling_max_freq=2700000", "1 scaling_setspeed=2700000"}},
+        {"hybrid",
+         EASNODE_FREQUENCY_LIMITS,
+         8,
+         1800000,
+         EASNODE_NOMINAL_BASE,
+         11,
+         800000,
+         1800000,
+         {"1 scaling_min_freq=1800000", "1 scaling_max_freq=1800000"}},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.shape);
+        FakeNode node(small(row.shape));
+        inside(node, [&] {
+            const std::string before = all_settings();
+            Frequency all, one("1");
+            const easnode_frequency_info info = all.info();
+            EXPECT_EQ(row.method, info.method);
+            EXPECT_EQ(row.policies, info.policies);
+            EXPECT_EQ(row.nominal, info.nominal_khz);
+            EXPECT_EQ(row.source, info.nominal_source);
+            const auto steps = all.steps();
+            ASSERT_EQ(row.steps, steps.size());
+            EXPECT_EQ(row.nominal, steps.front().khz);
+            EXPECT_EQ(row.lowest_step, steps.back().khz);
+            EXPECT_THAT(writes(node), IsEmpty()) << "looking changes nothing";
+
+            EXPECT_EQ(EASNODE_OK, one.set(row.khz)) << one.problem.text;
+            EXPECT_THAT(writes(node), ::testing::ElementsAreArray(row.writes));
+            EXPECT_EQ(EASNODE_OK, one.set(row.khz));
+            EXPECT_THAT(writes(node), IsEmpty()) << "it stands there already";
+            for (const easnode_step& step : {steps.front(), steps.back(), steps[1]}) {
+                if (step.khz == row.nominal && std::string(row.shape) == "epyc2019")
+                    continue;  // takes the switch of the whole node
+                EXPECT_EQ(EASNODE_OK, one.set(step.khz)) << one.problem.text;
+                EXPECT_EQ(step.khz, one.rows()[0].min_khz);
+                EXPECT_EQ(step.khz, one.rows()[0].max_khz);
+                EXPECT_EQ(step.khz, one.rows()[0].current_khz);
+            }
+            EXPECT_NE(before, all_settings());
+            EXPECT_EQ(EASNODE_OK, restore(before));
+            EXPECT_EQ(before, all_settings());
+            writes(node);
+            EXPECT_EQ(EASNODE_OK, restore(before)) << "again";
+            EXPECT_THAT(writes(node), IsEmpty());
+        });
+    }
+}
+
+TEST_F(PinningTest, CpusThatShareAClockAreSetTogetherAndNoOthers) {
+    FakeNode node(small("epyc2019"));
+    inside(node, [&] {
+        Frequency two("3,6");
+        EXPECT_EQ(4, two.info().cpus);
+        ASSERT_EQ(EASNODE_OK, two.set(2000000));
+        std::vector<int> cpus;
+        for (const auto& row : two.rows()) {
+            cpus.push_back(row.cpu);
+            EXPECT_EQ(2000000, row.setspeed_khz);
+            EXPECT_STREQ("userspace", row.governor);
+        }
+        EXPECT_THAT(cpus, ElementsAre(2, 3, 6, 7));
+        EXPECT_EQ(1500000, Frequency("1").rows()[0].min_khz);
+        for (const char* bad : {"8", "", "a", "1-", "0-70000"})
+            EXPECT_EQ(EASNODE_BAD_ARGUMENT, Frequency(bad).code) << bad;
+    });
+}
+
+TEST_F(PinningTest, TheTurboSwitchFollowsTheFrequencyOfTheWholeNode) {
+    {
+        FakeNode node(small("epyc2019"));
+        inside(node, [&] {
+            Frequency part("0"), all;
+            const std::string before = all_settings();
+            EXPECT_EQ(EASNODE_NOT_OFFERED, part.set(2300000))
+                << "other jobs would lose their boost";
+            EXPECT_THAT(part.problem.text, HasSubstr("turbo switch"));
+            EXPECT_THAT(writes(node), IsEmpty());
+            EXPECT_EQ(EASNODE_OK, all.set(2300000)) << all.problem.text;
+            EXPECT_EQ("-1 cpufreq/boost=0", writes(node).at(0)) << "before the limits";
+            EXPECT_EQ(EASNODE_TURBO_OFF, all.info().turbo);
+            EXPECT_EQ(EASNODE_OK, all.restore(before)) << all.problem.text;
+            EXPECT_EQ("-1 cpufreq/boost=1", writes(node).at(0));
+            EXPECT_EQ(before, all_settings());
+        });
+    }
+    NodeShape shape = small("xeon2023");
+    put(shape, cpu_folder + "intel_pstate/no_turbo", "1");
+    for (int i = 0; i < 8; ++i)
+        put(shape, policy_file(i, "scaling_max_freq"), "2000000");
+    FakeNode node(shape);
+    inside(node, [&] {
+        Frequency all;
+        const std::string before = all_settings();
+        EXPECT_EQ(EASNODE_OK, all.set(2000000)) << "no need of turbo";
+        EXPECT_EQ(EASNODE_OK, all.set(3000000)) << all.problem.text;
+        EXPECT_EQ("0\n", read_file(cpu_folder + "intel_pstate/no_turbo"));
+        EXPECT_EQ(EASNODE_OK, all.restore(before)) << all.problem.text;
+        EXPECT_EQ(before, all_settings());
+    });
+}
+
+TEST_F(PinningTest, WhatIsNotOfferedChangesNothing) {
+    NodeShape limited = small("epyc2019"), capped = small("xeon2023");
+    put(limited, policy_file(3, "bios_limit"), "1500000");
+    put(capped, cpu_folder + "intel_pstate/max_perf_pct", "50");
+    const struct {
+        NodeShape shape;
+        int khz;
+        int code;
+        const char* path;
+    } rows[] = {
+        {limited, 2000000, EASNODE_NOT_OFFERED, "policy3/bios_limit"},
+        {limited, 1500000, EASNODE_OK, ""},
+        {limited, 1900000, EASNODE_NOT_OFFERED, "scaling_available_frequencies"},
+        {capped, 2000000, EASNODE_NOT_OFFERED, "max_perf_pct"},
+        {capped, 700000, EASNODE_NOT_OFFERED, "cpuinfo_min_freq"},
+        {capped, 4000000, EASNODE_NOT_OFFERED, "cpuinfo_max_freq"},
+        {bare(), 2000000, EASNODE_NO_FREQUENCY, "cpufreq"},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.khz);
+        FakeNode node(row.shape);
+        inside(node, [&] {
+            Frequency all;
+            EXPECT_EQ(row.code, all.set(row.khz)) << all.problem.text;
+            EXPECT_THAT(all.problem.path, HasSubstr(row.path));
+            EXPECT_EQ(row.code, all.problem.code);
+            EXPECT_EQ(row.code == EASNODE_OK, !writes(node).empty());
+        });
+    }
+}
+
+TEST_F(PinningTest, AFailureInTheMiddleGivesBackWhatWasDone) {
+    FakeNode node(small("xeon2023"));
+    inside(node, [&] {
+        Frequency some;
+        const std::string before = all_settings(), file = policy_file(5, "scaling_max_freq");
+        // Readable, but not to be written.
+        ASSERT_EQ(0, ::mount(file.c_str(), file.c_str(), nullptr, MS_BIND, nullptr));
+        ASSERT_EQ(
+            0, ::mount(nullptr, file.c_str(), nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr));
+        EXPECT_EQ(EASNODE_DENIED, some.set(2000000));
+        EXPECT_EQ(file, some.problem.path);
+        EXPECT_EQ(EROFS, some.problem.error);
+        EXPECT_EQ(5, some.problem.cpu);
+        EXPECT_EQ(before, all_settings());
+        EXPECT_FALSE(writes(node).empty()) << "something was done";
+
+        // Nor can policy 5 be given back; the others are.
+        store(policy_file(5, "scaling_min_freq"), "900000");
+        store(policy_file(6, "scaling_max_freq"), "900000");
+        ASSERT_EQ(EASNODE_OK, restore(before));
+        ::umount(file.c_str());
+        store(file, "3000000");
+        store(policy_file(6, "scaling_max_freq"), "900000");
+        ASSERT_EQ(0, ::mount(file.c_str(), file.c_str(), nullptr, MS_BIND, nullptr));
+        ASSERT_EQ(
+            0, ::mount(nullptr, file.c_str(), nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr));
+        EXPECT_EQ(EASNODE_NOT_GIVEN_BACK, some.restore(before));
+        EXPECT_EQ(file, some.problem.path);
+        EXPECT_EQ(3800000, Frequency("6").rows()[0].max_khz);
+    });
+}
+
+TEST_F(PinningTest, AnotherProcessGivesBackAfterACrash) {
+    FakeNode node(small("epyc2023-passive"));
+    inside(node, [] {
+        const std::string before = Frequency().save(2000000);
+        const pid_t child = ::fork();
+        if (child == 0) {
+            Frequency all;
+            all.set(2000000);
+            // And in the middle of setting the next one.
+            store(policy_file(0, "scaling_min_freq"), "1500000");
+            ::_exit(0);
+        }
+        ASSERT_EQ(0, exit_status(child));
+        easnode_problem problem{};
+        problem.size = sizeof problem;
+        EXPECT_EQ(EASNODE_MOVED, restore(before, &problem)) << "1500000 was not announced";
+        EXPECT_EQ(0, problem.cpu);
+        EXPECT_EQ(before, Frequency().save(2000000));
+        EXPECT_EQ(EASNODE_OK, restore(before));
+    });
+}
+
+TEST_F(PinningTest, ChangesByOtherProgramsAreNoticedAndTextsOfOtherNodesRefused) {
+    FakeNode node(small("xeon2023"));
+    inside(node, [&] {
+        Frequency all;
+        const std::string before = all.save();
+        ASSERT_EQ(EASNODE_OK, all.set(2000000));
+        ASSERT_EQ(EASNODE_OK, all.restore(before)) << all.problem.text;
+        ASSERT_EQ(EASNODE_OK, all.set(2000000));
+        store(policy_file(4, "scaling_max_freq"), "3000000");
+        EXPECT_EQ(EASNODE_MOVED, all.restore(before));
+        EXPECT_EQ(4, all.problem.cpu);
+        EXPECT_EQ(before, all.save());
+
+        ASSERT_EQ(EASNODE_OK, all.set(2000000));
+        writes(node);
+        const auto refused = [&](const char* from, const char* to) {
+            std::string text = before.substr(0, before.rfind("end "));
+            text.replace(text.find(from), std::string(from).size(), to);
+            return restore(text + node::end_line(text));
+        };
+        const std::string boot = node::boot_id();
+        EXPECT_EQ(EASNODE_OTHER_NODE,
+                  refused(boot.c_str(), "0d6d6f0e-6c1f-4d5e-9f86-1a2b3c4d5e6f"));
+        EXPECT_EQ(EASNODE_OTHER_NODE, refused("driver=intel_pstate", "driver=intel_cpufreq"));
+        EXPECT_EQ(EASNODE_BAD_TEXT, refused("governor=powersave", "governor=schedutil"));
+        EXPECT_EQ(EASNODE_BAD_TEXT, restore(before.substr(1)));
+        EXPECT_THAT(writes(node), IsEmpty()) << "nothing was touched";
+        EXPECT_EQ(EASNODE_OK, all.restore(before));
+    });
+}
+
+TEST_F(PinningTest, TheNominalFrequencyComesFromTheFirstSourceThatTells) {
+    const auto without = [](const char* name, const char* file) {
+        NodeShape shape = small(name);
+        for (int i = 0; i < 8; ++i)
+            put(shape, policy_file(i, file), "!ENOENT");
+        return shape;
+    };
+    NodeShape turbo_range = without("xeon2023", "base_frequency"), firmware = turbo_range;
+    put(firmware, cpu_folder + "intel_pstate/turbo_pct", "!ENOENT");
+    NodeShape named = firmware;
+    for (int cpu = 0; cpu < 8; ++cpu)
+        put(firmware, cpu_folder + "cpu" + std::to_string(cpu) + "/acpi_cppc/nominal_freq", "2001");
+    named.model_name = "Xeon of old @ 2.10GHz";
+    NodeShape table = small("epyc2019"), snapped = table;
+    for (int i = 0; i < 4; ++i)
+        put(table, policy_file(i, "scaling_available_frequencies"), "2301000 2300000 2000000 ");
+    put(snapped, cpu_folder + "cpu0/acpi_cppc/nominal_freq", "2301");
+    const struct {
+        NodeShape shape;
+        int khz, source;
+    } rows[] = {
+        {turbo_range, 2000000, EASNODE_NOMINAL_TURBO}, {firmware, 2001000, EASNODE_NOMINAL_CPPC},
+        {named, 2100000, EASNODE_NOMINAL_NAME},        {table, 2300000, EASNODE_NOMINAL_TABLE},
+        {snapped, 2300000, EASNODE_NOMINAL_CPPC},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.source);
+        FakeNode node(row.shape);
+        inside(node, [&] {
+            Frequency one("0");
+            EXPECT_EQ(row.khz, one.info().nominal_khz);
+            EXPECT_EQ(row.source, one.info().nominal_source);
+            if (one.info().has_table != 0) {
+                const easnode_step first = one.steps().front();
+                EXPECT_EQ(first.khz == 2301000, first.turbo == 1) << "the first entry may be turbo";
+            }
+        });
+    }
+}
+
+TEST_F(PinningTest, CountsCpusThatAreOnline) {
+    const struct {
+        const char* shape;
+        int cpus, sockets, cores, threads;
+    } rows[] = {
+        {"xeon2023", 224, 2, 112, 2},
+        {"hybrid", 24, 1, 16, 2},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.shape);
+        NodeShape shape = fake::read_shape(row.shape);
+        put(shape, "/sys/devices/system/node/online", "0-1");
+        put(shape, "/sys/devices/system/node/node0/cpulist", "0-1023");
+        put(shape, "/sys/devices/system/node/node1/cpulist", "");  // memory alone
+        FakeNode node(shape);
+        inside(node, [&] {
+            easnode_topology found{};
+            found.size = sizeof found;
+            ASSERT_EQ(EASNODE_OK, easnode_topology_read(&found));
+            EXPECT_EQ(row.cpus, found.cpus);
+            EXPECT_EQ(row.sockets, found.sockets);
+            EXPECT_EQ(row.cores, found.cores);
+            EXPECT_EQ(row.threads, found.threads_per_core);
+            EXPECT_EQ(1, found.numa_nodes);
+            store(cpu_folder + "cpu1/online", "0");
+            std::vector<easnode_cpu> cpus(1024);
+            size_t count = 0;
+            EXPECT_EQ(EASNODE_TOO_SMALL, easnode_topology_cpus(cpus.data(), 1, &count));
+            ASSERT_EQ(static_cast<size_t>(row.cpus - 1), count);
+            ASSERT_EQ(EASNODE_OK, easnode_topology_cpus(cpus.data(), cpus.size(), &count));
+            EXPECT_EQ(2, cpus[1].cpu) << "a hole";
+            EXPECT_EQ(row.sockets - 1, cpus[count - 1].socket);
+            EXPECT_EQ(EASNODE_BAD_ARGUMENT, Frequency("1").code);
+            store(cpu_folder + "cpu1/online", "1");
+        });
+    }
+}
+
+}  // namespace
+}  // namespace eas::test
