@@ -224,7 +224,9 @@ void NodeState::reset(const NodeShape& shape) {
     msr_stray_bits = 0;
     deaf = shape.driver == FreqDriver::kDeaf;
     cap_khz = 0;
+    running_percent = 100;
     counter_fails_at = -1;
+    counter_error = ENODEV;
     msr_log.clear();
     freq_log.clear();
     counters.clear();

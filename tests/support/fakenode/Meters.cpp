@@ -212,7 +212,7 @@ void Meters::attach_stat(const NodeCpus& cpus, TreeEntry& root) {
     };
     root.put("proc/stat", "").show = [this, row, &cpus] {
         const auto online = cpus.online();
-        const double busy = work_.all_cpus().busy_seconds, passed = work_.seconds();
+        const double busy = work_.busy_seconds(), passed = work_.seconds();
         std::string text = row("cpu ", busy, passed * static_cast<double>(online.size()) - busy);
         for (const int cpu : online) {
             const double own = work_.of_cpu(cpu).busy_seconds;

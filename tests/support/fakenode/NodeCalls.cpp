@@ -13,6 +13,8 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstddef>
+#include <cstdlib>
+#include <cstring>
 
 #include "base/UniqueFd.h"
 #include "tests/support/fakenode/NodeServer.h"
@@ -76,32 +78,51 @@ int64_t get_affinity(NodeServer& server, const Call& call) {
     return sizeof mask;
 }
 
-/// Opens the served file of a new counter; its number, or a negative errno.
+/// The number of the event behind a descriptor of the caller; -1 if it is none.
+int event_behind(const Call& call, int descriptor) {
+    std::array<char, 256> target{};
+    const std::string link =
+        "/proc/" + std::to_string(call.pid) + "/fd/" + std::to_string(descriptor);
+    if (::readlink(link.c_str(), target.data(), target.size() - 1) < 0)
+        return -1;
+    const char* name = std::strstr(target.data(), "/counter/");
+    return name != nullptr ? std::atoi(name + std::strlen("/counter/")) : -1;
+}
+
+bool copy_attributes(const Call& call, perf_event_attr& attr) {
+    return copy(::process_vm_readv, call, call.data.args[0], &attr, PERF_ATTR_SIZE_VER0) &&
+           copy(::process_vm_readv, call, call.data.args[0], &attr,
+                std::min<size_t>(attr.size, sizeof attr));
+}
+
+/// The number of a new event, or a negative errno.
 int64_t new_counter(NodeServer& server, const Call& call) {
     const Lock lock(server.mutex);
     Counter counter{};
     const auto argument = [&](size_t i) { return static_cast<int>(call.data.args[i]); };
-    if (!copy(::process_vm_readv, call, call.data.args[0], &counter.attr, PERF_ATTR_SIZE_VER0))
-        return -EFAULT;
-    if (!copy(::process_vm_readv, call, call.data.args[0], &counter.attr,
-              std::min<size_t>(counter.attr.size, sizeof counter.attr)))
+    if (!copy_attributes(call, counter.attr))
         return -EFAULT;
     counter.pid = argument(1);
     counter.cpu = argument(2);
     counter.leader = argument(3);
     counter.flags = call.data.args[4];
     counter.words = {0, 1, 1};
-    if (counter.pid == -1 && counter.cpu == -1)
-        return -EINVAL;
+    counter.running_percent = 100;
     const size_t index = server.state.counters.count;
+    if (server.shape.perf_refusal != 0)
+        return -server.shape.perf_refusal;
     if (index >= kMaxCounters)
         return -EMFILE;
     if (static_cast<int>(index) == server.state.counter_fails_at)
-        return -ENODEV;
+        return -server.state.counter_error;
+    const int leader = counter.leader >= 0 ? event_behind(call, counter.leader) : -1;
+    if (counter.leader >= 0 && leader < 0)
+        return -EBADF;
     server.advance();
-    counter.opened_at = total_of(server, counter);
-    server.state.counters.add(counter);
-    return static_cast<int64_t>(index);
+    const int number = server.events.open(counter, leader);
+    if (number >= 0)
+        server.state.counters.add(counter);
+    return number;
 }
 
 void open_counter(NodeServer& server, int listener, const Call& call) {
@@ -113,6 +134,8 @@ void open_counter(NodeServer& server, int listener, const Call& call) {
     const UniqueFd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
     seccomp_notif_addfd handed{};
     handed.id = call.id;
+    if ((call.data.args[4] & PERF_FLAG_FD_CLOEXEC) != 0)
+        handed.newfd_flags = O_CLOEXEC;
     handed.flags = SECCOMP_ADDFD_FLAG_SEND;  // the call returns the new descriptor's number
     handed.srcfd = static_cast<uint32_t>(file.get());
     if (::ioctl(listener, SECCOMP_IOCTL_NOTIF_ADDFD, &handed) < 0)
@@ -120,16 +143,6 @@ void open_counter(NodeServer& server, int listener, const Call& call) {
 }
 
 }  // namespace
-
-double total_of(const NodeServer& server, const Counter& counter) {
-    const CpuWork work =
-        counter.cpu < 0 ? server.workload.all_cpus() : server.workload.of_cpu(counter.cpu);
-    if (counter.attr.type != PERF_TYPE_HARDWARE)
-        return 0;
-    if (counter.attr.config == PERF_COUNT_HW_CPU_CYCLES)
-        return work.cycles;
-    return counter.attr.config == PERF_COUNT_HW_INSTRUCTIONS ? work.instructions : 0;
-}
 
 CpuMask NodeServer::affinity_of(int thread) const {
     const auto found = masks.find(thread);

@@ -64,6 +64,7 @@ int NodeCpus::set_online(int cpu, const std::string& text) {
     if (one.online == wanted)
         return 0;
     one.online = wanted;
+    ++changes_;
     TreeEntry* entry = folder_.find("cpu" + std::to_string(cpu));
     auto& from = wanted ? entry->away : entry->children;
     auto& to = wanted ? entry->children : entry->away;

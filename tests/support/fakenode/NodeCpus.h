@@ -31,6 +31,7 @@ class NodeCpus {
     [[nodiscard]] std::vector<int> online() const;
     /// The first CPU online of that socket, `preferred` if it is; -1: none.
     [[nodiscard]] int cpu_of(int socket, int preferred) const;
+    [[nodiscard]] int changes() const { return changes_; }  // of what is online
 
   private:
     int set_online(int cpu, const std::string& text);
@@ -39,6 +40,7 @@ class NodeCpus {
     TreeEntry& folder_;
     std::vector<NodeCpu> cpus_;
     std::vector<int> sockets_;
+    int changes_ = 0;
 };
 
 }  // namespace eas::fake

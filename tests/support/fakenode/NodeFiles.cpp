@@ -1,6 +1,6 @@
 // The files that answer as devices do: model-specific registers (8 bytes wide, 1 apart), cpufreq
 // attributes (a store replaces the value and may be refused), event counters, the energy meter.
-#define FUSE_USE_VERSION 31
+#define FUSE_USE_VERSION 35
 #include <fcntl.h>
 #include <fuse.h>
 #include <sys/stat.h>
@@ -11,6 +11,7 @@
 #include <cstring>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "tests/support/fakenode/NodeServer.h"
 
@@ -199,16 +200,28 @@ int write_msr(int cpu, const char* buf, size_t size, off_t reg) {
     return server().state.set_msr(cpu, static_cast<uint32_t>(reg), value) ? 8 : -EIO;
 }
 
-int read_counter(const Counter& counter, char* buf, size_t size) {
-    std::array<uint64_t, 3> words = counter.words;
-    if (server().workload.active()) {
-        const double total = total_of(server(), counter) - counter.opened_at;
-        words = {static_cast<uint64_t>(total), 1, 1};
-    }
-    if (size < sizeof words)
+int read_counter(int number, char* buf, size_t size) {
+    const std::vector<uint64_t> words = server().events.words(number);
+    const size_t length = words.size() * sizeof words[0];
+    if (size < length)
         return -ENOSPC;
-    std::memcpy(buf, words.data(), sizeof words);
-    return static_cast<int>(sizeof words);
+    std::memcpy(buf, words.data(), length);
+    return static_cast<int>(length);
+}
+
+int close_file(const char* path, fuse_file_info*) {
+    const Lock lock(server().mutex);
+    server().advance();
+    if (const Entry entry = find(path); entry.kind == Kind::kCounter)
+        server().events.close(entry.index);
+    return 0;
+}
+
+int control_counter(const char* path, unsigned request, void*, fuse_file_info*, unsigned, void*) {
+    const Lock lock(server().mutex);
+    server().advance();
+    const Entry entry = find(path);
+    return entry.kind == Kind::kCounter ? server().events.control(entry.index, request) : -ENOTTY;
 }
 
 int read_text(const std::string& text, char* buf, size_t size, off_t offset) {
@@ -231,8 +244,7 @@ int read_file(const char* path, char* buf, size_t size, off_t offset, fuse_file_
             return read_text(entry.file->show ? entry.file->show() : entry.file->text, buf, size,
                              offset);
         case Kind::kCounter:
-            return read_counter(server().state.counters.rows[static_cast<size_t>(entry.index)], buf,
-                                size);
+            return read_counter(entry.index, buf, size);
         default:
             return -EISDIR;
     }
@@ -282,6 +294,8 @@ void* start(fuse_conn_info*, fuse_config* config) {
     calls.chmod = change_mode;
     calls.open = open_file;
     calls.truncate = truncate_file;
+    calls.release = close_file;
+    calls.ioctl = control_counter;
     calls.read = read_file;
     calls.write = write_file;
     std::string name = "fakenode", option = "-o";

@@ -5,9 +5,11 @@
 #include <map>
 #include <mutex>
 #include <string>
+#include <utility>
 
 #include "tests/support/fakenode/Cpufreq.h"
 #include "tests/support/fakenode/Meters.h"
+#include "tests/support/fakenode/PerfEvents.h"
 
 struct fuse;
 
@@ -22,12 +24,15 @@ struct NodeServer {
           cpus(planted(node)),
           cpufreq(node, shared, cpus, root),
           workload(node, shared, cpus, cpufreq),
-          meters(node, workload, cpus, root) {}
+          meters(node, workload, cpus, root),
+          events(node, shared, workload, cpus, root) {}
 
     /// Brings everything that the simulated work moves up to now.
     void advance() {
         workload.advance();
         meters.tick();
+        if (std::exchange(seen_changes_, cpus.changes()) != cpus.changes())
+            events.follow_cpus();
     }
 
     [[nodiscard]] CpuMask affinity_of(int thread) const;
@@ -41,6 +46,7 @@ struct NodeServer {
     Cpufreq cpufreq;
     Workload workload;
     Meters meters;
+    PerfEvents events;
     std::map<int, CpuMask> masks;  // by thread id
     std::mutex mutex;
 
@@ -49,6 +55,8 @@ struct NodeServer {
         plant(node, root);
         return root;
     }
+
+    int seen_changes_ = 0;
 };
 
 /// Mounts the served files at `mount_point`; null on failure. `serve_files` then runs until the
@@ -60,9 +68,6 @@ void serve_files(::fuse* files);
 /// In the process that is to be served: sends perf_event_open, and the affinity calls if asked, to
 /// the holder of the returned descriptor. -1 on failure.
 int divert_system_calls(bool affinity_too);
-
-/// What an event has counted since the node was started.
-double total_of(const NodeServer& server, const Counter& counter);
 
 /// Answers diverted calls until no process is left that could make one.
 void serve_system_calls(NodeServer& server, int listener);

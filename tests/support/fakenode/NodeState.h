@@ -48,8 +48,8 @@ struct Counter {
     int cpu;
     int leader;
     unsigned long flags;
-    std::array<uint64_t, 3> words;  // value, time enabled, time running
-    double opened_at;               // workload total at the open
+    std::array<uint64_t, 3> words;  // value, time enabled, time running; while no workload runs
+    int running_percent;            // of the time that it is enabled
 };
 
 template <typename T, size_t kSize>
@@ -79,7 +79,9 @@ struct NodeState {
     Log<FreqWrite, 4096> freq_log;
 
     Log<Counter, kMaxCounters> counters;
-    int counter_fails_at;  // index of the open that fails with ENODEV; -1: none
+    int running_percent;   // of every counter
+    int counter_fails_at;  // index of the open that fails; -1: none
+    int counter_error;     // its errno
 
     [[nodiscard]] uint64_t* find_msr(int cpu, uint32_t reg) {
         auto& table = msrs[static_cast<size_t>(cpu)];

@@ -59,6 +59,7 @@ void Workload::advance() {
         work.cycles += khz * 1e3 * seconds;
         work.reference_cycles += cpufreq_.nominal_of(cpu) * 1e3 * seconds;
         work.instructions += instructions;
+        work.lines += instructions * row.lines_per_instruction;
         work.busy_seconds += seconds;
         SocketWork& socket = by_socket_[cpus_.at(cpu).socket];
         socket.joules += row.watts * seconds / static_cast<double>(busy);
@@ -70,14 +71,10 @@ void Workload::advance() {
         state_.set_msr(shape_.first_cpu_of(0), 0x3B0, static_cast<uint64_t>(all_sockets().lines));
 }
 
-CpuWork Workload::all_cpus() const {
-    CpuWork sum{};
-    for (const CpuWork& cpu : by_cpu_) {
-        sum.cycles += cpu.cycles;
-        sum.reference_cycles += cpu.reference_cycles;
-        sum.instructions += cpu.instructions;
-        sum.busy_seconds += cpu.busy_seconds;
-    }
+double Workload::busy_seconds() const {
+    double sum = 0;
+    for (const CpuWork& cpu : by_cpu_)
+        sum += cpu.busy_seconds;
     return sum;
 }
 

@@ -10,7 +10,7 @@
 namespace eas::fake {
 
 struct CpuWork {
-    double cycles, reference_cycles, instructions, busy_seconds;
+    double cycles, reference_cycles, instructions, lines, busy_seconds;
 };
 
 struct SocketWork {
@@ -28,8 +28,9 @@ class Workload {
     [[nodiscard]] double seconds() const { return seconds_; }
     [[nodiscard]] const CpuWork& of_cpu(int cpu) const { return by_cpu_[static_cast<size_t>(cpu)]; }
     [[nodiscard]] SocketWork of_socket(int id) const;  // none: 0
-    [[nodiscard]] CpuWork all_cpus() const;
+    [[nodiscard]] double busy_seconds() const;         // of all CPUs together
     [[nodiscard]] SocketWork all_sockets() const;
+    [[nodiscard]] double nominal_hz() const { return cpufreq_.nominal_of(0) * 1e3; }
     [[nodiscard]] double watts() const { return watts_; }  // of the node, now
 
   private:
