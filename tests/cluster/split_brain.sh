@@ -18,9 +18,11 @@ expect_refused() {
     fi
 }
 
-# expect_no_writes NODE: neither the library nor the server's own client.
+# expect_no_writes NODE: neither the library nor the server's own client; and easctl says why.
 expect_no_writes() {
     expect_refused minority "$1."
+    ODBCINI=$EAS_SCRATCH/$1.odbc.ini easctl doctor >"$EAS_SCRATCH/said" 2>&1 || true
+    grep -q "without the majority" "$EAS_SCRATCH/said" || fail "doctor: $(cat "$EAS_SCRATCH/said")"
     if sql "$1" "INSERT INTO TQVN_EnergyPolicyTag SELECT 'minority', user_name, default_frequency,
         cluster_name, frequency, job_id, 1, 1, 1, 1, 1 FROM TQVN_EnergyPolicyTag" 2>/dev/null; then
         fail "$1 writes in a minority"

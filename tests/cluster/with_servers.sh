@@ -52,7 +52,7 @@ start_door() {
 write_data_source() {
     cp "$tree/examples/odbc/odbcinst.ini" "$EAS_SCRATCH"
     sed -e "s/^SERVER.*/SERVER = $door/" -e 's/^PWD.*/PWD = scheduler/' \
-        "$tree/examples/haproxy/odbc.ini" >"$EAS_SCRATCH/odbc.ini"
+        "$tree/examples/odbc/odbc.ini.mariadb" >"$EAS_SCRATCH/odbc.ini"
 }
 
 show_logs() {

@@ -16,6 +16,7 @@
 #include "db/base_class/DBLibrary.h"
 #include "interface/LibraryState.h"
 #include "interface/Locator.h"
+#include "interface/TagStore.h"
 #include "tools/easctl/cli/Command.h"
 #include "tools/easctl/cli/Signals.h"
 #include "tools/easctl/database/DatabaseFile.h"
@@ -204,11 +205,33 @@ void Database::require(SQLRETURN rc, SQLSMALLINT type, SQLHANDLE handle, const s
 
 std::vector<Database::Row> Database::run(const std::string& sql,
                                          const std::vector<std::string>& values) {
+    return run_on(connection_.getConnHandle(), sql, values);
+}
+
+std::vector<std::string> Database::ask_at_once(std::size_t count, const std::string& sql) {
+    std::vector<eas::OwnedConnection> open;
+    std::vector<std::string> answers;
+    while (open.size() < count) {
+        open.emplace_back(create_db_connection());
+        if (open.back() == nullptr)
+            break;
+        try {
+            const auto rows = run_on(open.back()->getConnHandle(), sql, {});
+            if (!rows.empty())
+                answers.push_back(rows[0].at(0).value_or(""));
+        } catch (const Failure&) {
+            continue;  // a server that went away, or refuses
+        }
+    }
+    return answers;
+}
+
+std::vector<Database::Row> Database::run_on(SQLHANDLE connection, const std::string& sql,
+                                            const std::vector<std::string>& values) {
     const DBLibrary& odbc = *DBLibrary::get();
     eas::OdbcHandle statement(SQL_HANDLE_STMT);
     const std::string what = "\"" + sql.substr(0, sql.find('\n')) + "\" failed";
-    require(statement.allocate(connection_.getConnHandle()), SQL_HANDLE_DBC,
-            connection_.getConnHandle(), what);
+    require(statement.allocate(connection), SQL_HANDLE_DBC, connection, what);
     SQLUSMALLINT place = 0;
     for (const std::string& value : values) {
         const SQLRETURN rc =

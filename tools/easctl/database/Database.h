@@ -58,6 +58,9 @@ class Database {
     /// Executes a statement; "?" stands for the texts of `values`, in order. Returns its rows, if
     /// it has any.
     std::vector<Row> run(const std::string& sql, const std::vector<std::string>& values = {});
+    /// What up to `count` further connections, open at the same time, answer to a query of one
+    /// value; those that fail are left out.
+    std::vector<std::string> ask_at_once(std::size_t count, const std::string& sql);
     void insert(DBObj& record);
     void commit();
     void rollback();
@@ -70,6 +73,8 @@ class Database {
     /// Whether the tables would be in SQLite's memory, or in a file that it removes at the end.
     bool keeps_nothing();
     void end();
+    std::vector<Row> run_on(SQLHANDLE connection, const std::string& sql,
+                            const std::vector<std::string>& values);
     void require(SQLRETURN rc, SQLSMALLINT type, SQLHANDLE handle, const std::string& what);
     std::vector<Row> fetch_all(SQLHANDLE statement, const std::string& what);
 

@@ -5,20 +5,27 @@
 #include "tools/easctl/cli/Command.h"
 #include "tools/easctl/cli/Json.h"
 #include "tools/easctl/database/Schema.h"
+#include "tools/easctl/database/ServerKind.h"
 
 namespace easctl {
 namespace {
 
 Json description_of(Database& database) {
-    return {{"dsn", database.dsn()},
-            {"engine", database.info(SQL_DBMS_NAME)},
-            {"version", database.info(SQL_DBMS_VER)},
-            {"driver", database.info(SQL_DRIVER_NAME)}};
+    Json document = {{"dsn", database.dsn()},
+                     {"engine", database.info(SQL_DBMS_NAME)},
+                     {"version", database.info(SQL_DBMS_VER)},
+                     {"driver", database.info(SQL_DRIVER_NAME)}};
+    if (database.engine() == Engine::mariadb)
+        document["server"] = server_kind(database).text();
+    return document;
 }
 
 std::string headline(Database& database) {
-    return "data source " + database.dsn() + ": " + database.info(SQL_DBMS_NAME) + ' ' +
-           database.info(SQL_DBMS_VER) + " through " + database.info(SQL_DRIVER_NAME) + '\n';
+    std::string line = "data source " + database.dsn() + ": " + database.info(SQL_DBMS_NAME) + ' ' +
+                       database.info(SQL_DBMS_VER) + " through " + database.info(SQL_DRIVER_NAME);
+    if (database.engine() == Engine::mariadb)
+        line += ": " + server_kind(database).text();
+    return line + '\n';
 }
 
 /// Ends either command: what differs, as text or as part of `document`.
@@ -82,12 +89,13 @@ void add_db_commands(CLI::App& app, Globals& globals) {
     options->add_to(init_command);
     set_action(init_command, [options, &globals] { init(*options, globals); });
 
-    CLI::App& check_command =
-        add_command(group, "check",
-                    "Says what differs from the tables that the library needs, and what of the\n"
-                    "session (quoting, sql_mode, timeouts) would go wrong. Changes nothing.",
-                    "easctl db check\n"
-                    "easctl db check --grants --json");
+    CLI::App& check_command = add_command(
+        group, "check",
+        "Says what differs from the tables that the library needs, and what of the\n"
+        "session and the server (quoting, sql_mode, isolation, a cluster's state, more\n"
+        "than one writer) would go wrong or lose tags. Changes nothing.",
+        "easctl db check\n"
+        "easctl db check --grants --json");
     options->add_to(check_command);
     const auto grants = std::make_shared<bool>(false);
     add_flag(check_command, "--grants", *grants, "also try what the account may do");

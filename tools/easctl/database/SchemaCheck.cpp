@@ -7,6 +7,7 @@
 
 #include "tools/easctl/database/DatabaseFile.h"
 #include "tools/easctl/database/Schema.h"
+#include "tools/easctl/database/ServerKind.h"
 
 namespace easctl {
 namespace {
@@ -259,20 +260,12 @@ void check_session(Database& database, Findings& findings) {
                        other_driver_hint);
 }
 
-void check_mariadb_server(Database& database, Findings& findings) {
-    const std::string where = "server of " + database.dsn();
+void check_mariadb_session(Database& database, Findings& findings) {
     const std::string mode = value_of(database, "select @@session.sql_mode").value_or("");
     if (mode.find("STRICT_") == std::string::npos)
         findings.error("session of " + database.dsn(),
                        "the sql_mode is not strict: a text that is too long would be cut",
                        initstmt_hint);
-    if (value_of(database, "select @@read_only") == "1")
-        findings.error(where, "the server is read-only", "name the writing server in odbc.ini");
-    if (value_of(database, "select @@wsrep_on") == "1" &&
-        value_of(database,
-                 "select variable_value from information_schema.global_status where "
-                 "variable_name = 'wsrep_ready'") != "ON")
-        findings.error(where, "the Galera node is not ready", "see wsrep_cluster_status");
 }
 
 void check_sqlite_file(Database& database, Findings& findings) {
@@ -321,11 +314,13 @@ void check_surplus(Database& database, Findings& findings) {
 Findings check_schema(Database& database) {
     Findings findings;
     const Schema schema = schema_for(database);
+    if (database.engine() == Engine::mariadb && !check_server(database, findings))
+        return findings;
     for (const SchemaTable& table : schema.tables)
         TableCheck(database, table, findings).run();
     check_session(database, findings);
     if (database.engine() == Engine::mariadb)
-        check_mariadb_server(database, findings);
+        check_mariadb_session(database, findings);
     else
         check_sqlite_file(database, findings);
     return findings;

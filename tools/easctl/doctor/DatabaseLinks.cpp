@@ -21,6 +21,7 @@
 #include "tools/easctl/database/DatabaseFile.h"
 #include "tools/easctl/database/OdbcConfiguration.h"
 #include "tools/easctl/database/Schema.h"
+#include "tools/easctl/database/ServerKind.h"
 #include "tools/easctl/model/ModelFile.h"
 #include "tools/easctl/model/ModelStore.h"
 #include "tools/easctl/model/ThresholdFile.h"
@@ -291,8 +292,10 @@ Link connection(const DoctorOptions& options, std::optional<Database>& database)
                 "no call of the library can do its work", trouble->remedy};
     try {
         database.emplace(options.database);
-        return {name, LinkStatus::ok,
-                database->info(SQL_DBMS_NAME) + ' ' + database->info(SQL_DBMS_VER), "", ""};
+        std::string found = database->info(SQL_DBMS_NAME) + ' ' + database->info(SQL_DBMS_VER);
+        if (database->engine() == Engine::mariadb)
+            found += ", " + server_kind(*database).text();
+        return {name, LinkStatus::ok, found, "", ""};
     } catch (const Failure& failure) {
         const bool denied = failure.message.find("28000") != std::string::npos ||
                             failure.message.find("ccess denied") != std::string::npos;
