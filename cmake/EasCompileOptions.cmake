@@ -27,6 +27,11 @@ target_compile_options(
               $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety>
               $<$<BOOL:${EAS_WERROR}>:-Werror>)
 
+# A compiler cache tells precompiled headers apart by these.
+target_compile_options(
+    eas_options INTERFACE $<$<COMPILE_LANG_AND_ID:CXX,GNU>:-fpch-preprocess>
+                          "$<$<COMPILE_LANG_AND_ID:CXX,Clang>:SHELL:-Xclang -fno-pch-timestamp>")
+
 # What ships names no folder of the machine that built it; a debugger and gcov want to find it.
 if(NOT CMAKE_BUILD_TYPE STREQUAL "Debug")
     target_compile_options(eas_options INTERFACE -ffile-prefix-map=${PROJECT_SOURCE_DIR}/=)

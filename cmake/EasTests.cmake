@@ -8,6 +8,11 @@
 find_package(GTest REQUIRED)
 include(GoogleTest)
 
+# What is under test is compiled as it ships; the tests themselves need no optimisation.
+function(eas_compile_as_test name)
+    target_compile_options(${name} PRIVATE -O0 -U_FORTIFY_SOURCE)
+endfunction()
+
 function(eas_add_test name)
     cmake_parse_arguments(PARSE_ARGV 1 arg "SERIAL" "LABELS;TIMEOUT;FIXTURES" "SOURCES;LIBRARIES")
     if(arg_UNPARSED_ARGUMENTS OR NOT arg_LABELS OR NOT arg_SOURCES)
@@ -20,6 +25,8 @@ function(eas_add_test name)
     add_executable(${name} ${arg_SOURCES})
     target_link_libraries(${name} PRIVATE eas_options eas_objects eas_test_support GTest::gmock
                                           GTest::gtest_main ${arg_LIBRARIES})
+    eas_compile_as_test(${name})
+    target_precompile_headers(${name} REUSE_FROM eas_test_support)
     set(properties LABELS ${arg_LABELS} TIMEOUT ${arg_TIMEOUT})
     if(arg_SERIAL)  # it holds times against each other
         list(APPEND properties RUN_SERIAL TRUE)

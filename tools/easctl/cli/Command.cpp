@@ -4,30 +4,9 @@
 #include <cstdio>
 #include <sstream>
 
-#include <CLI/CLI.hpp>
-
 #include "base/UniqueFile.h"
 
 namespace easctl {
-namespace {
-
-std::string footer_of(const std::string& examples) {
-    std::string text;
-    if (!examples.empty()) {
-        text += "Examples:\n";
-        std::istringstream lines(examples);
-        for (std::string line; std::getline(lines, line);)
-            text += "  " + line + '\n';
-        text += '\n';
-    }
-    return text +
-           "Of every command: --json, --quiet, --color auto|always|never.\n"
-           "Exit codes: 0 ok, 1 something found, 2 usage, 3 input file, 4 database,\n"
-           "            5 refused by the library, 6 node, 130 interrupted.";
-}
-
-}  // namespace
-
 const char* name_of(ExitCode code) noexcept {
     switch (code) {
         case ExitCode::ok:
@@ -48,21 +27,6 @@ const char* name_of(ExitCode code) noexcept {
             return "interrupted";
     }
     return "unknown";
-}
-
-CLI::App& add_command(CLI::App& parent, const std::string& name, const std::string& description,
-                      const std::string& examples) {
-    CLI::App& command = *parent.add_subcommand(name, description);
-    command.fallthrough();  // the options of the whole tool may stand behind the command, too
-    command.footer(footer_of(examples));
-    return command;
-}
-
-CLI::App& add_group(CLI::App& parent, const std::string& name, const std::string& description) {
-    CLI::App& group = *parent.add_subcommand(name, description);
-    group.fallthrough();
-    group.require_subcommand(1);
-    return group;
 }
 
 void complain(const Failure& failure) {

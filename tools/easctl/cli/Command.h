@@ -25,12 +25,6 @@ struct Globals {
     [[nodiscard]] bool colored() const { return color_wanted(color); }
 };
 
-/// Adds a command below `parent`. `examples`: one command line per line, shown under --help.
-CLI::App& add_command(CLI::App& parent, const std::string& name, const std::string& description,
-                      const std::string& examples);
-/// Adds a group of commands, one of which must be given.
-CLI::App& add_group(CLI::App& parent, const std::string& name, const std::string& description);
-
 /// The values in their order, each once.
 template <typename Value>
 std::vector<Value> each_once(const std::vector<Value>& values) {

@@ -1,5 +1,6 @@
 #include "tools/easctl/cli/CommandTree.h"
 
+#include <CLI/CLI.hpp>
 #include <cstdio>
 #include <sstream>
 

@@ -2,10 +2,14 @@
 // what completion and the manual page are made of, so that they cannot differ from --help.
 #pragma once
 
-#include <CLI/CLI.hpp>
 #include <memory>
 #include <string>
 #include <vector>
+
+namespace CLI {
+class App;
+class FormatterBase;
+}  // namespace CLI
 
 namespace easctl {
 

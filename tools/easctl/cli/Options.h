@@ -20,6 +20,12 @@ class Validator;
 
 namespace easctl {
 
+/// Adds a command below `parent`. `examples`: one command line per line, shown under --help.
+CLI::App& add_command(CLI::App& parent, const std::string& name, const std::string& description,
+                      const std::string& examples);
+/// Adds a group of commands, one of which must be given.
+CLI::App& add_group(CLI::App& parent, const std::string& name, const std::string& description);
+
 /// What the value of an option must be, or how its text is rewritten before it is converted.
 class Check {
   public:
