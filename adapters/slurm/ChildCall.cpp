@@ -26,8 +26,8 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 // How long a child may take to be gone: one that ends by itself does, however busy the node.
-constexpr std::chrono::milliseconds kPatience{10000};
-constexpr std::chrono::milliseconds kPatienceWithKilled{500};
+constexpr std::chrono::milliseconds patience_with_child{10000};
+constexpr std::chrono::milliseconds patience_with_killed{500};
 
 struct Channel {
     Descriptor mine, its;
@@ -58,8 +58,8 @@ void settle(int channel) {
     for (int number = 1; number < NSIG; ++number)
         ::sigaction(number, &plain, nullptr);
     ::signal(SIGPIPE, SIG_IGN);
-    constexpr rlimit kNoCore{0, 0};
-    ::setrlimit(RLIMIT_CORE, &kNoCore);
+    constexpr rlimit no_core{0, 0};
+    ::setrlimit(RLIMIT_CORE, &no_core);
     ::prctl(PR_SET_DUMPABLE, 0);  // a program that takes the dumps is not bound by the limit
     sigset_t none;
     sigemptyset(&none);
@@ -147,7 +147,7 @@ Outcome call_in_child(int seconds, const std::function<Outcome()>& work) {
         read_all(channel.mine.get(), Clock::now() + std::chrono::seconds(seconds), text);
     if (!in_time)
         ::kill(child, SIGKILL);
-    reap(child, in_time ? kPatience : kPatienceWithKilled);
+    reap(child, in_time ? patience_with_child : patience_with_killed);
     if (!text.empty())
         return {text.front() == '+', text.substr(1)};
     return {false, in_time ? "the process that calls the library crashed"
@@ -169,7 +169,7 @@ Companion::Companion(const std::function<void(int channel)>& work) {
         });
         ::_exit(0);
     }
-    reap(between, kPatience);
+    reap(between, patience_with_child);
     channel_ = std::move(channel.mine);
 }
 

@@ -19,28 +19,29 @@ void find(void* library, const char* name, Function*& function) {
 }
 
 /// Text of a code 0, -1, -2, ...
-template <size_t kSize>
-std::string text_of(const char* const (&texts)[kSize], int code) {
+template <size_t size>
+std::string text_of(const char* const (&texts)[size], int code) {
     const auto index = static_cast<size_t>(-code);
-    return code < 0 && index < kSize ? texts[index] : "code " + std::to_string(code);
+    return code < 0 && index < size ? texts[index] : "code " + std::to_string(code);
 }
 
-constexpr const char* kInitialize[] = {"",
-                                       "the cluster or the default frequency is not given",
-                                       "no connection to the database",
-                                       "no coefficients for this cluster and default frequency",
-                                       "the threshold file is not valid",
-                                       "the threshold file is missing or has no entry"};
-constexpr const char* kGenerate[] = {"",
-                                     "a figure is out of range",
-                                     "no connection to the database",
-                                     "not initialised",
-                                     "the figures allow no prediction",
-                                     "the database refused it",
-                                     "there is one of that name already"};
-constexpr const char* kSelect[] = {"", "the request is out of range",
-                                   "no connection to the database", "not initialised",
-                                   "this user has no such tag"};
+constexpr const char* initialize_texts[] = {
+    "",
+    "the cluster or the default frequency is not given",
+    "no connection to the database",
+    "no coefficients for this cluster and default frequency",
+    "the threshold file is not valid",
+    "the threshold file is missing or has no entry"};
+constexpr const char* generate_texts[] = {"",
+                                          "a figure is out of range",
+                                          "no connection to the database",
+                                          "not initialised",
+                                          "the figures allow no prediction",
+                                          "the database refused it",
+                                          "there is one of that name already"};
+constexpr const char* select_texts[] = {"", "the request is out of range",
+                                        "no connection to the database", "not initialised",
+                                        "this user has no such tag"};
 
 }  // namespace
 
@@ -78,7 +79,7 @@ void initialize(const EasLibrary& library, const PluginArguments& arguments) {
     const int code =
         library.initialize(cluster.data(), arguments.default_frequency, thresholds.data());
     if (code != EAS_OK)
-        throw std::runtime_error(text_of(kInitialize, code));
+        throw std::runtime_error(text_of(initialize_texts, code));
 }
 
 MeterReading read_meter(const EasLibrary& library) {
@@ -90,11 +91,11 @@ MeterReading read_meter(const EasLibrary& library) {
 }
 
 std::string generate_refusal(int code) {
-    return text_of(kGenerate, code);
+    return text_of(generate_texts, code);
 }
 
 std::string select_refusal(int code) {
-    return text_of(kSelect, code);
+    return text_of(select_texts, code);
 }
 
 }  // namespace eas::slurm

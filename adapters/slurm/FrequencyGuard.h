@@ -8,6 +8,7 @@
 
 #include "adapters/slurm/EasLibrary.h"
 #include "adapters/slurm/JobRecord.h"
+#include "adapters/slurm/StateFolder.h"
 
 namespace eas::slurm {
 

@@ -106,7 +106,7 @@ Outcome read_meter_again(const PluginArguments& arguments, uint32_t job) {
     record->end = read_meter(EasLibrary(arguments.library));
     folder.append(job, line::reading("end", *record->end));
     std::string text = describe(consumption_of(*record));
-    if (record->request.purpose() == Purpose::kSelect && !record->disturbed.empty())
+    if (record->request.purpose() == Purpose::select && !record->disturbed.empty())
         text += "; " + record->disturbed;
     return {true, text};
 }

@@ -1,15 +1,12 @@
-// JobRecord.h - what the plugin keeps of a job between its prolog and its epilog on a node: one
-// file of lines per job, in a folder that only root may read. Processes of the job append to it,
-// each line with a single write.
+// JobRecord.h - what the plugin keeps of a job between its prolog and its epilog on a node, as
+// lines of text.
 #pragma once
 
-#include <chrono>
 #include <cstdint>
 #include <optional>
 #include <string>
 #include <vector>
 
-#include "adapters/slurm/Descriptor.h"
 #include "adapters/slurm/JobRequest.h"
 
 namespace eas::slurm {
@@ -61,27 +58,5 @@ std::string no_counters(uint32_t step, const std::string& reason);
 
 /// Lines that make no sense are passed over.
 JobRecord parse_record(const std::string& text);
-
-/// The folder of the records. Every function throws std::runtime_error when the folder is not to be
-/// trusted (a link, not root's, open to others), when a record in it is not, or the system refuses.
-class StateFolder {
-  public:
-    explicit StateFolder(const std::string& path);
-
-    /// Keeps other prologs and steps away until the result is destroyed.
-    [[nodiscard]] Descriptor lock(std::chrono::milliseconds patience) const;
-    /// Starts a job's record anew.
-    void create(const JobRequest& request) const;
-    void append(uint32_t job, const std::string& lines) const;
-    /// Nothing when the job has no record here.
-    [[nodiscard]] std::optional<JobRecord> read(uint32_t job) const;
-    [[nodiscard]] std::vector<uint32_t> jobs() const;
-    void remove(uint32_t job) const;
-
-  private:
-    [[nodiscard]] Descriptor open(uint32_t job, int flags) const;
-
-    Descriptor folder_;
-};
 
 }  // namespace eas::slurm

@@ -3,10 +3,10 @@
 namespace eas::slurm {
 
 bool is_tag_name(std::string_view text) {
-    constexpr std::string_view kAllowed =
+    constexpr std::string_view allowed =
         "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789_.-";
     return !text.empty() && text.size() <= 255 &&
-           text.find_first_not_of(kAllowed) == std::string_view::npos;
+           text.find_first_not_of(allowed) == std::string_view::npos;
 }
 
 bool is_policy(std::string_view text) {

@@ -10,9 +10,9 @@ namespace eas::slurm {
 
 /// What the plugin does with a job.
 enum class Purpose {
-    kPlain,    // nothing, but it is noted that it runs on the node
-    kMeasure,  // default frequency, a tag at the end
-    kSelect,   // the frequency that the tag's predictions suggest
+    plain,    // nothing, but it is noted that it runs on the node
+    measure,  // default frequency, a tag at the end
+    select,   // the frequency that the tag's predictions suggest
 };
 
 /// Letters, digits, "_", "." and "-"; 1 to 255 of them.
@@ -29,8 +29,8 @@ struct JobRequest {
 
     [[nodiscard]] Purpose purpose() const {
         if (tag.empty())
-            return Purpose::kPlain;
-        return policy.empty() || policy == "none" ? Purpose::kMeasure : Purpose::kSelect;
+            return Purpose::plain;
+        return policy.empty() || policy == "none" ? Purpose::measure : Purpose::select;
     }
 };
 

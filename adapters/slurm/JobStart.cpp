@@ -67,7 +67,7 @@ uint32_t clear_up(const StateFolder& folder, const std::vector<Neighbour>& neigh
                   const JobRequest& request, const NodeRole& role, std::string& done) {
     uint32_t running = 0;
     for (const Neighbour& neighbour : neighbours) {
-        if (!neighbour.had_frequency && request.purpose() == Purpose::kPlain)
+        if (!neighbour.had_frequency && request.purpose() == Purpose::plain)
             continue;
         const bool is_over = role.job_is_over(neighbour.job);
         if (is_over)
@@ -90,7 +90,7 @@ int choose(const EasLibrary& library, const PluginArguments& arguments, const Jo
            std::string& why) {
     if (arguments.default_frequency == 0)
         throw std::runtime_error("plugstack.conf gives no default_frequency");
-    if (request.purpose() == Purpose::kMeasure) {
+    if (request.purpose() == Purpose::measure) {
         why = "measuring for tag \"" + request.tag + "\" at " +
               std::to_string(arguments.default_frequency) + " kHz";
         return arguments.default_frequency;
@@ -165,7 +165,7 @@ void settle_in(const StateFolder& folder, const PluginArguments& arguments,
         throw std::runtime_error(no_lock);
     }
     const uint32_t running = clear_up(folder, neighbours, request, role, done);
-    if (request.purpose() == Purpose::kPlain)
+    if (request.purpose() == Purpose::plain)
         return;
     if (running != 0)
         throw std::runtime_error(name_of(running) + " runs on this node too");
@@ -197,7 +197,7 @@ Outcome start_job(const PluginArguments& arguments, const JobRequest& request,
     } catch (const std::exception& error) {
         outcome.good = false;
         tell(outcome.text, error.what());
-        if (request.purpose() != Purpose::kPlain)
+        if (request.purpose() != Purpose::plain)
             tell(outcome.text, leave_frequency(folder, request.job, error.what()));
     }
     return outcome;

@@ -6,7 +6,7 @@
 namespace eas::slurm {
 namespace {
 
-constexpr int kLongestLimit = 120;  // s; more would look like a hanging node
+constexpr int longest_limit = 120;  // s; more would look like a hanging node
 
 struct TextArgument {
     std::string_view name;
@@ -14,7 +14,7 @@ struct TextArgument {
     bool is_path;
 };
 
-constexpr TextArgument kTexts[] = {
+constexpr TextArgument text_arguments[] = {
     {"library", &PluginArguments::library, false},
     {"cluster", &PluginArguments::cluster, false},
     {"thresholds", &PluginArguments::thresholds, true},
@@ -29,13 +29,13 @@ struct NumberArgument {
     int most;
 };
 
-constexpr NumberArgument kNumbers[] = {
+constexpr NumberArgument number_arguments[] = {
     {"default_frequency", &PluginArguments::default_frequency, 999999999},
-    {"limit", &PluginArguments::limit, kLongestLimit},
+    {"limit", &PluginArguments::limit, longest_limit},
 };
 
 bool set_text(PluginArguments& arguments, std::string_view name, std::string_view value) {
-    for (const TextArgument& known : kTexts) {
+    for (const TextArgument& known : text_arguments) {
         if (name != known.name)
             continue;
         if (value.empty() || (known.is_path && value.front() != '/'))
@@ -47,7 +47,7 @@ bool set_text(PluginArguments& arguments, std::string_view name, std::string_vie
 }
 
 bool set_number(PluginArguments& arguments, std::string_view name, std::string_view value) {
-    for (const NumberArgument& known : kNumbers) {
+    for (const NumberArgument& known : number_arguments) {
         if (name != known.name)
             continue;
         int number = 0;

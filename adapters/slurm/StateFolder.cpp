@@ -1,5 +1,6 @@
-// The folder of the job records: every name is looked up in a folder that was checked, no link is
-// followed.
+// Every name is looked up in a folder that was checked, and no link is followed.
+#include "adapters/slurm/StateFolder.h"
+
 #include <dirent.h>
 #include <fcntl.h>
 #include <poll.h>
@@ -16,15 +17,13 @@
 #include <stdexcept>
 #include <string_view>
 
-#include "adapters/slurm/JobRecord.h"
-
 namespace eas::slurm {
 namespace {
 
-constexpr std::string_view kPrefix = "job-";
+constexpr std::string_view prefix = "job-";
 
 std::string name_of(uint32_t job) {
-    return std::string(kPrefix) + std::to_string(job);
+    return std::string(prefix) + std::to_string(job);
 }
 
 [[noreturn]] void fail(const std::string& what) {
@@ -32,7 +31,7 @@ std::string name_of(uint32_t job) {
 }
 
 /// A record has a line per CPU and a few per step.
-constexpr size_t kLongestRecord = size_t{16} << 20;
+constexpr size_t longest_record = size_t{16} << 20;
 
 /// Text of an open file.
 std::string read_text(int fd) {
@@ -43,7 +42,7 @@ std::string read_text(int fd) {
             fail("reading a job's record");
         if (got > 0)
             text.append(part.data(), static_cast<size_t>(got));
-        if (text.size() > kLongestRecord)
+        if (text.size() > longest_record)
             throw std::runtime_error("the job's record is too long");
     }
     return text;
@@ -125,9 +124,9 @@ std::vector<uint32_t> StateFolder::jobs() const {
         fail("the folder of the records");
     while (const dirent* entry = ::readdir(entries.get())) {
         std::string_view name = entry->d_name;
-        if (name.substr(0, kPrefix.size()) != kPrefix)
+        if (name.substr(0, prefix.size()) != prefix)
             continue;
-        name.remove_prefix(kPrefix.size());
+        name.remove_prefix(prefix.size());
         uint32_t job = 0;
         const auto [end, error] = std::from_chars(name.data(), name.data() + name.size(), job);
         if (error == std::errc{} && end == name.data() + name.size())

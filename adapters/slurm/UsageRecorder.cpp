@@ -13,7 +13,7 @@
 namespace eas::slurm {
 namespace {
 
-constexpr char kFinish = 'f';
+constexpr char finish_word = 'f';
 
 void reply(int channel, std::string_view text) {
     ::send(channel, text.data(), text.size(), MSG_NOSIGNAL);
@@ -29,7 +29,7 @@ bool wait_for_end(int channel) {
     pollfd ready{channel, POLLIN, 0};
     while (::poll(&ready, 1, -1) < 0) {
     }
-    return ::recv(channel, &word, 1, 0) == 1 && word == kFinish;
+    return ::recv(channel, &word, 1, 0) == 1 && word == finish_word;
 }
 
 /// The sampler's life; the alarm ends it should the hardware not answer.
@@ -38,15 +38,15 @@ void sample(const PluginArguments& arguments, uint32_t job, uint32_t step, int c
     const StateFolder folder(arguments.state);
     const EasLibrary library(arguments.library);
     hwrusage first{}, last{};
-    constexpr pid_t kWholeNode = -1;
-    if (library.hardware_usage(kWholeNode, &first) != 0)
+    constexpr pid_t whole_node = -1;
+    if (library.hardware_usage(whole_node, &first) != 0)
         return reply(channel, "the counters of this node are not supported");
     reply(channel, "+");
     ::alarm(0);
     const bool wanted = wait_for_end(channel);
     ::alarm(static_cast<unsigned>(arguments.limit));
-    const bool counted = wanted && library.hardware_usage(kWholeNode, &last) == 0;
-    library.hardware_usage(kWholeNode, nullptr);
+    const bool counted = wanted && library.hardware_usage(whole_node, &last) == 0;
+    library.hardware_usage(whole_node, nullptr);
     if (!counted)
         return;
     folder.append(job, line::usage(step, difference(first.cycles, last.cycles),
@@ -80,7 +80,7 @@ UsageRecorder::UsageRecorder(PluginArguments arguments, uint32_t job, uint32_t s
 void UsageRecorder::begin(const StateFolder& folder) {
     const Descriptor lock = folder.lock(arguments_.lock_wait());
     const std::optional<JobRecord> record = folder.read(job_);
-    if (!record || record->request.purpose() != Purpose::kMeasure || !record->first_node ||
+    if (!record || record->request.purpose() != Purpose::measure || !record->first_node ||
         !record->disturbed.empty())
         return;
     const bool counts = !record->being_sampled;
@@ -106,7 +106,7 @@ void UsageRecorder::finish() {
     const StateFolder folder(arguments_.state);
     if (sampler_ == nullptr)
         return folder.append(job_, line::step_ends(step_));
-    sampler_->send(kFinish);
+    sampler_->send(finish_word);
     expect_answer(folder);
 }
 

@@ -7,8 +7,8 @@
 #include <memory>
 
 #include "adapters/slurm/ChildCall.h"
-#include "adapters/slurm/JobRecord.h"
 #include "adapters/slurm/PluginArguments.h"
+#include "adapters/slurm/StateFolder.h"
 
 namespace eas::slurm {
 

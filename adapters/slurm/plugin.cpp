@@ -167,7 +167,7 @@ void add(Outcome& all, const Outcome& part) {
 
 Outcome tag_of(const PluginArguments& arguments, const StateFolder& folder, uint32_t job) {
     const std::optional<JobRecord> record = folder.read(job);
-    if (!record || record->request.purpose() != Purpose::kMeasure || !record->first_node)
+    if (!record || record->request.purpose() != Purpose::measure || !record->first_node)
         return {};
     return call_in_child(arguments.limit, [&] { return make_tag(arguments, *record); });
 }
@@ -221,8 +221,8 @@ bool has_own_frequency(spank_t spank) {
 }
 
 void begin_step(spank_t spank, const PluginArguments& arguments, uint32_t job, uint32_t step) {
-    constexpr uint32_t kExternStep = 0xfffffffc;  // holds the job, runs nothing of it
-    if (step == kExternStep || !has_records(arguments))
+    constexpr uint32_t extern_step = 0xfffffffc;  // holds the job, runs nothing of it
+    if (step == extern_step || !has_records(arguments))
         return;
     if (has_own_frequency(spank))
         log(job, call_in_child(arguments.limit, [&] { return yield_to_user(arguments, job); }));

@@ -346,9 +346,9 @@ library=$lib/crashing.so|error: .*library crashed|the energy meter was not read 
 library=$lib/hanging.so limit=2|error: .*no answer within 2 s|the energy meter was not read
 odbcini=/none odbcsysini=/none|error: .*no connection to the database|no connection to the database
 thresholds=/none|error: .*the threshold file is missing or has no entry
-cluster=unknown|error: .*no coefficients for this cluster and default frequency
+cluster=100%s%n|error: .*no coefficients for this cluster and default frequency
 state=$scratch/open|error: .*must belong to root, mode 0700
-nonsense=1|"nonsense=1" is not understood
+nonsense=%s%n|"nonsense=%s%n" is not understood
 END
     cp "$out/plugstack" "$plugstack"
 }

@@ -1,6 +1,7 @@
 // The parts of the Slurm plugin that need no Slurm: options, arguments, records, child processes.
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -15,6 +16,7 @@
 #include "adapters/slurm/JobOnNode.h"
 #include "adapters/slurm/JobRecord.h"
 #include "adapters/slurm/PluginArguments.h"
+#include "adapters/slurm/StateFolder.h"
 #include "tests/support/ScratchFolder.h"
 
 namespace eas::slurm {
@@ -22,7 +24,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr int kAmple = 60;  // s, for what a busy machine must be given time to do
+constexpr int ample = 60;  // s, for what a busy machine must be given time to do
 
 TEST(SlurmRequest, TheFirstNodeOfAListIsFound) {
     const std::pair<const char*, const char*> rows[] = {{"n1", "n1"},
@@ -94,12 +96,14 @@ TEST(SlurmRecord, FoldersAndRecordsThatOthersCouldHavePlantedAreRefused) {
     const fs::path good = scratch.path("good"), open = scratch.path("open"),
                    link = scratch.path("link"), victim = scratch.path("victim");
     fs::create_directory(open);
-    fs::permissions(open, fs::perms(0755));  // whatever the umask
-    fs::create_directory_symlink(open, link);
-    EXPECT_THROW(StateFolder(open.string()), std::runtime_error);
-    EXPECT_THROW(StateFolder(link.string()), std::runtime_error);
+    for (const int mode : {0755, 0770, 0707, 0710, 0701}) {
+        fs::permissions(open, fs::perms(mode));  // whatever the umask
+        EXPECT_THROW(StateFolder(open.string()), std::runtime_error) << std::oct << mode;
+    }
 
     const StateFolder folder(good.string());
+    fs::create_directory_symlink(good, link);
+    EXPECT_THROW(StateFolder(link.string()), std::runtime_error);
     folder.create({5, 1000, "t", "minimize_time"});
     folder.append(5, line::setting({3, "userspace", 1200000}) + line::reading("start", {1, 2}));
     const std::optional<JobRecord> record = folder.read(5);
@@ -133,7 +137,7 @@ Outcome prolog_of(const PluginArguments& arguments, const JobRequest& request,
                             ask_slurm();
                             return false;
                         }};
-    return call_in_child(kAmple, [&] { return start_job(arguments, request, role); });
+    return call_in_child(ample, [&] { return start_job(arguments, request, role); });
 }
 
 TEST(SlurmProlog, NothingHindersItFromSettingTheNodeBackFirst) {
@@ -169,8 +173,20 @@ TEST(SlurmProlog, NothingHindersItFromSettingTheNodeBackFirst) {
     EXPECT_TRUE(folder.read(4));
 }
 
-TEST(SlurmChild, WhateverHappensInItIsToldInTime) {
-    const auto outcome = [](const std::function<Outcome()>& work, int limit = kAmple) {
+/// Gone, or waiting to be collected by whoever adopted it; a busy machine is given time.
+bool ends(const std::string& process) {
+    const auto has_ended = [&] {
+        std::string number, name, state;
+        std::ifstream stat("/proc/" + process + "/stat");
+        return !(stat >> number >> name >> state) || state == "Z";
+    };
+    for (int i = 0; i < 3000 && !has_ended(); ++i)
+        ::usleep(10000);
+    return has_ended();
+}
+
+TEST(SlurmChild, WhateverHappensInItIsToldInTimeAndItEnds) {
+    const auto outcome = [](const std::function<Outcome()>& work, int limit = ample) {
         const Outcome result = call_in_child(limit, work);
         return (result.good ? "good: " : "bad: ") + result.text;
     };
@@ -180,17 +196,23 @@ TEST(SlurmChild, WhateverHappensInItIsToldInTime) {
     EXPECT_EQ("bad: failed for an unknown reason", outcome([]() -> Outcome { throw 1; }));
     EXPECT_EQ("bad: the process that calls the library crashed",
               outcome([]() -> Outcome { ::_exit(3); }));
-    const auto hang = []() -> Outcome {
+    EXPECT_EQ(-1, ::waitpid(-1, nullptr, WNOHANG)) << "one was not collected";
+    auto* const hanging = static_cast<pid_t*>(
+        ::mmap(nullptr, sizeof(pid_t), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+    ASSERT_NE(MAP_FAILED, static_cast<void*>(hanging));
+    const auto hang = [hanging]() -> Outcome {
+        *hanging = ::getpid();
         for (;;)
             ::pause();
     };
     EXPECT_EQ("bad: no answer within 1 s", outcome(hang, 1));
+    EXPECT_TRUE(ends(std::to_string(*hanging)));
 }
 
 TEST(SlurmChild, ItHoldsNothingOfItsParentAndLeavesNoDump) {
     int ends[2];
     ASSERT_EQ(0, ::pipe(ends));
-    const Outcome result = call_in_child(kAmple, [&] {
+    const Outcome result = call_in_child(ample, [&] {
         const bool wrote = ::write(ends[1], "x", 1) == 1;  // the number is taken, the pipe is not
         return Outcome{wrote && ::prctl(PR_GET_DUMPABLE) == 0,
                        fs::read_symlink("/proc/self/fd/" + std::to_string(ends[1]))};
@@ -213,20 +235,12 @@ TEST(SlurmChild, ACompanionIsNoChildAndEndsWithItsMaster) {
             }
         });
         companion.send('q');
-        process = companion.answer(kAmple);
+        process = companion.answer(ample);
         EXPECT_EQ("", companion.answer(0));
         EXPECT_EQ(-1, ::waitpid(-1, nullptr, WNOHANG));
         EXPECT_EQ(0, ::kill(std::stoi(process), 0));
     }
-    // Gone, or waiting to be collected by whoever adopted it.
-    const auto has_ended = [&] {
-        std::string number, name, state;
-        std::ifstream stat("/proc/" + process + "/stat");
-        return !(stat >> number >> name >> state) || state == "Z";
-    };
-    for (int i = 0; i < 3000 && !has_ended(); ++i)
-        ::usleep(10000);
-    EXPECT_TRUE(has_ended());
+    EXPECT_TRUE(ends(process));
 }
 
 }  // namespace
