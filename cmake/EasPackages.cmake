@@ -117,8 +117,9 @@ set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION admin)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SHLIBDEPS ON)
 # The tool carries the library's code in itself and runs where no library is installed.
 set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS ${driver_manager})
-set(CPACK_DEBIAN_TOOLS_PACKAGE_RECOMMENDS "${drivers}, gnuplot-nox | gnuplot")
-set(CPACK_DEBIAN_TOOLS_PACKAGE_SUGGESTS "sqlite3, unixodbc, python3")
+set(CPACK_DEBIAN_TOOLS_PACKAGE_RECOMMENDS ${drivers})
+# Pictures would bring 129 packages (X libraries among them) to every node that is calibrated.
+set(CPACK_DEBIAN_TOOLS_PACKAGE_SUGGESTS "gnuplot-nox | gnuplot, sqlite3, unixodbc, python3")
 set(CPACK_COMPONENT_TOOLS_DESCRIPTION "energy-aware job scheduling: administrator's tool
 ${about}
 .

@@ -81,6 +81,11 @@ field libeas-dev Depends "^libeas1 \(= $version\), libeasnode1 \(= $version\)"
 dpkg -L unixodbc-dev | grep '/libodbc\.so$' >/dev/null || fail "unixodbc-dev has no libodbc.so"
 # The solver that an administrator will use agrees; nothing is installed.
 apt-get install --simulate --no-install-recommends "$scratch"/packages/*.deb
+# Nor do recommendations bring a desktop's libraries to a node that has nothing yet.
+apt-get install --simulate -o Dir::State::status=/dev/null \
+    "$scratch"/packages/{libeas1,eas-tools}_*.deb >"$scratch/brought"
+grep -E '^Inst eas-tools ' "$scratch/brought" >/dev/null || fail "eas-tools is not installed"
+! grep -E '^Inst (gnuplot|libx11|groff)' "$scratch/brought" || fail "plots are a suggestion"
 # Not for Debian's archive, so no bug is closed; and CPack always adds a call of ldconfig to the
 # trigger that lintian asks for.
 lintian --allow-root --fail-on error,warning --tag-display-limit 0 \
