@@ -34,7 +34,9 @@ struct settings {
     int default_khz;
     char* thresholds;
     char* jobs;
-    bool keep_tags;
+    char* shown_job;
+    int show_all;
+    int keep_tags;
     int before_initialisation; /* how a request was answered that came too early */
 };
 
@@ -45,7 +47,6 @@ struct selection {
 
 static char minimize_energy[] = "minimize_energy";
 static char minimize_time[] = "minimize_time";
-
 enum function { INITIALIZE, GENERATE, QUERY, REMOVE, SELECT };
 
 /* The same code means different things from different functions. */
@@ -159,7 +160,10 @@ static void free_tags(energyPolicyTag_t* tags, int count) {
     free(tags);
 }
 
-static void print_predictions(const energyPolicyTag_t* tag, int energy_khz, int time_khz) {
+static void print_predictions(const energyPolicyTag_t* tag, const struct job* job, int energy_khz,
+                              int time_khz) {
+    printf("\n%s: job %s of %s, tag \"%s\", %d s at %.1f W\n", job->name, job->id, job->user,
+           job->tag, job->seconds, job->watts);
     printf("%7s %9s %12s %9s %11s\n", "GHz", "power W", "run time s", "time %", "energy %");
     for (int i = 0; i < tag->num_freq; i++) {
         const int khz = tag->frequencies[i];
@@ -179,7 +183,26 @@ static bool select_for(const struct settings* settings, struct job* job, char* p
     return succeeded("select for", job->name, SELECT, code);
 }
 
-static bool show_job(const struct settings* settings, struct job* job) {
+/* The predicted change of the energy, in percent. */
+static double energy_change(const energyPolicyTag_t* tag, int khz) {
+    for (int i = 0; i < tag->num_freq; i++) {
+        if (tag->frequencies[i] == khz) {
+            return tag->energy_saving_pct[i] * 100.0;
+        }
+    }
+    return 0.0;
+}
+
+static void print_selections(const energyPolicyTag_t* tag, const char* name,
+                             const struct selection* energy, const struct selection* time) {
+    printf("%-20s  %-8s  %11.2f GHz %+9.1f %+7.1f %10.2f GHz %+9.1f %+7.1f\n", name,
+           tag->energy_tag_name, energy->khz / 1e6, energy_change(tag, energy->khz),
+           energy->time_change * 100.0, time->khz / 1e6, energy_change(tag, time->khz),
+           time->time_change * 100.0);
+}
+
+/* All that is predicted for a job, or what is selected for it on one line. */
+static bool show_job(const struct settings* settings, struct job* job, bool whole) {
     int count = 0;
     energyPolicyTag_t* tags = NULL;
     struct selection energy = {0};
@@ -191,17 +214,24 @@ static bool show_job(const struct settings* settings, struct job* job) {
     }
     const bool selected = count == 1 && select_for(settings, job, minimize_energy, &energy) &&
                           select_for(settings, job, minimize_time, &time);
-    if (selected) {
-        printf("\n%s: job %s of %s, tag \"%s\", %d s at %.1f W\n", job->name, job->id, job->user,
-               job->tag, job->seconds, job->watts);
-        print_predictions(&tags[0], energy.khz, time.khz);
-        printf(
-            "   minimize_energy runs it at %.2f GHz (%+.1f %% time), minimize_time at %.2f GHz"
-            " (%+.1f %% time)\n",
-            energy.khz / 1e6, energy.time_change * 100.0, time.khz / 1e6, time.time_change * 100.0);
+    if (selected && whole) {
+        print_predictions(&tags[0], job, energy.khz, time.khz);
+    } else if (selected) {
+        print_selections(&tags[0], job->name, &energy, &time);
     }
     free_tags(tags, count);
     return selected;
+}
+
+/* The jobs that are shown whole, or the others. */
+static bool show_jobs(const struct settings* settings, struct job* jobs, int count, bool whole) {
+    for (int i = 0; i < count; i++) {
+        const bool is_whole = settings->show_all || strcmp(jobs[i].name, settings->shown_job) == 0;
+        if (is_whole == whole && !show_job(settings, &jobs[i], whole)) {
+            return false;
+        }
+    }
+    return true;
 }
 
 static int generate(const struct settings* settings, struct job* job) {
@@ -285,15 +315,19 @@ static bool run(const struct settings* settings, struct job* jobs, int count) {
         good = succeeded("generate a tag for", job->name, GENERATE, generate(settings, job));
         generated += good ? 1 : 0;
     }
-    for (int i = 0; good && i < count; i++) {
-        good = show_job(settings, &jobs[i]);
+    good = good && show_jobs(settings, jobs, count, true);
+    if (!settings->show_all) {
+        printf("\n%-20s  %-8s  %15s %9s %7s %14s %9s %7s\n", "Other jobs", "Tag", "minimize_energy",
+               "energy %", "time %", "minimize_time", "energy %", "time %");
     }
+    good = good && show_jobs(settings, jobs, count, false);
     good = good && show_refusals(settings, &jobs[0]);
     /* Whatever went wrong, the tags that were made go away again. */
     for (int i = 0; i < generated && !settings->keep_tags; i++) {
         good &= remove_tags(settings, &jobs[i], &removed);
     }
-    printf("\n%d tags generated, %d removed\n", generated, removed);
+    printf("\n%d tags generated, %d %s\n", generated, settings->keep_tags ? generated : removed,
+           settings->keep_tags ? "kept" : "removed");
     return good;
 }
 
@@ -301,56 +335,45 @@ static void print_help(FILE* out) {
     fprintf(out,
             "usage: scheduler [options]\n"
             "Generates, shows, uses and removes the tags of past jobs.\n\n"
-            "  -c, --cluster NAME     cluster, as in the coefficient table (sample)\n"
-            "  -f, --frequency KHZ    default frequency, at which the jobs ran (2300000)\n"
-            "  -t, --thresholds FILE  performance thresholds (thresholds.conf)\n"
-            "  -j, --jobs FILE        measured jobs, CSV (jobs.csv)\n"
-            "  -k, --keep-tags        do not remove the tags at the end\n"
-            "  -h, --help             print this\n\n"
+            "  --cluster NAME     cluster, as in the coefficient table (sample)\n"
+            "  --frequency KHZ    default frequency, at which the jobs ran (2300000)\n"
+            "  --thresholds FILE  performance thresholds (thresholds.conf)\n"
+            "  --jobs FILE        measured jobs, CSV (jobs.csv)\n"
+            "  --show NAME        the job whose predictions are all shown (the first)\n"
+            "  --all              show those of every job\n"
+            "  --keep-tags        do not remove the tags at the end\n"
+            "  --help             print this\n\n"
             "Exit code: 0 all went as it should, 1 it did not, 2 wrong usage.\n");
 }
 
 /* Returns the exit code with which to stop at once, -1 to go on. */
 static int parse_options(int argc, char** argv, struct settings* settings) {
-    static const struct option options[] = {
-        {"cluster", required_argument, NULL, 'c'},
-        {"frequency", required_argument, NULL, 'f'},
-        {"thresholds", required_argument, NULL, 't'},
-        {"jobs", required_argument, NULL, 'j'},
-        {"keep-tags", no_argument, NULL, 'k'},
+    char* frequency = NULL;
+    char** const values[] = {&settings->cluster, &frequency, &settings->thresholds, &settings->jobs,
+                             &settings->shown_job};
+    const struct option options[] = {
+        {"cluster", required_argument, NULL, 0},
+        {"frequency", required_argument, NULL, 0},
+        {"thresholds", required_argument, NULL, 0},
+        {"jobs", required_argument, NULL, 0},
+        {"show", required_argument, NULL, 0},
+        {"all", no_argument, &settings->show_all, true},
+        {"keep-tags", no_argument, &settings->keep_tags, true},
         {"help", no_argument, NULL, 'h'},
         {NULL, 0, NULL, 0},
     };
     int option = 0;
-    while ((option = getopt_long(argc, argv, "c:f:t:j:kh", options, NULL)) != -1) {
-        switch (option) {
-            case 'c':
-                settings->cluster = optarg;
-                break;
-            case 'f':
-                settings->default_khz = atoi(optarg);
-                break;
-            case 't':
-                settings->thresholds = optarg;
-                break;
-            case 'j':
-                settings->jobs = optarg;
-                break;
-            case 'k':
-                settings->keep_tags = true;
-                break;
-            case 'h':
-                print_help(stdout);
-                return 0;
-            default:
-                print_help(stderr);
-                return 2;
+    int index = 0;
+    while ((option = getopt_long(argc, argv, "h", options, &index)) == 0) {
+        if (optarg != NULL) {
+            *values[index] = optarg;
         }
     }
-    if (optind != argc) {
-        print_help(stderr);
-        return 2;
+    if (option != -1 || optind != argc) {
+        print_help(option == 'h' ? stdout : stderr);
+        return option == 'h' ? 0 : 2;
     }
+    settings->default_khz = frequency != NULL ? atoi(frequency) : settings->default_khz;
     return -1;
 }
 
@@ -359,7 +382,7 @@ int main(int argc, char** argv) {
     static char thresholds[] = "thresholds.conf";
     static char jobs_file[] = "jobs.csv";
     static struct job jobs[MAX_JOBS];
-    struct settings settings = {cluster, 2300000, thresholds, jobs_file, false, 0};
+    struct settings settings = {cluster, 2300000, thresholds, jobs_file, jobs[0].name, 0, 0, 0};
     const int exit_code = parse_options(argc, argv, &settings);
     if (exit_code >= 0) {
         return exit_code;
