@@ -37,7 +37,8 @@ endforeach()
 
 # The samples keep their places towards each other: load-sqlite finds the schema in ../../sql.
 set(data_dir ${CMAKE_INSTALL_DATADIR}/eas)
-install(FILES examples/scheduler.c examples/node_daemon.c examples/node_meter.c DESTINATION ${data_dir}/examples
+install(FILES examples/scheduler.c examples/node_daemon.c examples/node_meter.c
+              examples/node_frequency.c DESTINATION ${data_dir}/examples
         COMPONENT development)
 install(DIRECTORY examples/cluster examples/galera examples/haproxy examples/odbc
         DESTINATION ${data_dir}/examples COMPONENT tools USE_SOURCE_PERMISSIONS)

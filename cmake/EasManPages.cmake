@@ -34,5 +34,13 @@ eas_install_man_page(${pages}/eas_query_tag.3 development eas_remove_tag)
 eas_install_man_page(${pages}/getenrusage.3 development getearusage verify_qpx sysfs_read_file
                      sysfs_get_one_value)
 eas_install_man_page(${pages}/drop_priv_temp.3 development drop_priv_perm restore_priv)
+eas_install_man_page(
+    ${pages}/easnode_frequency.3 development
+    easnode_frequency_open easnode_frequency_close easnode_frequency_describe
+    easnode_frequency_steps easnode_frequency_read easnode_frequency_save easnode_frequency_set
+    easnode_frequency_restore easnode_frequency_check_begin easnode_frequency_check_end)
+eas_install_man_page(${pages}/easnode_topology.3 development easnode_topology_read
+                     easnode_topology_cpus)
+eas_install_man_page(${pages}/easnode_record.3 development)
 eas_install_man_page(${pages}/eas-thresholds.5 tools)
 eas_install_man_page(${pages}/eas-coefficients.5 tools)
