@@ -69,6 +69,15 @@ std::string footprint() {
     return text.str();
 }
 
+std::vector<std::string> writes(FakeNode& node) {
+    std::vector<std::string> lines;
+    for (const fake::FreqWrite& write : node.state().freq_log)
+        lines.push_back(std::to_string(write.cpu) + " " + write.file.data() + "=" +
+                        write.text.data());
+    node.state().freq_log.clear();
+    return lines;
+}
+
 Hidden::Hidden(std::string path) : path_(std::move(path)) {
     EXPECT_EQ(0, ::mount("hidden", path_.c_str(), "tmpfs", 0, nullptr)) << path_;
 }

@@ -31,6 +31,9 @@ void inside(FakeNode& node, const std::function<void()>& body);
 std::string footprint();
 std::vector<std::string> open_descriptors();
 
+/// "policy file=text" of every write to cpufreq since the last call; the policy of all is -1.
+std::vector<std::string> writes(FakeNode& node);
+
 /// An empty folder in place of `path` for the length of a block.
 class Hidden {
   public:

@@ -18,16 +18,6 @@ using ::testing::IsEmpty;
 
 using FrequencyTest = NodeTest;
 
-/// "cpu file=text" of every write since the last call.
-std::vector<std::string> writes(FakeNode& node) {
-    std::vector<std::string> lines;
-    for (const fake::FreqWrite& write : node.state().freq_log)
-        lines.push_back(std::to_string(write.cpu) + " " + write.file.data() + "=" +
-                        write.text.data());
-    node.state().freq_log.clear();
-    return lines;
-}
-
 std::string attribute(int cpu, const std::string& name) {
     return read_file("/sys/devices/system/cpu/cpu" + std::to_string(cpu) + "/cpufreq/" + name);
 }

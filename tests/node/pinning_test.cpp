@@ -130,16 +130,6 @@ int restore(const std::string& text, easnode_problem* problem = nullptr) {
     return easnode_frequency_restore(nullptr, text.data(), text.size(), problem);
 }
 
-/// "policy file=text" of every write since the last call; the policy of all of them is -1.
-std::vector<std::string> writes(FakeNode& node) {
-    std::vector<std::string> lines;
-    for (const fake::FreqWrite& write : node.state().freq_log)
-        lines.push_back(std::to_string(write.cpu) + " " + write.file.data() + "=" +
-                        write.text.data());
-    node.state().freq_log.clear();
-    return lines;
-}
-
 /// One write(2), as other programs of the node make it.
 void store(const std::string& path, const std::string& text) {
     std::ofstream out(path);
@@ -448,6 +438,61 @@ TEST_F(PinningTest, TheNominalFrequencyComesFromTheFirstSourceThatTells) {
                 const easnode_step first = one.steps().front();
                 EXPECT_EQ(first.khz == 2301000, first.turbo == 1) << "the first entry may be turbo";
             }
+        });
+    }
+}
+
+/// The clock of the handle's CPUs over a fifth of a second, in which a fake node is always busy.
+easnode_clock clock_of(Frequency& frequency, int khz) {
+    easnode_frequency_check* check = nullptr;
+    EXPECT_EQ(EASNODE_OK, easnode_frequency_check_begin(frequency.handle.get(), khz, &check));
+    ::usleep(200000);
+    easnode_clock clock{};
+    clock.size = sizeof clock;
+    EXPECT_EQ(EASNODE_OK, easnode_frequency_check_end(check, &clock));
+    return clock;
+}
+
+TEST_F(PinningTest, TheClockShowsWhetherTheHardwareFollows) {
+    enum Trouble { none, deaf, capped, moved };
+    NodeShape denied = small("xeon2023");
+    denied.perf_refusal = EACCES;
+    const struct {
+        NodeShape shape;
+        int khz;
+        Trouble trouble;
+        int verdict, mean;
+        const char* source;
+        const char* text;
+    } rows[] = {
+        {small("xeon2023"), 1400000, none, EASNODE_RUNS_AT, 1400000, "ref-cycles", ""},
+        {small("xeon2023"), 3000000, none, EASNODE_RUNS_AT, 3000000, "ref-cycles", ""},
+        {small("epyc2023"), 1500000, none, EASNODE_RUNS_AT, 1500000, "ref-cycles", ""},
+        {small("epyc2019"), 2300000, none, EASNODE_RUNS_AT, 2300000, "aperf/mperf", ""},
+        {small("xeon2023"), 1400000, deaf, EASNODE_RUNS_OTHERWISE, 3800000, "ref-cycles", "turbo"},
+        {small("xeon2023"), 1400000, capped, EASNODE_RUNS_OTHERWISE, 1200000, "ref-cycles", "heat"},
+        {small("xeon2023"), 1400000, moved, EASNODE_RUNS_OTHERWISE, 1800000, "ref-cycles",
+         "cpu0 has the limits 1400000 to 3000000 kHz now"},
+        {denied, 1400000, none, EASNODE_CANNOT_TELL, 0, "", "CAP_PERFMON"},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(std::to_string(row.khz) + " " + std::to_string(row.trouble));
+        FakeNode node(row.shape);
+        inside(node, [&] {
+            Frequency all;
+            ASSERT_EQ(EASNODE_OK, all.set(row.khz)) << all.problem.text;
+            node.state().deaf = row.trouble == deaf;
+            node.state().cap_khz = row.trouble == capped ? 1200000 : 0;
+            if (row.trouble == moved)
+                store(policy_file(0, "scaling_max_freq"), "3000000");
+            const easnode_clock clock = clock_of(all, row.khz);
+            EXPECT_EQ(row.verdict, clock.verdict) << clock.mean_khz << ' ' << clock.text;
+            EXPECT_NEAR(row.mean, clock.mean_khz, 0.01 * row.mean);
+            EXPECT_STREQ(row.source, clock.source);
+            EXPECT_THAT(clock.text, HasSubstr(row.text));
+            easnode_frequency_check* check = nullptr;
+            ASSERT_EQ(EASNODE_OK, easnode_frequency_check_begin(all.handle.get(), row.khz, &check));
+            EXPECT_EQ(EASNODE_OK, easnode_frequency_check_end(check, nullptr)) << "given up";
         });
     }
 }

@@ -124,6 +124,9 @@ int PerfEvents::choose_generic(const Counter& counter, Event& event) const {
     const char* quantity = quantity_of(id);
     if (attr.type == PERF_TYPE_HW_CACHE)
         quantity = misses ? "cache-misses" : nullptr;
+    // AMD's processors count these from Zen 4 on.
+    if (id == PERF_COUNT_HW_REF_CPU_CYCLES && shape_.vendor == "AuthenticAMD" && shape_.family < 25)
+        quantity = nullptr;
     if (quantity == nullptr)
         return ENOENT;
     event.total = per_cpu(quantity, event, 1);
