@@ -56,7 +56,7 @@ class CpuEvents {
 
     int add_cpu(int cpu);
     bool follow_online_cpus(Result& result);
-    bool read_groups(EventTotals& totals, Result& result);
+    void read_groups(Result& result);
     void retire(CpuGroup& gone);
 
     EventSet events_{};

@@ -80,7 +80,7 @@ bool CpuEvents::follow_online_cpus(Result& result) {
         return false;
     }
     for (CpuGroup& group : groups_)
-        if (!std::binary_search(cpus->begin(), cpus->end(), group.cpu))
+        if (!group.gone && !std::binary_search(cpus->begin(), cpus->end(), group.cpu))
             retire(group);
     groups_.erase(std::remove_if(groups_.begin(), groups_.end(),
                                  [](const CpuGroup& group) { return group.gone; }),
@@ -101,8 +101,8 @@ bool CpuEvents::follow_online_cpus(Result& result) {
     return true;
 }
 
-bool CpuEvents::read_groups(EventTotals& totals, Result& result) {
-    bool lost_one = false;
+/// Reads all groups; gives up those that no longer count.
+void CpuEvents::read_groups(Result& result) {
     for (CpuGroup& group : groups_) {
         switch (group.group.update()) {
             case Progress::counted:
@@ -116,31 +116,24 @@ bool CpuEvents::read_groups(EventTotals& totals, Result& result) {
                 break;
             case Progress::stopped:
             case Progress::unreadable:  // the kernel took the group of a lost CPU apart
-                lost_one = true;
                 retire(group);
+                online_.clear();  // it may be back already, so that the list is the same
                 break;
         }
-        if (!group.gone)
-            for (std::size_t i = 0; i < events_.count; ++i)
-                totals.values[i] += group.group.totals()[i];
     }
-    if (lost_one) {  // it may be back already, so that the list is the same
-        online_.clear();
-        groups_.erase(std::remove_if(groups_.begin(), groups_.end(),
-                                     [](const CpuGroup& group) { return group.gone; }),
-                      groups_.end());
-    }
-    return result.reason.empty();
 }
 
 bool CpuEvents::read(EventTotals& totals, Result& result) {
+    read_groups(result);
+    // Only now: opening takes a while, in which what is read would grow.
     if (!follow_online_cpus(result))
         return false;
-    const bool good = read_groups(totals, result);
     totals.scaled = scaled_;
-    for (std::size_t i = 0; i < events_.count; ++i)
-        totals.values[i] += retired_[i];
-    return good;
+    totals.values = retired_;
+    for (const CpuGroup& group : groups_)
+        for (std::size_t i = 0; i < events_.count; ++i)
+            totals.values[i] += group.group.totals()[i];
+    return result.reason.empty();
 }
 
 }  // namespace eas::node

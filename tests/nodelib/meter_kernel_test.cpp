@@ -281,8 +281,8 @@ TEST_F(SiteCommandTest, ThatHangsDiesOrBabblesIsAMissingFigureWithItsReason) {
 TEST_F(SiteCommandTest, SeesNothingOfTheProgramThatAsks) {
     const UniqueFd inherited(::dup2(STDIN_FILENO, 77));  // without O_CLOEXEC
     ::setenv("SECRET", "x", 1);
-    OwnedMeter meter = meter_of("[ -z \"$SECRET\" ] && [ ! -e /proc/$$/fd/77 ] && echo 5",
-                                EASNODE_COMMAND_JOULES);
+    OwnedMeter meter =
+        meter_of("[ -z \"$SECRET\" ] && [ ! -e /proc/$$/fd/77 ] && echo 5", EASNODE_COMMAND_JOULES);
     const easnode_reading reading = reading_of(meter);
     EXPECT_EQ(EASNODE_COUNTED, reading.energy.quality) << reading.energy.reason;
 }

@@ -79,9 +79,11 @@ int get_attributes(const char* path, struct stat* out, fuse_file_info*) {
     *out = {};
     out->st_nlink = 1;
     out->st_size = std::string_view(path).rfind("/node/proc", 0) == 0 ? 0 : 4096;
-    if (entry.kind == Kind::kTree)
+    if (entry.kind == Kind::kTree) {
         out->st_mode = type_of(*entry.file) | entry.file->mode;
-    else if (entry.kind == Kind::kFolder)
+        for (const auto& child : entry.file->children)  // a folder has a link from each one in it
+            out->st_nlink += child.second->kind == TreeEntry::Kind::kFolder;
+    } else if (entry.kind == Kind::kFolder)
         out->st_mode = S_IFDIR | 0755;
     else
         out->st_mode = S_IFREG | (entry.kind == Kind::kMsr ? 0600 : 0644);
