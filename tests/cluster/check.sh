@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# doctor says what answers, and db check refuses what would lose tags.
+# doctor says what answers, db check refuses what would lose tags, and a writer stays the writer.
 #
 # usage: cluster BUILD_FOLDER check.sh
 set -euo pipefail
@@ -46,6 +46,19 @@ haproxy -f "$EAS_SCRATCH/all.cfg" >"$EAS_SCRATCH/all.log" 2>&1 &
 await 30 mariadb --no-defaults --user=eas_scheduler --password=scheduler --host=127.0.0.20 \
     --execute='SELECT 1'
 check 1 "connections lead to several servers at once" 127.0.0.20
+
+# A node that was away and comes back does not take the work from the one that does it now: for a
+# moment both would write.
+takes_for_healthy() {
+    door "show stat" | grep -q "^galera,$1,.*,UP"
+}
+stop db1
+await 30 writer
+[ "$(writer)" = db2 ] || fail "$(writer) took over from db1, not db2"
+start db1
+await_synced db1
+await 30 takes_for_healthy db1
+[ "$(writer)" = db2 ] || fail "$(writer) took the work from db2"
 
 stop db3
 check 0 "there are two nodes"

@@ -7,13 +7,9 @@
 set -euo pipefail
 # shellcheck source=tests/cluster/servers.sh
 . "$EAS_SCRATCH/tree/tests/cluster/servers.sh"
-work=$EAS_SCRATCH/work
-rows_of_a_tag=12
+# shellcheck source=tests/cluster/told.sh
+. "$EAS_SCRATCH/tree/tests/cluster/told.sh"
 longest_call_s=40  # CONN_TIMEOUT and READ_TIMEOUT of the data source
-
-made() {
-    cat "$work"/told.* | grep -c made || true
-}
 
 more_than() {
     (($(made) > $1))
@@ -54,31 +50,6 @@ silence() {
     kill -CONT "$(cat "$EAS_SCRATCH/$1/pid")"
     await 60 is "$1" wsrep_cluster_size 3
     await_synced "$1"
-}
-
-# What a node holds: name, rows, jobs that they come from; one tag a line.
-tags_of() {
-    sql "$1" "SET SESSION wsrep_sync_wait = 7;
-        SELECT CONCAT(user_name, '/', energy_tag_name) AS name, COUNT(*), COUNT(DISTINCT job_id)
-        FROM TQVN_EnergyPolicyTag GROUP BY user_name, energy_tag_name ORDER BY name"
-}
-
-# The tags that must be there, or must not, by the last word about each.
-told() {
-    awk -v wanted="$1" '{ last[$1] = $2 } END { for (tag in last) if (last[tag] == wanted) print tag }' \
-        "$work"/told.* | sort
-}
-
-check_node() {
-    local node=$1
-    tags_of "$node" >"$work/$node"
-    awk -v n="$rows_of_a_tag" '$2 != n || $3 != 1 { print; bad = 1 } END { exit bad }' "$work/$node" ||
-        fail "parts of tags on $node"
-    cut -f1 "$work/$node" | sort >"$work/$node.names"
-    told made | comm -23 - "$work/$node.names" | grep . && fail "lost on $node"
-    told gone | comm -12 - "$work/$node.names" | grep . && fail "back again on $node"
-    cmp "$work/db1" "$work/$node" || fail "db1 and $node differ"
-    echo "$node: $(wc -l <"$work/$node") tags, all whole; $(told made | wc -l) were reported and kept"
 }
 
 mkdir "$work"

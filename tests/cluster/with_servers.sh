@@ -46,6 +46,7 @@ start_door() {
         -e "s|stats socket .*|stats socket $EAS_SCRATCH/door.sock level admin|" \
         "$tree/examples/haproxy/haproxy.cfg" >"$EAS_SCRATCH/haproxy.cfg"
     haproxy -f "$EAS_SCRATCH/haproxy.cfg" >"$EAS_SCRATCH/haproxy.log" 2>&1 &
+    echo $! >"$EAS_SCRATCH/door.pid"
 }
 
 # /etc/odbc.ini is the machine's own: the data source is named by the environment.
