@@ -132,7 +132,7 @@ TEST_P(Tool, DoctorFindsTheBrokenLink) {
     EXPECT_THAT(statuses(all, 0), HasSubstr("connection=ok\nschema=warning\nrights of the "
                                             "account=ok\ncoefficients of c=ok\nthresholds"));
     EXPECT_THAT(statuses({"--dsn", "nodsn"}, 1),
-                HasSubstr("data source nodsn=missing\ndriver=skipped\nconnection=missing\n"
+                HasSubstr("data source nodsn=missing\ndriver=skipped\nconnection=skipped\n"
                           "schema=skipped\nrights of the account=skipped\ncoefficients=skipped"));
     EXPECT_THAT(statuses({"--cluster", "d"}, 1), HasSubstr("coefficients of d=missing"));
     // The only cluster needs no name; with a choice, what was asked for is not looked at.
@@ -154,8 +154,13 @@ TEST_P(Tool, DoctorFindsTheBrokenLink) {
                 HasSubstr("schema=wrong\nrights of the account=skipped\ncoefficients=skipped"));
     std::ofstream(database().folder() / "odbcinst.ini")
         << "[" << (sqlite() ? "SQLite3" : "MariaDB Unicode") << "]\nDriver = /nonexistent.so\n";
-    EXPECT_THAT(statuses(all, 1), HasSubstr("=missing\nconnection=missing\nschema=skipped\n"));
+    EXPECT_THAT(statuses(all, 1), HasSubstr("=missing\nconnection=skipped\nschema=skipped\n"));
     EXPECT_THAT(statuses(all, 1), HasSubstr("coefficients of c=skipped\nthresholds "));
+    std::ofstream(database().folder() / "odbcinst.ini") << "";
+    EXPECT_THAT(run_easctl({"doctor"}).out, HasSubstr("no driver of that name is registered"));
+    std::ofstream(database().folder() / "odbc.ini", std::ios::app)
+        << "\n [ EASDB ]\nDriver = other\n";
+    EXPECT_THAT(run_easctl({"doctor"}).out, HasSubstr(" counts, driver "));
     EXPECT_EQ(run_easctl({"doctor", "--default-frequency", "-5"}).code, 2);
 }
 

@@ -1,11 +1,14 @@
 #include "tools/easctl/database/OdbcConfiguration.h"
 
 #include <dlfcn.h>
+#include <strings.h>
 #include <unistd.h>
 
 #include <array>
 #include <cerrno>
 #include <cstdlib>
+#include <cstring>
+#include <fstream>
 
 namespace easctl {
 
@@ -75,6 +78,26 @@ std::string system_folder() {
 }
 
 }  // namespace
+
+std::vector<int> OdbcConfiguration::sections(const std::string& file, const std::string& name) {
+    std::vector<int> lines;
+    std::ifstream in(file);
+    std::string line;
+    for (int number = 1; std::getline(in, line); ++number) {
+        // As the driver manager reads it: no blanks around the name, no difference of case.
+        const std::size_t open = line.find_first_not_of(" \t");
+        if (open == std::string::npos || line[open] != '[')
+            continue;
+        const std::size_t begin = line.find_first_not_of(" \t", open + 1);
+        std::size_t end = line.find(']', open);
+        while (end != std::string::npos && begin < end && std::strchr(" \t", line[end - 1]))
+            --end;
+        if (end != std::string::npos && begin < end &&
+            ::strcasecmp(line.substr(begin, end - begin).c_str(), name.c_str()) == 0)
+            lines.push_back(number);
+    }
+    return lines;
+}
 
 std::vector<std::string> OdbcConfiguration::data_source_files() {
     std::vector<std::string> files;

@@ -83,14 +83,28 @@ Link pooling(const OdbcConfiguration& odbc) {
 
 bool others_may_read(const std::string& path, const std::string& dsn) {
     struct stat status {};
-    if (::stat(path.c_str(), &status) != 0 || (status.st_mode & S_IROTH) == 0)
-        return false;
-    std::ifstream in(path);
-    for (std::string line; std::getline(in, line);) {
-        if (line.find('[' + dsn + ']') != std::string::npos)
-            return true;
+    return ::stat(path.c_str(), &status) == 0 && (status.st_mode & S_IROTH) != 0 &&
+           !OdbcConfiguration::sections(path, dsn).empty();
+}
+
+/// A data source that stands twice in the file in which the driver manager finds it.
+std::optional<Link> ambiguous(const std::string& link, const std::vector<std::string>& files,
+                              const std::string& dsn, const std::string& driver) {
+    for (const std::string& path : files) {
+        const std::vector<int> lines = OdbcConfiguration::sections(path, dsn);
+        if (lines.empty())
+            continue;
+        if (lines.size() == 1)
+            return std::nullopt;
+        std::vector<std::string> others;
+        for (std::size_t i = 1; i < lines.size(); ++i)
+            others.push_back(path + ':' + std::to_string(lines[i]));
+        return Link{link, LinkStatus::warning,
+                    "[" + dsn + "] of " + path + ':' + std::to_string(lines[0]) +
+                        " counts, driver " + driver + "; there is another at " + joined(others),
+                    "what the later section says is not read", "remove the one that is not meant"};
     }
-    return false;
+    return std::nullopt;
 }
 
 /// What the driver manager would find in a file that this user may not read.
@@ -115,6 +129,9 @@ Link data_source(const OdbcConfiguration& odbc, const std::string& dsn) {
         return {name, LinkStatus::missing, "no section [" + dsn + "] in " + joined(files),
                 "the library cannot connect",
                 "add the section to /etc/odbc.ini, from the samples of examples/odbc"};
+    const std::string named = odbc.value(dsn, "Driver", "odbc.ini");
+    if (const auto twice = ambiguous(name, files, dsn, named))
+        return *twice;
     const bool password = !odbc.value(dsn, "PWD", "odbc.ini").empty() ||
                           !odbc.value(dsn, "PASSWORD", "odbc.ini").empty();
     for (const std::string& path : files) {
@@ -122,14 +139,13 @@ Link data_source(const OdbcConfiguration& odbc, const std::string& dsn) {
             return {name, LinkStatus::warning, path + " holds a password and everybody can read it",
                     "any user can change the tags of any other", "chmod o-r " + path};
     }
-    return {name, LinkStatus::ok, "driver " + odbc.value(dsn, "Driver", "odbc.ini"), "", ""};
+    return {name, LinkStatus::ok, "driver " + named, "", ""};
 }
 
 Link driver(const OdbcConfiguration& odbc, const std::string& dsn) {
     const std::string named = odbc.value(dsn, "Driver", "odbc.ini");
-    std::string path = odbc.value(named, "Driver", "odbcinst.ini");
-    if (path.empty())
-        path = named;
+    const std::string registered = odbc.value(named, "Driver", "odbcinst.ini");
+    const std::string path = registered.empty() ? named : registered;
     const std::string name = "driver " + named;
     const std::string remedy = "apt install libsqliteodbc or odbc-mariadb; odbcinst -q -d lists";
     if (named.empty())
@@ -139,9 +155,12 @@ Link driver(const OdbcConfiguration& odbc, const std::string& dsn) {
                 "add Driver = to [" + dsn + "] in odbc.ini"};
     std::string why;
     if (!odbc.can_open(path, why)) {
-        const auto file = OdbcConfiguration::denied_of(OdbcConfiguration::driver_files());
-        if (path == named && !file.empty())
+        const auto files = OdbcConfiguration::driver_files();
+        if (const auto file = OdbcConfiguration::denied_of(files);
+            registered.empty() && !file.empty())
             return denied(name, file);
+        if (registered.empty() && named.find('/') == std::string::npos)
+            why = "no driver of that name is registered, in " + joined(files);
         return {name, LinkStatus::missing, why, "the library cannot connect", remedy};
     }
     return {name, LinkStatus::ok, path, "", ""};
@@ -312,10 +331,7 @@ class Chain {
     /// Whether the library would get as far as connecting.
     [[nodiscard]] bool can_connect() const {
         return std::all_of(links_.begin(), links_.end(), [](const Link& link) {
-            const bool optional = link.id == LinkId::locator;
-            return optional ||
-                   (link.status != LinkStatus::denied && link.status != LinkStatus::wrong &&
-                    (link.id != LinkId::driver_manager || holds(link)));
+            return link.id == LinkId::locator || !is_broken(link);
         });
     }
     std::vector<Link> take() { return std::move(links_); }
