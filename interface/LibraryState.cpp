@@ -45,13 +45,16 @@ std::atomic<int> calls{0};  // in progress, or no_more_calls
 }  // namespace
 
 void eas_debug_printf(int fd, const std::string& msg) {
-    if (!eas::debug_output_wanted())
-        return;
-    constexpr std::size_t longest = 1023;
-    eas::write_debug_text(fd, std::string_view(msg.c_str()).substr(0, longest));
+    eas::print_debug_text(fd, msg.c_str());
 }
 
 namespace eas {
+
+void print_debug_text(int fd, const char* text) {
+    constexpr std::size_t longest = 1023;
+    if (debug_output_wanted())
+        write_debug_text(fd, std::string_view(text).substr(0, longest));
+}
 
 CallInProgress::CallInProgress() noexcept {
     int others = calls;
@@ -80,9 +83,13 @@ void open_debug_log_if_wanted() {
     const MutexLock lock(debug_mutex);
     if (debug_fd >= 0)
         return;
+    UniqueFd file;
     // Opening it is what the assertion is about: a log that was asked for must be there.
-    require_or_abort((debug_fd = open_debug_file(debug_log_path).release()) > 0, "debug_fd > 0");
-    dbtrace_config(debug_fd);
+    require_or_abort((file = open_debug_file(debug_log_path)).get() > 0, "debug_fd > 0");
+    // Last comes what says that it is done: without memory for the trace the next query tries
+    // again.
+    dbtrace_config(file.get());
+    debug_fd = file.release();
 }
 
 }  // namespace eas

@@ -45,9 +45,12 @@ class CallInProgress {
     bool admitted_;
 };
 
-/// eas_initialize with the data source `dsn`; null: the one that the locator file names.
-int initialize(const char* dsn, const char* cluster_name, int default_frequency,
-               const char* threshold_file);
+/// eas_debug_printf for a text that needs no memory, such as one that says that there is none.
+void print_debug_text(int fd, const char* text);
+/// The same to the debug log.
+inline void debug_log(const char* text) {
+    print_debug_text(debug_fd, text);
+}
 
 /// Destroys what stood there before.
 void set_global_coeffs(std::unique_ptr<CoEfficients> coeffs) noexcept;

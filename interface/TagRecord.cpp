@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 #include <vector>
 
 #include "common/model/EnergyTag.h"
@@ -24,7 +25,7 @@ void copy_into(const std::vector<T>& values, T* block) {
 
 int fill_tag_struct(const EnergyTag& etag, energyPolicyTag* tag) {
     if (tag == nullptr || etag.available() == 0) {
-        eas_debug_printf(debug_fd, "NULL tag structure pointer or unavailable tag object.\n");
+        eas::debug_log("NULL tag structure pointer or unavailable tag object.\n");
         return -1;
     }
     tag->energy_tag_name = ::strdup(etag.energy_tag_name().c_str());
@@ -42,7 +43,7 @@ int fill_tag_struct(const EnergyTag& etag, energyPolicyTag* tag) {
     if (tag->frequencies == nullptr || tag->predict_power == nullptr ||
         tag->energy_saving_pct == nullptr || tag->perf_degrad_pct == nullptr ||
         tag->predict_elapse_time == nullptr) {
-        eas_debug_printf(debug_fd, "fill_tag_struct: Space allocation failed.\n");
+        eas::debug_log("fill_tag_struct: Space allocation failed.\n");
         return -1;
     }
 
@@ -68,3 +69,33 @@ void free_tag_struct(energyPolicyTag* tags, int count) {
         std::free(tag.predict_elapse_time);
     }
 }
+
+namespace eas {
+
+TagRecords::~TagRecords() {
+    free_tag_struct(records_, count_);
+    std::free(records_);
+}
+
+bool TagRecords::fill(std::vector<EnergyTag>& tags) {
+    // Zeroed, so that it can be freed at any time.
+    records_ = static_cast<energyPolicyTag_t*>(std::calloc(tags.size(), sizeof(energyPolicyTag_t)));
+    if (records_ == nullptr) {
+        debug_log("eas_query_tag: Space allocation failed.\n");
+        return false;
+    }
+    count_ = static_cast<int>(tags.size());
+    for (std::size_t i = 0; i < tags.size(); ++i) {
+        const EnergyTag tag = std::move(tags[i]);
+        if (fill_tag_struct(tag, records_ + i) != 0)
+            return false;
+    }
+    return true;
+}
+
+void TagRecords::hand_out(int& count, energyPolicyTag_t*& records) noexcept {
+    count = std::exchange(count_, 0);
+    records = std::exchange(records_, nullptr);
+}
+
+}  // namespace eas

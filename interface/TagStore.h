@@ -1,13 +1,10 @@
 // The database conversations of the scheduler functions: one short-lived connection per call,
 // coefficients in, tags in, out and away.
 //
-// Every function belongs to the thread that holds the connection. Names are put into conditions
-// verbatim; the functions that send a condition for a tag refuse names that would change it.
+// Every function belongs to the thread that holds the connection.
 #pragma once
 
 #include <cstddef>
-#include <exception>
-#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -26,12 +23,9 @@ void close_db_connection(DBConnection* conn);
 int read_coeffs_from_db(DBConnection* conn, const std::string& cluster_name, int def_freq,
                         CoEfficients& coeffs_ref);
 
-/// The condition text for tags, beginning with " where "; empty when nothing restricts it.
-std::string format_condition(const std::string& cluster_name, int default_frequency,
-                             const std::string& user_name, const std::string& tag_name);
-
 /// Appends the matching tags, with their rows in the order of the database; an empty user or tag
-/// name matches all. Returns the number of tags in `etags`, or -1 with `etags` empty. The
+/// name matches all. Rows that bear other names, which a database that compares without case
+/// delivers, are passed over. Returns the number of tags in `etags`, or -1 with `etags` empty. The
 /// transaction stays open.
 int read_tags_from_db(DBConnection* conn, const std::string& cluster_name, int deffreq,
                       const std::string& user, const std::string& tag,
@@ -42,30 +36,13 @@ int load_etag_into_db(DBConnection* conn, const EnergyTag& etag);
 
 /// Removes the matching tags in one transaction and lists them: `user_list` and `tagname_list` get
 /// one heap string per tag, in lists of malloc(3), all the caller's; null when there is no tag.
-/// Returns the number of tags removed, or -1 with nothing removed and both lists null.
+/// Returns the number of tags removed, or -1 with nothing removed and both lists null: also where
+/// rows that bear other names would go with them.
 int remove_tags_from_db(DBConnection* conn, const std::string& cluster_name, int default_frequency,
                         const std::string& user_name, const std::string& tag_name,
                         char**& user_list, char**& tagname_list);
 
 namespace eas {
-
-/// Closes a connection; rolls back first where an exception ends the block that holds it.
-class CloseConnection {
-  public:
-    void operator()(DBConnection* conn) const;
-
-  private:
-    int exceptions_ = std::uncaught_exceptions();
-};
-/// A connection that is closed on every path.
-using OwnedConnection = std::unique_ptr<DBConnection, CloseConnection>;
-
-/// Ends the transaction that a read left open, so that the connection holds no lock and no snapshot
-/// when it writes or goes away.
-void end_read(DBConnection& conn);
-
-/// Whether `name` keeps the meaning of a condition that it is put into between double quotes.
-[[nodiscard]] bool is_safe_in_condition(std::string_view name);
 
 /// Copies `text`, cut to `size` - 1 bytes, as a formatted print without arguments would: "%%" gives
 /// "%". There is nothing for another conversion to print, so it keeps its characters.

@@ -1,140 +1,47 @@
-// The five exported functions: argument checks, the order of steps, exceptions turned into codes.
-//
-// A step that can throw runs under the code that its failure has; nothing but a thread's
-// cancellation leaves a function other than by return.
+// The five exported functions: argument checks and the order of steps. A step that can throw runs
+// under the code that its failure has.
 #include "interface/interface.h"
 
-#include <cxxabi.h>
-
-#include <cstdlib>
-#include <memory>
 #include <string>
 #include <string_view>
-#include <utility>
 #include <vector>
 
-#include "base/CancelState.h"
 #include "common/model/CoEfficients.h"
-#include "common/model/EnergyPerfThreshold.h"
 #include "common/model/EnergyTag.h"
 #include "common/model/JobMetrics.h"
-#include "db/base_class/DBConnection.h"
-#include "db/base_class/DBLibrary.h"
+#include "db/base_class/DB_Ptr.h"
+#include "db/base_class/Transaction.h"
+#include "interface/Boundary.h"
 #include "interface/FrequencyPolicy.h"
+#include "interface/Initialization.h"
 #include "interface/LibraryState.h"
-#include "interface/Locator.h"
 #include "interface/TagRecord.h"
+#include "interface/TagRequest.h"
 #include "interface/TagStore.h"
 
 namespace {
-
-/// Runs `steps(failure)`. Where a step throws, `failure` holds the code to return, which the steps
-/// keep up to date; `clean_up` then undoes what they left.
-template <typename Steps, typename CleanUp>
-int without_exceptions(int failure, Steps&& steps, CleanUp&& clean_up) {
-    try {
-        return steps(failure);
-    } catch (abi::__forced_unwind&) {
-        clean_up();
-        throw;
-    } catch (...) {
-        clean_up();
-        return failure;
-    }
-}
-
-/// Runs a working function's steps where its part of the library's state, `needed`, is there.
-///
-/// The thread's cancellation waits meanwhile, but for the waits between two attempts to connect:
-/// the driver manager and the drivers know nothing of it, and a thread that ended inside them would
-/// keep their locks, handles and descriptors.
-template <typename State, typename Steps>
-int at_the_boundary(State* const& needed, int failure, Steps&& steps) {
-    const eas::DeferCancellation until_done;
-    const eas::CallInProgress call;
-    if (!call.admitted() || needed == nullptr)
-        return EAS_NOT_INITIALIZED;
-    return without_exceptions(failure, std::forward<Steps>(steps), [] {});
-}
-
-eas::OwnedConnection open_connection() {
-    return eas::OwnedConnection(create_db_connection());
-}
 
 bool is_empty(const char* text) {
     return *text == '\0';
 }
 
-std::string or_empty(const char* text) {
-    return text != nullptr ? text : "";
+/// Null counts as empty, which matches all.
+eas::TagRequest request_for(const char* cluster_name, int default_frequency, const char* user_name,
+                            const char* tag_name) {
+    const auto or_empty = [](const char* text) { return text != nullptr ? text : ""; };
+    return {cluster_name, default_frequency, or_empty(user_name), or_empty(tag_name)};
 }
 
-// --- eas_initialize -----------------------------------------------------------------------------
-
-void discard_model() {
-    eas::set_global_coeffs(nullptr);
-    eas::set_global_threshold(nullptr);
+/// Appends the tags to `tags`; their number, or -1.
+int read_tags(DBConnection& conn, const eas::TagRequest& request, std::vector<EnergyTag>& tags) {
+    const eas::Transaction read_only(conn);
+    return read_tags_from_db(&conn, request.cluster, request.default_frequency, request.user,
+                             request.tag, tags);
 }
-
-void uninitialize() {
-    DBLibrary::release();
-    discard_model();
-}
-
-bool read_model(const eas::OwnedConnection& conn, const char* cluster_name, int default_frequency,
-                CoEfficients& coeffs) {
-    const bool read = read_coeffs_from_db(conn.get(), cluster_name, default_frequency, coeffs) == 0;
-    eas::end_read(*conn);
-    return read;
-}
-
-int keep_thresholds(const char* threshold_file) {
-    EnergyPerfThreshold thresholds(global_coeffs, threshold_file);
-    if (!thresholds.isValid()) {
-        const bool empty = thresholds.isAllCommentOut();
-        uninitialize();
-        return empty ? EAS_THRESHOLDS_COMMENTED_OUT : EAS_BAD_THRESHOLD_FILE;
-    }
-    auto kept = std::make_unique<EnergyPerfThreshold>();
-    *kept = thresholds;
-    eas::set_global_threshold(std::move(kept));
-    return EAS_OK;
-}
-
-std::string located_dsn() {
-    std::string dsn = get_dsn();
-    return dsn.empty() ? defdsn : dsn;
-}
-
-int initialize(const char* dsn, const char* cluster_name, int default_frequency,
-               const char* threshold_file, int& failure) {
-    if (!DBLibrary::init(odbc_lib))
-        return EAS_NO_CONNECTION;
-    DBConnection::setDBinfo(dsn != nullptr ? dsn : located_dsn().c_str(), nullptr, nullptr,
-                            nullptr);
-    eas::OwnedConnection conn = open_connection();
-    if (!conn)
-        return EAS_NO_CONNECTION;  // the driver manager stays loaded
-
-    failure = EAS_NO_COEFFICIENTS;
-    CoEfficients coeffs;
-    const bool read = read_model(conn, cluster_name, default_frequency, coeffs);
-    conn.reset();
-    if (!read) {
-        DBLibrary::release();
-        return EAS_NO_COEFFICIENTS;
-    }
-    eas::set_global_coeffs(std::make_unique<CoEfficients>(std::move(coeffs)));
-
-    failure = EAS_BAD_THRESHOLD_FILE;
-    return keep_thresholds(threshold_file);
-}
-
-// --- eas_generate_tag ---------------------------------------------------------------------------
 
 struct Job {
     const char* cluster_name;
-    int default_frequency;  // KHz
+    int default_frequency;  // kHz
     const char* user_name;
     const char* tag_name;
     const double* hw_counters;  // cycles, instructions, bytes of memory traffic
@@ -147,6 +54,9 @@ struct Job {
                hw_counters != nullptr && job_id != nullptr && default_frequency > 0 &&
                time_elapsed > 0 && !(0.0000001 > power_consumed) && !is_empty(tag_name) &&
                !is_empty(cluster_name) && !is_empty(user_name) && !is_empty(job_id);
+    }
+    [[nodiscard]] eas::TagRequest request() const {
+        return request_for(cluster_name, default_frequency, user_name, tag_name);
     }
 };
 
@@ -166,13 +76,10 @@ EnergyTag predict(CoEfficients& coeffs, const Job& job) {
             cpi};
 }
 
-bool tag_exists(const eas::OwnedConnection& conn, const Job& job) {
+/// A lookup that fails finds no tag: the database refuses a second one by itself.
+bool tag_exists(DBConnection& conn, const Job& job) {
     std::vector<EnergyTag> existing;
-    // A lookup that fails is no tag found: the database refuses a second one by itself.
-    const int count = read_tags_from_db(conn.get(), job.cluster_name, job.default_frequency,
-                                        job.user_name, job.tag_name, existing);
-    eas::end_read(*conn);
-    return count > 0;
+    return read_tags(conn, job.request(), existing) > 0;
 }
 
 int generate(const Job& job, int& failure) {
@@ -182,12 +89,12 @@ int generate(const Job& job, int& failure) {
         return EAS_BAD_ARGUMENT;
 
     failure = EAS_NO_CONNECTION;
-    const eas::OwnedConnection conn = open_connection();
+    const DB_Ptr conn(create_db_connection());
     if (!conn)
         return EAS_NO_CONNECTION;
 
     failure = EAS_TAG_NOT_AVAILABLE;
-    if (tag_exists(conn, job))
+    if (tag_exists(*conn, job))
         return EAS_TAG_EXISTS;
     const EnergyTag tag = predict(coeffs, job);
     if (tag.available() == 0)
@@ -197,105 +104,58 @@ int generate(const Job& job, int& failure) {
     return load_etag_into_db(conn.get(), tag) == 0 ? EAS_OK : EAS_STORE_FAILED;
 }
 
-// --- eas_query_tag, eas_remove_tag --------------------------------------------------------------
-
-/// Records on their way to the scheduler: zeroed at first, so that they can be freed at any time.
-class TagRecords {
-  public:
-    explicit TagRecords(int count)
-        : records_(static_cast<energyPolicyTag_t*>(
-              std::calloc(static_cast<std::size_t>(count), sizeof(energyPolicyTag_t)))),
-          count_(records_ != nullptr ? count : 0) {}
-    ~TagRecords() {
-        free_tag_struct(records_, count_);
-        std::free(records_);
-    }
-    TagRecords(const TagRecords&) = delete;
-    TagRecords& operator=(const TagRecords&) = delete;
-
-    /// Empties each tag once its record stands: both are in memory for one tag only, not for all.
-    [[nodiscard]] bool fill(std::vector<EnergyTag>& tags) {
-        if (records_ == nullptr) {
-            eas_debug_printf(debug_fd, "eas_query_tag: Space allocation failed.\n");
-            return false;
-        }
-        for (std::size_t i = 0; i < tags.size(); ++i) {
-            const EnergyTag tag = std::move(tags[i]);
-            if (fill_tag_struct(tag, records_ + i) != 0)
-                return false;
-        }
-        return true;
-    }
-    [[nodiscard]] energyPolicyTag_t* release() {
-        count_ = 0;
-        return std::exchange(records_, nullptr);
-    }
-
-  private:
-    energyPolicyTag_t* records_;
-    int count_;
-};
-
-int query(const char* cluster_name, int default_frequency, const char* user_name,
-          const char* tag_name, int& num_tags, energyPolicyTag_t*& tags, int& failure) {
+int query(const eas::TagRequest& request, int& num_tags, energyPolicyTag_t*& tags, int& failure) {
     eas::open_debug_log_if_wanted();
-    eas::OwnedConnection conn = open_connection();
+    failure = EAS_NO_CONNECTION;
+    DB_Ptr conn(create_db_connection());
     if (!conn)
         return EAS_NO_CONNECTION;
 
     failure = EAS_QUERY_FAILED;
     std::vector<EnergyTag> found;
-    const int count = read_tags_from_db(conn.get(), cluster_name, default_frequency,
-                                        or_empty(user_name), or_empty(tag_name), found);
-    eas::end_read(*conn);
+    const int count = read_tags(*conn, request, found);
     conn.reset();
     if (count <= 0)
         return count < 0 ? EAS_QUERY_FAILED : EAS_OK;
 
-    TagRecords records(count);
+    eas::TagRecords records;
     if (!records.fill(found))
         return EAS_QUERY_FAILED;
-    num_tags = count;
-    tags = records.release();
+    records.hand_out(num_tags, tags);
     return EAS_OK;
 }
 
-int remove(const char* cluster_name, int default_frequency, const char* user_name,
-           const char* tag_name, int& tag_count, char**& user_list, char**& tagname_list,
+int remove(const eas::TagRequest& request, int& tag_count, char**& user_list, char**& tagname_list,
            int& failure) {
-    const eas::OwnedConnection conn = open_connection();
+    failure = EAS_NO_CONNECTION;
+    const DB_Ptr conn(create_db_connection());
     if (!conn)
         return EAS_NO_CONNECTION;
 
     failure = EAS_REMOVE_FAILED;
     tag_count = 0;
-    const int count =
-        remove_tags_from_db(conn.get(), cluster_name, default_frequency, or_empty(user_name),
-                            or_empty(tag_name), user_list, tagname_list);
+    const int count = remove_tags_from_db(conn.get(), request.cluster, request.default_frequency,
+                                          request.user, request.tag, user_list, tagname_list);
     if (count < 0)
         return EAS_REMOVE_FAILED;
     tag_count = count;
     return EAS_OK;
 }
 
-// --- eas_auto_select_frequency ------------------------------------------------------------------
-
 bool is_policy(std::string_view policy) {
     return policy == eas::minimize_time || policy == eas::minimize_energy;
 }
 
-int select_frequency(const char* cluster_name, int default_frequency, const char* user_name,
-                     const char* tag_name, const char* energy_policy, int& selected_frequency,
-                     double& time_var, int& failure) {
-    eas::OwnedConnection conn = open_connection();
+int select_for(const eas::TagRequest& request, const char* energy_policy, int& selected_frequency,
+               double& time_var, int& failure) {
+    failure = EAS_NO_CONNECTION;
+    DB_Ptr conn(create_db_connection());
     if (!conn)
         return EAS_NO_CONNECTION;
 
     failure = EAS_NO_UNIQUE_TAG;
     std::vector<EnergyTag> found;
-    const int count =
-        read_tags_from_db(conn.get(), cluster_name, default_frequency, user_name, tag_name, found);
-    eas::end_read(*conn);
+    const int count = read_tags(*conn, request, found);
     conn.reset();
     if (count != 1 || found.front().available() == 0)
         return EAS_NO_UNIQUE_TAG;
@@ -306,24 +166,7 @@ int select_frequency(const char* cluster_name, int default_frequency, const char
 }  // namespace
 
 int eas_initialize(char* cluster_name, int default_frequency, char* threshold_file) {
-    return eas::initialize(nullptr, cluster_name, default_frequency, threshold_file);
-}
-
-int eas::initialize(const char* dsn, const char* cluster_name, int default_frequency,
-                    const char* threshold_file) {
-    const eas::DeferCancellation until_done;
-    const eas::CallInProgress call;
-    if (!call.admitted())
-        return EAS_NO_CONNECTION;  // the driver manager is gone for good
-    uninitialize();
-    if (cluster_name == nullptr || default_frequency < 1 || threshold_file == nullptr)
-        return EAS_BAD_ARGUMENT;
-    return without_exceptions(
-        EAS_NO_CONNECTION,
-        [&](int& failure) {
-            return ::initialize(dsn, cluster_name, default_frequency, threshold_file, failure);
-        },
-        uninitialize);
+    return eas::initialize_from(nullptr, cluster_name, default_frequency, threshold_file);
 }
 
 int eas_generate_tag(char* cluster_name, int default_frequency, char* user_name, char* tag_name,
@@ -332,8 +175,8 @@ int eas_generate_tag(char* cluster_name, int default_frequency, char* user_name,
                   job_id,       time_elapsed,      power_consumed};
     if (!job.is_valid())
         return EAS_BAD_ARGUMENT;
-    return at_the_boundary(global_coeffs, EAS_TAG_NOT_AVAILABLE,
-                           [&](int& failure) { return generate(job, failure); });
+    return eas::at_the_boundary(global_coeffs, EAS_TAG_NOT_AVAILABLE,
+                                [&](int& failure) { return generate(job, failure); });
 }
 
 int eas_query_tag(char* cluster_name, int default_frequency, char* user_name, char* tag_name,
@@ -342,9 +185,9 @@ int eas_query_tag(char* cluster_name, int default_frequency, char* user_name, ch
         return EAS_BAD_ARGUMENT;
     *num_tags = 0;
     *tags = nullptr;
-    return at_the_boundary(global_threshold, EAS_NO_CONNECTION, [&](int& failure) {
-        return query(cluster_name, default_frequency, user_name, tag_name, *num_tags, *tags,
-                     failure);
+    return eas::at_the_boundary(global_threshold, EAS_QUERY_FAILED, [&](int& failure) {
+        return query(request_for(cluster_name, default_frequency, user_name, tag_name), *num_tags,
+                     *tags, failure);
     });
 }
 
@@ -353,9 +196,9 @@ int eas_remove_tag(char* cluster_name, int default_frequency, char* user_name, c
     if (default_frequency < 1 || cluster_name == nullptr || tag_count == nullptr ||
         user_list == nullptr || tagname_list == nullptr)
         return EAS_BAD_ARGUMENT;
-    return at_the_boundary(global_threshold, EAS_NO_CONNECTION, [&](int& failure) {
-        return remove(cluster_name, default_frequency, user_name, tag_name, *tag_count, *user_list,
-                      *tagname_list, failure);
+    return eas::at_the_boundary(global_threshold, EAS_REMOVE_FAILED, [&](int& failure) {
+        return remove(request_for(cluster_name, default_frequency, user_name, tag_name), *tag_count,
+                      *user_list, *tagname_list, failure);
     });
 }
 
@@ -366,8 +209,8 @@ int eas_auto_select_frequency(char* cluster_name, int default_frequency, char* u
         tag_name == nullptr || energy_policy == nullptr || selected_frequency == nullptr ||
         time_var == nullptr || !is_policy(energy_policy))
         return EAS_BAD_ARGUMENT;
-    return at_the_boundary(global_threshold, EAS_NO_CONNECTION, [&](int& failure) {
-        return select_frequency(cluster_name, default_frequency, user_name, tag_name, energy_policy,
-                                *selected_frequency, *time_var, failure);
+    return eas::at_the_boundary(global_threshold, EAS_NO_UNIQUE_TAG, [&](int& failure) {
+        return select_for(request_for(cluster_name, default_frequency, user_name, tag_name),
+                          energy_policy, *selected_frequency, *time_var, failure);
     });
 }

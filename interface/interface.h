@@ -10,7 +10,7 @@
  *                  call waits for another attempt to connect, and leaves nothing behind.
  *   Texts          NUL-terminated; read, never changed or kept. Lengths that are stored: cluster
  *                  name 40 bytes, user and tag name 256 each, job id 1024; longer ones are cut.
- *   Frequencies    KHz. Times: seconds. Power: watts. Changes: fractions (0.05 is 5 %).
+ *   Frequencies    kHz. Times: seconds. Power: watts. Changes: fractions (0.05 is 5 %).
  *   Ownership      What a function hands out belongs to the caller, who frees it with free(3).
  *   Threads        eas_initialize must not run beside any other call. The four others may run
  *                  beside each other from any thread; each uses a connection of its own. The
@@ -19,16 +19,22 @@
  *                  threshold file, and what the database asks of it.
  *   Database       The ODBC driver manager is opened at run time as "libodbc.so"; the data source
  *                  is named in /etc/zemra/cfgloc ("mysql:dbname=NAME"), else it is "easdb".
- *   Commits        A tag is stored or removed as a whole or not at all. Whether the commit succeeds
- *                  is not looked at: where it fails, the call returns EAS_OK and the database is as
- *                  it was. On SQLite that happens while another program reads for longer than the
- *                  data source's Timeout, or with the last pages of a disk; on a server when it
- *                  goes down at that moment; on servers that replicate also when a conflict with
- *                  what another one stored shows only then. eas_query_tag says what is there.
+ *   Commits        A tag is stored or removed as a whole or not at all. A commit that fails is not
+ *                  reported: the call returns EAS_OK, and the database is as it was. On SQLite
+ *                  that happens while another program reads for longer than the data source's
+ *                  Timeout, or when the disk is full; on a server when it goes down at that
+ *                  moment; on servers that replicate also when a conflict with what another one
+ *                  stored shows only then. eas_query_tag says what is there.
+ *   End of the     A driver that keeps asking for patience is tried 20 times, a second apart; then
+ *   process        the process ends with abort(3), unless the environment variable
+ *                  ABORT_ON_DB_FAILED is NO. With DEBUG_THRESHOLD set, a debug file that cannot be
+ *                  opened ends it, too. An ordinary refusal to connect is EAS_NO_CONNECTION.
  *
- * Names in a query or removal: a cluster, user or tag name that holds a double quote, or ends in a
- * backslash that no other backslash escapes, makes the call fail with -4: no name that a user
- * chooses can widen what is read or removed. In names that are stored a percent sign is read as by
+ * Names in a query or removal: an empty one matches all. A cluster, user or tag name that holds a
+ * double quote, or ends in a backslash that no other backslash escapes, makes the call fail with
+ * -4: no other name that a user chooses can widen what is read or removed. On tables that compare
+ * without case, against the schema, rows that bear other names are passed over, and a removal that
+ * would take them along fails with -4. In names that are stored a percent sign is read as by
  * printf: write "%%" for one; any other use keeps its characters.
  */
 #ifndef EAS_INTERFACE_H
@@ -60,7 +66,8 @@ enum eas_return_code {
     /* eas_initialize */
     EAS_NO_COEFFICIENTS = -3,          /* none readable for the cluster and default frequency */
     EAS_BAD_THRESHOLD_FILE = -4,       /* the threshold file is not valid */
-    EAS_THRESHOLDS_COMMENTED_OUT = -5, /* the threshold file has no entry, or is missing */
+    EAS_THRESHOLDS_COMMENTED_OUT = -5, /* every entry of the threshold file is a
+                                          comment; also where the file is empty or missing */
 
     /* eas_generate_tag */
     EAS_TAG_NOT_AVAILABLE = -4, /* the figures allow no prediction */
@@ -79,18 +86,19 @@ enum eas_return_code {
 /*
  * One energy policy tag: what a job is predicted to do at each frequency.
  *
- * Entry i of each array belongs to frequencies[i]; they ascend. The caller owns the four strings
- * and five arrays, each a block of its own. The arrays are never null; a string is null where
- * memory was too short for its copy.
+ * Entry i of each array belongs to frequencies[i]. These ascend where the tables have the keys that
+ * ship with the library; otherwise they come in the order of the database. The caller owns the four
+ * strings and five arrays, each a block of its own. The arrays are never null; a string is null
+ * where memory was too short for its copy.
  */
 typedef struct energyPolicyTag {
     char* energy_tag_name;        /* name of the tag */
     char* job_id;                 /* the job (step) that it was generated from */
     char* user_name;              /* its owner */
     char* cluster_name;           /* the cluster it belongs to */
-    int32_t default_frequency;    /* KHz; the predictions are relative to it */
+    int32_t default_frequency;    /* kHz; the predictions are relative to it */
     int32_t num_freq;             /* entries in each of the five arrays */
-    int32_t* frequencies;         /* KHz */
+    int32_t* frequencies;         /* kHz */
     double* predict_power;        /* W, mean power of a node */
     double* energy_saving_pct;    /* energy change, a fraction; negative saves energy */
     int32_t* predict_elapse_time; /* s, run time */
@@ -104,7 +112,7 @@ typedef struct energyPolicyTag {
  * driver manager, reads the cluster's coefficients and the threshold file.
  *
  *   cluster_name       as in the coefficient table
- *   default_frequency  KHz, above 0: the frequency at which jobs are measured
+ *   default_frequency  kHz, above 0: the frequency at which jobs are measured
  *   threshold_file     path of the site's performance thresholds (see eas-thresholds(5))
  *
  * Returns EAS_OK, EAS_BAD_ARGUMENT, EAS_NO_CONNECTION, EAS_NO_COEFFICIENTS,
@@ -118,7 +126,7 @@ EAS_API int eas_initialize(char* cluster_name, int default_frequency, char* thre
  *
  *   cluster_name, user_name, tag_name, job_id   not null, not empty; the prediction is that of
  *                      the initialised cluster, whatever cluster the tag is stored under
- *   default_frequency  KHz; that of the loaded coefficients
+ *   default_frequency  kHz; that of the loaded coefficients
  *   hw_counters        three doubles: processor cycles, instructions, bytes of memory traffic
  *   time_elapsed       s, above 0: run time of the job at the default frequency
  *   power_consumed     W, at least 0.0000001: mean power of a node
@@ -158,7 +166,8 @@ EAS_API int eas_query_tag(char* cluster_name, int default_frequency, char* user_
  *
  *   cluster_name          not null; an empty one removes the tags of every cluster
  *   user_name, tag_name   null or empty matches every user, or every tag
- *   tag_count             out: how many tags were removed
+ *   tag_count             out: how many tags were removed; 0 after EAS_REMOVE_FAILED, and after any
+ *                         other failure not written
  *   user_list             out: tag_count owners, one per removed tag
  *   tagname_list          out: tag_count names, in the same order
  *
@@ -178,11 +187,11 @@ EAS_API int eas_remove_tag(char* cluster_name, int default_frequency, char* user
  *   user_name, tag_name   not null; together they must match exactly one tag (an empty one
  *                         matches all)
  *   energy_policy         "minimize_energy": the frequency, up to the default one, that saves most
- *                         energy within the site's general limit; or "minimize_time": the highest
- *                         frequency, from the default one up, that gains as much time as the
- *                         site demands of it
- *   selected_frequency    out, KHz; the default frequency when no other qualifies
- *   time_var              out: expected run-time change, a fraction; 0 for the fall-back
+ *                         energy within the site's general limit; or "minimize_time": the last row
+ * of the tag, which with the keys that ship is the highest frequency, from the default one up, that
+ * gains as much time as the site demands of it selected_frequency    out, kHz; the default
+ * frequency when no other qualifies time_var              out: expected run-time change, a
+ * fraction; 0 for the fall-back
  *
  * On a failure the outputs are not written.
  *

@@ -8,8 +8,8 @@
 #include "db/base_class/TableRecord.h"
 
 struct EnergyCoEfficientsRow {
-    std::int32_t _frequency = 0;          ///< KHz
-    std::int32_t _default_frequency = 0;  ///< KHz; the coefficients are relative to it
+    std::int32_t _frequency = 0;          ///< kHz
+    std::int32_t _default_frequency = 0;  ///< kHz; the coefficients are relative to it
     char _cluster_name[41] = "";
     double _factor_a = 0.0;
     double _factor_b = 0.0;

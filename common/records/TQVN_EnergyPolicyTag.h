@@ -9,9 +9,9 @@
 struct EnergyPolicyTagRow {
     char _energy_tag_name[257];
     char _user_name[257];
-    std::int32_t _default_frequency;  ///< KHz
+    std::int32_t _default_frequency;  ///< kHz
     char _cluster_name[41];
-    std::int32_t _frequency;  ///< KHz
+    std::int32_t _frequency;  ///< kHz
     char _job_id[1025];
     double _predict_power;              ///< W
     double _energy_saving_pct;          ///< fraction

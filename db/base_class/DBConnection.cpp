@@ -12,8 +12,8 @@
 #include "db/base_class/DBDiagnostics.h"
 #include "db/base_class/DBLibrary.h"
 #include "db/base_class/DBTracer.h"
-#include "db/base_class/OdbcHandle.h"
 #include "db/base_class/Properties.h"
+#include "db/base_class/Statement.h"
 
 using eas::CancelState;
 using eas::severity_debug;
@@ -24,22 +24,19 @@ namespace {
 
 constexpr int max_attempts = 20;
 
-SQLCHAR* odbc_text(std::string& text) {
-    return reinterpret_cast<SQLCHAR*>(text.data());
-}
-
 /// Null for a setting that is not set.
-SQLCHAR* odbc_text(std::string* setting) {
-    return setting != nullptr ? odbc_text(*setting) : nullptr;
+SQLCHAR* odbc_text(const std::string* setting) {
+    return setting != nullptr ? eas::odbc_text(setting->c_str()) : nullptr;
 }
 
-/// A text with its length, as SQLConnect takes user and password. One that is not set is an empty
-/// text of length 0: on a null one the driver manager's connection pooling crashes (unixODBC
-/// 2.3.11), and an empty one of length SQL_NTS replaces the data source's own (MariaDB's driver).
+/// A text with its length, as SQLConnect takes user and password. One that is not set, or empty, is
+/// an empty text of length 0: on a null one the driver manager's connection pooling crashes
+/// (unixODBC 2.3.11), and an empty one of length SQL_NTS replaces the data source's own (MariaDB's
+/// driver).
 struct Credential {
-    explicit Credential(std::string* set) : text(odbc_text(set)) {
+    explicit Credential(const std::string* set) : text(odbc_text(set)) {
         static SQLCHAR unset[] = "";
-        if (set == nullptr) {
+        if (set == nullptr || set->empty()) {
             text = unset;
             length = 0;
         }
@@ -52,10 +49,6 @@ const char* shown(const std::string* setting) {
     return setting != nullptr ? setting->c_str() : "(nil)";
 }
 
-SQLRETURN execute(SQLHANDLE hstmt, std::string& sql) {
-    return DBLibrary::get()->SQLExecDirect(hstmt, odbc_text(sql), SQL_NTS);
-}
-
 bool abort_is_refused() {
     const char* choice = std::getenv("ABORT_ON_DB_FAILED");
     return choice != nullptr && ::strcasecmp(choice, "NO") == 0;
@@ -65,35 +58,8 @@ bool abort_is_refused() {
 
 DBConnection::Settings DBConnection::_settings;
 
-/// While a connection is being made: unless kept, its handle is given back at the end of the block,
-/// also when an exception or the cancellation of the thread leaves it.
-class DBConnection::PendingConnection {
-  public:
-    explicit PendingConnection(DBConnection& con) noexcept : con_(con) {}
-    PendingConnection(const PendingConnection&) = delete;
-    PendingConnection& operator=(const PendingConnection&) = delete;
-    ~PendingConnection() {
-        if (kept_)
-            return;
-        const eas::DeferCancellation until_done;
-        if (connected_)
-            con_.disconnectHandle();
-        con_.freeConnHandle();
-        if (SQL_SUCCEEDED(con_._status))
-            con_._status = -1;
-    }
-
-    void connected() noexcept { connected_ = true; }
-    void keep() noexcept { kept_ = true; }
-
-  private:
-    DBConnection& con_;
-    bool connected_ = false;
-    bool kept_ = false;
-};
-
 DBConnection::DBConnection(const char* propertiesFile, bool isPooled, int traceLevel)
-    : _henv(eas::no_handle()), _isPooled(isPooled), _trace_level(traceLevel) {
+    : _isPooled(isPooled), _trace_level(traceLevel) {
     if (propertiesFile == nullptr)
         return;
     Properties properties(propertiesFile);
@@ -103,7 +69,9 @@ DBConnection::DBConnection(const char* propertiesFile, bool isPooled, int traceL
 
 DBConnection::~DBConnection() {
     const eas::DeferCancellation until_done;
-    freeEnvHandle();
+    // A connection that is still open stays so: disconnect() closes it.
+    static_cast<void>(_hcon.release());
+    dropEnvHandle();
 }
 
 SQLHANDLE DBConnection::createEnvHandle() {
@@ -120,24 +88,25 @@ SQLHANDLE DBConnection::createEnvHandle() {
 }
 
 SQLHANDLE DBConnection::setEnvHandle() {
-    freeEnvHandle();
+    dropEnvHandle();
+    _henv.reset(createEnvHandle());
     _freehandle = true;
-    _henv = createEnvHandle();
-    return _henv;
+    return _henv.get();
 }
 
 void DBConnection::setEnvHandle(SQLHANDLE henv) {
-    if (henv == _henv)
+    if (henv == _henv.get())
         return;
-    freeEnvHandle();
-    _henv = henv;
+    dropEnvHandle();
+    _henv.reset(henv);
 }
 
-void DBConnection::freeEnvHandle() {
-    if (_freehandle && eas::is_handle(_henv))
-        eas::free_handle(SQL_HANDLE_ENV, _henv);
+/// Frees the environment handle, or leaves it to the caller whose it is.
+void DBConnection::dropEnvHandle() {
+    if (!_freehandle)
+        static_cast<void>(_henv.release());
+    _henv.free();
     _freehandle = false;
-    _henv = eas::no_handle();
 }
 
 void DBConnection::replace(std::string*& setting, const char* text) {
@@ -186,31 +155,32 @@ int DBConnection::connect(const char* db, const char* user, const char* pwd, con
                           seteuid_fcn set, unseteuid_fcn unset) {
     if (_status == 0)
         return 0;
-    if (_henv == eas::no_handle())
+    if (_henv.get() == eas::no_handle())
         setEnvHandle();
     setDBinfo(db, user, pwd, schema);
-    if (!eas::is_handle(_henv))
+    if (!_henv.is_open())
         return _status = -1;
 
-    PendingConnection pending(*this);
-    if (!allocate())
+    // Given back, unless it becomes this object's at the end.
+    eas::OdbcHandle made(SQL_HANDLE_DBC);
+    const SQLRETURN allocated = made.allocate(_henv.get());
+    _status = allocated;
+    if (eas::check(SQL_HANDLE_ENV, _henv.get(), allocated) != 0)
         return _status;
     eas::UserSwitch user_switch(set, unset, user, schema);
-    if (!connectWithRetries()) {
+    if (!connectWithRetries(made.get())) {
         // The caller who switched the user is told by the result and switches back himself.
         user_switch.stay();
         return _status;
     }
-    pending.connected();
+    made.connected();
+    _status = -1;
     trace(severity_debug, "Connected to the database: %s\n", shown(_settings._db));
     user_switch.back();
-    if (schemaDiffersFromUser())
-        _status = setSchema();
-    if (_status == SQL_SUCCESS_WITH_INFO)
-        _status = 0;
-    if (_status == 0)
-        pending.keep();
-    return _status;
+    const SQLRETURN rc = schemaDiffersFromUser() ? sendSchema(made.get()) : SQLRETURN{SQL_SUCCESS};
+    if (SQL_SUCCEEDED(rc))
+        _hcon.take(made);
+    return _status = SQL_SUCCEEDED(rc) ? 0 : rc;
 }
 
 bool DBConnection::schemaDiffersFromUser() noexcept {
@@ -218,15 +188,9 @@ bool DBConnection::schemaDiffersFromUser() noexcept {
            *_settings._schema != *_settings._user;
 }
 
-bool DBConnection::allocate() {
-    _hcon = SQL_NULL_HANDLE;
-    _status = DBLibrary::get()->SQLAllocHandle(SQL_HANDLE_DBC, _henv, &_hcon);
-    return eas::check(SQL_HANDLE_ENV, _henv, static_cast<SQLRETURN>(_status)) == 0;
-}
-
-bool DBConnection::connectWithRetries() {
+bool DBConnection::connectWithRetries(SQLHANDLE hcon) {
     for (int attempt = 1;; ++attempt) {
-        if (!connectOnce())
+        if (!connectOnce(hcon))
             return false;
         if (SQL_SUCCEEDED(_status))
             return true;
@@ -236,16 +200,16 @@ bool DBConnection::connectWithRetries() {
 }
 
 /// Returns false after an answer that no further attempt would change.
-bool DBConnection::connectOnce() {
+bool DBConnection::connectOnce(SQLHANDLE hcon) {
     const Credential user(_settings._user);
     const Credential password(_settings._pwd);
     const SQLRETURN rc =
-        DBLibrary::get()->SQLConnect(_hcon, odbc_text(_settings._db), SQL_NTS, user.text,
+        DBLibrary::get()->SQLConnect(hcon, odbc_text(_settings._db), SQL_NTS, user.text,
                                      user.length, password.text, password.length);
     _status = rc;
     if (rc == SQL_SUCCESS)
         return true;
-    if (eas::check(SQL_HANDLE_DBC, _hcon, rc) != 0)
+    if (eas::check(SQL_HANDLE_DBC, hcon, rc) != 0)
         return false;
     trace(severity_debug, "Error occured while connecting to the database (SQLConnect). rc=%d\n",
           _status);
@@ -277,20 +241,24 @@ bool DBConnection::waitForNextAttempt(int attempt) {
 }
 
 int DBConnection::setSchema() {
-    eas::OdbcHandle statement(SQL_HANDLE_STMT);
-    const SQLRETURN allocated = statement.allocate(_hcon);
-    if (eas::check(SQL_HANDLE_DBC, _hcon, allocated) != 0 || !statement.is_open())
+    return sendSchema(_hcon.get());
+}
+
+SQLRETURN DBConnection::sendSchema(SQLHANDLE hcon) {
+    eas::Statement statement;
+    const SQLRETURN allocated = statement.allocate(hcon);
+    if (eas::check(SQL_HANDLE_DBC, hcon, allocated) != 0 || !statement.is_open())
         return allocated;
 
     std::string sql = std::string("set schema ") + shown(_settings._schema);
-    execute(statement.get(), sql);  // not every database has it; the path decides
+    statement.execute(sql);  // not every database has it; the path decides
     trace(severity_debug, "Setting Schema: %s\n", sql.c_str());
 
     sql = std::string("set path = current path,  ") + shown(_settings._schema);
-    const SQLRETURN rc = execute(statement.get(), sql);
+    const SQLRETURN rc = statement.execute(sql);
     trace(severity_debug, "Setting Schema Path: %s\n", sql.c_str());
     if (rc != SQL_SUCCESS)
-        eas::check_statement(rc, _hcon, statement.get());
+        eas::check_statement(rc, hcon, statement.get());
     return rc;
 }
 
@@ -298,8 +266,8 @@ bool DBConnection::isAutoCommit() {
     if (_autocommit == -1) {
         // Drivers write four bytes whatever length they are told; the other four must be zero.
         std::int64_t value = 0;
-        const SQLRETURN rc = DBLibrary::get()->SQLGetConnectAttr(_hcon, SQL_ATTR_AUTOCOMMIT, &value,
-                                                                 sizeof(value), nullptr);
+        const SQLRETURN rc = DBLibrary::get()->SQLGetConnectAttr(_hcon.get(), SQL_ATTR_AUTOCOMMIT,
+                                                                 &value, sizeof(value), nullptr);
         if (SQL_SUCCEEDED(rc))
             _autocommit = value;
     }
@@ -311,14 +279,14 @@ int DBConnection::setAutoCommit(bool on) {
         return 0;
     const auto value = reinterpret_cast<SQLPOINTER>(on ? SQL_AUTOCOMMIT_ON : SQL_AUTOCOMMIT_OFF);
     const SQLRETURN rc =
-        DBLibrary::get()->SQLSetConnectAttr(_hcon, SQL_ATTR_AUTOCOMMIT, value, SQL_NTS);
+        DBLibrary::get()->SQLSetConnectAttr(_hcon.get(), SQL_ATTR_AUTOCOMMIT, value, SQL_NTS);
     // What was asked for counts from now on, also when the driver refused it.
     _autocommit = on ? 1 : 0;
     return rc;
 }
 
 int DBConnection::commit() {
-    const SQLRETURN rc = DBLibrary::get()->SQLEndTran(SQL_HANDLE_DBC, _hcon, SQL_COMMIT);
+    const SQLRETURN rc = DBLibrary::get()->SQLEndTran(SQL_HANDLE_DBC, _hcon.get(), SQL_COMMIT);
     // A failed commit is reported, not rolled back: that is the caller's to decide.
     if (rc == SQL_SUCCESS)
         trace(severity_debug, "Transaction committed\n");
@@ -329,8 +297,8 @@ int DBConnection::commit() {
 
 int DBConnection::rollback() {
     trace(severity_debug, "Rolling back the transaction (DBConnection)\n");
-    const SQLRETURN rc = DBLibrary::get()->SQLEndTran(SQL_HANDLE_DBC, _hcon, SQL_ROLLBACK);
-    const int answer = eas::check(SQL_HANDLE_DBC, _hcon, rc);
+    const SQLRETURN rc = DBLibrary::get()->SQLEndTran(SQL_HANDLE_DBC, _hcon.get(), SQL_ROLLBACK);
+    const int answer = eas::check(SQL_HANDLE_DBC, _hcon.get(), rc);
     if (answer == 0)
         trace(severity_debug, "Transaction rolled back (DBConnection)\n");
     else
@@ -346,58 +314,9 @@ int DBConnection::disconnect() {
     const eas::DeferCancellation until_done;
     _status = -1;
     _autocommit = -1;
-    const SQLRETURN refused = disconnectHandle();
-    if (refused != SQL_SUCCESS) {
-        freeConnHandle();
-        return refused;
-    }
-    trace(severity_debug, "Disconnected from the database\n");
-    return freeConnHandle();
-}
-
-/// Returns 0, or the ODBC result if the driver refuses even without a transaction.
-SQLRETURN DBConnection::disconnectHandle() {
-    const auto refused = [this](SQLRETURN rc) {
-        return eas::check(SQL_HANDLE_DBC, _hcon, rc) != 0;
-    };
-    SQLRETURN rc = DBLibrary::get()->SQLDisconnect(_hcon);
-    if (!refused(rc))
-        return SQL_SUCCESS;
-    // SQLite's driver refuses (25000) while a transaction is open, even one that has only read.
-    TransRollback(_hcon);
-    rc = DBLibrary::get()->SQLDisconnect(_hcon);
-    if (!refused(rc))
-        return SQL_SUCCESS;
-    beginTransaction();
-    TransRollback(_hcon);
-    rc = DBLibrary::get()->SQLDisconnect(_hcon);
-    return refused(rc) ? rc : SQLRETURN{SQL_SUCCESS};
-}
-
-/// Where the database has rolled back by itself (SQLite on a full disk), its driver cannot, and
-/// believes for ever that a transaction is open. Now one is.
-void DBConnection::beginTransaction() {
-    eas::OdbcHandle statement(SQL_HANDLE_STMT);
-    if (!SQL_SUCCEEDED(statement.allocate(_hcon)))
-        return;
-    std::string sql = "begin";
-    execute(statement.get(), sql);
-}
-
-/// Returns 0, or the ODBC result of the first attempt if it failed.
-SQLRETURN DBConnection::freeConnHandle() {
-    const SQLHANDLE handle = std::exchange(_hcon, nullptr);
-    if (!eas::is_handle(handle))
-        return SQL_SUCCESS;
-    const SQLRETURN rc = DBLibrary::get()->SQLFreeHandle(SQL_HANDLE_DBC, handle);
-    if (SQL_SUCCEEDED(rc))
-        return SQL_SUCCESS;
-    const int answer = eas::check(SQL_HANDLE_DBC, handle, rc);
-    // The driver manager keeps the handle of a connection that it believes is open. After any other
-    // answer the handle is gone, and to touch it again would be to touch freed memory.
-    if (rc == SQL_ERROR) {
-        DBLibrary::get()->SQLDisconnect(handle);
-        DBLibrary::get()->SQLFreeHandle(SQL_HANDLE_DBC, handle);
-    }
-    return answer != 0 ? rc : SQLRETURN{SQL_SUCCESS};
+    const SQLRETURN refused = _hcon.disconnect();
+    if (refused == SQL_SUCCESS)
+        trace(severity_debug, "Disconnected from the database\n");
+    const SQLRETURN freed = _hcon.free();
+    return refused != SQL_SUCCESS ? refused : freed;
 }

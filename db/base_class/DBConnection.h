@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <string>
 
+#include "db/base_class/OdbcHandle.h"
 #include "db/base_class/UserSwitch.h"
 
 class DBConnection {
@@ -29,8 +30,9 @@ class DBConnection {
     SQLHANDLE setEnvHandle();
     /// Uses the caller's environment handle, which stays the caller's.
     void setEnvHandle(SQLHANDLE henv);
-    [[nodiscard]] SQLHANDLE getEnvHandle() const noexcept { return _henv; }
-    [[nodiscard]] SQLHANDLE getConnHandle() const noexcept { return _hcon; }
+    [[nodiscard]] SQLHANDLE getEnvHandle() const noexcept { return _henv.get(); }
+    /// Null while not connected.
+    [[nodiscard]] SQLHANDLE getConnHandle() const noexcept { return _hcon.get(); }
     /// 0 connected, -1 not connected, otherwise the last ODBC result.
     [[nodiscard]] int getStatus() const noexcept { return _status; }
     [[nodiscard]] bool isPooled() const noexcept { return _isPooled; }
@@ -83,26 +85,22 @@ class DBConnection {
         std::string* _pwd = nullptr;
         std::string* _schema = nullptr;
     };
-    class PendingConnection;
 
     static void replace(std::string*& setting, const char* text);
     [[nodiscard]] static bool schemaDiffersFromUser() noexcept;
-    bool allocate();
-    bool connectWithRetries();
-    bool connectOnce();
+    static SQLRETURN sendSchema(SQLHANDLE hcon);
+    bool connectWithRetries(SQLHANDLE hcon);
+    bool connectOnce(SQLHANDLE hcon);
     bool waitForNextAttempt(int attempt);
-    void freeEnvHandle();
-    SQLRETURN disconnectHandle();
-    void beginTransaction();
-    SQLRETURN freeConnHandle();
+    void dropEnvHandle();
 
     static Settings _settings;
 
-    SQLHANDLE _hcon = SQL_NULL_HANDLE;
-    SQLHANDLE _henv;
+    eas::OdbcHandle _henv{SQL_HANDLE_ENV};
+    eas::OdbcHandle _hcon{SQL_HANDLE_DBC};
     std::int64_t _autocommit = -1;  ///< -1 unknown, 1 on, 0 off
     std::int32_t _status = -1;
-    bool _freehandle = false;
+    bool _freehandle = false;  ///< _henv is this object's own
     bool _isPooled;
     std::int32_t _trace_level;
 };

@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <utility>
 
 #include "base/CancelState.h"
@@ -62,11 +63,6 @@ class CheckedOut {
 
 eas::Mutex DBConnectionPoolImpl::_connectionPool_mutex;
 
-void DBConnectionPoolImpl::Disconnect::operator()(DBConnection* con) const {
-    const std::unique_ptr<DBConnection> owned(con);
-    owned->disconnect();
-}
-
 DBConnectionPoolImpl::DBConnectionPoolImpl(const char* propertiesFile) {
     Properties properties(propertiesFile);
     _database = properties["database_name"];
@@ -116,7 +112,7 @@ void DBConnectionPoolImpl::initPool() {
     {
         const eas::UserSwitch user(db_seteuid, db_unseteuid, text_of(_user), text_of(_schema));
         for (std::uint32_t i = 0; i < _minConnections; ++i) {
-            Connection con = openConnection(true);
+            DB_Ptr con = openConnection(true);
             if (con != nullptr)
                 _availableConnections.push_back(std::move(con));
         }
@@ -128,8 +124,8 @@ void DBConnectionPoolImpl::initPool() {
 }
 
 /// A connected connection, or null.
-DBConnectionPoolImpl::Connection DBConnectionPoolImpl::openConnection(bool pooled) const {
-    Connection con(std::make_unique<DBConnection>(nullptr, pooled, _trace_level).release());
+DB_Ptr DBConnectionPoolImpl::openConnection(bool pooled) const {
+    DB_Ptr con(std::make_unique<DBConnection>(nullptr, pooled, _trace_level).release());
     const int rc = con->connect(nullptr, nullptr, nullptr, nullptr, nullptr, nullptr);
     if (!SQL_SUCCEEDED(rc))
         con.reset();
@@ -167,8 +163,11 @@ DBConnection* DBConnectionPoolImpl::takeAvailable() {
 /// Opens a temporary connection; null if it cannot be opened. The user is switched back either way.
 DBConnection* DBConnectionPoolImpl::expand() {
     trace(severity_debug, "Out of connections, expanding the connection pool\n");
-    const eas::UserSwitch user(db_seteuid, db_unseteuid, text_of(_user), text_of(_schema));
-    Connection con = openConnection(false);
+    DB_Ptr con;
+    {
+        const eas::UserSwitch user(db_seteuid, db_unseteuid, text_of(_user), text_of(_schema));
+        con = openConnection(false);
+    }
     if (con == nullptr)
         return nullptr;
     const MutexLock lock(_connectionPool_mutex);
@@ -179,7 +178,7 @@ DBConnection* DBConnectionPoolImpl::expand() {
 void DBConnectionPoolImpl::checkin(DBConnection* con) {
     traceCounts("Releasing a database connection...");
     if (con != nullptr) {
-        const Connection temporary = takeUsed(con);
+        const DB_Ptr temporary = takeUsed(con);
         if (temporary != nullptr)
             trace(severity_debug, "Deleting the temporary DB connection\n");
     }
@@ -189,14 +188,14 @@ void DBConnectionPoolImpl::checkin(DBConnection* con) {
 /// Takes a connection off the used ones. A pooled one becomes available; a temporary one is
 /// returned, so that it is disconnected without the lock. Null also if the connection is not in
 /// use.
-DBConnectionPoolImpl::Connection DBConnectionPoolImpl::takeUsed(const DBConnection* con) {
+DB_Ptr DBConnectionPoolImpl::takeUsed(const DBConnection* con) {
     const MutexLock lock(_connectionPool_mutex);
     const auto found = std::find_if(_usedConnections.begin(), _usedConnections.end(),
-                                    [con](const Connection& used) { return used.get() == con; });
+                                    [con](const DB_Ptr& used) { return used.get() == con; });
     if (found == _usedConnections.end())
         return nullptr;
     if (!con->isPooled()) {
-        Connection temporary = std::move(*found);
+        DB_Ptr temporary = std::move(*found);
         _usedConnections.erase(found);
         return temporary;
     }

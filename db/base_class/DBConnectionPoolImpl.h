@@ -3,13 +3,12 @@
 
 #include <atomic>
 #include <cstdint>
-#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "base/ThreadSafety.h"
-#include "db/base_class/DBConnection.h"
+#include "db/base_class/DB_Ptr.h"
 
 class DBConnectionPoolImpl {
   public:
@@ -35,18 +34,14 @@ class DBConnectionPoolImpl {
     void setTraceLevel(int level) noexcept { _trace_level = level; }
 
   private:
-    struct Disconnect {
-        void operator()(DBConnection* con) const;
-    };
-    using Connection = std::unique_ptr<DBConnection, Disconnect>;
-    using Connections = std::vector<Connection>;
+    using Connections = std::vector<DB_Ptr>;
 
     /// Part of the constructors: no other thread knows the pool yet, so the lists need no lock.
     void initPool() EAS_NO_THREAD_SAFETY_ANALYSIS;
-    [[nodiscard]] Connection openConnection(bool pooled) const;
+    [[nodiscard]] DB_Ptr openConnection(bool pooled) const;
     DBConnection* takeAvailable();
     DBConnection* expand();
-    Connection takeUsed(const DBConnection* con);
+    DB_Ptr takeUsed(const DBConnection* con);
     void traceCounts(const char* what) const;
 
     std::optional<std::string> _database;

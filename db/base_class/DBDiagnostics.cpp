@@ -100,9 +100,8 @@ void HandleLocationPrint(SQLRETURN rc, int line, const char* file) {
 
 namespace eas {
 
-int check_statement(SQLRETURN rc, SQLHANDLE hdbc, SQLHANDLE hstmt, bool printTrace,
-                    const char* file, int line) {
-    const int answer = HandleInfoPrint(SQL_HANDLE_STMT, hstmt, rc, line, file, printTrace);
+int check_statement(SQLRETURN rc, SQLHANDLE hdbc, SQLHANDLE hstmt, bool printTrace) {
+    const int answer = HandleInfoPrint(SQL_HANDLE_STMT, hstmt, rc, __LINE__, __FILE__, printTrace);
     if (answer == 2)
         StmtResourcesFree(hstmt);
     if (answer != 0)

@@ -26,16 +26,14 @@ void HandleLocationPrint(SQLRETURN rc, int line, const char* file);
 
 namespace eas {
 
-/// HandleInfoPrint for the calling line, diagnostics on.
-inline int check(SQLSMALLINT handle_type, SQLHANDLE handle, SQLRETURN rc,
-                 const char* file = __builtin_FILE(), int line = __builtin_LINE()) {
-    return HandleInfoPrint(handle_type, handle, rc, line, file, true);
+/// HandleInfoPrint with the diagnostics on.
+inline int check(SQLSMALLINT handle_type, SQLHANDLE handle, SQLRETURN rc) {
+    return HandleInfoPrint(handle_type, handle, rc, __LINE__, __FILE__, true);
 }
 
 /// The one check after a call on a statement: looks at `rc`, frees the statement's resources after
 /// SQL_ERROR and rolls back after every failure. Returns HandleInfoPrint's answer; not 0 means give
 /// up.
-int check_statement(SQLRETURN rc, SQLHANDLE hdbc, SQLHANDLE hstmt, bool printTrace = true,
-                    const char* file = __builtin_FILE(), int line = __builtin_LINE());
+int check_statement(SQLRETURN rc, SQLHANDLE hdbc, SQLHANDLE hstmt, bool printTrace = true);
 
 }  // namespace eas

@@ -1,12 +1,25 @@
 #include "db/base_class/OdbcHandle.h"
 
 #include "base/CancelState.h"
+#include "db/base_class/DBDiagnostics.h"
 #include "db/base_class/DBLibrary.h"
+#include "db/base_class/Statement.h"
 
 namespace eas {
+namespace {
+
+/// Where the database has rolled back by itself (SQLite on a full disk), its driver cannot, and
+/// believes for ever that a transaction is open. Now one is.
+void begin_transaction(SQLHANDLE hdbc) {
+    Statement statement;
+    if (SQL_SUCCEEDED(statement.allocate(hdbc)))
+        statement.execute("begin");
+}
+
+}  // namespace
 
 OdbcHandle::~OdbcHandle() {
-    const eas::DeferCancellation until_done;
+    const DeferCancellation until_done;
     free();
 }
 
@@ -20,17 +33,52 @@ SQLRETURN OdbcHandle::allocate(SQLHANDLE parent) {
     return SQL_SUCCEEDED(rc) && !is_open() ? SQLRETURN{SQL_ERROR} : rc;
 }
 
+void OdbcHandle::reset(SQLHANDLE handle) {
+    free();
+    handle_ = handle;
+}
+
+void OdbcHandle::take(OdbcHandle& other) {
+    const bool connected = other.connected_;
+    reset(other.release());
+    connected_ = connected;
+}
+
+SQLRETURN OdbcHandle::disconnect() {
+    connected_ = false;
+    const auto refused = [this](SQLRETURN rc) { return check(SQL_HANDLE_DBC, handle_, rc) != 0; };
+    if (!refused(DBLibrary::get()->SQLDisconnect(handle_)))
+        return SQL_SUCCESS;
+    // SQLite's driver refuses (25000) while a transaction is open, even one that has only read.
+    TransRollback(handle_);
+    if (!refused(DBLibrary::get()->SQLDisconnect(handle_)))
+        return SQL_SUCCESS;
+    begin_transaction(handle_);
+    TransRollback(handle_);
+    const SQLRETURN rc = DBLibrary::get()->SQLDisconnect(handle_);
+    return refused(rc) ? rc : SQLRETURN{SQL_SUCCESS};
+}
+
 SQLRETURN OdbcHandle::free() {
     if (!is_open())
         return SQL_SUCCESS;
-    return free_handle(type_, release());
-}
-
-SQLRETURN free_handle(SQLSMALLINT type, SQLHANDLE handle) {
-    const SQLRETURN rc = DBLibrary::get()->SQLFreeHandle(type, handle);
-    if (rc == SQL_ERROR)
-        DBLibrary::get()->SQLFreeHandle(type, handle);
-    return rc;
+    if (connected_)
+        disconnect();
+    const SQLHANDLE handle = release();
+    const SQLRETURN rc = DBLibrary::get()->SQLFreeHandle(type_, handle);
+    if (SQL_SUCCEEDED(rc))
+        return SQL_SUCCESS;
+    const bool is_connection = type_ == SQL_HANDLE_DBC;
+    const bool failed = !is_connection || check(type_, handle, rc) != 0;
+    // The handle is still valid after SQL_ERROR: an open statement would keep its connection from
+    // closing, and a connection that is believed open keeps itself. After any other answer the
+    // handle is gone, and to touch it again would be to touch freed memory.
+    if (rc == SQL_ERROR) {
+        if (is_connection)
+            DBLibrary::get()->SQLDisconnect(handle);
+        DBLibrary::get()->SQLFreeHandle(type_, handle);
+    }
+    return failed ? rc : SQLRETURN{SQL_SUCCESS};
 }
 
 }  // namespace eas

@@ -1,4 +1,5 @@
-// Owner of one ODBC handle. An instance belongs to one thread at a time.
+// Owner of one ODBC handle: an environment, a connection or a statement. An instance belongs to one
+// thread at a time.
 #pragma once
 
 #include <sql.h>
@@ -18,15 +19,10 @@ inline bool is_handle(SQLHANDLE handle) noexcept {
     return handle != SQL_NULL_HANDLE && handle != no_handle();
 }
 
-/// Frees a handle, which is still valid after SQL_ERROR and is then tried once more: an open one
-/// would keep its connection from closing. Returns the result of the first attempt.
-SQLRETURN free_handle(SQLSMALLINT type, SQLHANDLE handle);
-
 class OdbcHandle {
   public:
     /// `type` is SQL_HANDLE_ENV, SQL_HANDLE_DBC or SQL_HANDLE_STMT.
-    explicit OdbcHandle(SQLSMALLINT type) noexcept : type_(type) {}
-    OdbcHandle(OdbcHandle&& other) noexcept : type_(other.type_), handle_(other.release()) {}
+    explicit OdbcHandle(SQLSMALLINT type) noexcept : type_(type), handle_(none()) {}
     OdbcHandle(const OdbcHandle&) = delete;
     OdbcHandle& operator=(const OdbcHandle&) = delete;
     /// Frees what is held, result ignored. A pending cancellation waits: it could not leave here.
@@ -35,17 +31,36 @@ class OdbcHandle {
     /// Frees what is held and allocates a handle below `parent`. Returns the ODBC result; after an
     /// error nothing is held.
     SQLRETURN allocate(SQLHANDLE parent);
-    /// Frees what is held and returns the ODBC result (0 if nothing was); nothing is held
-    /// afterwards.
+    /// Frees what is held and takes over `handle`, which may be none.
+    void reset(SQLHANDLE handle);
+    /// Frees what is held and takes over what `other`, of the same type, holds.
+    void take(OdbcHandle& other);
+    /// Of a connection: it is connected from here on, and will be disconnected before it is freed.
+    void connected() noexcept { connected_ = true; }
+    /// Of a connection: disconnects, once; an open transaction is rolled back where the driver
+    /// insists. Returns 0, or the ODBC result if the driver refuses even without a transaction.
+    SQLRETURN disconnect();
+    /// Frees what is held and returns the ODBC result, 0 if it is no failure or nothing was held;
+    /// nothing is held afterwards.
     SQLRETURN free();
 
+    /// What is held. When nothing is: null for a connection, which the driver manager refuses, and
+    /// no_handle() for the others.
     [[nodiscard]] SQLHANDLE get() const noexcept { return handle_; }
     [[nodiscard]] bool is_open() const noexcept { return is_handle(handle_); }
-    [[nodiscard]] SQLHANDLE release() noexcept { return std::exchange(handle_, no_handle()); }
+    [[nodiscard]] SQLHANDLE release() noexcept {
+        connected_ = false;
+        return std::exchange(handle_, none());
+    }
 
   private:
+    [[nodiscard]] SQLHANDLE none() const noexcept {
+        return type_ == SQL_HANDLE_DBC ? SQLHANDLE{SQL_NULL_HANDLE} : no_handle();
+    }
+
     SQLSMALLINT type_;
-    SQLHANDLE handle_ = no_handle();
+    bool connected_ = false;
+    SQLHANDLE handle_;
 };
 
 }  // namespace eas

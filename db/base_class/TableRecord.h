@@ -58,13 +58,13 @@ class TableRecord : public DBObj {
 
     /// Result column k is the k-th selected column, whatever its place in the table.
     SQLRETURN bind_col(SQLHANDLE hdbc, SQLHANDLE hstmt) override;
-    /// Texts are sent with the length they have now; nothing is ever sent as null.
+    /// Texts are sent with the length they have now; no value is ever sent as null.
     SQLRETURN bind_param(SQLHANDLE hdbc, SQLHANDLE hstmt) override;
     /// Texts that are null become empty; numbers that are null keep what they were. After a failure
     /// the record holds whatever the driver wrote.
     SQLRETURN fetch_col(SQLHANDLE hdbc, SQLHANDLE hstmt) override;
 
-    /// One line per selected column that is not null; nothing when none is selected.
+    /// One line per selected column that is not null; no text when none is selected.
     void dump(std::ostream& out) override;
 
     /// The names of the selected columns with commas between them; their number goes to `count`.

@@ -13,26 +13,22 @@
 
 namespace {
 
-/// The driver manager takes texts by pointers to writable bytes, but does not write them.
-SQLRETURN exec_direct(SQLHANDLE hstmt, const char* text) {
-    auto* bytes = reinterpret_cast<SQLCHAR*>(const_cast<char*>(text));
-    return DBLibrary::get()->SQLExecDirect(hstmt, bytes, SQL_NTS);
-}
-
 /// Fetches the number that `text` selects. Returns 0, or the ODBC result of the step that failed;
 /// `number` keeps its value when there is no row.
-SQLRETURN fetch_number(SQLHANDLE hdbc, SQLHANDLE hstmt, const char* text, std::int32_t* number) {
+SQLRETURN fetch_number(SQLHANDLE hdbc, eas::Statement& statement, const std::string& text,
+                       std::int32_t* number) {
     DBLibrary* odbc = DBLibrary::get();
     const auto failed = [&](SQLRETURN rc) {
-        return rc != SQL_SUCCESS && eas::check_statement(rc, hdbc, hstmt) != 0;
+        return rc != SQL_SUCCESS && eas::check_statement(rc, hdbc, statement.get()) != 0;
     };
-    SQLRETURN rc = odbc->SQLBindCol(hstmt, 1, SQL_C_LONG, number, sizeof *number, nullptr);
+    SQLRETURN rc =
+        odbc->SQLBindCol(statement.get(), 1, SQL_C_LONG, number, sizeof *number, nullptr);
     if (failed(rc))
         return rc;
-    rc = exec_direct(hstmt, text);
+    rc = statement.execute(text);
     if (failed(rc))
         return rc;
-    rc = odbc->SQLFetch(hstmt);
+    rc = odbc->SQLFetch(statement.get());
     return failed(rc) ? rc : SQLRETURN{SQL_SUCCESS};
 }
 
@@ -142,7 +138,7 @@ SQLRETURN TxObject::run(const char* text, SQLHANDLE hdbc, Kind op, DBObj* o) {
     SQLRETURN bound = SQL_SUCCESS;
     if (op == Kind::update || op == Kind::insert)
         bound = o->bind_param(hdbc, _hstmt.get());
-    const SQLRETURN rc = exec_direct(_hstmt.get(), text);
+    const SQLRETURN rc = _hstmt.execute(text);
     if (SQL_SUCCEEDED(rc)) {
         eas::trace(eas::severity_debug, "Successfully executed: %s\n", text);
         // The query counts as executed; without its columns the statement goes, so that no fetch
@@ -212,13 +208,12 @@ int TxObject::count(const char* tbname, const char* whereclause) {
     SQLHANDLE hdbc = _dbcon->getConnHandle();
     if (const SQLRETURN rc = open(hdbc); rc != SQL_SUCCESS)
         return rc;
-    SQLHANDLE hstmt = _hstmt.get();
     std::string text = std::string("select count(*) from ").append(tbname);
     if (whereclause != nullptr)
         text.append(" ").append(whereclause);
 
     std::int32_t rows = -1;
-    const SQLRETURN rc = fetch_number(hdbc, hstmt, text.c_str(), &rows);
+    const SQLRETURN rc = fetch_number(hdbc, _hstmt, text, &rows);
     // On every path: the statement is bound to a variable that ends here.
     const SQLRETURN freed = _hstmt.free();
     if (rc != SQL_SUCCESS)

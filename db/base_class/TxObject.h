@@ -11,7 +11,7 @@
 #include <sqlext.h>
 
 #include "db/base_class/DBObj.h"
-#include "db/base_class/OdbcHandle.h"
+#include "db/base_class/Statement.h"
 
 class DBConnection;
 class DBConnectionPool;
@@ -75,5 +75,5 @@ class TxObject {
     DBConnection* _dbcon;
     DBConnectionPool* _dbpool;
     bool _checkincon;
-    eas::OdbcHandle _hstmt{SQL_HANDLE_STMT};
+    eas::Statement _hstmt;
 };

@@ -2,6 +2,7 @@
 #include <string>
 
 #include "interface/Locator.h"
+#include "interface/TagRequest.h"
 #include "interface/TagStore.h"
 #include "tests/model/ModelFixtures.h"
 

@@ -13,6 +13,7 @@
 
 #include "common/model/CoEfficients.h"
 #include "db/base_class/DBLibrary.h"
+#include "db/base_class/DB_Ptr.h"
 #include "gtest/gtest.h"
 #include "interface/LibraryState.h"
 #include "interface/TagStore.h"
@@ -113,7 +114,42 @@ TEST_P(Scheduler, QueriesAndRemovesSeveralTagsAtOnce) {
     EXPECT_EQ(tag_rows(), 12);
 }
 
-TEST_P(Scheduler, RefusesBadArgumentsBeforeItLooksAtItsState) {
+TEST_P(Scheduler, OrdersTheRowsOfATagWhateverTheTableDoes) {
+    plain().run(
+        "create table kept as select * from TQVN_EnergyCoEfficients order by frequency desc");
+    plain().run("drop table TQVN_EnergyCoEfficients");
+    plain().run("alter table kept rename to TQVN_EnergyCoEfficients");  // it has no key
+    ASSERT_EQ(initialize(), EAS_OK);
+    EXPECT_EQ(global_coeffs->frequencyArray(),
+              (std::vector<int>{1600000, 1800000, 2000000, 2400000}));
+}
+
+TEST_P(Scheduler, PassesOverRowsOfOthersWhereCaseIsIgnoredAndRefusesToRemoveThem) {
+    const std::string text = GetParam() == Engine::sqlite
+                                 ? " varchar(256) collate nocase"
+                                 : " varchar(256) character set utf8mb4 collate utf8mb4_general_ci";
+    plain().run("drop table TQVN_EnergyPolicyTag");
+    plain().run("create table TQVN_EnergyPolicyTag (energy_tag_name" + text + ", user_name" + text +
+                ", default_frequency int, cluster_name" + text +
+                ", frequency int, job_id varchar(1024), predict_power double, energy_saving_pct "
+                "double, predict_elapse_time int, perf_degrad_pct double, create_time bigint)");
+    ASSERT_EQ(initialize(), EAS_OK);
+    for (const char* user : {"anna", "ANNA"})
+        ASSERT_EQ(generate(user, "t"), EAS_OK) << user;
+    ASSERT_EQ(generate("anna", "own"), EAS_OK);
+    EXPECT_EQ(Tags("anna", "t").count, 1);
+    EXPECT_EQ(Tags("anna", nullptr).count, 2);
+    EXPECT_EQ(select("ANNA", "t", "minimize_time").status, EAS_OK);
+    EXPECT_EQ(remove_tags("anna", "t").status, EAS_REMOVE_FAILED);
+    EXPECT_EQ(remove_tags("Anna", "t").names.size(), 0U) << "has none";
+    EXPECT_EQ(tag_rows(), 12);
+    EXPECT_EQ(remove_tags("anna", "own").names, (std::vector<std::string>{"anna/own"}));
+}
+
+class SchedulerArguments : public SchedulerTest {};
+INSTANTIATE_TEST_SUITE_P(On, SchedulerArguments, ::testing::Values(Engine::sqlite), engine_suffix);
+
+TEST_P(SchedulerArguments, AreRefusedBeforeTheStateIsLookedAt) {
     double counters[] = {1.0, 1.0, 1.0};
     const auto refused = [&](const char* cluster, int frequency, const char* user, const char* tag,
                              double* hw, const char* job, int elapsed, double power) {
@@ -147,7 +183,11 @@ TEST_P(Scheduler, RefusesBadArgumentsBeforeItLooksAtItsState) {
         EXPECT_EQ(select(nullptr, "t", "minimize_energy").status, EAS_BAD_ARGUMENT);
         if (state == EAS_NOT_INITIALIZED) {
             n = 7;
-            EXPECT_EQ(Tags("u", "t").status, state);
+            energyPolicyTag_t some;
+            tags = &some;
+            EXPECT_EQ(eas_query_tag(text("c1"), 1, nullptr, nullptr, &n, &tags), state);
+            EXPECT_EQ(n, 0);
+            EXPECT_EQ(tags, nullptr);
             EXPECT_EQ(select("u", "t", "minimize_time").status, state);
             EXPECT_EQ(remove_tags("u", "t").status, state);
             ASSERT_EQ(initialize(), EAS_OK);
@@ -203,7 +243,7 @@ TEST_P(Scheduler, TakesACoefficientRowOfNoClusterAndNoneOfAnother) {
     };
     for (const bool taken : {true, false}) {
         first_of_name = taken ? '\0' : 'C';
-        const eas::OwnedConnection connection(create_db_connection());
+        const DB_Ptr connection(create_db_connection());
         CoEfficients read;
         EXPECT_EQ(read_coeffs_from_db(connection.get(), "c1", default_frequency, read),
                   taken ? 0 : 1);

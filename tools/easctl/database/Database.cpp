@@ -14,6 +14,7 @@
 #include "base/UniqueFd.h"
 #include "db/base_class/DBDiagnostics.h"
 #include "db/base_class/DBLibrary.h"
+#include "db/base_class/DB_Ptr.h"
 #include "interface/LibraryState.h"
 #include "interface/Locator.h"
 #include "interface/TagStore.h"
@@ -26,11 +27,6 @@ namespace easctl {
 namespace {
 
 constexpr const char* password_variable = "EASCTL_DB_PASSWORD";
-
-SQLCHAR* odbc_text(const std::string& text) {
-    // The driver manager takes texts by pointers to writable bytes, but does not write them.
-    return reinterpret_cast<SQLCHAR*>(const_cast<char*>(text.c_str()));
-}
 
 /// Turns the echo of a terminal off for the length of a block.
 class SilentTerminal {
@@ -209,7 +205,7 @@ std::vector<Database::Row> Database::run(const std::string& sql,
 }
 
 std::vector<std::string> Database::ask_at_once(std::size_t count, const std::string& sql) {
-    std::vector<eas::OwnedConnection> open;
+    std::vector<DB_Ptr> open;
     std::vector<std::string> answers;
     while (open.size() < count) {
         open.emplace_back(create_db_connection());
@@ -228,43 +224,17 @@ std::vector<std::string> Database::ask_at_once(std::size_t count, const std::str
 
 std::vector<Database::Row> Database::run_on(SQLHANDLE connection, const std::string& sql,
                                             const std::vector<std::string>& values) {
-    const DBLibrary& odbc = *DBLibrary::get();
-    eas::OdbcHandle statement(SQL_HANDLE_STMT);
+    eas::Statement statement;
     const std::string what = "\"" + sql.substr(0, sql.find('\n')) + "\" failed";
     require(statement.allocate(connection), SQL_HANDLE_DBC, connection, what);
     SQLUSMALLINT place = 0;
-    for (const std::string& value : values) {
-        const SQLRETURN rc =
-            odbc.SQLBindParameter(statement.get(), ++place, SQL_PARAM_INPUT, SQL_C_CHAR,
-                                  SQL_VARCHAR, value.empty() ? 1 : value.size(), 0,
-                                  odbc_text(value), static_cast<SQLLEN>(value.size()), nullptr);
-        require(rc, SQL_HANDLE_STMT, statement.get(), what);
-    }
-    require(odbc.SQLExecDirect(statement.get(), odbc_text(sql), SQL_NTS), SQL_HANDLE_STMT,
-            statement.get(), what);
-    return fetch_all(statement.get(), what);
-}
-
-std::vector<Database::Row> Database::fetch_all(SQLHANDLE statement, const std::string& what) {
-    const DBLibrary& odbc = *DBLibrary::get();
-    SQLSMALLINT columns = 0;
-    require(odbc.SQLNumResultCols(statement, &columns), SQL_HANDLE_STMT, statement, what);
+    for (const std::string& value : values)
+        require(statement.bind_text(++place, value), SQL_HANDLE_STMT, statement.get(), what);
+    require(statement.execute(sql), SQL_HANDLE_STMT, statement.get(), what);
     std::vector<Row> rows;
-    if (columns == 0)
-        return rows;
-    std::vector<char> text(std::size_t{64} * 1024);
-    for (SQLRETURN rc = 0; (rc = odbc.SQLFetch(statement)) != SQL_NO_DATA;) {
-        require(rc, SQL_HANDLE_STMT, statement, what);
-        Row row;
-        for (SQLUSMALLINT i = 1; i <= columns; ++i) {
-            SQLLEN length = 0;
-            require(odbc.SQLGetData(statement, i, SQL_C_CHAR, text.data(),
-                                    static_cast<SQLLEN>(text.size()), &length),
-                    SQL_HANDLE_STMT, statement, what);
-            row.push_back(length == SQL_NULL_DATA ? Value() : Value(text.data()));
-        }
-        rows.push_back(std::move(row));
-    }
+    const SQLRETURN rc = statement.fetch_rows(rows);
+    if (rc != SQL_SUCCESS && rc != SQL_NO_DATA)
+        throw failure(what);
     return rows;
 }
 

@@ -11,7 +11,7 @@
 
 #include "db/base_class/DBConnection.h"
 #include "db/base_class/DBObj.h"
-#include "db/base_class/OdbcHandle.h"
+#include "db/base_class/Statement.h"
 #include "db/base_class/TxObject.h"
 #include "tools/easctl/cli/Errors.h"
 #include "tools/easctl/cli/Options.h"
@@ -36,8 +36,8 @@ enum class Engine { sqlite, mariadb, other };
 
 class Database {
   public:
-    using Value = std::optional<std::string>;  ///< nothing: null
-    using Row = std::vector<Value>;
+    using Row = eas::Statement::Row;
+    using Value = Row::value_type;  ///< empty: null
 
     /// Connects, with autocommit off. The data source becomes the process's for the library, too.
     explicit Database(const DatabaseOptions& options);
@@ -76,7 +76,6 @@ class Database {
     std::vector<Row> run_on(SQLHANDLE connection, const std::string& sql,
                             const std::vector<std::string>& values);
     void require(SQLRETURN rc, SQLSMALLINT type, SQLHANDLE handle, const std::string& what);
-    std::vector<Row> fetch_all(SQLHANDLE statement, const std::string& what);
 
     std::string dsn_;
     Diagnostics diagnostics_;

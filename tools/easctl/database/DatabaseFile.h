@@ -14,7 +14,7 @@ struct FileTrouble {
     std::string remedy;
 };
 
-/// What keeps this user from reading the file; nothing also where the data source has none.
+/// What keeps this user from reading the file; empty also where the data source has none.
 std::optional<FileTrouble> trouble_with_file(const std::string& dsn);
 /// What keeps this user from changing it; it can be read.
 std::optional<FileTrouble> trouble_with_writing(const std::string& dsn);

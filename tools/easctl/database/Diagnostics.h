@@ -15,7 +15,7 @@ class Diagnostics {
     Diagnostics(const Diagnostics&) = delete;
     Diagnostics& operator=(const Diagnostics&) = delete;
 
-    /// What was said since the last call, each record once, "; " between them; empty for nothing.
+    /// What was said since the last call, each record once, "; " between them; empty for none.
     [[nodiscard]] std::string take();
 
   private:
@@ -23,7 +23,7 @@ class Diagnostics {
     off_t read_ = 0;
 };
 
-/// What an administrator can do about what a driver said, or nothing.
+/// What an administrator can do about what a driver said; empty where there is no advice.
 std::string advice_on(const std::string& said, const std::string& dsn);
 
 }  // namespace easctl

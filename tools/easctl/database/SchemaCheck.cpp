@@ -223,7 +223,7 @@ class TableCheck {
     std::vector<SchemaKey> keys_;
 };
 
-/// What a query of one value gives; a null, no row and a refusal are nothing.
+/// What a query of one value gives; empty for a null, no row and a refusal.
 Database::Value value_of(Database& database, const std::string& sql) {
     try {
         const auto rows = database.run(sql);

@@ -6,6 +6,7 @@
 
 #include "base/Numbers.h"
 #include "common/records/TQVN_EnergyCoEfficients.h"
+#include "interface/TagRequest.h"
 #include "interface/TagStore.h"
 #include "tools/easctl/cli/Output.h"
 #include "tools/easctl/database/Schema.h"

@@ -4,6 +4,7 @@
 #include <memory>
 
 #include "common/model/CoEfficients.h"
+#include "interface/Initialization.h"
 #include "interface/LibraryState.h"
 #include "interface/TagRecord.h"
 #include "interface/interface.h"
@@ -14,21 +15,6 @@
 namespace easctl {
 
 namespace {
-
-/// What eas_query_tag handed out.
-class Records {
-  public:
-    Records() = default;
-    ~Records() {
-        free_tag_struct(records, count);
-        std::free(records);
-    }
-    Records(const Records&) = delete;
-    Records& operator=(const Records&) = delete;
-
-    energyPolicyTag_t* records = nullptr;
-    int count = 0;
-};
 
 EnergyTag tag_of(const energyPolicyTag_t& record) {
     const auto text = [](const char* name) { return name != nullptr ? name : ""; };
@@ -78,8 +64,9 @@ Library::Library(LibraryOptions options) : options_(std::move(options)) {
         sqlite_ = database.engine() == Engine::sqlite;
     }
     diagnostics_.emplace();
-    const int code = eas::initialize(options_.database.dsn_name().c_str(), options_.cluster.c_str(),
-                                     options_.default_khz, options_.thresholds.c_str());
+    const int code =
+        eas::initialize_from(options_.database.dsn_name().c_str(), options_.cluster.c_str(),
+                             options_.default_khz, options_.thresholds.c_str());
     if (code == EAS_OK)
         return;
     const bool by_file = code == EAS_BAD_THRESHOLD_FILE || code == EAS_THRESHOLDS_COMMENTED_OUT;
@@ -124,15 +111,15 @@ std::vector<EnergyTag> Library::query(const std::string& user, const std::string
     require_names(user, tag);
     std::string users(user);
     std::string tags(tag);
-    Records found;
+    eas::TagRecords found;
     const int code = eas_query_tag(options_.cluster.data(), options_.default_khz, users.data(),
-                                   tags.data(), &found.count, &found.records);
+                                   tags.data(), found.count(), found.records());
     const std::string said = diagnostics_->take();
     if (code != EAS_OK)
         throw refusal(Function::query_tag, code, name_of_tag(user, tag), said);
     std::vector<EnergyTag> result;
-    for (int i = 0; i < found.count; ++i)
-        result.push_back(tag_of(found.records[i]));
+    for (const energyPolicyTag_t& record : found)
+        result.push_back(tag_of(record));
     return result;
 }
 
