@@ -15,7 +15,8 @@ function(eas_shared_library name script)
     target_link_libraries(${name} PRIVATE eas_options ${CMAKE_DL_LIBS} Threads::Threads)
     # A host program may define its own restore_priv: our calls must still reach ours.
     target_link_options(${name} PRIVATE LINKER:--version-script=${script}
-                        LINKER:-Bsymbolic-functions)
+                        LINKER:-Bsymbolic-functions
+                        LINKER:--gc-sections)
     if(NOT EAS_SANITIZE)
         target_link_options(${name} PRIVATE LINKER:-z,defs)
     endif()
