@@ -31,7 +31,9 @@ class DBConnectionPool {
     /// A connected connection that stays the pool's, to be handed to checkin(); null if none was
     /// free and no further one could be opened. The number of connections is not limited.
     DBConnection* checkout();
-    /// Takes a connection back. Null, and one that the pool did not hand out, changes nothing.
+    /// Takes a connection back, with whatever its last user left uncommitted: end the transaction
+    /// first, or the next user's commit or rollback takes it along. Null, and one that the pool did
+    /// not hand out, changes nothing.
     void checkin(DBConnection* con);
     /// Disconnects the available connections above the minimum.
     void doCleanup();

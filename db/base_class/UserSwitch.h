@@ -4,6 +4,8 @@
 
 #include <sys/types.h>
 
+#include "base/ThreadSafety.h"
+
 /// Switches to a user id / back; results are not looked at.
 using seteuid_fcn = int (*)(unsigned int uid);
 using unseteuid_fcn = int (*)();
@@ -14,7 +16,8 @@ namespace eas {
 [[nodiscard]] uid_t connecting_user(const char* user, const char* schema);
 
 /// Calls `set` (if any) at once and `unset` (if any) once: by back(), or when an exception or the
-/// cancellation of the thread leaves the block.
+/// cancellation of the thread leaves the block. The process has one effective user: where there is
+/// something to call, other threads that would switch it wait meanwhile.
 class UserSwitch {
   public:
     UserSwitch(seteuid_fcn set, unseteuid_fcn unset, const char* user, const char* schema);
@@ -22,17 +25,16 @@ class UserSwitch {
     UserSwitch(const UserSwitch&) = delete;
     UserSwitch& operator=(const UserSwitch&) = delete;
 
-    void back() {
-        const unseteuid_fcn unset = unset_;
-        unset_ = nullptr;
-        if (unset != nullptr)
-            unset();
-    }
+    void back();
     /// Leaves the user as switched.
-    void stay() noexcept { unset_ = nullptr; }
+    void stay() noexcept EAS_NO_THREAD_SAFETY_ANALYSIS;
 
   private:
+    // The lock is given back by another function than takes it.
+    UserSwitch(bool calls, unseteuid_fcn unset) noexcept EAS_NO_THREAD_SAFETY_ANALYSIS;
+
     unseteuid_fcn unset_;
+    bool switched_;
 };
 
 }  // namespace eas

@@ -2,11 +2,10 @@
 // threads that are cancelled at any moment.
 #include <pthread.h>
 
+#include <algorithm>
 #include <atomic>
-#include <chrono>
 #include <functional>
 #include <iostream>
-#include <random>
 #include <thread>
 
 #include "db/base_class/DBConnectionPool.h"
@@ -88,17 +87,28 @@ TEST_P(Threads, WorkBesideEachOtherTracedOrNot) {
               << " calls\n";
 }
 
-TEST_P(Threads, SellNoConnectionOfThePoolTwice) {
-    DBConnectionPool::init("easdb", nullptr, nullptr, nullptr, 3, 4, nullptr, nullptr);
+std::atomic<int> switched{0};  // threads that have the process's effective user switched
+std::atomic<bool> switched_twice{false};
+
+int switch_user(unsigned) {
+    switched_twice = switched_twice || switched++ != 0;
+    std::this_thread::yield();
+    return 0;
+}
+int switch_back() {
+    return --switched;
+}
+
+TEST_P(Threads, SellNoConnectionOfThePoolTwiceAndSwitchTheUserOneByOne) {
+    DBConnectionPool::init("easdb", nullptr, nullptr, nullptr, 3, 4, switch_user, switch_back);
     DBConnectionPool& pool = *DBConnectionPool::Instance();
     std::array<std::atomic<DBConnection*>, threads> held{};
     std::atomic<int> wrong{0};
     in_threads([&](unsigned me) {
         for (int i = 0; i < (soak() ? 2000 : 50); ++i) {
             DBConnection* const con = pool.checkout();
-            for (const auto& other : held)
-                wrong += con == nullptr || other == con ? 1 : 0;
-            held.at(me) = con;
+            held.at(me) = con;  // noted first: of two that hold the same, one sees the other
+            wrong += con == nullptr || std::count(held.begin(), held.end(), con) != 1 ? 1 : 0;
             if (i % 10 == 0) {
                 TxObject tx(con);
                 wrong += tx.count("TQVN_EnergyPolicyTag", nullptr) == 8 ? 0 : 1;
@@ -111,40 +121,49 @@ TEST_P(Threads, SellNoConnectionOfThePoolTwice) {
         }
     });
     EXPECT_EQ(wrong, 0);
+    EXPECT_FALSE(switched_twice);
     EXPECT_EQ(pool.usedCount(), 0U);
     EXPECT_LE(pool.availableCount(), 3U);
     DBConnectionPool::terminate();
     EXPECT_EQ(manager_.live_handles(), 0);
 }
 
-/// Calls the four functions until it is cancelled.
-void* work_until_cancelled(void* user) {
-    for (const std::string name = static_cast<const char*>(user);;) {
-        call_all_on(name, "cfd");
-        pthread_testcancel();
-    }
+std::atomic<int> until_cancelled{0};  // entries into the driver manager
+
+void cancel_when_due(int step) {
+    watch_elsewhere(step);
+    if (step > 0 && --until_cancelled == 0)
+        pthread_cancel(pthread_self());
 }
 
-TEST_P(Threads, LeaveNothingWhenTheyAreCancelledAtAnyMoment) {
+void* work_until_cancelled(void* user) {
+    call_all_on(static_cast<const char*>(user), "cfd");
+    pthread_testcancel();
+    return user;  // not cancelled: there were fewer entries
+}
+
+TEST_P(Threads, LeaveNothingWhenTheyAreCancelledInAnyCallOfTheDriverManager) {
     const auto descriptors = open_descriptors();
-    std::minstd_rand random(20);
-    const int rounds = soak() ? 2000 : 60;
-    for (int round = 0; round < rounds; ++round) {
+    manager_.on_crossing(cancel_when_due);
+    const int step = soak() ? 1 : 7;
+    int cancelled = 0;
+    for (bool met = true; met; cancelled += met ? 1 : 0) {
         std::string user = "carl";
         pthread_t thread{};
+        until_cancelled = 1 + step * cancelled;
         ASSERT_EQ(pthread_create(&thread, nullptr, work_until_cancelled, user.data()), 0);
-        std::this_thread::sleep_for(std::chrono::microseconds(random() % 20000));
-        ASSERT_EQ(pthread_cancel(thread), 0);
         void* result = nullptr;
         ASSERT_EQ(pthread_join(thread, &result), 0);
-        ASSERT_EQ(result, PTHREAD_CANCELED);
-        ASSERT_EQ(manager_.live_handles(), 0) << "round " << round;
+        met = result == PTHREAD_CANCELED;
+        ASSERT_EQ(manager_.live_handles(), 0) << "cancelled " << cancelled;
         const auto left = database().rows("TQVN_EnergyPolicyTag", "where user_name='carl'");
-        ASSERT_TRUE(left == 0 || left == 4) << left << " rows, round " << round;
-        ASSERT_EQ(open_descriptors(), descriptors) << "round " << round;
+        ASSERT_TRUE(left == 0 || left == 4) << left << " rows, cancelled " << cancelled;
+        ASSERT_EQ(open_descriptors(), descriptors) << "cancelled " << cancelled;
     }
+    manager_.on_crossing(watch_elsewhere);
+    EXPECT_GT(cancelled * step, 100);
     expect_recovered(Operation::query);
-    std::cout << rounds << " threads cancelled\n";
+    std::cout << cancelled << " threads cancelled\n";
 }
 
 }  // namespace

@@ -152,11 +152,15 @@ TEST_P(ServerPooling, TheAccountIsThatOfTheDataSource) {
         << "\n[site]\nDriver = MariaDB Unicode\nUID = site\nPWD = secret\nDATABASE = "
         << database().schema() << "\nSOCKET = " << plain().run("select @@socket").front().front()
         << "\n";
-    DBConnection::setDBinfo("site", nullptr, nullptr, nullptr);
-    EXPECT_EQ(generate("anna", "t"), EAS_OK);
-    EXPECT_EQ(plain().number("select count(*) from information_schema.processlist "
-                             "where user = 'site'"),
-              1);
+    for (const char* unset : {"", static_cast<const char*>(nullptr)}) {
+        DBConnection::setDBinfo("site", unset, unset, nullptr);
+        EXPECT_EQ(remove_tags("anna", nullptr).status, EAS_OK);
+        EXPECT_EQ(plain().number("select count(*) from information_schema.processlist "
+                                 "where user = 'site'"),
+                  1);
+        DBConnection::setDbUser(nullptr);
+        DBConnection::setDbPassword(nullptr);
+    }
     plain().run("drop user site@localhost");
 }
 
