@@ -136,10 +136,11 @@ TEST(TraceLog, SyslogGetsWhatIsSevereEnough) {
     const TraceCapture log;
     DBTracer::syslog(4);
     eas::trace(3, "an error, %s", "100 %s");
-    eas::trace(7, "detail");
+    eas::trace(4, "at the level");
+    eas::trace(5, "detail");
     DBTracer::syslog(-1);
     eas::trace(3, "not now");
-    EXPECT_THAT(syslogged, ElementsAre("3:an error, 100 %s\n"));
+    EXPECT_THAT(syslogged, ElementsAre("3:an error, 100 %s\n", "4:at the level\n"));
 }
 
 TEST(TraceLog, OffFormatsNothingAndHasNoStream) {

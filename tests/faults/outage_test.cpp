@@ -10,7 +10,6 @@
 #include <csignal>
 #include <functional>
 #include <iostream>
-#include <random>
 #include <thread>
 
 #include "tests/faults/Operations.h"
@@ -57,23 +56,35 @@ class Outages : public OperationTest {
 
 INSTANTIATE_TEST_SUITE_P(On, Outages, both_engines(), engine_suffix);
 
-TEST_P(Outages, AKilledProcessLeavesNoPartOfATag) {
-    std::minstd_rand random(5);
-    const int kills = soak() ? 2000 : 60;
-    for (int i = 0; i < kills; ++i) {
+std::atomic<int> crossings{0};  // into the driver manager and out of it
+std::atomic<int> killed_at{0};
+
+void kill_when_due(int step) {
+    watch_elsewhere(step);
+    if (++crossings == killed_at)
+        ::raise(SIGKILL);
+}
+
+TEST_P(Outages, AProcessKilledBeforeOrAfterAnyCallOfTheDriverManagerLeavesNoPartOfATag) {
+    manager_.on_crossing(kill_when_due);
+    const int step = soak() ? 1 : 5;
+    int kills = 0;
+    for (bool met = true; met; kills += met ? 1 : 0) {
         const pid_t child = ::fork();
         if (child == 0) {
-            for (;;) {
-                run(Operation::remove);
-                run(Operation::generate);
-            }
+            crossings = 0;
+            killed_at = 1 + step * kills;
+            run(Operation::remove);
+            run(Operation::generate);
+            ::_exit(0);
         }
-        ::usleep(static_cast<useconds_t>(random() % 20000));
-        ::kill(child, SIGKILL);
-        ASSERT_EQ(exit_status(child), 128 + SIGKILL);
+        const int status = exit_status(child);
+        met = status == 128 + SIGKILL;
+        ASSERT_TRUE(met || status == 0) << status;
         expect_all_or_nothing(Operation::remove, EAS_OK);
-        ASSERT_FALSE(HasFailure()) << "kill " << i;
+        ASSERT_FALSE(HasFailure()) << "kill " << kills;
     }
+    EXPECT_GT(kills * step, 100);
     expect_all_in_order();
     std::cout << kills << " processes killed\n";
 }
@@ -232,11 +243,13 @@ void ServerOutages::crash_and_resume() {
     ASSERT_EQ(server("resume"), 0);
     database().reconnect();
     EXPECT_EQ(run(Operation::initialize), EAS_OK);
-    std::minstd_rand random(7);
+    manager_.on_crossing(kill_when_due);  // only counts: nobody is to be killed
     for (int i = 0; i < (soak() ? 20 : 1); ++i) {
         std::atomic<bool> crashed{false};
+        crossings = 0;
         std::thread crash([&] {
-            ::usleep(static_cast<useconds_t>(random() % 200000));
+            while (crossings <= 50 * i)
+                ::sched_yield();
             EXPECT_EQ(server("crash"), 0);
             crashed = true;
         });

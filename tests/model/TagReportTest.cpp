@@ -37,14 +37,23 @@ TEST(TagReport, ShowsGigahertzOrKilohertzInAnyLocale) {
     EXPECT_NE(in_kilohertz.find("Default Frequency: 2400000 KHz\n"), std::string::npos);
     EXPECT_NE(in_kilohertz.find("\nFrequency(KHz) EstEngCons(KWH) "), std::string::npos);
     EXPECT_NE(in_kilohertz.find("\n       1800000        0.171118    -12.36 "), std::string::npos);
+
+    const locale_t own = ::duplocale(LC_GLOBAL_LOCALE);
+    const locale_t earlier = ::uselocale(own);
+    EXPECT_EQ(tag.format_etag(0), in_gigahertz);
+    EXPECT_EQ(::uselocale(earlier), own) << "the thread keeps its locale";
+    ::freelocale(own);
 }
 
 TEST(TagReport, IsEmptyWithoutTheMeasuredRow) {
     EnergyTag tag;
     EXPECT_EQ(tag.format_etag(0), "");
     tag.set_array_data(2400000, 200.0, 1e-7, 3600, 0.0);
-    EXPECT_EQ(tag.get_default_energy_index(), 1);
+    tag.set_array_data(2200000, 200.0, 0.0, 3900, 0.1);  // saves no energy, but loses time
+    EXPECT_EQ(tag.get_default_energy_index(), 2);
     EXPECT_EQ(tag.format_etag(0), "");
+    tag.set_array_data(2000000, 200.0, 0.0, 3600, 0.0);
+    EXPECT_EQ(tag.get_default_energy_index(), 2);
 }
 
 TEST(TagReport, CutsAFieldThatIsTooLong) {
