@@ -60,7 +60,7 @@ std::string footprint() {
     cpu_set_t cpus;
     CPU_ZERO(&cpus);
     ::sched_getaffinity(0, sizeof cpus, &cpus);
-    for (int cpu = 0; cpu < fake::kMaxCpus; ++cpu)
+    for (int cpu = 0; cpu < fake::max_cpus; ++cpu)
         if (CPU_ISSET(cpu, &cpus))
             text << ' ' << cpu;
     uid_t real = 0, effective = 0, saved = 0;

@@ -113,7 +113,7 @@ TEST_F(FrequencyTest, TheWholeNodeIsSetAsFarAsItGoes) {
 
 TEST_F(FrequencyTest, ADriverWithItsOwnGovernorsRefusesAFrequency) {
     NodeShape shape;
-    shape.driver = FreqDriver::kNoUserspace;
+    shape.driver = FreqDriver::no_userspace;
     FakeNode node(shape);
     inside(node, [&] {
         EXPECT_EQ(-1, EnergyUtil::set_cpu_frequency(1600000, 0));
@@ -163,7 +163,7 @@ TEST_F(FrequencyTest, TheNominalFrequencyIsTheNearestStepAndFoundOnce) {
         inside(node, [&] {
             EXPECT_EQ(row.ratio > 0 ? row.ratio * 133330 : -1, EnergyUtil::cal_nominal_freq(2));
             EXPECT_EQ(row.result, EnergyUtil::get_nominal_freq(2));
-            node.state().msr_device = fake::MsrDevice::kMissing;
+            node.state().msr_device = fake::MsrDevice::missing;
             EXPECT_EQ(-1, EnergyUtil::cal_nominal_freq(2));
             EXPECT_EQ(row.result, EnergyUtil::get_nominal_freq(2));
         });

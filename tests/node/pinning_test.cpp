@@ -75,7 +75,7 @@ struct Frequency {
 };
 
 void put(NodeShape& shape, const std::string& path, const std::string& text) {
-    shape.files.push_back({path.substr(1), fake::TreeEntry::Kind::kFile, 0644, text + "\n"});
+    shape.files.push_back({path.substr(1), fake::TreeEntry::Kind::file, 0644, text + "\n"});
 }
 
 std::string policy_file(int policy, const char* name) {
@@ -95,7 +95,7 @@ NodeShape small(const std::string& name) {
         const bool of_cpu = std::sscanf(path, "sys/devices/system/cpu/cpu%d/", &number) == 1;
         if (std::sscanf(path, "sys/devices/system/cpu/cpufreq/policy%d/", &number) == 1
                 ? number >= clocks
-                : of_cpu && (number >= 8 || file.kind == fake::TreeEntry::Kind::kLink))
+                : of_cpu && (number >= 8 || file.kind == fake::TreeEntry::Kind::link))
             continue;
         const std::string leaf = file.path.substr(file.path.rfind('/') + 1);
         if (clocks == 4 && (leaf == "related_cpus" || leaf == "affected_cpus"))

@@ -87,11 +87,11 @@ TEST_F(TopologyTest, RegistersAreEightBytesAtTheirNumberBehindADevice) {
         EXPECT_EQ(-1, rdmsr(3, 0x777, &value)) << "no such register";
         EXPECT_EQ(-1, rdmsr(99, 0x3C0, &value)) << "no such processor";
         EXPECT_EQ(-1, wrmsr(-1, 0x3C0, 0));
-        node.state().msr_device = fake::MsrDevice::kShortReads;
+        node.state().msr_device = fake::MsrDevice::short_reads;
         EXPECT_EQ(-1, rdmsr(3, 0x3C1, &value));
         EXPECT_EQ(0x123456789abcdef0U, value);
         EXPECT_EQ(0, checkmsr());
-        node.state().msr_device = fake::MsrDevice::kMissing;
+        node.state().msr_device = fake::MsrDevice::missing;
         EXPECT_EQ(-1, checkmsr());
         EXPECT_EQ(0, supported_platform());
         EXPECT_EQ(0, discover_topology());

@@ -134,7 +134,7 @@ TEST_F(UncoreTest, OtherModelsAreLeftAloneAndUnreadableRegistersCountAsNothing) 
             ASSERT_EQ(0, discover_topology());
             accesses(node);
             if (model == 47)
-                node.state().msr_device = fake::MsrDevice::kShortReads;
+                node.state().msr_device = fake::MsrDevice::short_reads;
             EXPECT_EQ(0, init_uncore_counters());
             hwrusage usage{};
             usage.membytes_xferred = 5;

@@ -181,7 +181,7 @@ TEST_F(Calibration, RefusesAnotherNodesOrAnotherKindOfFileAndADriverThatDoesNotF
                      "other.csv:2: measured on host somewhere else"}});
         EXPECT_EQ(read_file(path("notes.txt")), "buy milk");
     });
-    shape.driver = fake::FreqDriver::kDeaf;
+    shape.driver = fake::FreqDriver::deaf;
     FakeNode deaf(shape);
     inside(deaf, [&] {
         expect_all({{{"model", "calibrate", "--out", path("m.csv"), "--seconds", "0.05",
@@ -276,7 +276,7 @@ TEST_F(NodeCommands, NameTheBrokenLinkAndItsRemedy) {
                                 "energy meter denied: run as root, or chmod a+r the sensor files"));
     });
     NodeShape shape = small_node();
-    shape.driver = fake::FreqDriver::kNoUserspace;
+    shape.driver = fake::FreqDriver::no_userspace;
     FakeNode fixed(shape);
     inside(fixed, [&] {
         EXPECT_THAT(broken_links(),

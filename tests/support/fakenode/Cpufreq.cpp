@@ -9,7 +9,7 @@
 namespace eas::fake {
 namespace {
 
-constexpr int kUnknownClock = 2000000;  // of a node that tells none
+constexpr int unknown_clock = 2000000;  // of a node that tells none
 
 std::string line(int value) {
     return std::to_string(value) + "\n";
@@ -46,8 +46,8 @@ Cpufreq::Cpufreq(const NodeShape& shape, NodeState& state, const NodeCpus& cpus,
     folder_.each("cpufreq", "policy", [this](const std::string& name, TreeEntry& folder) {
         add_policy(std::stoi(name.substr(6)), folder);
     });
-    attach_turbo(folder_, "cpufreq/boost", -1);
-    attach_turbo(folder_, "intel_pstate/no_turbo", -1);
+    attach_turbo(folder_, "cpufreq/boost", -1, &turbo_);
+    attach_turbo(folder_, "intel_pstate/no_turbo", -1, &turbo_, true);
 }
 
 void Cpufreq::add_policy(int number, TreeEntry& folder) {
@@ -63,7 +63,7 @@ void Cpufreq::add_policy(int number, TreeEntry& folder) {
         return static_cast<int>(folder.number(name, otherwise));
     };
     made.lowest = khz("cpuinfo_min_freq", made.table.empty() ? 0 : made.table.back());
-    made.highest = khz("cpuinfo_max_freq", made.table.empty() ? kUnknownClock : made.table.front());
+    made.highest = khz("cpuinfo_max_freq", made.table.empty() ? unknown_clock : made.table.front());
     made.nominal =
         khz("base_frequency", shape_.nominal_khz != 0 ? shape_.nominal_khz : made.highest);
     const std::string driver = folder.value("scaling_driver");
@@ -72,6 +72,7 @@ void Cpufreq::add_policy(int number, TreeEntry& folder) {
     made.min = khz("scaling_min_freq", made.lowest);
     made.max = khz("scaling_max_freq", made.highest);
     made.speed = made.max;
+    made.cap = khz("bios_limit", 0);
     made.governor = folder.value("scaling_governor");
     policies_.push_back(std::make_unique<FreqPolicy>(std::move(made)));
     FreqPolicy& policy = *policies_.back();
@@ -79,7 +80,7 @@ void Cpufreq::add_policy(int number, TreeEntry& folder) {
         by_cpu_.at(static_cast<size_t>(cpu)) = &policy;
     attach_settings(policy);
     attach_preference(policy);
-    attach_turbo(folder, "boost", number);
+    attach_turbo(folder, "boost", number, &policy.turbo);
 }
 
 /// Attaches a file that fails while all CPUs of the policy are offline. Its writes are kept for the
@@ -128,12 +129,12 @@ void Cpufreq::attach_settings(FreqPolicy& policy) {
 
 void Cpufreq::attach_preference(FreqPolicy& policy) {
     FreqPolicy* const p = &policy;
-    constexpr const char* kName = "energy_performance_preference";
-    TreeEntry* const file = policy.folder->child(kName);
+    constexpr const char* name_of_file = "energy_performance_preference";
+    TreeEntry* const file = policy.folder->child(name_of_file);
     if (file == nullptr)
         return;
     attach(
-        policy, kName, [file] { return file->text; },
+        policy, name_of_file, [file] { return file->text; },
         [file, p](const std::string& text) {
             const std::string word = first_word(text);
             if (!has_word(p->folder->value("energy_performance_available_preferences"), word))
@@ -146,30 +147,27 @@ void Cpufreq::attach_preference(FreqPolicy& policy) {
 }
 
 /// A switch of one policy, or of all if `number` is -1.
-void Cpufreq::attach_turbo(TreeEntry& folder, const std::string& name, int number) {
+void Cpufreq::attach_turbo(TreeEntry& folder, const std::string& name, int number, bool* on,
+                           bool inverse) {
     TreeEntry* const file = folder.find(name);
     if (file == nullptr)
         return;
+    *on = (folder.number(name) != 0) != inverse;
     folder.attach(
-        name, [file] { return file->text; },
-        [this, file, name, number](const std::string& text) {
+        name, [=] { return line(*on != inverse ? 1 : 0); },
+        [=](const std::string& text) {
             state_.log_write(number, name, text);
             const int value = khz_of(text);
             if (value != 0 && value != 1)
                 return -EINVAL;
-            file->text = line(value);
+            *on = (value != 0) != inverse;
             forget_limits();
             return 0;
         });
 }
 
-bool Cpufreq::turbo_is_on(const FreqPolicy& policy) const {
-    return folder_.number("intel_pstate/no_turbo", 0) == 0 &&
-           folder_.number("cpufreq/boost", 1) != 0 && policy.folder->number("boost", 1) != 0;
-}
-
 int Cpufreq::ceiling_of(const FreqPolicy& policy) const {
-    return turbo_is_on(policy) ? policy.highest : std::min(policy.highest, policy.nominal);
+    return turbo_ && policy.turbo ? policy.highest : std::min(policy.highest, policy.nominal);
 }
 
 /// The lowest entry within the limits that is not below `khz`, else the highest within them.
@@ -191,6 +189,8 @@ int Cpufreq::requested(const FreqPolicy& policy) const {
     else if (policy.governor == "powersave" && !policy.own_powersave)
         khz = policy.min;
     khz = std::min(khz, ceiling_of(policy));
+    if (policy.cap != 0)
+        khz = std::min(khz, policy.cap);
     return policy.table.empty() ? khz : entry_for(policy, khz);
 }
 
@@ -198,11 +198,9 @@ int Cpufreq::clock(const FreqPolicy& policy) const {
     int khz = requested(policy);
     if (policy.step != 0)
         khz -= khz % policy.step;
-    if (!policy.table.empty() && khz >= policy.table.front() && turbo_is_on(policy))
+    if (!policy.table.empty() && khz >= policy.table.front() && turbo_ && policy.turbo)
         khz = std::max(khz, shape_.turbo_khz);
-    for (const int cap : {state_.cap_khz, static_cast<int>(policy.folder->number("bios_limit"))})
-        khz = cap > 0 ? std::min(khz, cap) : khz;
-    return khz;
+    return state_.cap_khz > 0 ? std::min(khz, state_.cap_khz) : khz;
 }
 
 int Cpufreq::clock_of(int cpu) const {
@@ -214,7 +212,7 @@ int Cpufreq::nominal_of(int cpu) const {
     const FreqPolicy* policy = by_cpu_[static_cast<size_t>(cpu)];
     if (policy != nullptr)
         return policy->nominal;
-    return shape_.nominal_khz != 0 ? shape_.nominal_khz : kUnknownClock;
+    return shape_.nominal_khz != 0 ? shape_.nominal_khz : unknown_clock;
 }
 
 int Cpufreq::store_limit(FreqPolicy& policy, const std::string& text, bool upper) {

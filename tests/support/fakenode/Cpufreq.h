@@ -21,6 +21,8 @@ struct FreqPolicy {
     int nominal;             // the ceiling without turbo
     int step;                // the hardware rounds down to multiples; 0: none
     bool own_powersave;      // governor powersave is an algorithm of the driver, not the minimum
+    int cap;                 // of the firmware, bios_limit; 0: none
+    bool turbo = true;       // by the policy's own switch
     int min, max;
     int speed;  // under governor userspace
     std::string governor;
@@ -42,8 +44,8 @@ class Cpufreq {
                 std::function<int(const std::string&)> store = nullptr);
     void attach_settings(FreqPolicy& policy);
     void attach_preference(FreqPolicy& policy);
-    void attach_turbo(TreeEntry& folder, const std::string& name, int number);
-    [[nodiscard]] bool turbo_is_on(const FreqPolicy& policy) const;
+    void attach_turbo(TreeEntry& folder, const std::string& name, int number, bool* on,
+                      bool inverse = false);
     [[nodiscard]] int ceiling_of(const FreqPolicy& policy) const;
     [[nodiscard]] int entry_for(const FreqPolicy& policy, int khz) const;
     [[nodiscard]] int requested(const FreqPolicy& policy) const;
@@ -59,6 +61,7 @@ class Cpufreq {
     TreeEntry& folder_;  // of all CPUs
     std::vector<std::unique_ptr<FreqPolicy>> policies_;
     std::vector<FreqPolicy*> by_cpu_;
+    bool turbo_ = true;  // by the switch of all policies
 };
 
 }  // namespace eas::fake

@@ -40,8 +40,9 @@ void cover(const fs::path& from, const fs::path& to) {
 }
 
 /// What of the machine's own /dev stays, if it is there.
-constexpr const char* kKept[] = {"null", "zero", "full", "random", "urandom", "tty",   "fuse",
-                                 "pts",  "shm",  "fd",   "stdin",  "stdout",  "stderr"};
+constexpr const char* kept_devices[] = {"null",  "zero",   "full",  "random", "urandom",
+                                        "tty",   "fuse",   "pts",   "shm",    "fd",
+                                        "stdin", "stdout", "stderr"};
 
 void keep_device(const fs::path& from, const fs::path& to) {
     if (fs::is_symlink(from))
@@ -57,7 +58,7 @@ void keep_device(const fs::path& from, const fs::path& to) {
 
 void make_devices(const fs::path& stage) {
     fs::create_directories(stage / "dev");
-    for (const char* name : kKept)
+    for (const char* name : kept_devices)
         keep_device(fs::path("/dev") / name, stage / "dev" / name);
 }
 
@@ -72,7 +73,7 @@ void make_registers(const NodeShape& shape, const fs::path& stage) {
 /// Covers /sys whole and single files of /proc by the served ones.
 void cover_files(NodeServer& server, const fs::path& served) {
     if (fs::exists("/sys/fs/cgroup")) {
-        server.root.make("sys/fs/cgroup", TreeEntry::Kind::kFolder);
+        server.root.make("sys/fs/cgroup", TreeEntry::Kind::folder);
         cover("/sys/fs/cgroup", served / "sys/fs/cgroup");
     }
     cover(served / "sys", "/sys");
@@ -116,12 +117,12 @@ int inhabit(Pipe& ready, Pipe& calls, const NodeOptions& options,
     calls.out.reset();
     char go = 0;
     if (::read(ready.out.get(), &go, 1) != 1)
-        return kNoNode;
+        return no_node;
     UniqueFd listener(divert_system_calls(options.own_affinity));
     const int number = listener.get();
     if (!listener.is_open() || ::write(calls.in.get(), &number, sizeof number) < 0 ||
         ::read(ready.out.get(), &go, 1) != 1)
-        return kNoNode;
+        return no_node;
     listener.reset();
     ready.out.reset();
     calls.in.reset();
@@ -170,7 +171,7 @@ FakeNode::~FakeNode() {
 }
 
 void FakeNode::serve(const std::function<int()>& body, const std::string& stage) {
-    int status = kNoNode;
+    int status = no_node;
     try {
         ::prctl(PR_SET_PDEATHSIG, SIGKILL);
         check(::unshare(CLONE_NEWNS) == 0, "private mount namespace");
@@ -220,17 +221,18 @@ std::string FakeNode::unavailable() {
 
 void NodeState::reset(const NodeShape& shape) {
     msr_count = {};
-    msr_device = MsrDevice::kPresent;
+    msr_device = MsrDevice::present;
     msr_stray_bits = 0;
-    deaf = shape.driver == FreqDriver::kDeaf;
+    deaf = shape.driver == FreqDriver::deaf;
     cap_khz = 0;
     running_percent = 100;
+    fault = {};
     counter_fails_at = -1;
     counter_error = ENODEV;
     msr_log.clear();
     freq_log.clear();
     counters.clear();
-    for (int cpu = 0; shape.old_model && cpu < shape.cpus() && cpu < kMaxCpus; ++cpu) {
+    for (int cpu = 0; shape.old_model && cpu < shape.cpus() && cpu < max_cpus; ++cpu) {
         set_msr(cpu, 0xCE, static_cast<uint64_t>(shape.nonturbo_ratio) << 8);
         set_msr(cpu, 0x19C, 0x80000000 | 40 << 16);  // 40 degrees below the limit, valid
         set_msr(cpu, 0x1A2, 95 << 16);

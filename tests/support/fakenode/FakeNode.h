@@ -21,7 +21,7 @@
 
 namespace eas::fake {
 
-constexpr int kNoNode = 77;  // exit status: the node could not be set up
+constexpr int no_node = 77;  // exit status: the node could not be set up
 
 struct NodeOptions {
     bool own_affinity = true;  // threads may be bound to CPUs that this machine does not have
@@ -39,7 +39,7 @@ class FakeNode {
     static std::string unavailable();
 
     /// The result of `body` in a forked child inside the node; 128 + signal when it was killed;
-    /// kNoNode, with a message on standard error, when the node could not be set up.
+    /// no_node, with a message on standard error, when the node could not be set up.
     int run(const std::function<int()>& body);
 
     /// The same for a program: argv as for execvp, null-terminated.

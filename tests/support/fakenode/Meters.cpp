@@ -11,8 +11,8 @@
 namespace eas::fake {
 namespace {
 
-constexpr double kNodeCounterInterval = 0.1;  // s
-constexpr double kFirstSample = 0.01;         // s; a meter has a value from the beginning
+constexpr double node_counter_interval = 0.1;  // s
+constexpr double first_sample = 0.01;          // s; a meter has a value from the beginning
 
 std::string line(double value) {
     return std::to_string(static_cast<unsigned long long>(value)) + "\n";
@@ -74,7 +74,7 @@ Meters::Sampled& Meters::sampled(double interval, Joules joules) {
 void Meters::tick() {
     for (const auto& meter : sampled_) {
         const double passed = work_.seconds() - meter->since;
-        if (passed < (meter->count == 0 ? kFirstSample : meter->interval))
+        if (passed < (meter->count == 0 ? first_sample : meter->interval))
             continue;
         meter->reading = meter->joules();
         meter->watts = (meter->reading - meter->from) / passed;
@@ -137,7 +137,7 @@ void Meters::attach_hwmon(TreeEntry& chip) {
 
 /// energy, cpu_energy and the like: "598732067 J", on newer systems with a time behind it.
 void Meters::attach_node_counter(TreeEntry& folder) {
-    Sampled& node = sampled(kNodeCounterInterval, joules(share("node", 1), -1));
+    Sampled& node = sampled(node_counter_interval, joules(share("node", 1), -1));
     const auto scans = folder.number("freshness");
     folder.attach("freshness",
                   [&node, scans] { return line(static_cast<double>(scans + node.count)); });

@@ -7,7 +7,7 @@
 namespace eas::fake {
 
 NodeCpus::NodeCpus(TreeEntry& root)
-    : folder_(root.make("sys/devices/system/cpu", TreeEntry::Kind::kFolder)) {
+    : folder_(root.make("sys/devices/system/cpu", TreeEntry::Kind::folder)) {
     const std::vector<int> possible = cpu_list(folder_.value("possible", "0"));
     cpus_.resize(static_cast<size_t>(possible.back()) + 1);
     for (const int cpu : cpu_list(folder_.value("present", "0")))

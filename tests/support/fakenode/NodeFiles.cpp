@@ -25,15 +25,15 @@ NodeServer& server() {
 }
 // ---- paths ----
 
-enum class Kind { kNone, kFolder, kMsr, kCounter, kTree };
+enum class Kind { none, folder, msr, counter, tree };
 
 struct Entry {
-    Kind kind = Kind::kNone;
+    Kind kind = Kind::none;
     int index = 0;
     TreeEntry* file = nullptr;
 };
 
-constexpr std::string_view kNode = "/node";
+constexpr std::string_view node_root = "/node";
 
 Entry find_msr(const char* path) {
     Entry entry;
@@ -46,22 +46,22 @@ Entry find_msr(const char* path) {
         return {};
     }
     const bool device =
-        std::strcmp(name.data(), "msr") == 0 && server().state.msr_device != MsrDevice::kMissing;
-    entry.kind = parts == 1 ? Kind::kFolder : device ? Kind::kMsr : Kind::kNone;
+        std::strcmp(name.data(), "msr") == 0 && server().state.msr_device != MsrDevice::missing;
+    entry.kind = parts == 1 ? Kind::folder : device ? Kind::msr : Kind::none;
     return entry;
 }
 
 Entry find(const char* path) {
     const std::string_view text = path;
     Entry entry;
-    if (text.substr(0, kNode.size()) == kNode) {
-        entry.file = server().root.find(text.substr(kNode.size()));
+    if (text.substr(0, node_root.size()) == node_root) {
+        entry.file = server().root.find(text.substr(node_root.size()));
         const bool there = entry.file != nullptr && refusal_of(entry.file->text) != ENOENT;
-        entry.kind = there ? Kind::kTree : Kind::kNone;
+        entry.kind = there ? Kind::tree : Kind::none;
     } else if (text == "/" || text == "/msr" || text == "/counter") {
-        entry.kind = Kind::kFolder;
+        entry.kind = Kind::folder;
     } else if (std::sscanf(path, "/counter/%d", &entry.index) == 1) {
-        entry.kind = Kind::kCounter;
+        entry.kind = Kind::counter;
     } else {
         return find_msr(path);
     }
@@ -69,8 +69,8 @@ Entry find(const char* path) {
 }
 
 mode_t type_of(const TreeEntry& entry) {
-    constexpr mode_t kTypes[] = {S_IFDIR, S_IFREG, S_IFLNK};
-    return kTypes[static_cast<int>(entry.kind)];
+    constexpr mode_t types[] = {S_IFDIR, S_IFREG, S_IFLNK};
+    return types[static_cast<int>(entry.kind)];
 }
 
 int get_attributes(const char* path, struct stat* out, fuse_file_info*) {
@@ -79,21 +79,21 @@ int get_attributes(const char* path, struct stat* out, fuse_file_info*) {
     *out = {};
     out->st_nlink = 1;
     out->st_size = std::string_view(path).rfind("/node/proc", 0) == 0 ? 0 : 4096;
-    if (entry.kind == Kind::kTree) {
+    if (entry.kind == Kind::tree) {
         out->st_mode = type_of(*entry.file) | entry.file->mode;
         for (const auto& child : entry.file->children)  // a folder has a link from each one in it
-            out->st_nlink += child.second->kind == TreeEntry::Kind::kFolder;
-    } else if (entry.kind == Kind::kFolder)
+            out->st_nlink += child.second->kind == TreeEntry::Kind::folder;
+    } else if (entry.kind == Kind::folder)
         out->st_mode = S_IFDIR | 0755;
     else
-        out->st_mode = S_IFREG | (entry.kind == Kind::kMsr ? 0600 : 0644);
-    return entry.kind == Kind::kNone ? -ENOENT : 0;
+        out->st_mode = S_IFREG | (entry.kind == Kind::msr ? 0600 : 0644);
+    return entry.kind == Kind::none ? -ENOENT : 0;
 }
 
 int read_link(const char* path, char* buf, size_t size) {
     const Lock lock(server().mutex);
     const Entry entry = find(path);
-    if (entry.file == nullptr || entry.file->kind != TreeEntry::Kind::kLink)
+    if (entry.file == nullptr || entry.file->kind != TreeEntry::Kind::link)
         return -EINVAL;
     buf[entry.file->text.copy(buf, size - 1)] = '\0';
     return 0;
@@ -119,7 +119,7 @@ int open_file(const char* path, fuse_file_info* info) {
     const Lock lock(server().mutex);
     info->direct_io = 1;  // every read and write arrives here, at its own offset and length
     const Entry entry = find(path);
-    if (entry.kind != Kind::kTree)
+    if (entry.kind != Kind::tree)
         return 0;
     // Of the kernel's attributes, root too opens for writing only those that can be written.
     const bool writes = (info->flags & O_ACCMODE) != O_RDONLY;
@@ -136,9 +136,9 @@ int open_file(const char* path, fuse_file_info* info) {
 int make_entry(const char* path, TreeEntry::Kind kind, mode_t mode) {
     const Lock lock(server().mutex);
     const std::string_view text = path;
-    if (text.substr(0, kNode.size()) != kNode)
+    if (text.substr(0, node_root.size()) != node_root)
         return -EACCES;
-    server().root.make(text.substr(kNode.size()), kind).mode = mode & 07777;
+    server().root.make(text.substr(node_root.size()), kind).mode = mode & 07777;
     return 0;
 }
 
@@ -146,9 +146,10 @@ int remove_entry(const char* path) {
     const Lock lock(server().mutex);
     const std::string_view text = path;
     const size_t slash = text.rfind('/');
-    if (find(path).kind != Kind::kTree)
+    if (find(path).kind != Kind::tree)
         return -EACCES;
-    auto& siblings = server().root.find(text.substr(kNode.size(), slash - kNode.size()))->children;
+    auto& siblings =
+        server().root.find(text.substr(node_root.size(), slash - node_root.size()))->children;
     const auto found = siblings.find(text.substr(slash + 1));
     if (!found->second->children.empty())
         return -ENOTEMPTY;
@@ -159,7 +160,7 @@ int remove_entry(const char* path) {
 int change_mode(const char* path, mode_t mode, fuse_file_info*) {
     const Lock lock(server().mutex);
     const Entry entry = find(path);
-    if (entry.kind != Kind::kTree)
+    if (entry.kind != Kind::tree)
         return -EACCES;
     entry.file->mode = mode & 07777;
     return 0;
@@ -168,7 +169,7 @@ int change_mode(const char* path, mode_t mode, fuse_file_info*) {
 int truncate_file(const char* path, off_t size, fuse_file_info*) {
     const Lock lock(server().mutex);
     const Entry entry = find(path);
-    if (entry.kind == Kind::kTree && !entry.file->store)
+    if (entry.kind == Kind::tree && !entry.file->store)
         entry.file->text.resize(static_cast<size_t>(size));
     return 0;
 }
@@ -187,7 +188,7 @@ int read_msr(int cpu, char* buf, size_t size, off_t reg) {
     log_access(cpu, reg, false, value != nullptr ? *value : 0);
     if (value == nullptr)
         return -EIO;
-    const size_t length = server().state.msr_device == MsrDevice::kShortReads ? 4 : sizeof *value;
+    const size_t length = server().state.msr_device == MsrDevice::short_reads ? 4 : sizeof *value;
     const uint64_t seen = *value | server().state.msr_stray_bits;
     std::memcpy(buf, &seen, length);
     return static_cast<int>(length);
@@ -214,7 +215,7 @@ int read_counter(int number, char* buf, size_t size) {
 int close_file(const char* path, fuse_file_info*) {
     const Lock lock(server().mutex);
     server().advance();
-    if (const Entry entry = find(path); entry.kind == Kind::kCounter)
+    if (const Entry entry = find(path); entry.kind == Kind::counter)
         server().events.close(entry.index);
     return 0;
 }
@@ -223,16 +224,25 @@ int control_counter(const char* path, unsigned request, void*, fuse_file_info*, 
     const Lock lock(server().mutex);
     server().advance();
     const Entry entry = find(path);
-    return entry.kind == Kind::kCounter ? server().events.control(entry.index, request) : -ENOTTY;
+    return entry.kind == Kind::counter ? server().events.control(entry.index, request) : -ENOTTY;
 }
 
 int read_text(const std::string& text, char* buf, size_t size, off_t offset) {
     if (const int refusal = refusal_of(text))
-        return -refusal;
+        return refusal == ENOENT ? -ENODEV : -refusal;  // it was open when it vanished
     const size_t from = std::min(static_cast<size_t>(offset), text.size());
     const size_t length = std::min(size, text.size() - from);
     std::memcpy(buf, text.data() + from, length);
     return static_cast<int>(length);
+}
+
+void break_if_due(const char* path, TreeEntry& file) {
+    FileFault& fault = server().state.fault;
+    if (std::strcmp(path + node_root.size(), fault.path.data()) != 0 || fault.readings-- > 0)
+        return;
+    file.show = nullptr;
+    file.text = fault.text.data();
+    fault.path[0] = '\0';
 }
 
 int read_file(const char* path, char* buf, size_t size, off_t offset, fuse_file_info*) {
@@ -240,12 +250,14 @@ int read_file(const char* path, char* buf, size_t size, off_t offset, fuse_file_
     server().advance();
     const Entry entry = find(path);
     switch (entry.kind) {
-        case Kind::kMsr:
+        case Kind::msr:
             return read_msr(entry.index, buf, size, offset);
-        case Kind::kTree:
+        case Kind::tree:
+            if (offset == 0)
+                break_if_due(path, *entry.file);
             return read_text(entry.file->show ? entry.file->show() : entry.file->text, buf, size,
                              offset);
-        case Kind::kCounter:
+        case Kind::counter:
             return read_counter(entry.index, buf, size);
         default:
             return -EISDIR;
@@ -256,9 +268,9 @@ int write_file(const char* path, const char* buf, size_t size, off_t offset, fus
     const Lock lock(server().mutex);
     server().advance();
     const Entry entry = find(path);
-    if (entry.kind == Kind::kMsr)
+    if (entry.kind == Kind::msr)
         return write_msr(entry.index, buf, size, offset);
-    if (entry.kind != Kind::kTree)
+    if (entry.kind != Kind::tree)
         return -EINVAL;
     if (entry.file->store) {
         const int refused = entry.file->store(std::string(buf, size));
@@ -285,11 +297,11 @@ void* start(fuse_conn_info*, fuse_config* config) {
     calls.readlink = read_link;
     calls.readdir = read_folder;
     calls.mkdir = [](const char* path, mode_t mode) {
-        return make_entry(path, TreeEntry::Kind::kFolder, mode);
+        return make_entry(path, TreeEntry::Kind::folder, mode);
     };
     calls.create = [](const char* path, mode_t mode, fuse_file_info* info) {
         info->direct_io = 1;
-        return make_entry(path, TreeEntry::Kind::kFile, mode);
+        return make_entry(path, TreeEntry::Kind::file, mode);
     };
     calls.unlink = remove_entry;
     calls.rmdir = remove_entry;

@@ -27,7 +27,7 @@ void plant_cpus(const NodeShape& shape, TreeEntry& cpus) {
     const int cores = shape.sockets * shape.cores;
     for (int cpu = 0; cpu < shape.cpus(); ++cpu) {
         TreeEntry& topology =
-            cpus.make("cpu" + std::to_string(cpu) + "/topology", TreeEntry::Kind::kFolder);
+            cpus.make("cpu" + std::to_string(cpu) + "/topology", TreeEntry::Kind::folder);
         const auto put = [&](const char* name, int id) {
             topology.put(name, std::to_string(id) + "\n");
         };
@@ -39,8 +39,21 @@ void plant_cpus(const NodeShape& shape, TreeEntry& cpus) {
             siblings += "," + std::to_string(cpu % cores + thread * cores);
         topology.put("core_cpus_list", siblings + "\n");
         topology.put("thread_siblings_list", siblings + "\n");
-        cpus.put("cpu" + std::to_string(cpu) + "/cache/index3/coherency_line_size", "64\n");
+        TreeEntry& cache =
+            cpus.make("cpu" + std::to_string(cpu) + "/cache/index3", TreeEntry::Kind::folder);
+        cache.put("level", "3\n");
+        cache.put("coherency_line_size", "64\n");
     }
+}
+
+/// As ARM's kernels print it: no sockets, no name.
+std::string arm_cpuinfo_text(const NodeShape& shape) {
+    std::string text;
+    for (int cpu = 0; cpu < shape.cpus(); ++cpu)
+        text += "processor\t: " + std::to_string(cpu) +
+                "\nBogoMIPS\t: 2000.00\nFeatures\t: fp asimd\nCPU implementer\t: 0x41\n"
+                "CPU architecture: 8\nCPU variant\t: 0x0\nCPU part\t: 0xd4f\nCPU revision\t: 0\n\n";
+    return text;
 }
 
 void plant_policy(const NodeShape& shape, TreeEntry& policy, int cpu) {
@@ -48,12 +61,12 @@ void plant_policy(const NodeShape& shape, TreeEntry& policy, int cpu) {
     std::string list;
     for (const int khz : shape.frequencies)
         list += std::to_string(khz) + " ";
-    const bool listed = shape.driver != FreqDriver::kNoUserspace;
+    const bool listed = shape.driver != FreqDriver::no_userspace;
     const std::string highest = line(shape.frequencies.front());
     const std::string lowest = line(shape.frequencies.back());
-    constexpr const char* kNames[] = {"acpi-cpufreq\n", "intel_pstate\n", "intel_cpufreq\n"};
+    constexpr const char* names[] = {"acpi-cpufreq\n", "intel_pstate\n", "intel_cpufreq\n"};
     const std::pair<const char*, std::string> files[] = {
-        {"scaling_driver", kNames[static_cast<int>(shape.driver)]},
+        {"scaling_driver", names[static_cast<int>(shape.driver)]},
         {"scaling_governor", "performance\n"},
         {"scaling_available_governors",
          listed ? "conservative ondemand userspace powersave performance schedutil \n"
@@ -78,8 +91,8 @@ void plant_old_model(const NodeShape& shape, TreeEntry& root) {
     TreeEntry& cpus = *root.find("sys/devices/system/cpu");
     for (int cpu = 0; cpu < shape.cpus(); ++cpu) {
         const std::string number = std::to_string(cpu);
-        plant_policy(shape, cpus.make("cpufreq/policy" + number, TreeEntry::Kind::kFolder), cpu);
-        cpus.make("cpu" + number + "/cpufreq", TreeEntry::Kind::kLink).text =
+        plant_policy(shape, cpus.make("cpufreq/policy" + number, TreeEntry::Kind::folder), cpu);
+        cpus.make("cpu" + number + "/cpufreq", TreeEntry::Kind::link).text =
             "../cpufreq/policy" + number;
     }
     root.put("sys/devices/platform/qpx.1/energy1_input", "1000000\n", 0644);
@@ -91,8 +104,9 @@ void plant_old_model(const NodeShape& shape, TreeEntry& root) {
 
 void plant(const NodeShape& shape, TreeEntry& root) {
     if (shape.cpus() > 0) {
-        plant_cpus(shape, root.make("sys/devices/system/cpu", TreeEntry::Kind::kFolder));
-        root.put("proc/cpuinfo", cpuinfo_text(shape), 0644);
+        plant_cpus(shape, root.make("sys/devices/system/cpu", TreeEntry::Kind::folder));
+        const bool arm = shape.vendor == "ARM";
+        root.put("proc/cpuinfo", arm ? arm_cpuinfo_text(shape) : cpuinfo_text(shape), 0644);
     }
     if (shape.old_model)
         plant_old_model(shape, root);

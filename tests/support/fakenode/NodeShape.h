@@ -15,9 +15,9 @@ namespace eas::fake {
 
 /// How the cpufreq driver of an old model behaves.
 enum class FreqDriver {
-    kTable,        // obeys: governors of its own plus "userspace"
-    kNoUserspace,  // like a driver with internal governors: no "userspace", no table of frequencies
-    kDeaf,         // takes every request and stays at its frequency
+    table,         // obeys: governors of its own plus "userspace"
+    no_userspace,  // like a driver with internal governors: no "userspace", no table of frequencies
+    deaf,          // takes every request and stays at its frequency
 };
 
 /// Power and pace of the simulated work at one frequency; straight lines between two rows.
@@ -53,7 +53,7 @@ struct NodeShape {
     std::vector<int> socket_ids;  // by socket; empty: 0, 1, 2, ...
     int nonturbo_ratio = 20;      // bits 15..8 of register 0xCE
     std::vector<int> frequencies = {2667000, 2400000, 2133000, 1867000, 1600000};  // highest first
-    FreqDriver driver = FreqDriver::kTable;
+    FreqDriver driver = FreqDriver::table;
     uint64_t mcfg_base = 0x80000000;
     std::vector<WorkloadRow> workload;  // empty: counters and meter stand still
 

@@ -14,10 +14,10 @@
 
 namespace eas::fake {
 
-constexpr int kMaxCpus = 1024;
-constexpr int kMaxCounters = 16384;
+constexpr int max_cpus = 1024;
+constexpr int max_counters = 16384;
 
-using CpuMask = std::array<uint64_t, kMaxCpus / 64>;
+using CpuMask = std::array<uint64_t, max_cpus / 64>;
 
 struct MsrRegister {
     uint32_t number;
@@ -32,7 +32,7 @@ struct MsrAccess {
     CpuMask affinity;  // of the thread that asked
 };
 
-enum class MsrDevice { kPresent, kMissing, kShortReads };
+enum class MsrDevice { present, missing, short_reads };
 
 /// A file write that reached cpufreq, refused or not.
 struct FreqWrite {
@@ -52,13 +52,20 @@ struct Counter {
     int running_percent;            // of the time that it is enabled
 };
 
-template <typename T, size_t kSize>
+/// A file that shows another text from some reading on.
+struct FileFault {
+    std::array<char, 128> path;
+    std::array<char, 64> text;
+    int readings;  // that are still good
+};
+
+template <typename T, size_t size>
 struct Log {
-    std::array<T, kSize> rows;
+    std::array<T, size> rows;
     std::atomic<size_t> count;
 
     void add(const T& row) {
-        if (count < kSize)
+        if (count < size)
             rows[count++] = row;
     }
     const T* begin() const { return rows.data(); }
@@ -67,8 +74,8 @@ struct Log {
 };
 
 struct NodeState {
-    std::array<std::array<MsrRegister, 96>, kMaxCpus> msrs;
-    std::array<size_t, kMaxCpus> msr_count;
+    std::array<std::array<MsrRegister, 96>, max_cpus> msrs;
+    std::array<size_t, max_cpus> msr_count;
     MsrDevice msr_device;
     uint64_t msr_stray_bits;  // set in whatever is read, as reserved bits may be
     Log<MsrAccess, 4096> msr_log;
@@ -78,7 +85,7 @@ struct NodeState {
     int cap_khz;  // the hardware runs no faster, whatever was asked for; 0: none
     Log<FreqWrite, 4096> freq_log;
 
-    Log<Counter, kMaxCounters> counters;
+    Log<Counter, max_counters> counters;
     int running_percent;   // of every counter
     int counter_fails_at;  // index of the open that fails; -1: none
     int counter_error;     // its errno
@@ -104,6 +111,15 @@ struct NodeState {
         }
         *found = value;
         return true;
+    }
+
+    FileFault fault;  // path "": none
+
+    /// Lets a file show `text` after so many readings; "!ENOENT" makes it vanish.
+    void break_file(const std::string& path, const std::string& text, int readings = 0) {
+        fault = {{}, {}, readings};
+        text.copy(fault.text.data(), fault.text.size() - 1);
+        path.copy(fault.path.data(), fault.path.size() - 1);
     }
 
     void log_write(int policy, const std::string& file, const std::string& text) {

@@ -29,7 +29,7 @@ TreeEntry& TreeEntry::make(std::string_view path, Kind wanted) {
     const std::string_view parent = slash == path.npos ? "" : path.substr(0, slash);
     TreeEntry* folder = find(parent);
     if (folder == nullptr)
-        folder = &make(parent, Kind::kFolder);
+        folder = &make(parent, Kind::folder);
     auto& slot = folder->children[std::string(path.substr(slash == path.npos ? 0 : slash + 1))];
     if (slot == nullptr || slot->kind != wanted) {
         slot = std::make_unique<TreeEntry>();
@@ -39,7 +39,7 @@ TreeEntry& TreeEntry::make(std::string_view path, Kind wanted) {
 }
 
 TreeEntry& TreeEntry::put(std::string_view path, std::string content, mode_t rights) {
-    TreeEntry& file = make(path, Kind::kFile);
+    TreeEntry& file = make(path, Kind::file);
     file.text = std::move(content);
     file.mode = rights;
     return file;
@@ -47,7 +47,7 @@ TreeEntry& TreeEntry::put(std::string_view path, std::string content, mode_t rig
 
 std::string TreeEntry::value(std::string_view path, const std::string& otherwise) {
     TreeEntry* file = find(path);
-    if (file == nullptr || file->kind != Kind::kFile)
+    if (file == nullptr || file->kind != Kind::file)
         return otherwise;
     return file->text.substr(0, file->text.find('\n'));
 }
@@ -60,7 +60,7 @@ long long TreeEntry::number(std::string_view path, long long otherwise) {
 void TreeEntry::attach(std::string_view path, std::function<std::string()> shown,
                        std::function<int(const std::string&)> stored) {
     TreeEntry* file = find(path);
-    if (file == nullptr || file->kind != Kind::kFile || refusal_of(file->text) != 0)
+    if (file == nullptr || file->kind != Kind::file || refusal_of(file->text) != 0)
         return;
     file->show = std::move(shown);
     file->store = std::move(stored);
@@ -74,7 +74,7 @@ void TreeEntry::each(std::string_view path, std::string_view prefix,
     if (folder == nullptr)
         return;
     for (auto& [name, entry] : folder->children)
-        if (entry->kind != Kind::kFile && name.compare(0, prefix.size(), prefix) == 0)
+        if (entry->kind != Kind::file && name.compare(0, prefix.size(), prefix) == 0)
             visit(name, *entry);
 }
 
@@ -84,21 +84,21 @@ void TreeEntry::each_file(const std::string& path,
     if (folder == nullptr)
         return;
     for (auto& [name, entry] : folder->children) {
-        if (entry->kind == Kind::kFile)
+        if (entry->kind == Kind::file)
             visit(path + "/" + name);
         each_file(path + "/" + name, visit);
     }
 }
 
 int refusal_of(std::string_view text) {
-    constexpr std::pair<std::string_view, int> kNames[] = {
+    constexpr std::pair<std::string_view, int> names[] = {
         {"EACCES", EACCES}, {"EPERM", EPERM}, {"EIO", EIO},     {"ENODATA", ENODATA},
         {"ENODEV", ENODEV}, {"EBUSY", EBUSY}, {"ENXIO", ENXIO}, {"ENOENT", ENOENT},
     };
     if (text.empty() || text.front() != '!')
         return 0;
     text = text.substr(1, text.find('\n') - 1);
-    for (const auto& [name, number] : kNames)
+    for (const auto& [name, number] : names)
         if (text == name)
             return number;
     return 0;

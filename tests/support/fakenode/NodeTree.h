@@ -14,9 +14,9 @@
 namespace eas::fake {
 
 struct TreeEntry {
-    enum class Kind { kFolder, kFile, kLink };
+    enum class Kind { folder, file, link };
 
-    Kind kind = Kind::kFolder;
+    Kind kind = Kind::folder;
     mode_t mode = 0755;
     std::string text;                              // content, or the link's target
     std::function<std::string()> show;             // replaces `text`

@@ -153,7 +153,7 @@ class Reader {
         std::vector<int> values;
         repeat(folder + name, values, [&](const std::string& path) {
             shape_.files.push_back(
-                {path.substr(1), link ? Kind::kLink : Kind::kFile, mode, filled(text, values)});
+                {path.substr(1), link ? Kind::link : Kind::file, mode, filled(text, values)});
         });
     }
 
@@ -216,9 +216,9 @@ class Reader {
         for (const auto& item : fs::recursive_directory_iterator(folder.path())) {
             const std::string path = item.path().lexically_relative(folder.path());
             if (item.is_symlink())
-                shape_.files.push_back({path, Kind::kLink, 0777, fs::read_symlink(item.path())});
+                shape_.files.push_back({path, Kind::link, 0777, fs::read_symlink(item.path())});
             else if (item.is_regular_file())
-                shape_.files.push_back({path, Kind::kFile,
+                shape_.files.push_back({path, Kind::file,
                                         static_cast<mode_t>(item.status().permissions()),
                                         test::read_file(item.path())});
         }
@@ -236,7 +236,10 @@ NodeShape read_shape(const std::string& name) {
     shape.sockets = 0;
     shape.cores = shape.threads = 1;
     const bool path = name.find('/') != name.npos || name.find('.') != name.npos;
-    Reader(shape).read(path ? name : EAS_SHAPES "/" + name + ".shape");
+    const fs::path file = path ? name : EAS_SHAPES "/" + name + ".shape";
+    Reader(shape).read(file);
+    if (file.extension() == ".gz")
+        Reader(shape).read(EAS_SHAPES "/archive.shape");
     return shape;
 }
 

@@ -40,7 +40,7 @@ int main(int argc, char** argv) {
             shape = read_shape(name);
         if (!workload.empty())
             shape.workload = read_workload(workload);
-        if (shape.cpus() > kMaxCpus)
+        if (shape.cpus() > max_cpus)
             throw std::runtime_error("more than 1024 CPUs");
         std::vector<char*> words;
         for (std::string& word : command)

@@ -1,0 +1,223 @@
+// The fake node where it could quietly mislead the tests that trust it.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <linux/perf_event.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+
+#include "base/UniqueFd.h"
+#include "tests/support/ScratchFolder.h"
+#include "tests/support/fakenode/FakeNode.h"
+
+namespace eas::fake {
+namespace {
+
+using test::read_file;
+using Words = std::array<uint64_t, 5>;
+
+const std::string cpus = "/sys/devices/system/cpu/";
+const std::string pmus = "/sys/bus/event_source/devices/";
+
+class Shapes : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        if (const std::string reason = FakeNode::unavailable(); !reason.empty())
+            GTEST_SKIP() << reason;
+    }
+
+    static void inside(FakeNode& node, const std::function<void()>& body) {
+        EXPECT_EQ(0, node.run([&] {
+            body();
+            return HasFailure() ? 1 : 0;
+        }));
+    }
+};
+
+/// 0, or the errno of writing the text as a shell's echo does.
+int put(const std::string& path, const std::string& text) {
+    const UniqueFd file(::open(path.c_str(), O_WRONLY | O_TRUNC | O_CLOEXEC));
+    if (!file.is_open())
+        return errno;
+    return ::write(file.get(), text.data(), text.size()) == static_cast<ssize_t>(text.size())
+               ? 0
+               : errno;
+}
+
+/// 0, or the errno of reading.
+int read_error(const std::string& path) {
+    const UniqueFd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    char byte = 0;
+    return file.is_open() && ::read(file.get(), &byte, 1) == 1 ? 0 : errno;
+}
+
+/// A descriptor, or a negative errno.
+int open_event(const std::string& pmu, uint64_t config, int cpu, int leader = -1) {
+    perf_event_attr attr{};
+    attr.size = sizeof attr;
+    attr.type = static_cast<uint32_t>(std::atoi(read_file(pmus + pmu + "/type").c_str()));
+    if (pmu == "cpu")
+        attr.type = PERF_TYPE_HARDWARE;
+    attr.config = config;
+    attr.read_format = PERF_FORMAT_TOTAL_TIME_ENABLED | PERF_FORMAT_TOTAL_TIME_RUNNING;
+    if (leader == -2)
+        attr.read_format |= PERF_FORMAT_GROUP;
+    const long fd =
+        ::syscall(SYS_perf_event_open, &attr, -1, cpu, std::max(leader, -1), PERF_FLAG_FD_CLOEXEC);
+    return fd < 0 ? -errno : static_cast<int>(fd);
+}
+
+/// Value, time enabled, time running; of a group the number of events first.
+Words words_of(int event) {
+    Words words{};
+    EXPECT_GT(::read(event, words.data(), sizeof words), 0);
+    return words;
+}
+
+void pass(int milliseconds) {
+    ::usleep(static_cast<useconds_t>(milliseconds) * 1000);
+}
+
+double ratio(uint64_t a, uint64_t b) {
+    return static_cast<double>(a) / static_cast<double>(b);
+}
+
+TEST_F(Shapes, ABoxCountsForEveryOneWhoOpensItAndOnlyWhatItsCodeMeans) {
+    FakeNode node(read_shape("xeon2023"));
+    inside(node, [] {
+        const int first = open_event("uncore_imc_0", 0xcf05, 0);
+        const int again = open_event("uncore_imc_0", 0xcf05, 13);  // another CPU of that socket
+        pass(100);
+        EXPECT_GT(words_of(first)[0], 1000U);
+        EXPECT_NEAR(1, ratio(words_of(first)[0], words_of(again)[0]), 0.2) << "summed, twice";
+        EXPECT_EQ(-EINVAL, open_event("uncore_imc_0", 0x0304, 0)) << "an older processor's code";
+        EXPECT_EQ(-EINVAL, open_event("uncore_imc_0", 0xcf05, -1));
+        EXPECT_EQ(-EINVAL, open_event("uncore_imc_1", 0xcf05, 0, first)) << "a group of two PMUs";
+        EXPECT_EQ(-ENODEV, open_event("uncore_imc_0", 0xcf05, 230)) << "not there";
+    });
+    FakeNode channels(read_shape("epyc2023"));
+    inside(channels, [] {
+        EXPECT_LT(0, open_event("amd_umc_12", 0x10a, 48));
+        EXPECT_EQ(-ENODEV, open_event("amd_umc_12", 0x10a, 0)) << "the other socket's channel";
+    });
+}
+
+TEST_F(Shapes, MoreEventsThanCountersShareTheTime) {
+    FakeNode node(read_shape("epyc2019"));
+    inside(node, [] {
+        std::vector<int> events;
+        for (const uint64_t high : {uint64_t{0}, uint64_t{1} << 32})
+            for (const uint64_t low : {0x3807, 0x3847, 0x3887, 0x38c7})
+                events.push_back(open_event("amd_df", high | low, 0));
+        const Words before = words_of(events[0]);
+        pass(100);
+        const Words after = words_of(events[0]);
+        EXPECT_NEAR(0.5, ratio(after[2] - before[2], after[1] - before[1]), 0.01);
+    });
+}
+
+// The readings of a power cap, of half the time, of none.
+TEST_F(Shapes, TheClockFollowsWhatTheNodeDoesNotWhatItWasAsked) {
+    FakeNode node(read_shape("xeon2023"));
+    inside(node, [&] {
+        const int cycles = open_event("cpu", PERF_COUNT_HW_CPU_CYCLES, 3, -2);
+        const int reference = open_event("cpu", PERF_COUNT_HW_REF_CPU_CYCLES, 3, cycles);
+        ASSERT_LT(0, reference);
+        const auto clock = [&] {
+            const Words before = words_of(cycles);
+            pass(50);
+            const Words after = words_of(cycles);
+            EXPECT_EQ(2U, after[0]);
+            return 2000 * ratio(after[3] - before[3], after[4] - before[4]);  // MHz
+        };
+        EXPECT_NEAR(3800, clock(), 10);
+        const std::string policy = cpus + "cpufreq/policy3/";
+        EXPECT_EQ(0, put(policy + "scaling_max_freq", "1650000\n"));
+        EXPECT_EQ("1650000\n", read_file(policy + "scaling_max_freq"));
+        EXPECT_NEAR(1600, clock(), 10) << "steps of 100 MHz";
+        node.state().cap_khz = 1200000;
+        EXPECT_NEAR(1200, clock(), 10);
+        node.state().running_percent = 0;
+        const Words stopped = words_of(cycles);
+        pass(20);
+        EXPECT_EQ(stopped[2], words_of(cycles)[2]);
+        EXPECT_EQ(0, put(cpus + "cpu3/online", "0\n"));
+        EXPECT_EQ("0-2,4-223\n", read_file(cpus + "online"));
+        EXPECT_EQ(1U, words_of(cycles)[0]) << "the group falls apart";
+        EXPECT_EQ(-ENODEV, open_event("cpu", PERF_COUNT_HW_CPU_CYCLES, 3));
+        EXPECT_EQ(EBUSY, put(policy + "scaling_max_freq", "2000000"));
+    });
+}
+
+TEST_F(Shapes, LimitsAreKeptAsTheDriverKeepsThem) {
+    FakeNode node(read_shape("epyc2019"));
+    inside(node, [] {
+        const std::string policy = cpus + "cpu70/cpufreq/";
+        const auto clock = [&] { return read_file(policy + "scaling_cur_freq"); };
+        EXPECT_EQ("2893313\n", clock()) << "the highest entry stands for boost";
+        EXPECT_EQ(0, put(cpus + "cpufreq/boost", "0"));
+        EXPECT_EQ("2300000\n", clock());
+        EXPECT_EQ(EINVAL, put(policy + "scaling_setspeed", "1500000")) << "not under userspace";
+        EXPECT_EQ("<unsupported>\n", read_file(policy + "scaling_setspeed"));
+        EXPECT_EQ(0, put(policy + "scaling_min_freq", "2000000"));
+        EXPECT_EQ(EINVAL, put(policy + "scaling_max_freq", "1500000")) << "below the minimum";
+        EXPECT_EQ(0, put(policy + "scaling_min_freq", "1"));
+        EXPECT_EQ("1500000\n", read_file(policy + "scaling_min_freq"));
+        EXPECT_EQ(EINVAL, put(policy + "scaling_max_freq", "1500000tail"));
+        EXPECT_EQ(0, put(policy + "scaling_max_freq", "1900000"));
+        EXPECT_EQ("1500000\n", clock());
+        EXPECT_EQ(0, put(cpus + "cpufreq/boost", "1"));
+        EXPECT_EQ("2300000\n", read_file(policy + "scaling_max_freq")) << "set anew";
+        EXPECT_EQ(EACCES, put(policy + "scaling_driver", "other"));
+    });
+}
+
+// With a counter that wraps, a file that fails later, and the speed of a walk over all CPUs.
+TEST_F(Shapes, FilesMoveWithTheWork) {
+    FakeNode node(read_shape("xeon2023"));
+    inside(node, [&] {
+        const std::string zone = "/sys/class/powercap/intel-rapl:0/energy_uj";
+        const auto now = [&] { return std::atoll(read_file(zone).c_str()); };
+        long long joules = 0, before = now();
+        for (int wraps = 0, tries = 0; wraps == 0 && tries < 200; ++tries) {
+            pass(20);
+            const long long after = now();
+            wraps += after < before;
+            joules += after - before + (after < before ? 262143328850 : 0);
+            before = after;
+        }
+        EXPECT_GT(joules, 1000000);
+        EXPECT_LT(joules, 5000000000) << "it wrapped, and so no more";
+        node.state().break_file(zone, "!ENODATA", 1);
+        EXPECT_EQ(0, read_error(zone));
+        EXPECT_EQ(ENODATA, read_error(zone));
+        const auto start = std::chrono::steady_clock::now();
+        for (int cpu = 0; cpu < 224; ++cpu)
+            EXPECT_NE("", read_file(cpus + "cpu" + std::to_string(cpu) + "/topology/core_id"));
+        EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
+    });
+}
+
+TEST_F(Shapes, AnArchiveOfFilesIsANode) {
+    const test::ScratchFolder folder;
+    const std::string tree = folder.path("tree"), archive = folder.path("node.tar.gz");
+    test::write_file(tree + cpus + "online", "0-1,4\n");
+    test::write_file(tree + cpus + "present", "0-4\n");
+    test::write_file(tree + cpus + "possible", "0-7\n");
+    test::write_file(tree + "/sys/class/powercap/intel-rapl:0/name", "package-0\n");
+    test::write_file(tree + "/sys/class/powercap/intel-rapl:0/energy_uj", "7\n");
+    test::write_file(tree + "/sys/class/powercap/intel-rapl:1/energy_uj", "!EACCES\n");
+    ASSERT_EQ(0, std::system(("tar -czf " + archive + " -C " + tree + " sys").c_str()));
+    FakeNode node(read_shape(archive));
+    inside(node, [] {
+        EXPECT_EQ("0-1,4\n", read_file(cpus + "online"));
+        pass(20);
+        EXPECT_GT(std::atoi(read_file("/sys/class/powercap/intel-rapl:0/energy_uj").c_str()), 1000);
+        EXPECT_EQ(EACCES, read_error("/sys/class/powercap/intel-rapl:1/energy_uj"));
+    });
+}
+
+}  // namespace
+}  // namespace eas::fake
