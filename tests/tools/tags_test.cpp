@@ -111,7 +111,7 @@ TEST_P(Tags, AreListedShownAndSelectedFrom) {
                              " 1.80 GHz    -12.76   +3.83  selected  saves most energy",
                              " 2.00 GHz     -8.15   +2.00  admitted  but saves no more than 1.80",
                              " 2.40 GHz     +2.89   -0.67  rejected  above the default frequency",
-                             "\n1.80 GHz (1800000 KHz), expected run time +3.83 %\n"})
+                             "\n1.80 GHz (1800000 kHz), expected run time +3.83 %\n"})
         EXPECT_THAT(selected.out, HasSubstr(part));
 }
 
@@ -174,7 +174,7 @@ TEST_P(Tags, AreVerifiedByWhatALaterRunMeasured) {
     const ToolRun all = tag({"verify", "--jobs", runs.path()});
     EXPECT_EQ(all.code, 1);
     for (const char* part : {"file:3: there is no tag \"nothing\" of anna",
-                             "file:4: tag \"hpl\" of anna predicts nothing for 1900000 KHz",
+                             "file:4: tag \"hpl\" of anna predicts nothing for 1900000 kHz",
                              "file:5: tag \"triad\" of carla no longer describes"})
         EXPECT_THAT(all.err, HasSubstr(part));
     EXPECT_THAT(all.err, Not(HasSubstr("file:2")));

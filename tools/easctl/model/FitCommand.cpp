@@ -39,10 +39,9 @@ Json json_of(const ModelFit& model) {
               {"usable", model.usable()},
               {"rows", Json::array()}};
     for (const FrequencyFit& row : model.rows) {
-        Json one{{"frequency_khz", row.khz}, {"default", row.is_default}};
-        for (const Fit* fit : {&row.power, &row.pace})
-            for (const double factor : fit->factors)
-                one["coefficients"].push_back(factor);
+        Json one{{"frequency_khz", row.khz},
+                 {"default", row.is_default},
+                 {"coefficients", row.as_model_row().factors}};
         if (!row.is_default) {
             one["power_w"] = json_of(row.power, model);
             one["cycles_per_instruction"] = json_of(row.pace, model);

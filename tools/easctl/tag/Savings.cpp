@@ -63,15 +63,6 @@ ClassSums& Savings::sums_of(std::string_view job_class) {
     return found->second;
 }
 
-std::size_t Savings::selected_row(const Scenario& scenario) const {
-    const int frequency =
-        eas::select_frequency(tag_, scenario.policy, scenario.thresholds).frequency;
-    std::size_t row = 0;
-    while (tag_.frequency_array()[row] != frequency)
-        ++row;  // every selection is one of the rows
-    return row;
-}
-
 bool Savings::add(const JobRow& job) {
     const auto [cycles, instructions, bytes] = job.counters;
     tag_.clear();
@@ -88,11 +79,12 @@ bool Savings::add(const JobRow& job) {
     sums.measured.energy_j += runs * job.power_w * job.elapsed_s;
     sums.measured.time_s += runs * job.elapsed_s;
     for (std::size_t i = 0; i < scenarios_.size(); ++i) {
-        const std::size_t row = selected_row(scenarios_[i]);
-        const int seconds = tag_.predict_elapse_time_array()[row];
-        sums.by_scenario[i].energy_j += runs * tag_.predict_power_array()[row] * seconds;
-        sums.by_scenario[i].time_s += runs * seconds;
-        if (tag_.frequency_array()[row] != tag_.default_frequency())
+        const auto& [policy, limit, thresholds] = scenarios_[i];
+        const int frequency = eas::select_frequency(tag_, policy, thresholds).frequency;
+        const eas::TagRow row = tag_.row_of(frequency).value();  // every selection is a row
+        sums.by_scenario[i].energy_j += runs * row.energy();
+        sums.by_scenario[i].time_s += runs * row.seconds;
+        if (frequency != tag_.default_frequency())
             sums.changed_runs[i] += job.count;
     }
     return true;

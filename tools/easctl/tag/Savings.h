@@ -22,7 +22,7 @@ namespace easctl {
 /// A policy under one set of thresholds.
 struct Scenario {
     std::string policy;
-    std::optional<double> limit_pct;  // of a sweep; nothing where a file gives the thresholds
+    std::optional<double> limit_pct;  // of a sweep; no value where a file gives the thresholds
     EnergyPerfThreshold thresholds;
 };
 
@@ -68,7 +68,6 @@ class Savings {
 
   private:
     ClassSums& sums_of(std::string_view job_class);
-    [[nodiscard]] std::size_t selected_row(const Scenario& scenario) const;
 
     const CoEfficients& coeffs_;
     std::vector<Scenario> scenarios_;

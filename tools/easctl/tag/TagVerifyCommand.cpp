@@ -14,7 +14,7 @@ namespace {
 struct Options {
     LibraryOptions library;
     TagNames names;
-    Run run{};
+    JobRun run{};
     std::array<double, 3> counters{};
     std::string jobs;
     std::array<double, 3> limits_pct{10.0, 10.0, 15.0};  // power, time, energy
@@ -32,7 +32,7 @@ struct Selections {
 };
 
 std::vector<Selections> compare_selections(const Library& library, const EnergyTag& tag,
-                                           const Run& run) {
+                                           const JobRun& run) {
     std::vector<Selections> all;
     const auto own = tag_of_run(library.coefficients(), tag, run);
     if (!own)
@@ -54,7 +54,7 @@ Json as_json(const Comparison& comparison) {
 /// A run beside what its tag predicted for it.
 struct Verified {
     TagNames names;
-    Run run;
+    JobRun run;
     Verification figures;
     bool describes;
     std::vector<Selections> selections;
@@ -104,14 +104,14 @@ class Verifier {
         : globals_(globals), library_(library), limits_(limits) {}
 
     /// `where` names the row of a file; empty without one.
-    void check(const TagNames& names, const Run& run, const std::string& where) {
+    void check(const TagNames& names, const JobRun& run, const std::string& where) {
         const std::vector<EnergyTag> tags = library_.query(names.user, names.tag);
         const EnergyTag& tag = the_only(tags, names);
         const auto figures = verify(tag, run);
         if (!figures) {
             throw Failure(ExitCode::found,
                           name_of_tag(names.user, names.tag) + " predicts nothing for " +
-                              std::to_string(run.frequency) + " KHz",
+                              std::to_string(run.frequency) + " kHz",
                           "give the frequency at which the job ran, one of easctl tag show");
         }
         const Verified one{names, run, *figures, figures->within(limits_),
@@ -172,7 +172,7 @@ void verify_file(Verifier& verifier, const std::string& path) {
             verifier.failed({jobs.where(), {ExitCode::input, jobs.reason()}, {}});
             continue;
         }
-        Run run{row.frequency_khz, row.elapsed_s, row.power_w, {}};
+        JobRun run{row.frequency_khz, row.elapsed_s, row.power_w, {}};
         if (row.has_counters)
             run.counters = row.counters;
         const TagNames names{std::string(row.user), std::string(row.tag)};
@@ -192,7 +192,7 @@ void run_verify(Globals& globals, const Options& options, const OneOrMany& given
     Library library(options.library);
     Verifier verifier(globals, library, options.limits());
     if (single) {
-        Run run = options.run;
+        JobRun run = options.run;
         if (given.has_optional())
             run.counters = options.counters;
         verifier.check(options.names, run, "");

@@ -19,18 +19,11 @@ struct View : TagChoice {
     std::string plot;
 };
 
-/// The measured run of a tag.
-struct Measured {
-    explicit Measured(const EnergyTag& tag) {
-        const auto row = static_cast<std::size_t>(tag.get_default_energy_index());
-        if (row >= tag.frequency_array().size())
-            return;
-        seconds = tag.predict_elapse_time_array()[row];
-        watts = tag.predict_power_array()[row];
-    }
-    int seconds = 0;
-    double watts = 0.0;
-};
+/// The measured run of a tag; zeros when it has none.
+eas::TagRow measured_run(const EnergyTag& tag) {
+    const auto index = static_cast<std::size_t>(tag.get_default_energy_index());
+    return index < tag.rows().size() ? tag.row(index) : eas::TagRow{};
+}
 
 eas::FrequencyChoice choice(const EnergyTag& tag, std::string_view policy, const Library& library) {
     return eas::select_frequency(tag, policy, library.thresholds());
@@ -78,18 +71,18 @@ std::string list_of(const std::vector<EnergyTag>& tags, const Library& library, 
                                           {"minimize_energy", Align::right},
                                           {"minimize_time", Align::right}});
     for (const EnergyTag& tag : tags) {
-        const Measured run(tag);
+        const eas::TagRow run = measured_run(tag);
         const int by_energy = choice(tag, eas::minimize_energy, library).frequency;
         const int by_time = choice(tag, eas::minimize_time, library).frequency;
         std::vector<Cell> row{tag.user_name(), tag.energy_tag_name(), tag.job_step_id()};
         if (csv)
             row.insert(row.end(),
                        {std::to_string(tag.default_frequency()), std::to_string(run.seconds),
-                        exact(run.watts), std::to_string(by_energy), std::to_string(by_time)});
+                        exact(run.power), std::to_string(by_energy), std::to_string(by_time)});
         else
-            row.insert(row.end(), {std::to_string(run.seconds), number(run.watts, 1),
-                                   number(run.watts * run.seconds / joules_per_kwh, 4),
-                                   ghz(by_energy), ghz(by_time)});
+            row.insert(row.end(),
+                       {std::to_string(run.seconds), number(run.power, 1),
+                        number(run.energy() / joules_per_kwh, 4), ghz(by_energy), ghz(by_time)});
         table.add(std::move(row));
     }
     return csv ? table.csv() : table.text(colored);
@@ -223,7 +216,7 @@ void select(Globals& globals, const Select& options) {
         print(options.policy + ": " + explanation.rule + "\n\n" +
               table_of(explanation, globals.colored()) + '\n');
     print(paint(ghz(selected.frequency), Style::bold, globals.colored()) + " (" +
-          std::to_string(selected.frequency) + " KHz), expected run time " +
+          std::to_string(selected.frequency) + " kHz), expected run time " +
           signed_percent(selected.time_var) + " %\n");
 }
 
@@ -231,12 +224,12 @@ void select(Globals& globals, const Select& options) {
 
 Json rows_as_json(const EnergyTag& tag) {
     Json rows = Json::array();
-    for (std::size_t i = 0; i < tag.frequency_array().size(); ++i) {
-        rows.push_back({{"frequency_khz", tag.frequency_array()[i]},
-                        {"power_w", tag.predict_power_array()[i]},
-                        {"elapsed_s", tag.predict_elapse_time_array()[i]},
-                        {"energy_change_pct", 100.0 * tag.energy_saving_pct_array()[i]},
-                        {"time_change_pct", 100.0 * tag.perf_degrad_pct_array()[i]}});
+    for (const eas::TagRow& row : tag.rows()) {
+        rows.push_back({{"frequency_khz", row.frequency},
+                        {"power_w", row.power},
+                        {"elapsed_s", row.seconds},
+                        {"energy_change_pct", 100.0 * row.energy_change},
+                        {"time_change_pct", 100.0 * row.time_change}});
     }
     return rows;
 }

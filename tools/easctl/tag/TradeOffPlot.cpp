@@ -12,11 +12,9 @@ namespace easctl {
 namespace {
 
 /// One point of the curve: run time, energy and, as its label, the frequency.
-std::string point(const EnergyTag& tag, std::size_t i) {
-    const int seconds = tag.predict_elapse_time_array()[i];
-    return std::to_string(seconds) + ' ' +
-           exact(tag.predict_power_array()[i] * seconds / joules_per_kwh) + ' ' +
-           exact(tag.frequency_array()[i] / 1e6) + '\n';
+std::string point(const eas::TagRow& row) {
+    return std::to_string(row.seconds) + ' ' + exact(row.energy() / joules_per_kwh) + ' ' +
+           exact(row.frequency / 1e6) + '\n';
 }
 
 std::string block(const std::string& name, const std::string& points) {
@@ -24,11 +22,8 @@ std::string block(const std::string& name, const std::string& points) {
 }
 
 std::string point_of(const EnergyTag& tag, int frequency) {
-    for (std::size_t i = 0; i < tag.frequency_array().size(); ++i) {
-        if (tag.frequency_array()[i] == frequency)
-            return point(tag, i);
-    }
-    return {};
+    const std::optional<eas::TagRow> row = tag.row_of(frequency);
+    return row ? point(*row) : std::string();
 }
 
 }  // namespace
@@ -37,8 +32,8 @@ std::string trade_off_plot(const EnergyTag& tag, const EnergyPerfThreshold& thre
     const int by_energy = eas::select_frequency(tag, eas::minimize_energy, thresholds).frequency;
     const int by_time = eas::select_frequency(tag, eas::minimize_time, thresholds).frequency;
     std::string curve;
-    for (std::size_t i = 0; i < tag.frequency_array().size(); ++i)
-        curve += point(tag, i);
+    for (const eas::TagRow& row : tag.rows())
+        curve += point(row);
 
     std::string script =
         block("curve", curve) + block("measured", point_of(tag, tag.default_frequency())) +
