@@ -1,10 +1,15 @@
-// easctl tag verify: a later run's measurements beside what its tag predicted.
+#include "tools/easctl/tag/VerifyCommand.h"
+
+#include <memory>
+
 #include "common/model/CoEfficients.h"
 #include "common/model/EnergyPerfThreshold.h"
 #include "tools/easctl/cli/Json.h"
+#include "tools/easctl/cli/Percent.h"
 #include "tools/easctl/cli/Units.h"
+#include "tools/easctl/tag/FailedRow.h"
+#include "tools/easctl/tag/JobOptions.h"
 #include "tools/easctl/tag/JobsFile.h"
-#include "tools/easctl/tag/TagCommands.h"
 #include "tools/easctl/tag/TagVerify.h"
 
 namespace easctl {
@@ -187,8 +192,8 @@ void verify_file(Verifier& verifier, const std::string& path) {
     }
 }
 
-void run_verify(Globals& globals, const Options& options, const OneOrMany& given) {
-    const bool single = given.single();
+void run_verify(Globals& globals, const Options& options, const JobOptions& given) {
+    const bool single = given.describe_one();
     Library library(options.library);
     Verifier verifier(globals, library, options.limits());
     if (single) {
@@ -202,6 +207,24 @@ void run_verify(Globals& globals, const Options& options, const OneOrMany& given
     verifier.finish();
 }
 
+/// The options of one run, and the file of many.
+JobOptions add_run_options(CLI::App& command, Options& options) {
+    JobOptions given(command, options.jobs,
+                     "CSV file of runs, - for standard input; its header names the columns\n"
+                     "user, tag, frequency_khz, elapsed_s, power_w and, if at hand, cycles,\n"
+                     "instructions, memory_bytes");
+    given.add("--user", options.names.user, "owner of the tag", "NAME");
+    given.add("--tag", options.names.tag, "name of the tag", "NAME");
+    given.add("--frequency", options.run.frequency, "at which the job ran", "KHZ");
+    given.add("--elapsed", options.run.elapsed_s, "run time", "S");
+    option_of(command, "--elapsed").transform(whole_seconds());
+    given.add("--power", options.run.power_w, "mean power of a node", "W");
+    given.add_optional("--cycles", options.counters[0], "processor cycles", "N");
+    given.add_optional("--instructions", options.counters[1], "instructions", "N");
+    given.add_optional("--memory-bytes", options.counters[2], "bytes of memory traffic", "N");
+    return given;
+}
+
 }  // namespace
 
 void add_tag_verify(CLI::App& group, Globals& globals) {
@@ -211,19 +234,7 @@ void add_tag_verify(CLI::App& group, Globals& globals) {
         "easctl tag verify --user anna --tag hpl --frequency 2000000 --elapsed 2065 --power 258\n"
         "easctl tag verify --jobs runs.csv --max-time-error 5");
     options->library.add_to(command);
-    OneOrMany given(command, options->jobs,
-                    "CSV file of runs, - for standard input; its header names the columns\n"
-                    "user, tag, frequency_khz, elapsed_s, power_w and, if at hand, cycles,\n"
-                    "instructions, memory_bytes");
-    given.add("--user", options->names.user, "owner of the tag", "NAME");
-    given.add("--tag", options->names.tag, "name of the tag", "NAME");
-    given.add("--frequency", options->run.frequency, "at which the job ran", "KHZ");
-    given.add("--elapsed", options->run.elapsed_s, "run time", "S");
-    option_of(command, "--elapsed").transform(whole_seconds());
-    given.add("--power", options->run.power_w, "mean power of a node", "W");
-    given.add_optional("--cycles", options->counters[0], "processor cycles", "N");
-    given.add_optional("--instructions", options->counters[1], "instructions", "N");
-    given.add_optional("--memory-bytes", options->counters[2], "bytes of memory traffic", "N");
+    const JobOptions given = add_run_options(command, *options);
     constexpr std::array limits{"--max-power-error", "--max-time-error", "--max-energy-error"};
     for (std::size_t i = 0; i < limits.size(); ++i) {
         add_option(command, limits[i], options->limits_pct[i],
