@@ -146,7 +146,7 @@ TEST_F(ModelFit, RefusesWhatIsNoCompleteMeasurementWithFileAndLine) {
     write(lines);
     expect_all({{{"model", "fit", path("m.csv"), "--plot", path("fit.svg")},
                  1,
-                 "fit.svg was not drawn: there is nothing to draw"}});
+                 "fit.svg was not drawn: there is no value to draw"}});
 }
 
 // Exit code 1: what can be used is written, what would mislead the library is not.

@@ -33,6 +33,29 @@ EnergyPerfThreshold swept_thresholds(CoEfficients& coeffs, double percent) {
     return thresholds;
 }
 
+double change_pct(double after, double before) {
+    return before > 0.0 ? 100.0 * (after / before - 1.0) : 0.0;
+}
+
+std::vector<std::string> policies_of(const std::vector<Scenario>& scenarios) {
+    std::vector<std::string> names;
+    for (const Scenario& scenario : scenarios) {
+        if (std::find(names.begin(), names.end(), scenario.policy) == names.end())
+            names.push_back(scenario.policy);
+    }
+    return names;
+}
+
+std::vector<std::size_t> scenarios_of(const std::vector<Scenario>& scenarios,
+                                      const std::string& policy) {
+    std::vector<std::size_t> places;
+    for (std::size_t i = 0; i < scenarios.size(); ++i) {
+        if (scenarios[i].policy == policy)
+            places.push_back(i);
+    }
+    return places;
+}
+
 void ClassSums::add(const ClassSums& other) {
     jobs += other.jobs;
     runs += other.runs;

@@ -46,6 +46,20 @@ struct ClassSums {
     void add(const ClassSums& other);
 };
 
+/// The sums of a class, or of all.
+struct NamedSums {
+    std::string name;
+    ClassSums sums;
+};
+
+/// The change from `before`, in percent.
+double change_pct(double after, double before);
+/// Each policy once, in the order of the scenarios.
+std::vector<std::string> policies_of(const std::vector<Scenario>& scenarios);
+/// Places of the scenarios of one policy.
+std::vector<std::size_t> scenarios_of(const std::vector<Scenario>& scenarios,
+                                      const std::string& policy);
+
 class Savings {
   public:
     /// Those that come later in the file are summed up as one, so that memory stays bounded.
