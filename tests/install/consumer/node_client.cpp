@@ -3,6 +3,7 @@
 #include <eas/node.h>
 
 #include <cstdio>
+#include <initializer_list>
 
 int main() {
     easnode_meter* meter = nullptr;
