@@ -55,26 +55,29 @@ int CoEffsFromFile::read_row(char* line) {
     std::array<double, 6> f{};
     if (split_values(colon + 1, f) != f.size())
         return BAD_COEFFICIENTS_FORMAT;
-    rows.add_row({eas::to_int(line), f});
+    rows.setArrayData(eas::to_int(line), f[0], f[1], f[2], f[3], f[4], f[5]);
     return 0;
 }
 
 int CoEffsFromFile::VecToCoEfficients(CoEfficients* target) const {
     if (target == nullptr)
         return -1;
-    for (const eas::ModelRow& row : rows.rows())
-        target->add_row(row);
-    return rows.total_frequencies();
+    const std::vector<int>& frequencies = getFrequencies();
+    for (std::size_t i = 0; i < frequencies.size(); ++i) {
+        target->setArrayData(frequencies[i], getFactorA()[i], getFactorB()[i], getFactorC()[i],
+                             getFactorD()[i], getFactorE()[i], getFactorF()[i]);
+    }
+    return static_cast<int>(frequencies.size());
 }
 
 void CoEffsFromFile::print_file_coefficients() const {
     const eas::CLocaleScope c_locale;
-    int i = 0;
-    for (const auto& [frequency, factors] : rows.rows()) {
-        const auto [a, b, c, d, e, f] = factors;
+    const std::vector<int>& frequencies = getFrequencies();
+    for (std::size_t i = 0; i < frequencies.size(); ++i) {
         // The missing commas are part of the listing's format.
         std::printf(
-            "[%d] %10d: A = %10.4f, B = %10.4f C = %10.4f, D = %10.4f E = %10.4f F = %10.4f\n", i++,
-            frequency, a, b, c, d, e, f);
+            "[%d] %10d: A = %10.4f, B = %10.4f C = %10.4f, D = %10.4f E = %10.4f F = %10.4f\n",
+            static_cast<int>(i), frequencies[i], getFactorA()[i], getFactorB()[i], getFactorC()[i],
+            getFactorD()[i], getFactorE()[i], getFactorF()[i]);
     }
 }

@@ -76,14 +76,15 @@ std::string target_of(const char* link) {
 /// False for what is no file any more, or a folder.
 bool record_file(const char* path, Keep keep, RecordedFile& file) {
     struct stat status {};
-    if (::lstat(path, &status) != 0)
+    if (::stat(path, &status) != 0)
         return false;
     file.path = path;
     file.mode = static_cast<int>(status.st_mode & 07777);
-    file.is_link = S_ISLNK(status.st_mode);
-    if (file.is_link) {
+    // Folders are there through their files, but a link to one says what belongs together.
+    if (S_ISDIR(status.st_mode)) {
         file.content = target_of(path);
-        return !file.content.empty();
+        file.is_link = !file.content.empty();
+        return file.is_link;
     }
     // Without a right to read there is nothing to say.
     if (!S_ISREG(status.st_mode) || (file.mode & 0444) == 0)

@@ -1,12 +1,16 @@
 #include "tests/node/NodeTest.h"
 
+#include <fcntl.h>
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/ptrace.h>
 #include <sys/syscall.h>
+#include <sys/uio.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <array>
 #include <csignal>
 #include <filesystem>
 #include <sstream>
@@ -86,20 +90,21 @@ Hidden::~Hidden() {
     EXPECT_EQ(0, ::umount(path_.c_str())) << path_;
 }
 
-std::vector<long> system_calls_of(const std::function<void()>& prepare,
-                                  const std::function<void()>& body) {
-    constexpr long kMarker = SYS_getsid;  // made before and after the body, by nothing else
+namespace {
+
+void trace(const std::function<void()>& prepare, const std::function<void()>& body,
+           const std::function<void(pid_t, const __ptrace_syscall_info&)>& seen) {
+    constexpr long marker = SYS_getsid;  // made before and after the body, by nothing else
     const pid_t child = ::fork();
     if (child == 0) {
         ::ptrace(PTRACE_TRACEME, 0, nullptr, nullptr);
         ::raise(SIGSTOP);
         prepare();
-        ::syscall(kMarker, 0);
+        ::syscall(marker, 0);
         body();
-        ::syscall(kMarker, 0);
+        ::syscall(marker, 0);
         ::_exit(0);
     }
-    std::vector<long> calls;
     int status = 0, markers = 0;
     ::waitpid(child, &status, 0);
     ::ptrace(PTRACE_SETOPTIONS, child, nullptr, PTRACE_O_TRACESYSGOOD | PTRACE_O_EXITKILL);
@@ -108,18 +113,47 @@ std::vector<long> system_calls_of(const std::function<void()>& prepare,
         if (WSTOPSIG(status) == (SIGTRAP | 0x80))
             ::ptrace(PTRACE_GET_SYSCALL_INFO, child, sizeof info, &info);
         if (info.op == PTRACE_SYSCALL_INFO_ENTRY) {
-            const long number = static_cast<long>(info.entry.nr);
-            if (number == kMarker)
+            if (static_cast<long>(info.entry.nr) == marker)
                 ++markers;
             else if (markers == 1)
-                calls.push_back(number);
+                seen(child, info);
         }
         ::ptrace(PTRACE_SYSCALL, child, nullptr, nullptr);
         if (::waitpid(child, &status, 0) != child)
             break;
     }
     EXPECT_EQ(2, markers);
+}
+
+}  // namespace
+
+std::vector<long> system_calls_of(const std::function<void()>& prepare,
+                                  const std::function<void()>& body) {
+    std::vector<long> calls;
+    trace(prepare, body, [&calls](pid_t, const __ptrace_syscall_info& info) {
+        calls.push_back(static_cast<long>(info.entry.nr));
+    });
     return calls;
+}
+
+std::set<std::string> paths_opened_by(const std::function<void()>& body) {
+    std::set<std::string> paths;
+    trace([] {}, body,
+          [&paths](pid_t child, const __ptrace_syscall_info& info) {
+              constexpr unsigned long folder = O_DIRECTORY;
+              if (info.entry.nr != SYS_openat || (info.entry.args[2] & folder) != 0)
+                  return;
+              std::array<char, 256> path{};
+              // What lies behind the end of its page may not be readable, and is then left out.
+              const auto at = info.entry.args[1];
+              const size_t all = path.size() - 1, here = std::min<size_t>(all, 4096 - at % 4096);
+              const iovec to{path.data(), all};
+              const iovec from[] = {{reinterpret_cast<void*>(at), here},
+                                    {reinterpret_cast<void*>(at + here), all - here}};
+              EXPECT_LT(0, ::process_vm_readv(child, &to, 1, from, 2, 0));
+              paths.insert(path.data());
+          });
+    return paths;
 }
 
 }  // namespace eas::test

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <functional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -49,5 +50,8 @@ class Hidden {
 /// Numbers of the system calls that `body` makes, in a forked process, after `prepare`.
 std::vector<long> system_calls_of(const std::function<void()>& prepare,
                                   const std::function<void()>& body);
+
+/// The files that `body` opens, folders left out.
+std::set<std::string> paths_opened_by(const std::function<void()>& body);
 
 }  // namespace eas::test

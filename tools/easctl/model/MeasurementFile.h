@@ -11,13 +11,11 @@
 #include <utility>
 #include <vector>
 
-#include "common/model/JobMetrics.h"
-
 namespace easctl {
 
 /// One run, or several of the same kernel at the same frequency taken together: their times and
 /// counts added, their power averaged over time.
-struct KernelRun {
+struct Run {
     double elapsed_s = 0;
     double power_w = 0;
     double cycles = 0;
@@ -25,10 +23,11 @@ struct KernelRun {
     double memory_bytes = 0;
     int runs = 0;
 
-    void add(const KernelRun& other);
-    [[nodiscard]] double cycles_per_instruction() const { return CPI(cycles, instructions); }
+    void add(const Run& other);
+    [[nodiscard]] double cycles_per_instruction() const { return cycles / instructions; }
+    /// Memory lines of 64 bytes per instruction: GB/s per GIPS / 64.
     [[nodiscard]] double lines_per_instruction() const {
-        return eas::lines_per_instruction(memory_bytes, instructions);
+        return memory_bytes / elapsed_s / 1e9 / (instructions / elapsed_s / 1e9) / 64.0;
     }
 };
 
@@ -48,12 +47,12 @@ class MeasurementFile {
     [[nodiscard]] const std::string& path() const { return path_; }
     /// In the order in which they first appear.
     [[nodiscard]] const std::vector<KernelName>& kernels() const { return kernels_; }
-    /// kHz, each with the line where it comes first; ascending.
+    /// KHz, each with the line where it comes first; ascending.
     [[nodiscard]] const std::map<int, std::uint64_t>& frequencies() const { return frequencies_; }
     /// What every line of the column nominal_khz says; 0 without it.
     [[nodiscard]] int nominal_khz() const { return nominal_khz_; }
     /// Null when this kernel was not run at this frequency.
-    [[nodiscard]] const KernelRun* find(std::size_t kernel, int khz) const;
+    [[nodiscard]] const Run* find(std::size_t kernel, int khz) const;
 
   private:
     class Reader;
@@ -61,7 +60,7 @@ class MeasurementFile {
     std::string path_;
     std::vector<KernelName> kernels_;
     std::map<int, std::uint64_t> frequencies_;
-    std::map<std::pair<std::size_t, int>, KernelRun> runs_;
+    std::map<std::pair<std::size_t, int>, Run> runs_;
     int nominal_khz_ = 0;
 };
 

@@ -11,9 +11,8 @@
 #include "tools/easctl/cli/Progress.h"
 #include "tools/easctl/model/ModelChoice.h"
 #include "tools/easctl/model/ThresholdFile.h"
-#include "tools/easctl/tag/ReturnCodes.h"
 #include "tools/easctl/tag/SavingsReport.h"
-#include "tools/easctl/tag/TagNames.h"
+#include "tools/easctl/tag/TagCommands.h"
 
 namespace easctl {
 

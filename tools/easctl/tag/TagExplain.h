@@ -16,7 +16,7 @@ namespace easctl {
 enum class Verdict { rejected, admitted, selected };
 
 struct Candidate {
-    int frequency;         // kHz
+    int frequency;         // KHz
     double energy_change;  // fraction
     double time_change;    // fraction
     Verdict verdict;

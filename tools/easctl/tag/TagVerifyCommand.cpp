@@ -1,15 +1,10 @@
-#include "tools/easctl/tag/VerifyCommand.h"
-
-#include <memory>
-
+// easctl tag verify: a later run's measurements beside what its tag predicted.
 #include "common/model/CoEfficients.h"
 #include "common/model/EnergyPerfThreshold.h"
 #include "tools/easctl/cli/Json.h"
-#include "tools/easctl/cli/Percent.h"
 #include "tools/easctl/cli/Units.h"
-#include "tools/easctl/tag/FailedRow.h"
-#include "tools/easctl/tag/JobOptions.h"
 #include "tools/easctl/tag/JobsFile.h"
+#include "tools/easctl/tag/TagCommands.h"
 #include "tools/easctl/tag/TagVerify.h"
 
 namespace easctl {
@@ -19,7 +14,7 @@ namespace {
 struct Options {
     LibraryOptions library;
     TagNames names;
-    JobRun run{};
+    Run run{};
     std::array<double, 3> counters{};
     std::string jobs;
     std::array<double, 3> limits_pct{10.0, 10.0, 15.0};  // power, time, energy
@@ -37,7 +32,7 @@ struct Selections {
 };
 
 std::vector<Selections> compare_selections(const Library& library, const EnergyTag& tag,
-                                           const JobRun& run) {
+                                           const Run& run) {
     std::vector<Selections> all;
     const auto own = tag_of_run(library.coefficients(), tag, run);
     if (!own)
@@ -59,7 +54,7 @@ Json as_json(const Comparison& comparison) {
 /// A run beside what its tag predicted for it.
 struct Verified {
     TagNames names;
-    JobRun run;
+    Run run;
     Verification figures;
     bool describes;
     std::vector<Selections> selections;
@@ -109,14 +104,14 @@ class Verifier {
         : globals_(globals), library_(library), limits_(limits) {}
 
     /// `where` names the row of a file; empty without one.
-    void check(const TagNames& names, const JobRun& run, const std::string& where) {
+    void check(const TagNames& names, const Run& run, const std::string& where) {
         const std::vector<EnergyTag> tags = library_.query(names.user, names.tag);
         const EnergyTag& tag = the_only(tags, names);
         const auto figures = verify(tag, run);
         if (!figures) {
             throw Failure(ExitCode::found,
                           name_of_tag(names.user, names.tag) + " predicts nothing for " +
-                              std::to_string(run.frequency) + " kHz",
+                              std::to_string(run.frequency) + " KHz",
                           "give the frequency at which the job ran, one of easctl tag show");
         }
         const Verified one{names, run, *figures, figures->within(limits_),
@@ -177,7 +172,7 @@ void verify_file(Verifier& verifier, const std::string& path) {
             verifier.failed({jobs.where(), {ExitCode::input, jobs.reason()}, {}});
             continue;
         }
-        JobRun run{row.frequency_khz, row.elapsed_s, row.power_w, {}};
+        Run run{row.frequency_khz, row.elapsed_s, row.power_w, {}};
         if (row.has_counters)
             run.counters = row.counters;
         const TagNames names{std::string(row.user), std::string(row.tag)};
@@ -192,12 +187,12 @@ void verify_file(Verifier& verifier, const std::string& path) {
     }
 }
 
-void run_verify(Globals& globals, const Options& options, const JobOptions& given) {
-    const bool single = given.describe_one();
+void run_verify(Globals& globals, const Options& options, const OneOrMany& given) {
+    const bool single = given.single();
     Library library(options.library);
     Verifier verifier(globals, library, options.limits());
     if (single) {
-        JobRun run = options.run;
+        Run run = options.run;
         if (given.has_optional())
             run.counters = options.counters;
         verifier.check(options.names, run, "");
@@ -205,24 +200,6 @@ void run_verify(Globals& globals, const Options& options, const JobOptions& give
         verify_file(verifier, options.jobs);
     }
     verifier.finish();
-}
-
-/// The options of one run, and the file of many.
-JobOptions add_run_options(CLI::App& command, Options& options) {
-    JobOptions given(command, options.jobs,
-                     "CSV file of runs, - for standard input; its header names the columns\n"
-                     "user, tag, frequency_khz, elapsed_s, power_w and, if at hand, cycles,\n"
-                     "instructions, memory_bytes");
-    given.add("--user", options.names.user, "owner of the tag", "NAME");
-    given.add("--tag", options.names.tag, "name of the tag", "NAME");
-    given.add("--frequency", options.run.frequency, "at which the job ran", "KHZ");
-    given.add("--elapsed", options.run.elapsed_s, "run time", "S");
-    option_of(command, "--elapsed").transform(whole_seconds());
-    given.add("--power", options.run.power_w, "mean power of a node", "W");
-    given.add_optional("--cycles", options.counters[0], "processor cycles", "N");
-    given.add_optional("--instructions", options.counters[1], "instructions", "N");
-    given.add_optional("--memory-bytes", options.counters[2], "bytes of memory traffic", "N");
-    return given;
 }
 
 }  // namespace
@@ -234,7 +211,19 @@ void add_tag_verify(CLI::App& group, Globals& globals) {
         "easctl tag verify --user anna --tag hpl --frequency 2000000 --elapsed 2065 --power 258\n"
         "easctl tag verify --jobs runs.csv --max-time-error 5");
     options->library.add_to(command);
-    const JobOptions given = add_run_options(command, *options);
+    OneOrMany given(command, options->jobs,
+                    "CSV file of runs, - for standard input; its header names the columns\n"
+                    "user, tag, frequency_khz, elapsed_s, power_w and, if at hand, cycles,\n"
+                    "instructions, memory_bytes");
+    given.add("--user", options->names.user, "owner of the tag", "NAME");
+    given.add("--tag", options->names.tag, "name of the tag", "NAME");
+    given.add("--frequency", options->run.frequency, "at which the job ran", "KHZ");
+    given.add("--elapsed", options->run.elapsed_s, "run time", "S");
+    option_of(command, "--elapsed").transform(whole_seconds());
+    given.add("--power", options->run.power_w, "mean power of a node", "W");
+    given.add_optional("--cycles", options->counters[0], "processor cycles", "N");
+    given.add_optional("--instructions", options->counters[1], "instructions", "N");
+    given.add_optional("--memory-bytes", options->counters[2], "bytes of memory traffic", "N");
     constexpr std::array limits{"--max-power-error", "--max-time-error", "--max-energy-error"};
     for (std::size_t i = 0; i < limits.size(); ++i) {
         add_option(command, limits[i], options->limits_pct[i],
