@@ -2,15 +2,11 @@
 // engine:
 //
 //   scheduler_bench sqlite|mariadb [--quick] [options of Google Benchmark]
-//
 // EAS_BENCH_TAGS=1000000 in the environment: the largest query, instead of 100 000.
 //
 // What must not share the process runs in another one, which is this program again: calls with the
 // driver manager's connection pooling (--serve), and peaks of memory (--peak).
-#include <eas/interface.h>
 #include <malloc.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <array>
 #include <cstdio>
@@ -24,6 +20,8 @@
 
 #include "bench/Contest.h"
 #include "bench/Floor.h"
+#include "bench/LibraryCalls.h"
+#include "bench/OtherProcess.h"
 #include "bench/SociClient.h"
 #include "tests/support/ScratchDatabase.h"
 
@@ -33,97 +31,9 @@ namespace {
 using test::Engine;
 using test::ScratchDatabase;
 
-constexpr const char* model_cluster = "bench";
-constexpr const char* threshold_file = "/thresholds.conf";
 constexpr int site_size = 500000;  // tags; more are queried once only
 constexpr int threads = 8;
 constexpr int calls_per_thread = 4;
-
-char* text(const std::string& s) {
-    return const_cast<char*>(s.c_str());
-}
-
-void expect(int status, const char* call) {
-    if (status != 0)
-        throw std::runtime_error(std::string(call) + " gave " + std::to_string(status));
-}
-
-// --- the library's calls ---
-
-std::string folder() {
-    return std::getenv("ODBCINI_FOLDER");
-}
-
-void library_initialise() {
-    expect(eas_initialize(text(model_cluster), default_frequency, text(folder() + threshold_file)),
-           "eas_initialize");
-}
-
-std::size_t handed_out(const energyPolicyTag_t& tag) {
-    const auto rows = static_cast<std::size_t>(tag.num_freq);
-    return sizeof tag + rows * (2 * sizeof(int32_t) + 3 * sizeof(double)) +
-           std::strlen(tag.energy_tag_name) + std::strlen(tag.job_id) + std::strlen(tag.user_name) +
-           std::strlen(tag.cluster_name) + 4;
-}
-
-void free_tags(energyPolicyTag_t* tags, int count) {
-    for (int i = 0; i < count; ++i) {
-        for (char* name :
-             {tags[i].energy_tag_name, tags[i].job_id, tags[i].user_name, tags[i].cluster_name})
-            std::free(name);
-        std::free(tags[i].frequencies);
-        std::free(tags[i].predict_elapse_time);
-        for (double* values :
-             {tags[i].predict_power, tags[i].energy_saving_pct, tags[i].perf_degrad_pct})
-            std::free(values);
-    }
-    std::free(tags);
-}
-
-/// ns. Giving the result back is the caller's business, and not timed.
-double library_query(const Which& which, int expected) {
-    int count = 0;
-    energyPolicyTag_t* tags = nullptr;
-    const double time = timed([&] {
-        expect(eas_query_tag(text(which.cluster), default_frequency, text(which.user),
-                             text(which.tag), &count, &tags),
-               "eas_query_tag");
-    });
-    free_tags(tags, count);
-    expect(count - expected, "number of tags");
-    return time;
-}
-
-void library_select(const Which& which) {
-    int frequency = 0;
-    double change = 0;
-    expect(eas_auto_select_frequency(text(which.cluster), default_frequency, text(which.user),
-                                     text(which.tag), text("minimize_energy"), &frequency, &change),
-           "eas_auto_select_frequency");
-}
-
-void library_generate(const Which& which) {
-    std::array<double, 3> counters{2e14, 1e14, 5e12};
-    expect(eas_generate_tag(text(which.cluster), default_frequency, text(which.user),
-                            text(which.tag), counters.data(), text("1234567.0"), 1000, 300.0),
-           "eas_generate_tag");
-}
-
-void library_remove(const Which& which) {
-    int count = 0;
-    char** users = nullptr;
-    char** names = nullptr;
-    expect(eas_remove_tag(text(which.cluster), default_frequency, text(which.user), text(which.tag),
-                          &count, &users, &names),
-           "eas_remove_tag");
-    for (int i = 0; i < count; ++i) {
-        std::free(users[i]);
-        std::free(names[i]);
-    }
-    std::free(users);
-    std::free(names);
-    expect(count - 1, "removed tags");
-}
 
 // --- works: one call each, on a tag of its own where it writes ---
 
@@ -176,64 +86,6 @@ std::vector<Operation> operations() {
 }
 
 // --- the program again, for what needs a process of its own ---
-
-/// A child that runs this program with other arguments; `run` asks it for one figure.
-class OtherProcess {
-  public:
-    OtherProcess(std::vector<std::string> arguments, const std::string& sysini) {
-        int requests[2], answers[2];
-        if (::pipe(requests) != 0 || ::pipe(answers) != 0)
-            throw std::runtime_error("pipe");
-        pid_ = ::fork();
-        if (pid_ == 0) {
-            ::dup2(requests[0], 0);
-            ::dup2(answers[1], 1);
-            for (const int fd : {requests[0], requests[1], answers[0], answers[1]})
-                ::close(fd);
-            ::setenv("ODBCSYSINI", sysini.c_str(), 1);
-            std::vector<char*> argv{text("scheduler_bench")};
-            for (const std::string& argument : arguments)
-                argv.push_back(text(argument));
-            argv.push_back(nullptr);
-            ::execv("/proc/self/exe", argv.data());
-            ::_exit(127);
-        }
-        ::close(requests[0]);
-        ::close(answers[1]);
-        requests_ = requests[1];
-        answers_ = answers[0];
-    }
-    ~OtherProcess() {
-        ::close(requests_);
-        ::close(answers_);
-        ::waitpid(pid_, nullptr, 0);
-    }
-    OtherProcess(const OtherProcess&) = delete;
-    OtherProcess& operator=(const OtherProcess&) = delete;
-
-    double run() {
-        double answer = 0;
-        if (::write(requests_, "!", 1) != 1 ||
-            ::read(answers_, &answer, sizeof answer) != sizeof answer)
-            throw std::runtime_error("the other process failed");
-        return answer;
-    }
-
-  private:
-    pid_t pid_ = -1;
-    int requests_ = -1;
-    int answers_ = -1;
-};
-
-int serve(const std::function<double()>& answer) {
-    char request = 0;
-    while (::read(0, &request, 1) == 1) {
-        const double figure = answer();
-        if (::write(1, &figure, sizeof figure) != sizeof figure)
-            return 1;
-    }
-    return 0;
-}
 
 int serve_operation(const std::string& name) {
     library_initialise();
@@ -292,7 +144,7 @@ class Bench {
         ::setenv("ODBCINI_FOLDER", database_.folder().c_str(), 1);
         database_.seed_coefficients(model_cluster, default_frequency, 1200000, 100000,
                                     frequencies_per_tag);
-        std::ofstream(database_.folder() / "thresholds.conf")
+        std::ofstream(database_.folder().string() + threshold_file)
             << "Begin Min_Energy\nTHRESHOLD_RUNTIME_VAR = 5\nEnd Min_Energy\n"
             << "Begin Min_Time\nCPU_FREQ RUNTIME_VAR\n2400MHz -3\n2700MHz -10\nEnd Min_Time\n";
         if (engine == Engine::sqlite)

@@ -34,6 +34,9 @@ eas_install_man_page(${pages}/eas_query_tag.3 development eas_remove_tag)
 eas_install_man_page(${pages}/getenrusage.3 development getearusage verify_qpx sysfs_read_file
                      sysfs_get_one_value)
 eas_install_man_page(${pages}/drop_priv_temp.3 development drop_priv_perm restore_priv)
+eas_install_man_page(${pages}/easnode.3 development easnode_error_text)
+eas_install_man_page(${pages}/easnode_meter_open.3 development easnode_meter_read
+                     easnode_meter_source easnode_meter_close)
 eas_install_man_page(
     ${pages}/easnode_frequency.3 development
     easnode_frequency_open easnode_frequency_close easnode_frequency_describe

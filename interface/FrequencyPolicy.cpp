@@ -17,23 +17,23 @@ eas::FrequencyChoice fall_back(const EnergyTag& tag) {
 }
 
 eas::FrequencyChoice least_energy(const EnergyTag& tag, const EnergyPerfThreshold& thresholds) {
-    const auto& saving = tag.energy_saving_pct_array();
     double best = 0.0;
     eas::FrequencyChoice choice{0, 0.0};
-    for (std::size_t i = 0; i < saving.size(); ++i) {
-        if (!eas::is_energy_candidate(tag, i, thresholds) || !(best > saving[i]))
+    for (const eas::TagRow& row : tag.rows()) {
+        if (!eas::is_energy_candidate(row, tag.default_frequency(), thresholds) ||
+            !(best > row.energy_change))
             continue;
-        best = saving[i];
-        choice = {tag.frequency_array()[i], tag.perf_degrad_pct_array()[i]};
+        best = row.energy_change;
+        choice = {row.frequency, row.time_change};
     }
     return choice.frequency == 0 || best > tolerance ? fall_back(tag) : choice;
 }
 
 eas::FrequencyChoice least_time(const EnergyTag& tag, const EnergyPerfThreshold& thresholds) {
-    for (std::size_t i = tag.frequency_array().size(); i-- > 0;) {
-        if (eas::is_time_candidate(tag, i, thresholds)) {
-            return {tag.frequency_array()[i], tag.perf_degrad_pct_array()[i]};
-        }
+    for (std::size_t i = tag.rows().size(); i-- > 0;) {
+        const eas::TagRow row = tag.row(i);
+        if (eas::is_time_candidate(row, tag.default_frequency(), thresholds))
+            return {row.frequency, row.time_change};
     }
     return fall_back(tag);
 }
@@ -58,21 +58,19 @@ FrequencyChoice select_frequency(const EnergyTag& tag, std::string_view policy,
     return {0, 0.0};
 }
 
-bool is_energy_candidate(const EnergyTag& tag, std::size_t i,
+bool is_energy_candidate(const TagRow& row, int default_frequency,
                          const EnergyPerfThreshold& thresholds) {
     const double limit = thresholds.get_def_perf() / 100.0;
-    return tag.perf_degrad_pct_array()[i] - limit < tolerance &&
-           tag.frequency_array()[i] <= tag.default_frequency();
+    return row.time_change - limit < tolerance && row.frequency <= default_frequency;
 }
 
-bool is_time_candidate(const EnergyTag& tag, std::size_t i, const EnergyPerfThreshold& thresholds) {
-    const int frequency = tag.frequency_array()[i];
-    if (frequency < tag.default_frequency())
+bool is_time_candidate(const TagRow& row, int default_frequency,
+                       const EnergyPerfThreshold& thresholds) {
+    if (row.frequency < default_frequency)
         return false;
     // Limits per frequency are kept as fractions, unlike the general limit, a percentage.
-    const auto limit = thresholds.getThresValue().find(frequency);
-    return limit != thresholds.getThresValue().end() &&
-           tag.perf_degrad_pct_array()[i] - limit->second < tolerance;
+    const auto limit = thresholds.getThresValue().find(row.frequency);
+    return limit != thresholds.getThresValue().end() && row.time_change - limit->second < tolerance;
 }
 
 }  // namespace eas

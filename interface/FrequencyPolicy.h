@@ -1,10 +1,9 @@
 // The selection rule: which frequency a job's tag and the site's thresholds lead to.
 //
-// Frequencies are KHz; changes are fractions, negative energy change saves, positive run-time
+// Frequencies are kHz; changes are fractions, negative energy change saves, positive run-time
 // change is slower.
 #pragma once
 
-#include <cstddef>
 #include <string>
 #include <string_view>
 
@@ -17,11 +16,13 @@ void selectedFrequencyPolicy(const EnergyTag& etag, const std::string& policy, i
 
 namespace eas {
 
+struct TagRow;
+
 inline constexpr std::string_view minimize_energy = "minimize_energy";
 inline constexpr std::string_view minimize_time = "minimize_time";
 
 struct FrequencyChoice {
-    int frequency;    // KHz; 0 for an unknown policy
+    int frequency;    // kHz; 0 for an unknown policy
     double time_var;  // expected run-time change; 0 when the default frequency is the fall-back
 };
 
@@ -29,13 +30,14 @@ struct FrequencyChoice {
 FrequencyChoice select_frequency(const EnergyTag& tag, std::string_view policy,
                                  const EnergyPerfThreshold& thresholds);
 
-/// Whether row `i` of `tag` may be selected under "minimize_energy": it does not lie above the
+/// Whether a row of a tag may be selected under "minimize_energy": it does not lie above the
 /// default frequency and loses no more time than the site's general limit allows.
-bool is_energy_candidate(const EnergyTag& tag, std::size_t i,
+bool is_energy_candidate(const TagRow& row, int default_frequency,
                          const EnergyPerfThreshold& thresholds);
 
-/// Whether row `i` of `tag` may be selected under "minimize_time": it does not lie below the
-/// default frequency and gains at least the time that the site demands of its frequency.
-bool is_time_candidate(const EnergyTag& tag, std::size_t i, const EnergyPerfThreshold& thresholds);
+/// Whether a row of a tag may be selected under "minimize_time": it does not lie below the default
+/// frequency and gains at least the time that the site demands of its frequency.
+bool is_time_candidate(const TagRow& row, int default_frequency,
+                       const EnergyPerfThreshold& thresholds);
 
 }  // namespace eas

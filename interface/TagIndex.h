@@ -4,24 +4,12 @@
 
 #include <cstddef>
 #include <set>
-#include <string_view>
 #include <vector>
 
 #include "common/model/EnergyTag.h"
+#include "common/model/TagKey.h"
 
 namespace eas {
-
-/// What identifies a tag: rows with the same key are rows of one tag.
-struct TagKey {
-    std::string_view cluster;
-    std::string_view name;
-    std::string_view user;
-    int default_frequency;  // KHz
-
-    [[nodiscard]] static TagKey of(const EnergyTag& tag);
-    [[nodiscard]] bool operator==(const TagKey& other) const;
-    [[nodiscard]] bool operator<(const TagKey& other) const;
-};
 
 class TagIndex {
   public:

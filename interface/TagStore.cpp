@@ -83,18 +83,18 @@ int read_tags(DBConnection* conn, const eas::TagRequest& request, std::vector<En
     return -1;
 }
 
-void fill_row(const EnergyTag& tag, std::size_t i, TQVN_EnergyPolicyTag& row) {
+void fill_row(const EnergyTag& tag, const eas::TagRow& prediction, TQVN_EnergyPolicyTag& row) {
     eas::copy_as_format(row._energy_tag_name, tag.energy_tag_name());
     eas::copy_as_format(row._user_name, tag.user_name());
     eas::copy_as_format(row._cluster_name, tag.cluster_name());
     eas::copy_as_format(row._job_id, tag.job_step_id());
     row._default_frequency = tag.default_frequency();
     row._create_time = tag.create_time();
-    row._frequency = tag.frequency_array()[i];
-    row._predict_power = tag.predict_power_array()[i];
-    row._energy_saving_pct = tag.energy_saving_pct_array()[i];
-    row._predict_elapse_time = tag.predict_elapse_time_array()[i];
-    row._perf_degrad_pct = tag.perf_degrad_pct_array()[i];
+    row._frequency = prediction.frequency;
+    row._predict_power = prediction.power;
+    row._energy_saving_pct = prediction.energy_change;
+    row._predict_elapse_time = prediction.seconds;
+    row._perf_degrad_pct = prediction.time_change;
 }
 
 /// A list of heap strings that is freed with its entries unless it is handed out.
@@ -180,15 +180,14 @@ int read_tags_from_db(DBConnection* conn, const std::string& cluster_name, int d
 }
 
 int load_etag_into_db(DBConnection* conn, const EnergyTag& etag) {
-    const std::size_t rows = etag.frequency_array().size();
-    if (rows == 0)
+    if (etag.available() == 0)
         return -1;
     eas::Transaction transaction(*conn);
     TxObject tx(conn);
     TQVN_EnergyPolicyTag row;
     row.selectAll();
-    for (std::size_t i = 0; i < rows; ++i) {
-        fill_row(etag, i, row);
+    for (const eas::TagRow& prediction : etag.rows()) {
+        fill_row(etag, prediction, row);
         if (tx.insert(&row, false) != 0)
             return -1;
     }

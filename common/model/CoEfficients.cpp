@@ -5,7 +5,6 @@
 #include <utility>
 
 #include "base/Numbers.h"
-#include "common/model/ParallelArrays.h"
 
 CoEfficients& CoEfficients::operator=(CoEfficients& other) {
     CoEfficients copy(other);
@@ -24,14 +23,15 @@ void CoEfficients::setArrayData(int freq, double a, double b, double c, double d
     factor_f.push_back(f);
 }
 
+void CoEfficients::add_row(const eas::ModelRow& row) {
+    const auto [a, b, c, d, e, f] = row.factors;
+    setArrayData(row.frequency, a, b, c, d, e, f);
+}
+
 int CoEfficients::getDefaultFrequency() const {
-    // A signed comparison: a negative coefficient counts as zero.
-    constexpr double zero = 1e-6;
     for (std::size_t i = frequencies.size(); i-- > 0;) {
-        if (factor_a[i] < zero && factor_b[i] < zero && factor_c[i] < zero && factor_d[i] < zero &&
-            factor_e[i] < zero && factor_f[i] < zero) {
+        if (row(i).marks_default())
             return frequencies[i];
-        }
     }
     return 0;
 }
@@ -47,11 +47,10 @@ int CoEfficients::getCoeffFreqIndex(int freq) const {
 
 void CoEfficients::displayCoEfficients() const {
     const eas::CLocaleScope c_locale;
-    for (std::size_t i = 0; i < frequencies.size(); ++i) {
-        if (frequencies[i] == -1)
-            continue;
-        std::printf("frequency = %d, A = %f, B = %f, C = %f, D = %f, E = %f, F = %f\n",
-                    frequencies[i], factor_a[i], factor_b[i], factor_c[i], factor_d[i], factor_e[i],
-                    factor_f[i]);
+    for (const auto& [frequency, factors] : rows()) {
+        const auto [a, b, c, d, e, f] = factors;
+        if (frequency != -1)
+            std::printf("frequency = %d, A = %f, B = %f, C = %f, D = %f, E = %f, F = %f\n",
+                        frequency, a, b, c, d, e, f);
     }
 }

@@ -1,12 +1,15 @@
 // The model of one cluster: for every processor frequency the six coefficients of the predictions.
 //
-// Frequencies are in KHz, in the order in which the rows were added (ascending, as loaded from the
+// Frequencies are in kHz, in the order in which the rows were added (ascending, as loaded from the
 // database). The row whose coefficients are all near zero marks the default frequency, at which
 // jobs are measured. A set is filled by one thread and only read afterwards.
 #pragma once
 
 #include <string>
 #include <vector>
+
+#include "common/model/ModelRow.h"
+#include "common/model/ParallelArrays.h"
 
 class CoEfficients {
   public:
@@ -24,6 +27,15 @@ class CoEfficients {
 
     /// Appends one row; when memory is short this throws and leaves the set as it was.
     void setArrayData(int freq, double a, double b, double c, double d, double e, double f);
+    /// The same.
+    void add_row(const eas::ModelRow& row);
+
+    /// Row `i`, below total_frequencies().
+    [[nodiscard]] eas::ModelRow row(std::size_t i) const {
+        return {frequencies[i],
+                {factor_a[i], factor_b[i], factor_c[i], factor_d[i], factor_e[i], factor_f[i]}};
+    }
+    [[nodiscard]] eas::RowRange<CoEfficients> rows() const { return {*this, frequencies.size()}; }
 
     int total_frequencies() const { return static_cast<int>(frequencies.size()); }
     const std::vector<int>& frequencyArray() const { return frequencies; }
@@ -34,7 +46,7 @@ class CoEfficients {
     const std::vector<double>& CoEfficientE_Array() const { return factor_e; }
     const std::vector<double>& CoEfficientF_Array() const { return factor_f; }
 
-    /// The frequency of the last row whose six coefficients are all below 1e-6; 0 without one.
+    /// The frequency of the last row that marks one; 0 without one.
     int getDefaultFrequency() const;
     /// The frequency of the last row, 0 for an empty set.
     int getNominalFrequency() const;

@@ -55,29 +55,26 @@ int CoEffsFromFile::read_row(char* line) {
     std::array<double, 6> f{};
     if (split_values(colon + 1, f) != f.size())
         return BAD_COEFFICIENTS_FORMAT;
-    rows.setArrayData(eas::to_int(line), f[0], f[1], f[2], f[3], f[4], f[5]);
+    rows.add_row({eas::to_int(line), f});
     return 0;
 }
 
 int CoEffsFromFile::VecToCoEfficients(CoEfficients* target) const {
     if (target == nullptr)
         return -1;
-    const std::vector<int>& frequencies = getFrequencies();
-    for (std::size_t i = 0; i < frequencies.size(); ++i) {
-        target->setArrayData(frequencies[i], getFactorA()[i], getFactorB()[i], getFactorC()[i],
-                             getFactorD()[i], getFactorE()[i], getFactorF()[i]);
-    }
-    return static_cast<int>(frequencies.size());
+    for (const eas::ModelRow& row : rows.rows())
+        target->add_row(row);
+    return rows.total_frequencies();
 }
 
 void CoEffsFromFile::print_file_coefficients() const {
     const eas::CLocaleScope c_locale;
-    const std::vector<int>& frequencies = getFrequencies();
-    for (std::size_t i = 0; i < frequencies.size(); ++i) {
+    int i = 0;
+    for (const auto& [frequency, factors] : rows.rows()) {
+        const auto [a, b, c, d, e, f] = factors;
         // The missing commas are part of the listing's format.
         std::printf(
-            "[%d] %10d: A = %10.4f, B = %10.4f C = %10.4f, D = %10.4f E = %10.4f F = %10.4f\n",
-            static_cast<int>(i), frequencies[i], getFactorA()[i], getFactorB()[i], getFactorC()[i],
-            getFactorD()[i], getFactorE()[i], getFactorF()[i]);
+            "[%d] %10d: A = %10.4f, B = %10.4f C = %10.4f, D = %10.4f E = %10.4f F = %10.4f\n", i++,
+            frequency, a, b, c, d, e, f);
     }
 }

@@ -1,6 +1,6 @@
 // Reader of a cluster's coefficients from a text file, a stand-in for the database.
 //
-// One row per line: "2400000:0.98,12.5,40.1,1.02,0.6,0.03", the frequency in KHz, then A to F. A
+// One row per line: "2400000:0.98,12.5,40.1,1.02,0.6,0.03", the frequency in kHz, then A to F. A
 // line that begins with "#" is skipped, in others the text from "#" on; there are no blank lines.
 // Numbers are read as by atoi and atof, in the "C" locale. Used by one thread at a time.
 #pragma once

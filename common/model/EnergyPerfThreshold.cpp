@@ -1,10 +1,10 @@
 #include "common/model/EnergyPerfThreshold.h"
 
-#include <algorithm>
 #include <array>
 #include <climits>
 #include <cstring>
 #include <exception>
+#include <optional>
 #include <utility>
 
 #include "base/CancelState.h"
@@ -12,18 +12,15 @@
 #include "base/FatalAssertion.h"
 #include "base/Numbers.h"
 #include "base/UniqueFile.h"
+#include "common/model/Interpolation.h"
 #include "common/model/TextHelpers.h"
+#include "common/model/ThresholdLines.h"
 
+using eas::LineVerdict;
 using namespace eas::threshold_keyword;
 using namespace std::string_view_literals;  // "..."sv compares without a call to bind at load
 
 namespace {
-
-constexpr std::string_view blanks = " \t";
-
-bool matches(std::string_view line, std::string_view keyword) {
-    return eas::compare_section(line, keyword) == 0;
-}
 
 /// What a line holds besides comments and surrounding white space; empty for none. Cuts in place.
 const char* content_of(char* line) {
@@ -31,116 +28,82 @@ const char* content_of(char* line) {
     return ltrunc(line);
 }
 
-/// `value` of "key = value" lines whose key is TKEY; negative for any other line.
-double limit_in(const std::string& line) {
-    constexpr double none = -1.0;
-    const std::string_view text = line;
-    const std::size_t equals = text.find('=');
-    if (equals == std::string_view::npos || equals == 0 || equals + 1 == text.size())
-        return none;
-    std::string_view key = text.substr(0, equals);
-    key = key.substr(0, key.find_first_of(blanks));
-    if (!matches(key, TKEY))
-        return none;
-    const std::size_t blank = text.find_last_of(blanks);
-    const bool blank_in_value = blank != std::string_view::npos && blank > equals;
-    const char* value = line.c_str() + (blank_in_value ? blank : equals) + 1;
-    return isfloat(value) != 0 ? eas::to_double(value) : none;
-}
+}  // namespace
 
-/// The frequency written as "2.6GHz", "2600MHz", "2600000KHz" or, in GHz, "2.6"; false when it is
-/// none of these. `freq` then holds what the last attempt gave.
-bool read_frequency(const EnergyPerfThreshold& reader, const std::string& str, int& freq) {
-    freq = reader.get_freq_by_unit(str, "GHz");
-    if (freq < 1)
-        freq = reader.get_freq_by_unit(str, "MHz");
-    if (freq < 1)
-        freq = reader.get_freq_by_unit(str, "KHz");
-    if (freq >= 1)
-        return true;
-    if (freq != 0 || isfloat(str.c_str()) == 0)
-        return false;
-    freq = eas::truncate_to_int(1e6 * eas::to_double(str.c_str()));
-    return true;
-}
+/// A section of the file, as far as it is read.
+struct EnergyPerfThreshold::Section {
+    enum class State { unopened, open, done, refused };
 
-/// Fills the gaps of a time section. Position k is the k-th frequency from the default one up, as
-/// the set lists them.
-class Interpolation {
+    void open_at(int line) {
+        state = State::open;
+        opened = line;
+    }
+    void add(const char* text, int line) {
+        lines.emplace_back(text);
+        numbers.push_back(line);
+    }
+    [[nodiscard]] bool is(State wanted) const { return state == wanted; }
+
+    State state = State::unopened;
+    int opened = 0;  // the line
+    std::vector<std::string> lines;
+    std::vector<int> numbers;  // of the lines
+};
+
+/// Tells what becomes of a section's lines, if there is a listener.
+class EnergyPerfThreshold::Report {
   public:
-    Interpolation(std::map<int, double>& values, const std::vector<int>& all, int default_index)
-        : values_(values), frequencies_(all.begin() + default_index, all.end()) {}
+    Report() = default;
+    Report(eas::ThresholdListener* listener, const Section& section)
+        : listener_(listener), section_(&section) {}
 
-    /// False when a gap has no end point to start from.
-    bool fill_gaps() {
-        std::vector<bool> known;
-        known.reserve(frequencies_.size());
-        for (const int f : frequencies_)
-            known.push_back(values_.count(f) > 0);
-
-        bool in_gap = false;
-        std::size_t lo = 0;  // the last known position before the gap
-        for (std::size_t k = 0; k < frequencies_.size(); ++k) {
-            if (!known[k] && !in_gap) {
-                if (k == 0)
-                    return false;
-                in_gap = true;
-                lo = k - 1;
-            } else if (known[k] && in_gap) {
-                in_gap = false;
-                fill_between(lo, k);
-            }
-        }
-        return !in_gap || extend_from(lo);
+    void line(std::size_t i, LineVerdict verdict, std::string_view text = {}, int frequency = 0,
+              int other = 0) const {
+        if (listener_ != nullptr)
+            listener_->hear({verdict, section_->numbers[i], text, frequency, other});
+    }
+    /// Of two lines only one counts.
+    void superseded(std::size_t i, LineVerdict verdict, std::size_t by) const {
+        if (listener_ != nullptr)
+            line(i, verdict, {}, 0, section_->numbers[by]);
+    }
+    void section(LineVerdict verdict) const {
+        if (listener_ != nullptr)
+            listener_->hear({verdict, section_->opened, {}, 0, 0});
     }
 
   private:
-    double& at(std::size_t position) { return values_[frequencies_[position]]; }
-
-    /// Writes the positions after `start`, up to `last`.
-    void write_line(std::size_t start, std::size_t last, double base) {
-        for (std::size_t t = 1; t <= last - start; ++t) {
-            at(start + t) = static_cast<double>(t) * slope_ + base;
-        }
-    }
-
-    void fill_between(std::size_t lo, std::size_t hi) {
-        const double v_lo = at(lo);
-        slope_ = (at(hi) - v_lo) / static_cast<double>(hi - lo);
-        write_line(lo, hi, v_lo);
-        base_ = at(hi);
-    }
-
-    bool extend_from(std::size_t lo) {
-        // A slope that climbs goes on from the end of the gap it was found in, wherever `lo` is:
-        // sites rely on the thresholds that this gives.
-        if (slope_ < 1e-7) {
-            if (lo == 0)
-                return false;
-            slope_ = at(lo) - at(lo - 1);
-            base_ = at(lo);
-        }
-        write_line(lo, frequencies_.size() - 1, base_);
-        return true;
-    }
-
-    std::map<int, double>& values_;
-    std::vector<int> frequencies_;
-    double slope_ = 0.0;  // percent per position
-    double base_ = 0.0;   // percent
+    eas::ThresholdListener* listener_ = nullptr;
+    const Section* section_ = nullptr;
 };
 
-}  // namespace
+/// One pass over a file.
+struct EnergyPerfThreshold::Reading {
+    /// The next line with content, trimmed; null at the end. Valid until the next call.
+    const char* next(std::FILE* stream) {
+        while (std::fgets(buffer.data(), static_cast<int>(buffer.size()), stream) != nullptr) {
+            line = next_line;
+            next_line += std::strchr(buffer.data(), '\n') != nullptr ? 1 : 0;  // else it goes on
+            const char* text = content_of(buffer.data());
+            if (*text != '\0')
+                return text;
+        }
+        return nullptr;
+    }
+    void tell(LineVerdict verdict, int at, std::string_view text = {}) const {
+        if (listener != nullptr)
+            listener->hear({verdict, at, text, 0, 0});
+    }
+    [[nodiscard]] bool done() const {
+        return energy.is(Section::State::done) && time.is(Section::State::done);
+    }
 
-struct EnergyPerfThreshold::Sections {
-    enum class State { unopened, open, done };
-
-    bool done() const { return energy == State::done && time == State::done; }
-
-    State energy = State::unopened;
-    State time = State::unopened;
-    std::vector<std::string> energy_lines;
-    std::vector<std::string> time_lines;
+    eas::ThresholdListener* listener;
+    std::array<char, 1024> buffer{};
+    int line = 0;
+    int next_line = 1;
+    Section energy{};
+    Section time{};
 };
 
 EnergyPerfThreshold::EnergyPerfThreshold(CoEfficients* coefficients, const char* file)
@@ -163,111 +126,137 @@ void EnergyPerfThreshold::readThresholds(const char* file) {
         parseThresholds(stream.get());
 }
 
-void EnergyPerfThreshold::parseThresholds(std::FILE* stream) try {
-    Sections sections;
-    std::array<char, 1024> buffer;
-    while (std::fgets(buffer.data(), static_cast<int>(buffer.size()), stream) != nullptr) {
-        const char* text = content_of(buffer.data());
-        if (*text == '\0')
-            continue;
+void EnergyPerfThreshold::parseThresholds(std::FILE* stream, eas::ThresholdListener* listener) try {
+    Reading reading{listener};
+    while (const char* text = reading.next(stream)) {
         all_comment_out = false;
-        if (take_line(text, sections) != 0)
+        if (take_line(text, reading) != 0)
             break;
-        if (sections.done()) {
+        if (reading.done()) {
             valid = true;
             displayThresholds();
+            if (listener != nullptr && reading.next(stream) != nullptr)
+                reading.tell(LineVerdict::rest_unread, reading.line);
             return;
         }
     }
     if (std::ferror(stream) != 0)
         return;  // a folder can be opened, but not read
-    default_missing(sections);
-    if (sections.done())
-        valid = true;
+    default_missing(reading);
+    valid = valid || reading.done();
 } catch (const std::exception&) {
     // No memory for it: not valid, unless only the debug output was left to do.
 }
 
 /// Not 0 when the line closes a time section that is wrong.
-int EnergyPerfThreshold::take_line(const std::string& line, Sections& sections) {
-    using State = Sections::State;
-    if (sections.energy == State::open) {
-        if (matches(line, EEND)) {
-            get_perf_threshold(sections.energy_lines);
-            sections.energy = State::done;
+int EnergyPerfThreshold::take_line(const char* text, Reading& reading) {
+    using State = Section::State;
+    Section& energy = reading.energy;
+    Section& time = reading.time;
+    if (energy.is(State::open)) {
+        if (!eas::matches_keyword(text, EEND)) {
+            energy.add(text, reading.line);
         } else {
-            sections.energy_lines.push_back(line);
+            take_limit(energy.lines, Report(reading.listener, energy));
+            energy.state = State::done;
         }
-    } else if (sections.time == State::open) {
-        if (matches(line, TEND)) {
-            if (get_time_threshhold(sections.time_lines) != 0)
-                return 1;
-            sections.time = State::done;
+    } else if (time.is(State::open)) {
+        if (!eas::matches_keyword(text, TEND)) {
+            time.add(text, reading.line);
         } else {
-            sections.time_lines.push_back(line);
+            const int wrong = take_demands(time.lines, Report(reading.listener, time));
+            time.state = wrong != 0 ? State::refused : State::done;
+            return wrong;
         }
-    } else if (sections.energy == State::unopened && matches(line, EBEG)) {
-        sections.energy = State::open;
-    } else if (sections.time == State::unopened && matches(line, TBEG)) {
-        sections.time = State::open;
+    } else if (energy.is(State::unopened) && eas::matches_keyword(text, EBEG)) {
+        energy.open_at(reading.line);
+    } else if (time.is(State::unopened) && eas::matches_keyword(text, TBEG)) {
+        time.open_at(reading.line);
+    } else {
+        reading.tell(LineVerdict::outside, reading.line, text);
     }
     return 0;
 }
 
-void EnergyPerfThreshold::default_missing(Sections& sections) {
-    using State = Sections::State;
-    if (sections.energy == State::unopened) {
-        perf_threshold = 0.0;
-        sections.energy = State::done;
+void EnergyPerfThreshold::default_missing(Reading& reading) {
+    using State = Section::State;
+    for (const auto& [section, end] :
+         {std::pair(&reading.energy, EEND), std::pair(&reading.time, TEND)}) {
+        if (section->is(State::open))
+            reading.tell(LineVerdict::never_closed, section->opened, end);
     }
-    // Nothing lies above the default frequency: nothing to demand.
-    if (sections.time == State::unopened && coeffs != nullptr &&
-        coeffs->getDefaultFrequency() == coeffs->getNominalFrequency()) {
-        thresval.clear();
-        sections.time = State::done;
+    if (reading.energy.is(State::unopened)) {
+        perf_threshold = 0.0;
+        reading.energy.state = State::done;
+    }
+    if (!reading.time.is(State::unopened))
+        return;
+    if (coeffs != nullptr && coeffs->getDefaultFrequency() == coeffs->getNominalFrequency()) {
+        thresval.clear();  // no frequency is above the default one: none demands a change
+        reading.time.state = State::done;
+    } else {
+        reading.tell(LineVerdict::no_time_section, 0);
     }
 }
 
 int EnergyPerfThreshold::get_perf_threshold(const std::vector<std::string>& lines) {
-    if (lines.empty())
-        return 1;
-    perf_threshold = 0.0;
-    for (const std::string& line : lines) {
-        const double limit = limit_in(line);
-        if (limit < 0.0)
+    return take_limit(lines, Report());
+}
+
+int EnergyPerfThreshold::take_limit(const std::vector<std::string>& lines, const Report& report) {
+    if (!lines.empty())
+        perf_threshold = 0.0;
+    std::optional<std::size_t> counts;
+    for (std::size_t i = 0; i < lines.size(); ++i) {
+        if (counts) {
+            report.superseded(i, LineVerdict::limit_given_before, *counts);
             continue;
-        perf_threshold = limit;
-        break;
+        }
+        const eas::LimitLine read = eas::read_limit(lines[i]);
+        report.line(i, read.verdict, read.text);
+        if (read.verdict == LineVerdict::limit) {
+            perf_threshold = read.percent;
+            counts = i;
+        }
     }
-    return 0;
+    if (!counts)
+        report.section(LineVerdict::no_limit);
+    return lines.empty() ? 1 : 0;
 }
 
 int EnergyPerfThreshold::get_time_threshhold(const std::vector<std::string>& lines) {
-    if (lines.empty() || coeffs == nullptr)
-        return 1;
-    const std::string_view header = lines[0];
-    if (header.find_first_of(blanks) == std::string_view::npos || !matches(header, FREQ_TVAR))
-        return 1;
-    const int default_frequency = coeffs->getDefaultFrequency();
-    std::vector<int> sorted = coeffs->frequencyArray();
-    std::sort(sorted.begin(), sorted.end());
+    return take_demands(lines, Report());
+}
 
-    std::map<int, double> values;
-    values[default_frequency] = 0.0;
-    for (std::size_t i = 1; i < lines.size(); ++i) {
-        const std::string_view line = lines[i];
-        const std::size_t first = line.find_first_of(blanks);
-        if (first == std::string_view::npos)
-            continue;
-        int freq = 0;
-        double tv = 0.0;
-        if (read_frequency(*this, std::string(line.substr(0, first)), freq) &&
-            freq > default_frequency && std::binary_search(sorted.begin(), sorted.end(), freq) &&
-            get_timevar(std::string(line.substr(line.find_last_of(blanks) + 1)), tv) == 0) {
-            values[freq] = tv;
-        }
+int EnergyPerfThreshold::take_demands(const std::vector<std::string>& lines, const Report& report) {
+    if (lines.empty() || coeffs == nullptr) {
+        report.section(LineVerdict::empty);
+        return 1;
     }
-    return linearData(values) != 0 ? 1 : 0;
+    if (!eas::is_time_header(lines[0])) {
+        report.line(0, LineVerdict::no_header, lines[0]);
+        return 1;
+    }
+    const eas::KnownFrequencies known(*coeffs);
+    std::map<int, double> values{{known.default_frequency(), 0.0}};
+    std::map<int, std::size_t> given;  // the line of a frequency
+    for (std::size_t i = 1; i < lines.size(); ++i) {
+        const eas::DemandLine read = eas::read_demand(*this, lines[i], known);
+        report.line(i, read.verdict, read.text, read.frequency);
+        if (read.verdict != LineVerdict::demand)
+            continue;
+        values[read.frequency] = read.percent;
+        const auto [entry, is_new] = given.emplace(read.frequency, i);
+        if (!is_new)
+            report.superseded(std::exchange(entry->second, i), LineVerdict::demand_given_again, i);
+    }
+    if (linearData(values) == 0)
+        return 0;
+    if (given.empty())
+        report.section(LineVerdict::no_demand);
+    else
+        report.line(given.rbegin()->second, LineVerdict::climbs);
+    return 1;
 }
 
 int EnergyPerfThreshold::linearData(std::map<int, double>& values) {
@@ -283,7 +272,7 @@ int EnergyPerfThreshold::linearData(std::map<int, double>& values) {
         thresval.clear();
         return 0;
     }
-    Interpolation interpolation(values, coeffs->frequencyArray(), default_index);
+    eas::Interpolation interpolation(values, coeffs->frequencyArray(), default_index);
     return interpolation.fill_gaps() ? convert(values) : -3;
 }
 
@@ -302,10 +291,8 @@ int EnergyPerfThreshold::convert(const std::map<int, double>& values) {
 }
 
 int EnergyPerfThreshold::get_freq(const std::string& str, int& freq) const {
-    const bool accepted = read_frequency(*this, str, freq) && coeffs != nullptr &&
-                          coeffs->getCoeffFreqIndex(freq) >= 0 &&
-                          freq > coeffs->getDefaultFrequency();
-    return accepted ? 0 : 1;
+    const eas::KnownFrequencies known(coeffs != nullptr ? *coeffs : CoEfficients());
+    return known.read(*this, str, freq) == LineVerdict::demand ? 0 : 1;
 }
 
 int EnergyPerfThreshold::get_freq_by_unit(const std::string& str, const std::string& unit) const {

@@ -23,6 +23,10 @@
 
 #include "common/model/CoEfficients.h"
 
+namespace eas {
+class ThresholdListener;
+}
+
 namespace eas::threshold_keyword {
 
 inline constexpr std::string_view EBEG = "Begin Min_Energy";
@@ -55,14 +59,15 @@ class EnergyPerfThreshold {
     bool isAllCommentOut() const { return all_comment_out; }
     /// The limit of minimize_energy, in percent.
     double get_def_perf() const { return perf_threshold; }
-    /// The run-time change that minimize_time demands at each frequency (KHz) from the default one
+    /// The run-time change that minimize_time demands at each frequency (kHz) from the default one
     /// up: fractions, at most 0.
     const std::map<int, double>& getThresValue() const { return thresval; }
 
     /// The outcome is isValid() and isAllCommentOut().
     void readThresholds(const char* file);
-    /// The same for an open stream.
-    void parseThresholds(std::FILE* stream);
+    /// The same for an open stream. `listener`, which may be null, hears of every line that counts
+    /// or is dropped, and why.
+    void parseThresholds(std::FILE* stream, eas::ThresholdListener* listener = nullptr);
 
     // The steps of reading; 0 on success. Lines are trimmed and hold no comment.
 
@@ -74,7 +79,7 @@ class EnergyPerfThreshold {
     int linearData(std::map<int, double>& values);
     /// Accepts a frequency of the set above the default one; `freq` is not meaningful otherwise.
     int get_freq(const std::string& str, int& freq) const;
-    /// KHz; 0 when the unit does not occur, negative for a bad number.
+    /// kHz; 0 when the unit does not occur, negative for a bad number.
     int get_freq_by_unit(const std::string& str, const std::string& unit) const;
     /// Accepts a number below 0; `tv` is 0.0 otherwise.
     int get_timevar(const std::string& str, double& tv) const;
@@ -83,9 +88,13 @@ class EnergyPerfThreshold {
     void displayThresholds() const;
 
   private:
-    struct Sections;
-    int take_line(const std::string& line, Sections& sections);
-    void default_missing(Sections& sections);
+    struct Section;
+    class Report;
+    struct Reading;
+    int take_line(const char* text, Reading& reading);
+    void default_missing(Reading& reading);
+    int take_limit(const std::vector<std::string>& lines, const Report& report);
+    int take_demands(const std::vector<std::string>& lines, const Report& report);
     int convert(const std::map<int, double>& values);
 
     bool valid = false;

@@ -1,28 +1,22 @@
 #include "common/model/EnergyTag.h"
 
 #include <algorithm>
-#include <cmath>
 #include <ctime>
 #include <exception>
 #include <utility>
 
 #include "base/Numbers.h"
-#include "common/model/ParallelArrays.h"
+#include "common/model/JobMetrics.h"
+#include "common/model/TagKey.h"
 
 namespace {
 
 constexpr double smallest_rate = 1e-7;    // of instructions, and of cycles per instruction
 constexpr double smallest_energy = 1e-7;  // J
 constexpr double smallest_power = 1e-6;   // W
-constexpr double no_change = 1e-7;
 
 bool has_row(const CoEfficients* coeffs, int fidx) {
     return coeffs != nullptr && fidx >= 0 && fidx < coeffs->total_frequencies();
-}
-
-/// Memory traffic in cache lines of 64 bytes per instruction.
-double lines_per_instruction(double gbs, double gips) {
-    return gbs / gips / 64.0;
 }
 
 /// predictTime with the set's default frequency at hand: deriving it costs a walk over the set.
@@ -31,13 +25,9 @@ int predict_time(const CoEfficients* coeffs, int fidx, int default_frequency, in
     // Written so that NaN is refused.
     if (!has_row(coeffs, fidx) || !(gips > smallest_rate) || !(cpi > smallest_rate))
         return -1;
-    const auto row = static_cast<std::size_t>(fidx);
-    const auto f0 = static_cast<double>(default_frequency);
-    const auto f = static_cast<double>(coeffs->frequencyArray()[row]);
-    const double x = lines_per_instruction(gbs, gips);
-    const double y = coeffs->CoEfficientD_Array()[row] * cpi +
-                     coeffs->CoEfficientE_Array()[row] * x + coeffs->CoEfficientF_Array()[row];
-    return eas::truncate_to_int(static_cast<double>(elapse_time) * y / cpi * f0 / f);
+    const eas::ModelRow row = coeffs->row(static_cast<std::size_t>(fidx));
+    return eas::truncate_to_int(
+        row.seconds(elapse_time, cpi, eas::lines_per_instruction(gbs, gips), default_frequency));
 }
 
 const char* or_empty(const char* text) {
@@ -69,9 +59,7 @@ EnergyTag& EnergyTag::operator=(const EnergyTag& other) {
 }
 
 bool EnergyTag::operator==(const EnergyTag& etag) const {
-    return this == &etag || (_default_frequency == etag._default_frequency &&
-                             _energy_tag_name == etag._energy_tag_name &&
-                             _username == etag._username && _cluster_name == etag._cluster_name);
+    return this == &etag || eas::TagKey::of(*this) == eas::TagKey::of(etag);
 }
 
 void EnergyTag::set_array_data(int frequency, double energy, double saving_pct, int time,
@@ -107,23 +95,25 @@ int EnergyTag::get_nominal_freq() const {
 }
 
 int EnergyTag::get_default_energy_index() const {
-    const std::size_t rows = _energy_saving_pct.size();
     std::size_t i = 0;
-    while (i < rows && !(std::fabs(_energy_saving_pct[i]) < no_change &&
-                         std::fabs(_perf_degrad_pct[i]) < no_change)) {
+    while (i < rows().size() && !row(i).is_measured())
         ++i;
-    }
     return static_cast<int>(i);
+}
+
+std::optional<eas::TagRow> EnergyTag::row_of(int frequency) const {
+    const auto found = std::find(_frequencies.begin(), _frequencies.end(), frequency);
+    if (found == _frequencies.end())
+        return std::nullopt;
+    return row(static_cast<std::size_t>(found - _frequencies.begin()));
 }
 
 double EnergyTag::predictPower(const CoEfficients* myCoEff, int fidx, double power_consumed,
                                double gbs, double gips) const {
     if (!has_row(myCoEff, fidx) || !(gips > smallest_rate))
         return -1.0;
-    const auto row = static_cast<std::size_t>(fidx);
-    const double x = lines_per_instruction(gbs, gips);
-    return myCoEff->CoEfficientA_Array()[row] * power_consumed +
-           (myCoEff->CoEfficientB_Array()[row] * x + myCoEff->CoEfficientC_Array()[row]);
+    return myCoEff->row(static_cast<std::size_t>(fidx))
+        .power(power_consumed, eas::lines_per_instruction(gbs, gips));
 }
 
 int EnergyTag::predictTime(const CoEfficients* myCoEff, int fidx, int elapse_time, double gbs,

@@ -1,16 +1,19 @@
 // An energy policy tag: what one job is predicted to do at every frequency of its cluster.
 //
-// Frequencies are in KHz, power is the mean of a node in W, times are in s, and the changes against
+// Frequencies are in kHz, power is the mean of a node in W, times are in s, and the changes against
 // the measured run are fractions (0.25 is 25 %; a negative energy change is a saving, a positive
 // run-time change a slow-down). A tag is used by one thread at a time.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "common/model/CoEfficients.h"
+#include "common/model/ParallelArrays.h"
+#include "common/model/TagRow.h"
 
 class EnergyTag {
   public:
@@ -52,6 +55,15 @@ class EnergyTag {
     const std::vector<int>& predict_elapse_time_array() const { return _predict_elapse_time; }
     const std::vector<double>& perf_degrad_pct_array() const { return _perf_degrad_pct; }
 
+    /// Row `i` of the arrays.
+    [[nodiscard]] eas::TagRow row(std::size_t i) const {
+        return {_frequencies[i], _predict_power[i], _energy_saving_pct[i], _predict_elapse_time[i],
+                _perf_degrad_pct[i]};
+    }
+    [[nodiscard]] eas::RowRange<EnergyTag> rows() const { return {*this, _frequencies.size()}; }
+    /// The first row of exactly this frequency.
+    [[nodiscard]] std::optional<eas::TagRow> row_of(int frequency) const;
+
     /// Appends one row; `energy` is its predicted power. When memory is short this throws and
     /// leaves the tag as it was.
     void set_array_data(int frequency, double energy, double saving_pct, int time,
@@ -63,7 +75,7 @@ class EnergyTag {
 
     /// The highest frequency of the rows, 0 without one.
     int get_nominal_freq() const;
-    /// The first row that neither saves nor loses anything, which is the measured one; the number
+    /// Which row is the measured one: the first that neither saves nor loses anything; the number
     /// of rows when there is none.
     int get_default_energy_index() const;
 
@@ -76,10 +88,10 @@ class EnergyTag {
 
     // The single predictions, for row `fidx` of the set.
 
-    /// W; -1.0 when nothing can be predicted.
+    /// W; -1.0 when there is no such row or the job's figures allow no prediction.
     double predictPower(const CoEfficients* myCoEff, int fidx, double power_consumed, double gbs,
                         double gips) const;
-    /// s, cut to whole ones; negative when nothing can be predicted.
+    /// s, cut to whole ones; negative where predictPower has no value, or without a pace.
     int predictTime(const CoEfficients* myCoEff, int fidx, int elapse_time, double gbs, double gips,
                     double cpi) const;
     /// 0, or -1 with `perfdpct` untouched when a time is below one second.
@@ -87,7 +99,7 @@ class EnergyTag {
     /// 0, or -1 with `engsavpct` untouched unless both energies are above 1e-7 J.
     int energySaving(double est_energy, double energy_consumed, double& engsavpct) const;
 
-    /// The report for people: frequencies in KHz when `unitk` is not 0, else in GHz. Empty for a
+    /// The report for people: frequencies in kHz when `unitk` is not 0, else in GHz. Empty for a
     /// tag without the measured row.
     std::string format_etag(int unitk) const;
     /// Dumps the tag on standard output.
@@ -97,7 +109,6 @@ class EnergyTag {
     struct Job;
     int predict_all(const CoEfficients& coeffs, const Job& job);
     int predict_row(const CoEfficients& coeffs, int fidx, const Job& job);
-    void append_report_line(std::string& out, std::size_t row, int unitk) const;
 
     std::string _cluster_name;
     std::string _energy_tag_name;

@@ -16,3 +16,13 @@ inline double GIPS(double instructions, int time_elapsed) {
 inline double CPI(double cycles, double instructions) {
     return cycles / instructions;
 }
+
+namespace eas {
+
+/// Memory traffic in cache lines of 64 bytes per instruction: from GB/s and GIPS, or from bytes and
+/// instructions.
+inline double lines_per_instruction(double traffic, double instructions) {
+    return traffic / instructions / 64.0;
+}
+
+}  // namespace eas

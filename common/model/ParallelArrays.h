@@ -25,4 +25,35 @@ void make_room_for_row(Arrays&... arrays) {
     (make_room(arrays), ...);
 }
 
+/// The rows of a class that keeps them so, for a loop: `for (const auto row : owner.rows())`. The
+/// owner gives row i by value as row(i), and outlives the range.
+template <typename Owner>
+class RowRange {
+  public:
+    RowRange(const Owner& owner, std::size_t count) : owner_(owner), count_(count) {}
+
+    class Iterator {
+      public:
+        Iterator(const Owner& owner, std::size_t at) : owner_(&owner), at_(at) {}
+        auto operator*() const { return owner_->row(at_); }
+        Iterator& operator++() {
+            ++at_;
+            return *this;
+        }
+        bool operator!=(const Iterator& other) const { return at_ != other.at_; }
+
+      private:
+        const Owner* owner_;
+        std::size_t at_;
+    };
+
+    [[nodiscard]] Iterator begin() const { return {owner_, 0}; }
+    [[nodiscard]] Iterator end() const { return {owner_, count_}; }
+    [[nodiscard]] std::size_t size() const { return count_; }
+
+  private:
+    const Owner& owner_;
+    std::size_t count_;
+};
+
 }  // namespace eas

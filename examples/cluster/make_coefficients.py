@@ -113,7 +113,7 @@ def khz(ghz):
 
 def write_coefficients(out):
     out.write("# Sample cluster: two sockets, 16 cores. Written by make_coefficients.py.\n")
-    out.write("# KHz:A,B,C,D,E,F   power = A P + B x + C   cycles/instruction = D cpi + E x + F\n")
+    out.write("# kHz:A,B,C,D,E,F   power = A P + B x + C   cycles/instruction = D cpi + E x + F\n")
     out.write(f"# The row of zeros is the default frequency, {DEFAULT} GHz.\n")
     for ghz in FREQUENCIES:
         values = ",".join("0" if v == 0.0 else f"{v:.6f}" for v in row(ghz))

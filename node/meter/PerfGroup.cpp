@@ -56,12 +56,12 @@ std::string why_no_event(const std::string& event, int error) {
     std::string text = event + ": " + error_name(error);
     switch (error) {
         case EACCES:
-    case EPERM: {
-        const auto level = read_text("/proc/sys/kernel/perf_event_paranoid");
-        return text + "; needs CAP_PERFMON, or perf_event_paranoid 0 or lower, which is " +
-               (level.good() ? level.text : "not known");
-    }
-    case EMFILE:
+        case EPERM: {
+            const auto level = read_text("/proc/sys/kernel/perf_event_paranoid");
+            return text + "; needs CAP_PERFMON, or perf_event_paranoid 0 or lower, which is " +
+                   (level.good() ? level.text : "not known");
+        }
+        case EMFILE:
             return text + " (RLIMIT_NOFILE)";
         case ENOENT:
         case EOPNOTSUPP:

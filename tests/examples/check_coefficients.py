@@ -1,11 +1,13 @@
 #!/usr/bin/env python3
-"""Checks the sample cluster: the files are what the script writes, and they predict well.
+"""Checks the sample cluster: easctl fits its coefficients, and they predict its machine.
 
-usage: check_coefficients.py FOLDER_OF_THE_CLUSTER
+usage: check_coefficients.py FOLDER_OF_THE_CLUSTER [EASCTL]
 """
 
 import csv
 import io
+import math
+import subprocess
 import sys
 
 sys.dont_write_bytecode = True
@@ -20,10 +22,35 @@ def text_of(name):
         return file.read()
 
 
-def written_by(writer):
-    out = io.StringIO()
-    writer(out)
-    return out.getvalue()
+def rows_of(coefficients):
+    rows = {}
+    for line in coefficients.splitlines():
+        if not line.startswith("#"):
+            khz, values = line.split(":")
+            rows[int(khz)] = [float(value) for value in values.split(",")]
+    return rows
+
+
+def measurements():
+    """What a calibration of the machine would measure."""
+    lines = ["kernel,frequency_khz,elapsed_s,power_w,cycles,instructions,memory_bytes"]
+    for ghz in machine.FREQUENCIES:
+        for kernel in machine.CALIBRATION:
+            cycles = machine.cycles_per_instruction(kernel, ghz) * 1e12
+            lines.append(f"{kernel.name},{machine.khz(ghz)},10,{machine.power(kernel, ghz)!r},"
+                         f"{cycles!r},1e12,{kernel.lines * machine.LINE_BYTES * 1e12!r}")
+    return "\n".join(lines) + "\n"
+
+
+def check_fit(easctl, coefficients):
+    default = str(machine.khz(machine.DEFAULT))
+    fit = subprocess.run([easctl, "model", "fit", "-", "--default-frequency", default],
+                         input=measurements(), capture_output=True, text=True, check=True)
+    fitted = rows_of(fit.stdout)
+    assert list(fitted) == list(coefficients)
+    for khz, values in coefficients.items():
+        for one, other in zip(values, fitted[khz]):
+            assert math.isclose(one, other, rel_tol=1e-6, abs_tol=2e-6), (khz, one, other)
 
 
 def predictions(coefficients, job):
@@ -32,12 +59,8 @@ def predictions(coefficients, job):
         float(job[column]) for column in ("cycles", "instructions", "memory_bytes")
     )
     seconds, cpi, lines = float(job["elapsed_s"]), cycles / instructions, traffic / instructions / 64
-    for line in coefficients.splitlines():
-        if line.startswith("#"):
-            continue
-        khz, values = line.split(":")
-        a, b, c, d, e, f = (float(value) for value in values.split(","))
-        ghz = int(khz) / 1e6
+    for khz, (a, b, c, d, e, f) in coefficients.items():
+        ghz = khz / 1e6
         if a == 0.0:
             assert ghz == machine.DEFAULT
             continue
@@ -63,10 +86,10 @@ def check_job(job, kernel, coefficients):
         assert seconds / float(job["elapsed_s"]) < max(1.0, machine.DEFAULT / ghz), where
 
 
-coefficient_text, jobs_text = text_of("coefficients.txt"), text_of("jobs.csv")
-assert coefficient_text == written_by(machine.write_coefficients), "run make_coefficients.py again"
-assert jobs_text == written_by(machine.write_jobs), "run make_coefficients.py jobs again"
-rows = list(csv.DictReader(io.StringIO(jobs_text)))
-assert len(rows) == len(machine.JOBS)
-for row, (_, _, _, _, its_kernel, _) in zip(rows, machine.JOBS):
-    check_job(row, its_kernel, coefficient_text)
+stored = rows_of(text_of("coefficients.txt"))
+jobs = list(csv.DictReader(io.StringIO(text_of("jobs.csv"))))
+assert len(jobs) == len(machine.JOBS)
+for its_job, (_, _, _, _, its_kernel, _) in zip(jobs, machine.JOBS):
+    check_job(its_job, its_kernel, stored)
+if len(sys.argv) > 2:
+    check_fit(sys.argv[2], stored)

@@ -28,13 +28,20 @@ c++ -std=c++17 "${strict[@]}" "$clients/client.cpp" -o "$scratch/cpp" "${flags[@
 cc -std=c11 "${strict[@]}" "$source/examples/scheduler.c" -o "$scratch/c" "${flags[@]}"
 "$scratch/c" --help
 "$scratch/cpp"
+read -ra flags <<<"$(pkg-config --cflags --libs easnode)"
+cc -std=c11 "${strict[@]}" "$source/examples/node_meter.c" -o "$scratch/node-c" "${flags[@]}"
+c++ -std=c++17 "${strict[@]}" "$clients/node_client.cpp" -o "$scratch/node-cpp" "${flags[@]}"
+"$scratch/node-c" -p true
+"$scratch/node-cpp"
 
 echo "CMake package"
 cmake -S "$clients" -B "$scratch/consumer" -DCMAKE_PREFIX_PATH="$prefix" \
-    -DC_CLIENT="$source/examples/scheduler.c"
+    -DC_CLIENT="$source/examples/scheduler.c" -DNODE_CLIENT="$source/examples/node_meter.c"
 cmake --build "$scratch/consumer"
 "$scratch/consumer/client-c" --help
 "$scratch/consumer/client-cpp"
+"$scratch/consumer/node-client-c" -p true
+"$scratch/consumer/node-client-cpp"
 
 echo "dlopen"
 cc -std=c11 "${strict[@]}" "$clients/loader.c" -o "$scratch/loader"

@@ -163,6 +163,21 @@ TEST(Prediction, IsRightToTheBit) {
     }
 }
 
+TEST(Prediction, TurnedRoundGivesWhatWasMeasured) {
+    const CoEfficients set = sample_set();
+    constexpr double watts = 287.43, cycles = 0.75, lines = 0.0417;
+    for (const eas::ModelRow& row : set.rows()) {
+        EXPECT_EQ(row.is_invertible(), !row.marks_default());
+        if (row.marks_default())
+            continue;
+        const double pace = row.pace(cycles, lines);
+        EXPECT_NEAR(row.power_at_default(row.power(watts, lines), lines), watts, 1e-10);
+        EXPECT_NEAR(row.pace_at_default(pace, lines), cycles, 1e-12);
+        const double seconds = row.seconds(3607, cycles, lines, 2400000);
+        EXPECT_NEAR(row.seconds_at_default(seconds, pace, lines, 2400000), 3607, 1e-9);
+    }
+}
+
 TEST(Prediction, LeavesAnEmptyTagWhenItCannotBeMade) {
     const CoEfficients set = sample_set();
     const CoEfficients no_default = eas_test::make_set({1200000, 2400000}, 0);

@@ -59,8 +59,8 @@ TEST(ModelFile, IsRefusedWithTheLineOfEveryFaultThatTheReaderWouldAccept) {
         {good + "2400000:1,2,,4,5,6\n", 3, "5 coefficients"},
         {std::string(low) + "\n" + middle, 2, "blank line"},
         {good + "2400000 1,2,3,4,5,6\n", 3, "no \":\""},
-        {good + "2.4GHz:1,2,3,4,5,6\n", 3, "whole number of KHz"},
-        {good + "2400:1,2,3,1,5,6\n", 3, "no frequency in KHz"},
+        {good + "2.4GHz:1,2,3,4,5,6\n", 3, "whole number of kHz"},
+        {good + "2400:1,2,3,1,5,6\n", 3, "no frequency in kHz"},
         {"#" + std::string(1100, 'x') + "\n" + good, 1, "longer than"},
         {good + low, 3, "stands at"},
         {good + "2400000:0,0,0,0,0,0\n", 3, "takes the last one"},
@@ -161,7 +161,7 @@ TEST_F(Thresholds, AndModelsAreReadOnceSoThatAPipeIsAsGoodAsAFile) {
         const auto twice =
             run_easctl({"model", "import", path, "--cluster", "c"}, std::string(low) + low);
         EXPECT_EQ(twice.code, 3);
-        EXPECT_THAT(twice.err, HasSubstr(path + ":2: 1600000 KHz stands at " + path + ":1"));
+        EXPECT_THAT(twice.err, HasSubstr(path + ":2: 1600000 kHz stands at " + path + ":1"));
     }
 }
 

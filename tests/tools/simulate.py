@@ -68,14 +68,43 @@ def run(easctl, *arguments, code=0):
     return result
 
 
+def expect(document, where, **figures):
+    for name, value in figures.items():
+        assert math.isclose(document[name], value, rel_tol=1e-9, abs_tol=1e-6), (
+            where, name, document[name], value)
+
+
+def check_csv(table, result):
+    """The same figures as in the document, under the same names of classes."""
+    rows = list(csv.DictReader(table))
+    entries = [*result["classes"], {**result["total"], "class": "(total)"}]
+    expected = [(entry, outcome) for entry in entries for outcome in entry["policies"]]
+    assert len(rows) == len(expected), table
+    for row, (entry, outcome) in zip(rows, expected):
+        assert (row["class"], row["policy"]) == (entry["class"], outcome["policy"]), row
+        assert [int(row[name]) for name in ("jobs", "runs", "runs_changed")] == [
+            entry["jobs"], entry["runs"], outcome["runs_changed"]], row
+        for name in ("energy_j", "time_s", "energy_change_pct", "time_change_pct"):
+            assert float(row[name]) == outcome[name], row
+        for name in ("energy_j", "time_s"):
+            assert float(row["measured_" + name]) == entry["measured"][name], row
+
+
 def check_totals(result, jobs, model, default):
     """Every sum of every class and policy, from the jobs themselves."""
+    energies = [entry["measured"]["energy_j"] for entry in result["classes"]]
+    assert energies == sorted(energies, reverse=True), energies
     classes = {entry["class"]: entry for entry in result["classes"]}
     assert set(classes) == {job["class"] for job in jobs}
     classes[None] = result["total"]
     for name, entry in classes.items():
         its_jobs = [job for job in jobs if name in (None, job["class"])]
         assert entry["runs"] == sum(int(job["count"]) for job in its_jobs), name
+        assert entry["jobs"] == len(its_jobs), name
+        seconds_before = sum(int(job["count"]) * int(job["elapsed_s"]) for job in its_jobs)
+        energy_before = sum(int(job["count"]) * int(job["elapsed_s"]) * float(job["power_w"])
+                            for job in its_jobs)
+        expect(entry["measured"], name, energy_j=energy_before, time_s=seconds_before)
         for outcome in entry["policies"]:
             percent, demanded = LIMIT, DEMANDED
             if "threshold_pct" in outcome:
@@ -89,10 +118,11 @@ def check_totals(result, jobs, model, default):
                 energy += count * rows[khz][0] * rows[khz][1]
                 seconds += count * rows[khz][1]
                 changed += count if khz != default else 0
-            where = (name, outcome, energy, seconds)
-            assert outcome["runs_changed"] == changed, where
-            assert math.isclose(outcome["energy_j"], energy, rel_tol=1e-9), where
-            assert math.isclose(outcome["time_s"], seconds, rel_tol=1e-9), where
+            assert outcome["runs_changed"] == changed, (name, outcome)
+            expect(outcome, name, energy_j=energy, time_s=seconds,
+                   energy_saved_j=energy_before - energy,
+                   energy_change_pct=100 * (energy - energy_before) / energy_before,
+                   time_change_pct=100 * (seconds - seconds_before) / seconds_before)
 
 
 def write_jobs(path, jobs, bad=()):
@@ -109,7 +139,7 @@ def sample_jobs(folder):
         jobs = list(csv.DictReader(file))
     for number, job in enumerate(jobs):
         job["count"] = str(7 * number + 1)
-        job["class"] = "memory, mostly" if number > 3 else "core"
+        job["class"] = "memory, mostly" if number > 3 else 'a "q" b' if number == 2 else "core"
     return jobs
 
 
@@ -123,15 +153,17 @@ def small(easctl, folder, scratch):
     write_jobs(path, jobs, bad=["x,y,z\n", ",,,,1e12,0,1e9,100,200,1,core\n",
                                   ",,,,1e12,1e12,1e9,100,200,1e15,core\n",
                                   ",,,,1e12,1e12,1e9,100,200,1.9,core\n",
-                                  ",,,,1e12,1e12,1e9,100,1e308,1,core\n"])
+                                  ",,,,1e12,1e12,1e9,100,1e308,1,core\n",
+                                  ",,,,1e12,1e12,1e9,100,0,1,core\n"])
 
     plain = run(easctl, *source, *thresholds, "--json", "--quiet", code=1)
     result = json.loads(plain.stdout)
     check_totals(result, jobs, model, default)
-    assert result["rows_left_out"] == 5, result
+    assert result["rows_left_out"] == 6, result
     for problem in ("9: 3 fields, but the header names 11 columns",
                     "10: the figures of this job allow no prediction", "11: count",
-                    '12: count: "1.9" is not a whole number', "13: the figures"):
+                    '12: count: "1.9" is not a whole number', "13: the figures",
+                    "14: power_w is 0"):
         assert f"{path}:{problem}" in plain.stderr, plain.stderr
     run(easctl, *source, *thresholds, "--strict", code=3)
     write_jobs(path, jobs)
@@ -139,13 +171,16 @@ def small(easctl, folder, scratch):
     swept = json.loads(run(easctl, *source, "--sweep", "0:20:2.5", "--json").stdout)
     assert len(swept["total"]["policies"]) == 2 * 9
     check_totals(swept, jobs, model, default)
+    # In doubles 0.3 / 0.1 is below 3: the last step must not be lost.
+    fine = json.loads(run(easctl, *source, "--sweep", "0:0.3:0.1", "--json").stdout)
+    assert len(fine["total"]["policies"]) == 2 * 4, fine["total"]
 
     text = run(easctl, "--policy", "minimize_energy", "--policy", "minimize_energy", *source,
                *thresholds, "--class-column", "name").stdout
     assert text.count("Total") == 1, text
     assert "stream-triad" in text and "minimize_time" not in text, text
     table = run(easctl, *source, *thresholds, "--format", "csv").stdout.splitlines()
-    assert len(list(csv.reader(table))) == 1 + 3 * 2, table
+    check_csv(table, json.loads(run(easctl, *source, *thresholds, "--json").stdout))
     for more in ((), ("--sweep", "0:20:1")):
         picture = os.path.join(scratch, "savings.svg")
         run(easctl, *source, *thresholds, *more, "--plot", picture)

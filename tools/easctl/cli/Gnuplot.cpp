@@ -106,7 +106,7 @@ void draw(const std::string& file, const std::string& commands, Globals& globals
     flush_output();
     try {
         if (commands.empty())
-            throw Failure(ExitCode::found, "there is nothing to draw");
+            throw Failure(ExitCode::found, "there is no value to draw");
         write_file(file, picture_of(*kind, commands));
         remark(globals, "drawn: " + file);
     } catch (const Failure& failure) {
@@ -114,6 +114,15 @@ void draw(const std::string& file, const std::string& commands, Globals& globals
                   failure.hint});
         globals.outcome = failure.code;
     }
+}
+
+std::string plot_heading(const std::string& title, const std::string& subtitle) {
+    return "set label 1 " + plot_text(title) +
+           " at screen 0.02,0.955 left font ',15'\n"
+           "set label 2 " +
+           plot_text(subtitle) +
+           " at screen 0.02,0.905 left font ',10' tc rgb '#555555'\n"
+           "set tmargin at screen 0.85\n";
 }
 
 std::string plot_text(const std::string& text) {

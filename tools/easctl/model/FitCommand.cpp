@@ -6,6 +6,7 @@
 #include "tools/easctl/cli/Gnuplot.h"
 #include "tools/easctl/cli/Json.h"
 #include "tools/easctl/cli/OutputFile.h"
+#include "tools/easctl/model/FitPlot.h"
 #include "tools/easctl/model/ModelFit.h"
 
 namespace easctl {
@@ -39,10 +40,9 @@ Json json_of(const ModelFit& model) {
               {"usable", model.usable()},
               {"rows", Json::array()}};
     for (const FrequencyFit& row : model.rows) {
-        Json one{{"frequency_khz", row.khz}, {"default", row.is_default}};
-        for (const Fit* fit : {&row.power, &row.pace})
-            for (const double factor : fit->factors)
-                one["coefficients"].push_back(factor);
+        Json one{{"frequency_khz", row.khz},
+                 {"default", row.is_default},
+                 {"coefficients", row.as_model_row().factors}};
         if (!row.is_default) {
             one["power_w"] = json_of(row.power, model);
             one["cycles_per_instruction"] = json_of(row.pace, model);
@@ -102,41 +102,6 @@ std::string report_text(const ModelFit& model, const FitLimits& limits, bool col
     return table.text(colored);
 }
 
-void add_panel(std::string& script, const std::string& name, const std::string& unit) {
-    script += "set title " + plot_text(name) + "\nset xlabel " + plot_text("measured, " + unit) +
-              "\nset ylabel " + plot_text("predicted, " + unit) +
-              "\nplot x with lines lc rgb '#999999' dt 2 title 'measured = predicted', $" +
-              unit[0] + " using 1:2:3 with points pt 7 ps 0.9 lc palette notitle\n";
-}
-
-/// Empty when there is no frequency but the default one.
-std::string plot_of(const ModelFit& model) {
-    std::string power, pace;
-    const auto add = [](std::string& data, const Fit& fit, int khz) {
-        for (std::size_t i = 0; i < kernel_count; ++i)
-            data += exact(fit.measured[i]) + ' ' + exact(fit.predicted[i]) + ' ' +
-                    exact(khz / 1e6) + '\n';
-    };
-    for (const FrequencyFit& row : model.rows) {
-        if (row.is_default || !row.unusable.empty())
-            continue;
-        add(power, row.power, row.khz);
-        add(pace, row.pace, row.khz);
-    }
-    if (power.empty())
-        return {};
-    std::string script =
-        "$W << END\n" + power + "END\n$c << END\n" + pace + "END\nset multiplot layout 1,2 title " +
-        plot_text("Seven kernels at each frequency; default " + ghz(model.default_khz)) +
-        "\nset size square\nset grid lc rgb '#dddddd'\nset key top left\n"
-        "set cblabel 'GHz'\nset palette rgbformulae 33,13,10\n"
-        "set cbrange [" +
-        exact(model.rows.front().khz / 1e6) + ':' + exact(model.rows.back().khz / 1e6) + "]\n";
-    add_panel(script, "Node power", "W");
-    add_panel(script, "Pace", "cycles per instruction");
-    return script + "unset multiplot\n";
-}
-
 /// Says what is wrong with the fit; the outcome of the command.
 ExitCode warn(const ModelFit& model, const std::string& path) {
     for (const FrequencyFit& row : model.rows) {
@@ -175,7 +140,7 @@ void run_fit(const FitOptions& options, Globals& globals) {
     if (!options.output.empty() && model.usable())
         remark(globals, "written: " + options.output + "; next: easctl model import " +
                             options.output + " --cluster NAME");
-    draw(options.plot, plot_of(model), globals);
+    draw(options.plot, fit_plot(model), globals);
 }
 
 }  // namespace

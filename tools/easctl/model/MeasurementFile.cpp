@@ -16,7 +16,7 @@ constexpr std::size_t longest_name = 64;
 
 }  // namespace
 
-void Run::add(const Run& other) {
+void KernelRun::add(const KernelRun& other) {
     const double seconds = elapsed_s + other.elapsed_s;
     power_w = (power_w * elapsed_s + other.power_w * other.elapsed_s) / seconds;
     elapsed_s = seconds;
@@ -98,8 +98,8 @@ class MeasurementFile::Reader {
 
     void read_row() {
         const int at = khz(column_[frequency], measurement_columns[frequency]);
-        Run run{positive(elapsed),      positive(power),       positive(cycles),
-                positive(instructions), positive(bytes, true), 1};
+        KernelRun run{positive(elapsed),      positive(power),       positive(cycles),
+                      positive(instructions), positive(bytes, true), 1};
         const std::size_t index = kernel_index();
         into_.frequencies_.try_emplace(at, csv_.lines().line());
         into_.runs_[{index, at}].add(run);
@@ -123,7 +123,7 @@ MeasurementFile::MeasurementFile(const std::string& path) : path_(path) {
     Reader(*this, csv).read_rows();
 }
 
-const Run* MeasurementFile::find(std::size_t kernel, int khz) const {
+const KernelRun* MeasurementFile::find(std::size_t kernel, int khz) const {
     const auto found = runs_.find({kernel, khz});
     return found != runs_.end() ? &found->second : nullptr;
 }

@@ -11,11 +11,13 @@
 #include <utility>
 #include <vector>
 
+#include "common/model/JobMetrics.h"
+
 namespace easctl {
 
 /// One run, or several of the same kernel at the same frequency taken together: their times and
 /// counts added, their power averaged over time.
-struct Run {
+struct KernelRun {
     double elapsed_s = 0;
     double power_w = 0;
     double cycles = 0;
@@ -23,11 +25,10 @@ struct Run {
     double memory_bytes = 0;
     int runs = 0;
 
-    void add(const Run& other);
-    [[nodiscard]] double cycles_per_instruction() const { return cycles / instructions; }
-    /// Memory lines of 64 bytes per instruction: GB/s per GIPS / 64.
+    void add(const KernelRun& other);
+    [[nodiscard]] double cycles_per_instruction() const { return CPI(cycles, instructions); }
     [[nodiscard]] double lines_per_instruction() const {
-        return memory_bytes / elapsed_s / 1e9 / (instructions / elapsed_s / 1e9) / 64.0;
+        return eas::lines_per_instruction(memory_bytes, instructions);
     }
 };
 
@@ -47,12 +48,12 @@ class MeasurementFile {
     [[nodiscard]] const std::string& path() const { return path_; }
     /// In the order in which they first appear.
     [[nodiscard]] const std::vector<KernelName>& kernels() const { return kernels_; }
-    /// KHz, each with the line where it comes first; ascending.
+    /// kHz, each with the line where it comes first; ascending.
     [[nodiscard]] const std::map<int, std::uint64_t>& frequencies() const { return frequencies_; }
     /// What every line of the column nominal_khz says; 0 without it.
     [[nodiscard]] int nominal_khz() const { return nominal_khz_; }
     /// Null when this kernel was not run at this frequency.
-    [[nodiscard]] const Run* find(std::size_t kernel, int khz) const;
+    [[nodiscard]] const KernelRun* find(std::size_t kernel, int khz) const;
 
   private:
     class Reader;
@@ -60,7 +61,7 @@ class MeasurementFile {
     std::string path_;
     std::vector<KernelName> kernels_;
     std::map<int, std::uint64_t> frequencies_;
-    std::map<std::pair<std::size_t, int>, Run> runs_;
+    std::map<std::pair<std::size_t, int>, KernelRun> runs_;
     int nominal_khz_ = 0;
 };
 

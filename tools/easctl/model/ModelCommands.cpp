@@ -39,12 +39,6 @@ Json json_of(const StoredModel& model) {
             {"highest_khz", model.highest_khz}, {"tag_rows", model.tag_rows}};
 }
 
-std::vector<double> factors(const CoEfficients& model, std::size_t i) {
-    return {model.CoEfficientA_Array()[i], model.CoEfficientB_Array()[i],
-            model.CoEfficientC_Array()[i], model.CoEfficientD_Array()[i],
-            model.CoEfficientE_Array()[i], model.CoEfficientF_Array()[i]};
-}
-
 // --- import ---
 
 /// Throws Failure after any error in the file.
@@ -59,7 +53,7 @@ ModelFile checked_file(const Options& options, Globals& globals) {
     if (options.default_khz != 0 && options.default_khz != model.getDefaultFrequency())
         throw Failure(ExitCode::input, options.file + ": the row of zeros is that of " +
                                            std::to_string(model.getDefaultFrequency()) +
-                                           " KHz, not of --default-frequency");
+                                           " kHz, not of --default-frequency");
     model.setClusterName(options.cluster);
     return file;
 }
@@ -96,7 +90,7 @@ void import_model(const Options& options, Globals& globals) {
         throw Failure(ExitCode::database,
                       "data source \"" + database.dsn() + "\": cluster \"" + options.cluster +
                           "\" has other coefficients for " + std::to_string(default_khz) +
-                          " KHz already; nothing was stored",
+                          " kHz already; none of these was stored",
                       "look at them with easctl model show; --replace puts these in their place");
     store_model(database, options.cluster, model);
     if (options.dry_run) {
@@ -119,25 +113,17 @@ void import_model(const Options& options, Globals& globals) {
 std::string file_text(const CoEfficients& model) {
     std::string text = "# Cluster " + printable(model.getClusterName()) + ", default frequency " +
                        ghz(model.getDefaultFrequency()) +
-                       ". KHz:A,B,C,D,E,F   power = A P + B x + C   "
+                       ". kHz:A,B,C,D,E,F   power = A P + B x + C   "
                        "cycles/instruction = D cpi + E x + F\n";
-    for (std::size_t i = 0; i < model.frequencyArray().size(); ++i) {
-        std::string line = std::to_string(model.frequencyArray()[i]);
-        char separator = ':';
-        for (const double factor : factors(model, i)) {
-            line += separator + exact(factor);
-            separator = ',';
-        }
-        text += line + '\n';
-    }
+    for (const eas::ModelRow& row : model.rows())
+        text += file_line(row);
     return text;
 }
 
 Json json_of(const CoEfficients& model) {
     Json rows = Json::array();
-    for (std::size_t i = 0; i < model.frequencyArray().size(); ++i)
-        rows.push_back(
-            {{"frequency_khz", model.frequencyArray()[i]}, {"coefficients", factors(model, i)}});
+    for (const auto& [frequency, factors] : model.rows())
+        rows.push_back({{"frequency_khz", frequency}, {"coefficients", factors}});
     return {{"cluster", model.getClusterName()},
             {"default_frequency_khz", model.getDefaultFrequency()},
             {"rows", rows}};
@@ -210,21 +196,20 @@ Table effects_of(const CoEfficients& model) {
     for (const TypicalJob& job : typical_jobs())
         columns.push_back({std::string(job.name) + " time/power", Align::right});
     Table table(columns);
-    for (std::size_t i = 0; i < model.frequencyArray().size(); ++i) {
-        const int khz = model.frequencyArray()[i];
-        const bool is_default = khz == model.getDefaultFrequency();
-        std::vector<Cell> row{Cell(ghz(khz), is_default ? Style::bold : Style::plain)};
-        for (const double factor : factors(model, i))
-            row.emplace_back(is_default ? "default" : number(factor, 4));
+    const auto percent = [](double ratio) {
+        return (ratio >= 1.0 ? "+" : "") + number((ratio - 1.0) * 100.0, 1) + " %";
+    };
+    for (const eas::ModelRow& row : model.rows()) {
+        const bool is_default = row.frequency == model.getDefaultFrequency();
+        std::vector<Cell> cells{Cell(ghz(row.frequency), is_default ? Style::bold : Style::plain)};
+        for (const double factor : row.factors)
+            cells.emplace_back(is_default ? "default" : number(factor, 4));
         for (const TypicalJob& job : typical_jobs()) {
-            const Change change = predict(model, static_cast<int>(i), job);
-            const auto percent = [](double ratio) {
-                return (ratio >= 1.0 ? "+" : "") + number((ratio - 1.0) * 100.0, 1) + " %";
-            };
-            row.emplace_back(is_default ? "measured"
-                                        : percent(change.time) + " / " + percent(change.power));
+            const Change change = predict(row, model.getDefaultFrequency(), job);
+            cells.emplace_back(is_default ? "measured"
+                                          : percent(change.time) + " / " + percent(change.power));
         }
-        table.add(std::move(row));
+        table.add(std::move(cells));
     }
     return table;
 }
@@ -285,7 +270,7 @@ void add_import(CLI::App& group, Globals& globals, const std::shared_ptr<Options
             "easctl model import coefficients.txt --cluster sample\n"
             "easctl model import coefficients.txt --cluster sample --dry-run\n"
             "easctl model import new.txt --cluster sample --replace");
-    add_option(command, "FILE", options->file, "rows KHz:A,B,C,D,E,F; - for standard input")
+    add_option(command, "FILE", options->file, "rows kHz:A,B,C,D,E,F; - for standard input")
         .required();
     options->add_cluster(command, true);
     options->add_default_frequency(command, "the default frequency that the file must have");

@@ -5,8 +5,9 @@
 #include <optional>
 #include <sstream>
 
+#include "base/Numbers.h"
 #include "common/model/CoEffsFromFile.h"
-#include "common/model/EnergyTag.h"
+#include "common/model/JobMetrics.h"
 #include "tools/easctl/cli/Errors.h"
 #include "tools/easctl/cli/InputFile.h"
 #include "tools/easctl/cli/Units.h"
@@ -53,7 +54,7 @@ class LineCheck {
         if (colon == std::string::npos)
             return wrong(trimmed(text).empty() ? "a blank line, at which the reader gives up"
                                                : "no \":\" between frequency and coefficients",
-                         "a row is KHz:A,B,C,D,E,F; a comment begins with #");
+                         "a row is kHz:A,B,C,D,E,F; a comment begins with #");
         check_frequency(text.substr(0, colon));
         check_values(text.substr(colon + 1));
         return true;
@@ -67,7 +68,7 @@ class LineCheck {
 
     void check_frequency(const std::string& token) {
         if (!number_of<int>(token))
-            wrong("the frequency \"" + trimmed(token) + "\" is not a whole number of KHz");
+            wrong("the frequency \"" + trimmed(token) + "\" is not a whole number of kHz");
     }
 
     void check_values(const std::string& text) {
@@ -110,19 +111,6 @@ void scan(const std::string& path, const std::string& text, ModelFile& file) {
     }
 }
 
-bool is_marker(const CoEfficients& model, std::size_t i) {
-    constexpr double near_zero = 1e-6;
-    return model.CoEfficientA_Array()[i] < near_zero && model.CoEfficientB_Array()[i] < near_zero &&
-           model.CoEfficientC_Array()[i] < near_zero && model.CoEfficientD_Array()[i] < near_zero &&
-           model.CoEfficientE_Array()[i] < near_zero && model.CoEfficientF_Array()[i] < near_zero;
-}
-
-bool is_all_zero(const CoEfficients& model, std::size_t i) {
-    return model.CoEfficientA_Array()[i] == 0.0 && model.CoEfficientB_Array()[i] == 0.0 &&
-           model.CoEfficientC_Array()[i] == 0.0 && model.CoEfficientD_Array()[i] == 0.0 &&
-           model.CoEfficientE_Array()[i] == 0.0 && model.CoEfficientF_Array()[i] == 0.0;
-}
-
 class ModelCheck {
   public:
     ModelCheck(const CoEfficients& model, const std::vector<std::string>& places,
@@ -137,7 +125,8 @@ class ModelCheck {
         check_frequencies();
         check_default_row();
         for (std::size_t i = 0; i < places_.size(); ++i) {
-            if (model_.frequencyArray()[i] >= lowest_khz && !is_marker(model_, i))
+            const eas::ModelRow row = model_.row(i);
+            if (row.frequency >= lowest_khz && !row.marks_default())
                 check_predictions(i);
         }
     }
@@ -148,11 +137,11 @@ class ModelCheck {
         bool sorted = true;
         for (std::size_t i = 0; i < khz.size(); ++i) {
             if (khz[i] < lowest_khz || khz[i] > highest_khz)
-                findings_.error(places_[i], std::to_string(khz[i]) + " is no frequency in KHz",
+                findings_.error(places_[i], std::to_string(khz[i]) + " is no frequency in kHz",
                                 "2.3 GHz is 2300000");
             const auto first = static_cast<std::size_t>(model_.getCoeffFreqIndex(khz[i]));
             if (first != i)
-                findings_.error(places_[i], std::to_string(khz[i]) + " KHz stands at " +
+                findings_.error(places_[i], std::to_string(khz[i]) + " kHz stands at " +
                                                 places_[first] + " already");
             else if (sorted && i > 0 && khz[i] < khz[i - 1]) {
                 sorted = false;
@@ -166,10 +155,10 @@ class ModelCheck {
     void check_default_row() {
         std::vector<std::size_t> markers;
         for (std::size_t i = 0; i < places_.size(); ++i) {
-            if (!is_marker(model_, i))
+            if (!model_.row(i).marks_default())
                 continue;
             markers.push_back(i);
-            if (!is_all_zero(model_, i))
+            if (model_.row(i).factors != eas::ModelRow{}.factors)
                 findings_.error(places_[i],
                                 "all six coefficients are below 0.000001 but not all are 0: the "
                                 "library takes the row for the default frequency",
@@ -177,7 +166,7 @@ class ModelCheck {
         }
         if (markers.empty())
             findings_.error(whole_, "no row of zeros, so there is no default frequency",
-                            "add KHz:0,0,0,0,0,0 for the frequency at which jobs are measured");
+                            "add kHz:0,0,0,0,0,0 for the frequency at which jobs are measured");
         for (std::size_t k = 1; k < markers.size(); ++k)
             findings_.error(places_[markers[k]], "another row of zeros stands at " +
                                                      places_[markers[k - 1]] +
@@ -186,10 +175,11 @@ class ModelCheck {
 
     /// One job is enough to doubt a row.
     void check_predictions(std::size_t i) {
-        const double default_khz = model_.getDefaultFrequency();
-        const double clock = default_khz / model_.frequencyArray()[i];
+        const int default_khz = model_.getDefaultFrequency();
+        const eas::ModelRow row = model_.row(i);
+        const double clock = static_cast<double>(default_khz) / row.frequency;
         for (const TypicalJob& job : typical_jobs()) {
-            const Change change = predict(model_, static_cast<int>(i), job);
+            const Change change = predict(row, default_khz, job);
             const Range time{std::min(1.0, clock) / 2, std::max(1.0, clock) * 2};
             if (default_khz > 0 && (!plausible(i, job, "run time", change.time, time) ||
                                     !plausible(i, job, "power", change.power, {0.1, 10.0})))
@@ -226,6 +216,16 @@ class ModelCheck {
 
 }  // namespace
 
+std::string file_line(const eas::ModelRow& row) {
+    std::string line = std::to_string(row.frequency);
+    char separator = ':';
+    for (const double factor : row.factors) {
+        line += separator + exact(factor);
+        separator = ',';
+    }
+    return line + '\n';
+}
+
 const std::vector<TypicalJob>& typical_jobs() {
     static const std::vector<TypicalJob> jobs{{"compute-bound", 300.0, 0.6, 0.1},
                                               {"mixed", 300.0, 1.0, 0.7},
@@ -233,16 +233,13 @@ const std::vector<TypicalJob>& typical_jobs() {
     return jobs;
 }
 
-Change predict(const CoEfficients& model, int i, const TypicalJob& job) {
-    if (model.frequencyArray()[static_cast<std::size_t>(i)] == model.getDefaultFrequency())
+Change predict(const eas::ModelRow& row, int default_khz, const TypicalJob& job) {
+    if (row.frequency == default_khz)
         return {1.0, 1.0};              // what was measured
     constexpr int seconds = 1'000'000;  // so that whole seconds are six digits
-    const EnergyTag formulas;
-    const double time =
-        formulas.predictTime(&model, i, seconds, job.bytes_per_instruction, 1.0, job.cpi);
-    const double power =
-        formulas.predictPower(&model, i, job.power, job.bytes_per_instruction, 1.0);
-    return {time / seconds, power / job.power};
+    const double lines = eas::lines_per_instruction(job.bytes_per_instruction, 1.0);
+    const double time = eas::truncate_to_int(row.seconds(seconds, job.cpi, lines, default_khz));
+    return {time / seconds, row.power(job.power, lines) / job.power};
 }
 
 void check_model(const CoEfficients& model, const std::vector<std::string>& places,
@@ -253,7 +250,7 @@ void check_model(const CoEfficients& model, const std::vector<std::string>& plac
 Findings check_stored_model(const CoEfficients& model, const std::string& cluster) {
     std::vector<std::string> places;
     for (const int khz : model.frequencyArray())
-        places.push_back(cluster + ", " + std::to_string(khz) + " KHz");
+        places.push_back(cluster + ", " + std::to_string(khz) + " kHz");
     Findings findings;
     check_model(model, places, cluster, findings);
     return findings;

@@ -19,8 +19,11 @@ struct ModelFile {
 /// that is wrong is in the findings.
 ModelFile read_model_file(const std::string& path);
 
+/// A row as a line of such a file; it reads back to the same bits.
+std::string file_line(const eas::ModelRow& row);
+
 /// Checks the rows of any model: frequencies, the row of the default frequency, and what typical
-/// jobs are predicted to do. `place_of(i)` names row i in the findings.
+/// jobs are predicted to do. `places[i]` names row i in the findings, `whole` the model.
 void check_model(const CoEfficients& model, const std::vector<std::string>& places,
                  const std::string& whole, Findings& findings);
 
@@ -42,7 +45,7 @@ struct Change {
     double time;   ///< factor
     double power;  ///< factor
 };
-/// The prediction for row `i`, by the library's own formulas.
-Change predict(const CoEfficients& model, int i, const TypicalJob& job);
+/// The prediction of a row, by the library's own formulas.
+Change predict(const eas::ModelRow& row, int default_khz, const TypicalJob& job);
 
 }  // namespace easctl

@@ -6,6 +6,7 @@
 
 #include "tools/easctl/cli/Errors.h"
 #include "tools/easctl/cli/Output.h"
+#include "tools/easctl/model/ModelFile.h"
 
 namespace easctl {
 namespace {
@@ -14,8 +15,6 @@ namespace {
 constexpr double singular = 1e-9;
 /// Below this small errors of the measurement become large ones of the coefficients.
 constexpr double nearly_singular = 1e-4;
-/// A row whose coefficients are all below this marks the default frequency.
-constexpr double counts_as_zero = 1e-6;
 /// Missing runs that a message names.
 constexpr std::size_t most_named = 6;
 
@@ -76,12 +75,6 @@ bool finite(const Fit& fit) {
                        [](double factor) { return std::isfinite(factor); });
 }
 
-bool all_count_as_zero(const FrequencyFit& row) {
-    const auto zero = [](double factor) { return factor < counts_as_zero; };
-    return std::all_of(row.power.factors.begin(), row.power.factors.end(), zero) &&
-           std::all_of(row.pace.factors.begin(), row.pace.factors.end(), zero);
-}
-
 void warn_of(FrequencyFit& row, const Fit& fit, const char* what, const ModelFit& model,
              const FitLimits& limits) {
     const std::string name = what;
@@ -109,7 +102,7 @@ void warn_of(FrequencyFit& row, const ModelFit& model, const FitLimits& limits) 
     warn_of(row, row.power, "power", model, limits);
     if (row.unusable.empty())
         warn_of(row, row.pace, "cycles per instruction", model, limits);
-    if (row.unusable.empty() && all_count_as_zero(row))
+    if (row.unusable.empty() && row.as_model_row().marks_default())
         row.unusable =
             "all six coefficients are below 1e-6: the row would pass for the default "
             "frequency";
@@ -185,6 +178,13 @@ std::string quality_text(const Fit& fit, const ModelFit& model) {
 
 }  // namespace
 
+eas::ModelRow FrequencyFit::as_model_row() const {
+    eas::ModelRow row{khz, {}};
+    std::copy(power.factors.begin(), power.factors.end(), row.factors.begin());
+    std::copy(pace.factors.begin(), pace.factors.end(), row.factors.begin() + 3);
+    return row;
+}
+
 bool ModelFit::usable() const {
     return std::all_of(rows.begin(), rows.end(),
                        [](const FrequencyFit& row) { return row.unusable.empty(); });
@@ -202,9 +202,9 @@ ModelFit fit_model(const MeasurementFile& file, int default_khz, const FitLimits
     choose_default(file, default_khz, model);
     for (const auto& kernel : file.kernels())
         model.kernels.push_back(kernel.name);
-    const auto power = [](const Run& run) { return run.power_w; };
-    const auto pace = [](const Run& run) { return run.cycles_per_instruction(); };
-    const auto lines = [](const Run& run) { return run.lines_per_instruction(); };
+    const auto power = [](const KernelRun& run) { return run.power_w; };
+    const auto pace = [](const KernelRun& run) { return run.cycles_per_instruction(); };
+    const auto lines = [](const KernelRun& run) { return run.lines_per_instruction(); };
     const Points x = points_at(file, model.default_khz, lines);
     const Points default_power = points_at(file, model.default_khz, power);
     const Points default_pace = points_at(file, model.default_khz, pace);
@@ -231,17 +231,10 @@ std::string coefficient_text(const ModelFit& model, const std::string& source) {
                        "cycles/instruction = D cpi + E x + F\n"
                        "# The row of zeros is the default frequency.\n";
     for (const FrequencyFit& row : model.rows) {
-        const std::string khz = std::to_string(row.khz);
-        if (row.is_default) {
-            text += khz + ":0,0,0,0,0,0\n";
-            continue;
-        }
-        text += "# " + khz + " power: " + quality_text(row.power, model) +
-                "; cycles/instruction: " + quality_text(row.pace, model) + '\n' + khz + ':';
-        for (std::size_t i = 0; i < 6; ++i)
-            text +=
-                (i > 0 ? "," : "") + exact(i < 3 ? row.power.factors[i] : row.pace.factors[i - 3]);
-        text += '\n';
+        if (!row.is_default)
+            text += "# " + std::to_string(row.khz) + " power: " + quality_text(row.power, model) +
+                    "; cycles/instruction: " + quality_text(row.pace, model) + '\n';
+        text += file_line(row.as_model_row());
     }
     return text;
 }

@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "common/model/ModelRow.h"
 #include "common/node/EnergyUtil.h"
 #include "tools/easctl/model/MeasurementFile.h"
 
@@ -41,6 +42,9 @@ struct FrequencyFit {
     Fit pace;   // cycles per instruction
     std::vector<std::string> warnings;
     std::string unusable;  // why the row must not be stored; empty when it may
+
+    /// All zero for the default frequency.
+    [[nodiscard]] eas::ModelRow as_model_row() const;
 };
 
 struct ModelFit {

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 #include <cstdlib>
-#include <numeric>
+#include <tuple>
 
 #include "base/Numbers.h"
 #include "common/records/TQVN_EnergyCoEfficients.h"
@@ -25,9 +25,15 @@ std::string exact_column(Database& database, const std::string& column) {
     return database.engine() == Engine::sqlite ? "printf('%!.17g', " + column + ")" : column;
 }
 
-const std::vector<const std::vector<double>*> factors_of(const CoEfficients& model) {
-    return {&model.CoEfficientA_Array(), &model.CoEfficientB_Array(), &model.CoEfficientC_Array(),
-            &model.CoEfficientD_Array(), &model.CoEfficientE_Array(), &model.CoEfficientF_Array()};
+/// In ascending order of frequency.
+std::vector<eas::ModelRow> sorted_rows(const CoEfficients& model) {
+    std::vector<eas::ModelRow> rows;
+    for (const eas::ModelRow& row : model.rows())
+        rows.push_back(row);
+    std::stable_sort(rows.begin(), rows.end(), [](const eas::ModelRow& a, const eas::ModelRow& b) {
+        return a.frequency < b.frequency;
+    });
+    return rows;
 }
 
 std::string choice(const std::vector<StoredModel>& models) {
@@ -68,14 +74,14 @@ StoredModel pick_model(Database& database, const std::string& cluster, int defau
         return models[0];
     if (default_khz == 0)
         throw Failure(ExitCode::usage,
-                      where + "several default frequencies: " + choice(models) + " KHz",
+                      where + "several default frequencies: " + choice(models) + " kHz",
                       "choose one with --default-frequency");
     for (const StoredModel& model : models) {
         if (model.default_khz == default_khz)
             return model;
     }
     throw Failure(ExitCode::database, where + "no coefficients for the default frequency " +
-                                          std::to_string(default_khz) + " KHz, but for " +
+                                          std::to_string(default_khz) + " kHz, but for " +
                                           choice(models));
 }
 
@@ -91,42 +97,29 @@ CoEfficients load_model(Database& database, const std::string& cluster, int defa
                           "default_frequency = " +
                           std::to_string(default_khz) + " order by frequency",
                       {cluster})) {
-        const auto factor = [&](std::size_t i) {
-            return eas::to_double(row[i].value_or("nan").c_str());
-        };
-        model.setArrayData(int_of(row[0]), factor(1), factor(2), factor(3), factor(4), factor(5),
-                           factor(6));
+        eas::ModelRow read{int_of(row[0]), {}};
+        for (std::size_t i = 0; i < read.factors.size(); ++i)
+            read.factors[i] = eas::to_double(row[i + 1].value_or("nan").c_str());
+        model.add_row(read);
     }
     return model;
 }
 
 CoEfficients sorted(const CoEfficients& model) {
-    std::vector<std::size_t> order(model.frequencyArray().size());
-    std::iota(order.begin(), order.end(), 0U);
-    std::stable_sort(order.begin(), order.end(), [&](std::size_t one, std::size_t other) {
-        return model.frequencyArray()[one] < model.frequencyArray()[other];
-    });
-    const auto factors = factors_of(model);
     CoEfficients result;
     result.setClusterName(model.getClusterName());
-    for (const std::size_t i : order)
-        result.setArrayData(model.frequencyArray()[i], (*factors[0])[i], (*factors[1])[i],
-                            (*factors[2])[i], (*factors[3])[i], (*factors[4])[i], (*factors[5])[i]);
+    for (const eas::ModelRow& row : sorted_rows(model))
+        result.add_row(row);
     return result;
 }
 
 bool same_rows(const CoEfficients& one, const CoEfficients& other) {
-    const CoEfficients left = sorted(one);
-    const CoEfficients right = sorted(other);
-    if (left.frequencyArray() != right.frequencyArray())
-        return false;
-    const auto left_factors = factors_of(left);
-    const auto right_factors = factors_of(right);
-    for (std::size_t i = 0; i < left_factors.size(); ++i) {
-        if (*left_factors[i] != *right_factors[i])
-            return false;
-    }
-    return true;
+    const std::vector<eas::ModelRow> left = sorted_rows(one);
+    const std::vector<eas::ModelRow> right = sorted_rows(other);
+    return std::equal(left.begin(), left.end(), right.begin(), right.end(),
+                      [](const eas::ModelRow& a, const eas::ModelRow& b) {
+                          return a.frequency == b.frequency && a.factors == b.factors;
+                      });
 }
 
 void store_model(Database& database, const std::string& cluster, const CoEfficients& model) {
@@ -137,15 +130,10 @@ void store_model(Database& database, const std::string& cluster, const CoEfficie
     cluster.copy(row._cluster_name, longest_cluster);
     row._cluster_name[std::min(cluster.size(), longest_cluster)] = '\0';
     row._default_frequency = default_khz;
-    const auto factors = factors_of(model);
-    for (std::size_t i = 0; i < model.frequencyArray().size(); ++i) {
-        row._frequency = model.frequencyArray()[i];
-        row._factor_a = (*factors[0])[i];
-        row._factor_b = (*factors[1])[i];
-        row._factor_c = (*factors[2])[i];
-        row._factor_d = (*factors[3])[i];
-        row._factor_e = (*factors[4])[i];
-        row._factor_f = (*factors[5])[i];
+    for (const auto& [frequency, factors] : model.rows()) {
+        row._frequency = frequency;
+        std::tie(row._factor_a, row._factor_b, row._factor_c, row._factor_d, row._factor_e,
+                 row._factor_f) = std::tuple_cat(factors);
         database.insert(row);
     }
     CoEfficients as_read;

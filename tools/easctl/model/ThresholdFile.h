@@ -1,4 +1,4 @@
-// A threshold file: the library's own verdict, and line by line what it drops without a word.
+// A threshold file: the library's own verdict, and line by line what it drops, and why.
 #pragma once
 
 #include <map>
@@ -12,7 +12,7 @@ namespace easctl {
 
 struct ThresholdFile {
     EnergyPerfThreshold thresholds;
-    std::map<int, int> given;  ///< the line that gives a frequency's value, by KHz
+    std::map<int, int> given;  ///< the line that gives a frequency's value, by kHz
     Findings findings;         ///< what is dropped is an error, too
 };
 

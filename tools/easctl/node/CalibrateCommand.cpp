@@ -184,13 +184,14 @@ class Calibration {
         wait(options_.seconds, warm_part, 1, run, signals, progress);
         const NodeSample last = sampler.take_at_update(signals);
         check_frequency(cpus_, run.khz, 0.1);  // under load: heat or a power limit may hold it
-        const Run result = difference(first, last, run);
+        const KernelRun result = difference(first, last, run);
         file_.add(run.kernel->name, run.khz, result);
         progress.hide();
         show(run, result);
     }
 
-    static Run difference(const NodeSample& first, const NodeSample& last, const PlannedRun& run) {
+    static KernelRun difference(const NodeSample& first, const NodeSample& last,
+                                const PlannedRun& run) {
         const auto counted = [&](std::uint64_t hwrusage::*field, const char* what) {
             if (first.hardware.tstamp == 0 || last.hardware.*field <= first.hardware.*field)
                 throw Failure(ExitCode::node,
@@ -202,7 +203,7 @@ class Calibration {
         if (first.microjoules == 0 || last.microjoules <= first.microjoules)
             throw Failure(ExitCode::node, "the energy meter stands still, or was started anew",
                           "start the same command again");
-        Run result;
+        KernelRun result;
         result.runs = 1;
         result.elapsed_s = last.seconds - first.seconds;
         result.power_w =
@@ -213,7 +214,7 @@ class Calibration {
         return result;
     }
 
-    void show(const PlannedRun& run, const Run& result) {
+    void show(const PlannedRun& run, const KernelRun& result) {
         rows_.push_back({{"frequency_khz", run.khz},
                          {"kernel", run.kernel->name},
                          {"power_w", result.power_w},

@@ -84,7 +84,7 @@ void CalibrationFile::read_rows() {
     }
 }
 
-void CalibrationFile::add(const std::string& kernel, int khz, const Run& run) {
+void CalibrationFile::add(const std::string& kernel, int khz, const KernelRun& run) {
     std::string line = kernel + ',' + std::to_string(khz);
     for (const double value :
          {run.elapsed_s, run.power_w, run.cycles, run.instructions, run.memory_bytes})

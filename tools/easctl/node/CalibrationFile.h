@@ -28,7 +28,7 @@ class CalibrationFile {
         return done_.count({kernel, khz}) != 0;
     }
     /// Appends a line and waits until it is on the disk.
-    void add(const std::string& kernel, int khz, const Run& run);
+    void add(const std::string& kernel, int khz, const KernelRun& run);
 
   private:
     void drop_partial_line();

@@ -10,7 +10,7 @@ namespace easctl {
 namespace {
 
 struct Code {
-    std::optional<Function> function;  // nothing: means the same from the functions not named
+    std::optional<Function> function;  // no value: means the same from the functions not named
     int code;
     const char* name;
     const char* meaning;
@@ -20,7 +20,7 @@ struct Code {
 // The first row that fits counts.
 constexpr std::array codes{
     Code{Function::initialize, EAS_BAD_ARGUMENT, "EAS_BAD_ARGUMENT",
-         "the default frequency is below 1 KHz", "give --default-frequency in KHz"},
+         "the default frequency is below 1 kHz", "give --default-frequency in kHz"},
     Code{Function::initialize, EAS_NO_CONNECTION, "EAS_NO_CONNECTION",
          "no driver manager, or no connection to the database", "easctl doctor"},
     Code{Function::initialize, EAS_NO_COEFFICIENTS, "EAS_NO_COEFFICIENTS",

@@ -33,6 +33,29 @@ EnergyPerfThreshold swept_thresholds(CoEfficients& coeffs, double percent) {
     return thresholds;
 }
 
+double change_pct(double after, double before) {
+    return before > 0.0 ? 100.0 * (after / before - 1.0) : 0.0;
+}
+
+std::vector<std::string> policies_of(const std::vector<Scenario>& scenarios) {
+    std::vector<std::string> names;
+    for (const Scenario& scenario : scenarios) {
+        if (std::find(names.begin(), names.end(), scenario.policy) == names.end())
+            names.push_back(scenario.policy);
+    }
+    return names;
+}
+
+std::vector<std::size_t> scenarios_of(const std::vector<Scenario>& scenarios,
+                                      const std::string& policy) {
+    std::vector<std::size_t> places;
+    for (std::size_t i = 0; i < scenarios.size(); ++i) {
+        if (scenarios[i].policy == policy)
+            places.push_back(i);
+    }
+    return places;
+}
+
 void ClassSums::add(const ClassSums& other) {
     jobs += other.jobs;
     runs += other.runs;
@@ -63,15 +86,6 @@ ClassSums& Savings::sums_of(std::string_view job_class) {
     return found->second;
 }
 
-std::size_t Savings::selected_row(const Scenario& scenario) const {
-    const int frequency =
-        eas::select_frequency(tag_, scenario.policy, scenario.thresholds).frequency;
-    std::size_t row = 0;
-    while (tag_.frequency_array()[row] != frequency)
-        ++row;  // every selection is one of the rows
-    return row;
-}
-
 bool Savings::add(const JobRow& job) {
     const auto [cycles, instructions, bytes] = job.counters;
     tag_.clear();
@@ -88,11 +102,12 @@ bool Savings::add(const JobRow& job) {
     sums.measured.energy_j += runs * job.power_w * job.elapsed_s;
     sums.measured.time_s += runs * job.elapsed_s;
     for (std::size_t i = 0; i < scenarios_.size(); ++i) {
-        const std::size_t row = selected_row(scenarios_[i]);
-        const int seconds = tag_.predict_elapse_time_array()[row];
-        sums.by_scenario[i].energy_j += runs * tag_.predict_power_array()[row] * seconds;
-        sums.by_scenario[i].time_s += runs * seconds;
-        if (tag_.frequency_array()[row] != tag_.default_frequency())
+        const auto& [policy, limit, thresholds] = scenarios_[i];
+        const int frequency = eas::select_frequency(tag_, policy, thresholds).frequency;
+        const eas::TagRow row = tag_.row_of(frequency).value();  // every selection is a row
+        sums.by_scenario[i].energy_j += runs * row.energy();
+        sums.by_scenario[i].time_s += runs * row.seconds;
+        if (frequency != tag_.default_frequency())
             sums.changed_runs[i] += job.count;
     }
     return true;

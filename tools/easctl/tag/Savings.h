@@ -22,7 +22,7 @@ namespace easctl {
 /// A policy under one set of thresholds.
 struct Scenario {
     std::string policy;
-    std::optional<double> limit_pct;  // of a sweep; nothing where a file gives the thresholds
+    std::optional<double> limit_pct;  // of a sweep; no value where a file gives the thresholds
     EnergyPerfThreshold thresholds;
 };
 
@@ -46,6 +46,20 @@ struct ClassSums {
     void add(const ClassSums& other);
 };
 
+/// The sums of a class, or of all.
+struct NamedSums {
+    std::string name;
+    ClassSums sums;
+};
+
+/// The change from `before`, in percent.
+double change_pct(double after, double before);
+/// Each policy once, in the order of the scenarios.
+std::vector<std::string> policies_of(const std::vector<Scenario>& scenarios);
+/// Places of the scenarios of one policy.
+std::vector<std::size_t> scenarios_of(const std::vector<Scenario>& scenarios,
+                                      const std::string& policy);
+
 class Savings {
   public:
     /// Those that come later in the file are summed up as one, so that memory stays bounded.
@@ -68,7 +82,6 @@ class Savings {
 
   private:
     ClassSums& sums_of(std::string_view job_class);
-    [[nodiscard]] std::size_t selected_row(const Scenario& scenario) const;
 
     const CoEfficients& coeffs_;
     std::vector<Scenario> scenarios_;

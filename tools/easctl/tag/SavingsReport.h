@@ -15,30 +15,20 @@ class SavingsReport {
     [[nodiscard]] std::string text(bool colored) const;
     [[nodiscard]] std::string csv() const;
     [[nodiscard]] Json json() const;
-    /// What the classes leave out; empty when nothing.
+    /// What the classes leave out; empty when they leave out none.
     [[nodiscard]] std::string class_remark() const;
-    /// The gnuplot commands: energy and time against the threshold of a sweep, or, without one, the
-    /// energy change of each class.
+    /// The gnuplot commands of the picture.
     [[nodiscard]] std::string plot() const;
 
   private:
-    struct Entry {
-        std::string name;
-        ClassSums sums;
-    };
-
     [[nodiscard]] bool swept() const;
     [[nodiscard]] std::string policy_block(const std::string& policy, bool colored) const;
-    [[nodiscard]] std::string sweep_block(const std::string& policy, const Entry& entry,
+    [[nodiscard]] std::string sweep_block(const std::string& policy, const NamedSums& entry,
                                           bool colored) const;
-    [[nodiscard]] std::vector<std::size_t> scenarios_of(const std::string& policy) const;
-    [[nodiscard]] std::vector<std::string> policies() const;
-    [[nodiscard]] std::string sweep_plot() const;
-    [[nodiscard]] std::string class_plot() const;
 
     const Savings& savings_;
-    std::vector<Entry> classes_;  // by energy, the largest first
-    Entry total_;
+    std::vector<NamedSums> classes_;  // by energy, the largest first
+    NamedSums total_;
 };
 
 }  // namespace easctl

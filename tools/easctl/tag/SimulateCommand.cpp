@@ -11,8 +11,9 @@
 #include "tools/easctl/cli/Progress.h"
 #include "tools/easctl/model/ModelChoice.h"
 #include "tools/easctl/model/ThresholdFile.h"
+#include "tools/easctl/tag/ReturnCodes.h"
 #include "tools/easctl/tag/SavingsReport.h"
-#include "tools/easctl/tag/TagCommands.h"
+#include "tools/easctl/tag/TagNames.h"
 
 namespace easctl {
 

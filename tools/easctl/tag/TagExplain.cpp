@@ -18,56 +18,59 @@ struct Case {
     const EnergyPerfThreshold& thresholds;
     eas::FrequencyChoice choice;
 
-    [[nodiscard]] int frequency(std::size_t i) const { return tag.frequency_array()[i]; }
-    [[nodiscard]] double saving(std::size_t i) const { return tag.energy_saving_pct_array()[i]; }
-    [[nodiscard]] double slower(std::size_t i) const { return tag.perf_degrad_pct_array()[i]; }
-    [[nodiscard]] bool is_chosen(std::size_t i) const { return frequency(i) == choice.frequency; }
-    [[nodiscard]] bool is_default(std::size_t i) const {
-        return frequency(i) == tag.default_frequency();
+    [[nodiscard]] bool is_chosen(const eas::TagRow& row) const {
+        return row.frequency == choice.frequency;
     }
 };
 
-Candidate verdict(const Case& c, std::size_t i, Verdict verdict, std::string reason) {
-    return {c.frequency(i), c.saving(i), c.slower(i), verdict, std::move(reason)};
+Candidate verdict(const eas::TagRow& row, Verdict verdict, std::string reason) {
+    return {row.frequency, row.energy_change, row.time_change, verdict, std::move(reason)};
 }
 
-Candidate judge_by_energy(const Case& c, std::size_t i) {
-    if (c.is_chosen(i) && !(c.saving(i) < 0.0))
-        return verdict(c, i, Verdict::selected, "the default: no other admitted one saves energy");
-    if (!eas::is_energy_candidate(c.tag, i, c.thresholds)) {
-        return verdict(c, i, Verdict::rejected,
-                       c.frequency(i) > c.tag.default_frequency()
+Candidate judge_by_energy(const Case& c, const eas::TagRow& row) {
+    const int default_khz = c.tag.default_frequency();
+    const bool saves = row.energy_change < 0.0;
+    if (c.is_chosen(row) && !saves)
+        return verdict(row, Verdict::selected, "the default: no other admitted one saves energy");
+    if (!eas::is_energy_candidate(row, default_khz, c.thresholds)) {
+        return verdict(row, Verdict::rejected,
+                       row.frequency > default_khz
                            ? "above the default frequency"
-                           : percent(c.slower(i)) + " slower, more than the limit");
+                           : percent(row.time_change) + " slower, more than the limit");
     }
-    if (c.is_chosen(i))
-        return verdict(c, i, Verdict::selected, "saves most energy of those admitted");
-    if (!(c.saving(i) < 0.0))
-        return verdict(c, i, Verdict::admitted, "but saves no energy");
-    return verdict(c, i, Verdict::admitted, "but saves no more than " + ghz(c.choice.frequency));
+    if (c.is_chosen(row))
+        return verdict(row, Verdict::selected, "saves most energy of those admitted");
+    return verdict(
+        row, Verdict::admitted,
+        saves ? "but saves no more than " + ghz(c.choice.frequency) : "but saves no energy");
 }
 
-Candidate judge_by_time(const Case& c, std::size_t i) {
+/// Of a row that may not be selected under minimize_time.
+Candidate judge_rejected_by_time(const Case& c, const eas::TagRow& row) {
+    if (c.is_chosen(row))
+        return verdict(row, Verdict::selected, "the default: no other is admitted");
+    if (row.frequency < c.tag.default_frequency())
+        return verdict(row, Verdict::rejected, "below the default frequency");
     const auto& limits = c.thresholds.getThresValue();
-    const auto limit = limits.find(c.frequency(i));
-    if (!eas::is_time_candidate(c.tag, i, c.thresholds)) {
-        if (c.is_chosen(i))
-            return verdict(c, i, Verdict::selected, "the default: no other is admitted");
-        if (c.frequency(i) < c.tag.default_frequency())
-            return verdict(c, i, Verdict::rejected, "below the default frequency");
-        if (limit == limits.end())
-            return verdict(c, i, Verdict::rejected, "the thresholds hold no value for it");
-        return verdict(c, i, Verdict::rejected,
-                       "gains " + percent(-c.slower(i)) + ", but " + percent(-limit->second) +
-                           " are demanded");
-    }
-    if (c.is_chosen(i)) {
-        return verdict(c, i, Verdict::selected,
-                       c.is_default(i) ? "the default: no higher one is admitted"
-                                       : "the highest admitted: gains the " +
-                                             percent(-limit->second) + " demanded");
-    }
-    return verdict(c, i, Verdict::admitted, "but " + ghz(c.choice.frequency) + " is higher");
+    const auto limit = limits.find(row.frequency);
+    if (limit == limits.end())
+        return verdict(row, Verdict::rejected, "the thresholds hold no value for it");
+    return verdict(row, Verdict::rejected,
+                   "gains " + percent(-row.time_change) + ", but " + percent(-limit->second) +
+                       " are demanded");
+}
+
+Candidate judge_by_time(const Case& c, const eas::TagRow& row) {
+    const int default_khz = c.tag.default_frequency();
+    if (!eas::is_time_candidate(row, default_khz, c.thresholds))
+        return judge_rejected_by_time(c, row);
+    if (!c.is_chosen(row))
+        return verdict(row, Verdict::admitted, "but " + ghz(c.choice.frequency) + " is higher");
+    const double demanded = -c.thresholds.getThresValue().at(row.frequency);
+    return verdict(row, Verdict::selected,
+                   row.frequency == default_khz
+                       ? "the default: no higher one is admitted"
+                       : "the highest admitted: gains the " + percent(demanded) + " demanded");
 }
 
 }  // namespace
@@ -84,8 +87,9 @@ Explanation explain(const EnergyTag& tag, std::string_view policy,
         by_energy ? "least energy among the frequencies up to " + from + " that are at most " +
                         percent(thresholds.get_def_perf() / 100.0) + " slower"
                   : "the highest frequency from " + from + " up that gains the time demanded of it";
-    for (std::size_t i = 0; i < tag.frequency_array().size(); ++i)
-        explanation.candidates.push_back(by_energy ? judge_by_energy(c, i) : judge_by_time(c, i));
+    for (const eas::TagRow& row : tag.rows())
+        explanation.candidates.push_back(by_energy ? judge_by_energy(c, row)
+                                                   : judge_by_time(c, row));
     return explanation;
 }
 

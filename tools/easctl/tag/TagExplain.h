@@ -16,7 +16,7 @@ namespace easctl {
 enum class Verdict { rejected, admitted, selected };
 
 struct Candidate {
-    int frequency;         // KHz
+    int frequency;         // kHz
     double energy_change;  // fraction
     double time_change;    // fraction
     Verdict verdict;

@@ -10,8 +10,8 @@ class EnergyTag;
 namespace easctl {
 
 /// What was measured on a run.
-struct Run {
-    int frequency;                                  // KHz, of the run
+struct JobRun {
+    int frequency;                                  // kHz, of the run
     int elapsed_s;                                  // s
     double power_w;                                 // W, mean of a node
     std::optional<std::array<double, 3>> counters;  // cycles, instructions, bytes of memory traffic
@@ -40,13 +40,13 @@ struct Verification {
     [[nodiscard]] bool within(const ErrorLimits& limits) const;
 };
 
-/// Nothing when the tag has no row of the run's frequency.
-std::optional<Verification> verify(const EnergyTag& tag, const Run& run);
+/// No value when the tag has no row of the run's frequency.
+std::optional<Verification> verify(const EnergyTag& tag, const JobRun& run);
 
 /// The tag that the run itself would give: what it would have been at the default frequency, by the
-/// model turned round, and from there all frequencies. Nothing without counters, for a frequency
+/// model turned round, and from there all frequencies. No value without counters, for a frequency
 /// that the model does not know, or where the figures allow no prediction.
 std::optional<EnergyTag> tag_of_run(const CoEfficients& coeffs, const EnergyTag& like,
-                                    const Run& run);
+                                    const JobRun& run);
 
 }  // namespace easctl

@@ -1,65 +1,133 @@
 #include "tools/easctl/tag/TradeOffPlot.h"
 
+#include <algorithm>
+#include <array>
+#include <utility>
+#include <vector>
+
 #include "common/model/EnergyPerfThreshold.h"
 #include "common/model/EnergyTag.h"
 #include "interface/FrequencyPolicy.h"
 #include "tools/easctl/cli/Gnuplot.h"
 #include "tools/easctl/cli/Output.h"
+#include "tools/easctl/cli/Percent.h"
 #include "tools/easctl/cli/Units.h"
 
 namespace easctl {
 
 namespace {
 
-/// One point of the curve: run time, energy and, as its label, the frequency.
-std::string point(const EnergyTag& tag, std::size_t i) {
-    const int seconds = tag.predict_elapse_time_array()[i];
-    return std::to_string(seconds) + ' ' +
-           exact(tag.predict_power_array()[i] * seconds / joules_per_kwh) + ' ' +
-           exact(tag.frequency_array()[i] / 1e6) + '\n';
+/// Of a point of the curve: run time and energy.
+std::string place_of(const eas::TagRow& row) {
+    return std::to_string(row.seconds) + ' ' + exact(row.energy() / joules_per_kwh);
 }
 
-std::string block(const std::string& name, const std::string& points) {
-    return '$' + name + " << EOD\n" + points + "EOD\n";
+/// A point that bears a name: the measured run, or what a policy selects.
+struct Mark {
+    eas::TagRow row;
+    std::string name;
+    const char* color;
+};
+
+/// One mark for each frequency, the one of most energy first.
+std::vector<Mark> marks_of(const EnergyTag& tag, const EnergyPerfThreshold& thresholds) {
+    std::vector<Mark> marks;
+    const auto add = [&](int frequency, const std::string& name, const char* color) {
+        const auto row = tag.row_of(frequency);
+        const auto same = std::find_if(marks.begin(), marks.end(), [&](const Mark& mark) {
+            return mark.row.frequency == frequency;
+        });
+        if (same != marks.end()) {
+            same->name += ", " + name;
+            same->color = color;
+        } else if (row) {
+            marks.push_back({*row, ghz(frequency) + ": " + name, color});
+        }
+    };
+    add(tag.default_frequency(), "measured", "#222222");
+    add(eas::select_frequency(tag, eas::minimize_energy, thresholds).frequency, "minimize_energy",
+        plot_colors[0]);
+    add(eas::select_frequency(tag, eas::minimize_time, thresholds).frequency, "minimize_time",
+        plot_colors[1]);
+    std::sort(marks.begin(), marks.end(),
+              [](const Mark& a, const Mark& b) { return a.row.energy() > b.row.energy(); });
+    return marks;
 }
 
-std::string point_of(const EnergyTag& tag, int frequency) {
-    for (std::size_t i = 0; i < tag.frequency_array().size(); ++i) {
-        if (tag.frequency_array()[i] == frequency)
-            return point(tag, i);
+/// What there is to read from the picture.
+std::string subtitle_of(const EnergyTag& tag, const EnergyPerfThreshold& thresholds) {
+    std::string text = "Lower needs less energy, further left is faster.";
+    for (const auto policy : {eas::minimize_energy, eas::minimize_time}) {
+        const int frequency = eas::select_frequency(tag, policy, thresholds).frequency;
+        const auto row = tag.row_of(frequency);
+        if (row && frequency == tag.default_frequency())
+            text += "  " + std::string(policy) + " stays at " + ghz(frequency) + '.';
+        else if (row)
+            text += "  " + std::string(policy) + ": " + signed_percent(row->energy_change, 1) +
+                    " % energy, " + signed_percent(row->time_change, 1) + " % time.";
     }
-    return {};
+    return text;
+}
+
+/// The points without a name of their own: place, frequency in GHz, and which way the curve goes
+/// on, 1 where it climbs towards lower frequencies.
+std::string plain_points(const EnergyTag& tag, const std::vector<Mark>& marks) {
+    std::string points;
+    for (std::size_t i = 0; i < tag.rows().size(); ++i) {
+        const eas::TagRow row = tag.row(i);
+        const bool is_marked = std::any_of(marks.begin(), marks.end(), [&](const Mark& mark) {
+            return mark.row.frequency == row.frequency;
+        });
+        const bool climbs = i + 1 < tag.rows().size() && tag.row(i + 1).energy() < row.energy() &&
+                            tag.row(i + 1).seconds < row.seconds;
+        if (!is_marked)
+            points += place_of(row) + ' ' + exact(row.frequency / 1e6) + (climbs ? " 1\n" : " 0\n");
+    }
+    return points;
+}
+
+/// The frequencies of one branch of the curve, below it.
+std::string plain_labels(char branch, const std::string& side) {
+    return std::string(", \\\n  $plain using 1:($4 == ") + branch +
+           " ? $2 : NaN):(sprintf('%.2f', $3)) with labels " + side +
+           ",-0.6 font ',9' tc rgb '#666666'";
+}
+
+/// Names stand to the right of their points, in front of the curve; neighbours apart.
+std::string labels_of(const std::vector<Mark>& marks) {
+    std::string script = "set style textbox opaque noborder margins 0.3,0.3\n";
+    double lift = 0.3 * static_cast<double>(marks.size());
+    for (const Mark& mark : marks) {
+        script += "set label " + plot_text(mark.name) + " at " + std::to_string(mark.row.seconds) +
+                  ',' + exact(mark.row.energy() / joules_per_kwh) + " left offset 1.6," +
+                  exact(lift) + " front boxed tc rgb '" + mark.color +
+                  "' point pt 7 ps 1.6 lc rgb '" + mark.color + "'\n";
+        lift -= 0.3;
+    }
+    return script;
 }
 
 }  // namespace
 
 std::string trade_off_plot(const EnergyTag& tag, const EnergyPerfThreshold& thresholds) {
-    const int by_energy = eas::select_frequency(tag, eas::minimize_energy, thresholds).frequency;
-    const int by_time = eas::select_frequency(tag, eas::minimize_time, thresholds).frequency;
+    const std::vector<Mark> marks = marks_of(tag, thresholds);
+    const std::string plain = plain_points(tag, marks);
     std::string curve;
-    for (std::size_t i = 0; i < tag.frequency_array().size(); ++i)
-        curve += point(tag, i);
-
+    for (const eas::TagRow& row : tag.rows())
+        curve += place_of(row) + '\n';
     std::string script =
-        block("curve", curve) + block("measured", point_of(tag, tag.default_frequency())) +
-        block("energy", point_of(tag, by_energy)) + block("time", point_of(tag, by_time));
-    script += "set title " +
-              plot_text("Tag \"" + tag.energy_tag_name() + "\" of " + tag.user_name() + " on " +
-                        tag.cluster_name() + ": what each frequency costs") +
-              "\nset xlabel 'Run time (s)'\nset ylabel 'Energy of a node (kWh)'\n"
-              "set grid lt 1 lc rgb '#dddddd'\nset key below\n"
-              "set offsets graph 0.04, graph 0.06, graph 0.08, graph 0.04\n"
-              "plot $curve using 1:2 with linespoints lc rgb '#5a6b7b' lw 1.5 pt 7 ps 0.6"
-              " title 'predicted', \\\n"
-              "  $measured using 1:2 with points lc rgb '#222222' pt 7 ps 1.2 title ";
-    script += plot_text("measured: " + ghz(tag.default_frequency())) +
-              ", \\\n  $energy using 1:2 with points lc rgb '#1a8f3c' lw 2.5 pt 6 ps 2.4 title " +
-              plot_text("minimize_energy selects " + ghz(by_energy)) +
-              ", \\\n  $time using 1:2 with points lc rgb '#c4441c' lw 2.5 pt 4 ps 2.8 title " +
-              plot_text("minimize_time selects " + ghz(by_time)) +
-              ", \\\n  $curve using 1:2:(sprintf('%.2f GHz', $3)) with labels left offset 0.9,0.7"
-              " font ',9' notitle\n";
-    return script;
+        "$curve << EOD\n" + curve + "EOD\n$plain << EOD\n" + plain + "EOD\n" +
+        plot_heading("Tag \"" + tag.energy_tag_name() + "\" of " + tag.user_name() + " on " +
+                         tag.cluster_name() + ": what each frequency costs",
+                     subtitle_of(tag, thresholds)) +
+        "set xlabel 'Run time (s)'\nset ylabel 'Energy of a node (kWh)'\n"
+        "set grid lt 1 lc rgb '#e4e4e4'\nunset key\n"
+        "set offsets graph 0.07, graph 0.20, graph 0.06, graph 0.06\n" +
+        labels_of(marks) +
+        "plot $curve using 1:2 with linespoints lc rgb '#8a8a8a' lw 1.5 pt 7 ps 0.6";
+    if (!plain.empty())
+        script += plain_labels('0', "right offset -0.8") + plain_labels('1', "left offset 0.8");
+    return script + '\n';
 }
 
 }  // namespace easctl

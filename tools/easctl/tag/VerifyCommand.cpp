@@ -1,10 +1,15 @@
-// easctl tag verify: a later run's measurements beside what its tag predicted.
+#include "tools/easctl/tag/VerifyCommand.h"
+
+#include <memory>
+
 #include "common/model/CoEfficients.h"
 #include "common/model/EnergyPerfThreshold.h"
 #include "tools/easctl/cli/Json.h"
+#include "tools/easctl/cli/Percent.h"
 #include "tools/easctl/cli/Units.h"
+#include "tools/easctl/tag/FailedRow.h"
+#include "tools/easctl/tag/JobOptions.h"
 #include "tools/easctl/tag/JobsFile.h"
-#include "tools/easctl/tag/TagCommands.h"
 #include "tools/easctl/tag/TagVerify.h"
 
 namespace easctl {
@@ -14,7 +19,7 @@ namespace {
 struct Options {
     LibraryOptions library;
     TagNames names;
-    Run run{};
+    JobRun run{};
     std::array<double, 3> counters{};
     std::string jobs;
     std::array<double, 3> limits_pct{10.0, 10.0, 15.0};  // power, time, energy
@@ -32,7 +37,7 @@ struct Selections {
 };
 
 std::vector<Selections> compare_selections(const Library& library, const EnergyTag& tag,
-                                           const Run& run) {
+                                           const JobRun& run) {
     std::vector<Selections> all;
     const auto own = tag_of_run(library.coefficients(), tag, run);
     if (!own)
@@ -54,7 +59,7 @@ Json as_json(const Comparison& comparison) {
 /// A run beside what its tag predicted for it.
 struct Verified {
     TagNames names;
-    Run run;
+    JobRun run;
     Verification figures;
     bool describes;
     std::vector<Selections> selections;
@@ -104,14 +109,14 @@ class Verifier {
         : globals_(globals), library_(library), limits_(limits) {}
 
     /// `where` names the row of a file; empty without one.
-    void check(const TagNames& names, const Run& run, const std::string& where) {
+    void check(const TagNames& names, const JobRun& run, const std::string& where) {
         const std::vector<EnergyTag> tags = library_.query(names.user, names.tag);
         const EnergyTag& tag = the_only(tags, names);
         const auto figures = verify(tag, run);
         if (!figures) {
             throw Failure(ExitCode::found,
                           name_of_tag(names.user, names.tag) + " predicts nothing for " +
-                              std::to_string(run.frequency) + " KHz",
+                              std::to_string(run.frequency) + " kHz",
                           "give the frequency at which the job ran, one of easctl tag show");
         }
         const Verified one{names, run, *figures, figures->within(limits_),
@@ -172,7 +177,7 @@ void verify_file(Verifier& verifier, const std::string& path) {
             verifier.failed({jobs.where(), {ExitCode::input, jobs.reason()}, {}});
             continue;
         }
-        Run run{row.frequency_khz, row.elapsed_s, row.power_w, {}};
+        JobRun run{row.frequency_khz, row.elapsed_s, row.power_w, {}};
         if (row.has_counters)
             run.counters = row.counters;
         const TagNames names{std::string(row.user), std::string(row.tag)};
@@ -187,12 +192,12 @@ void verify_file(Verifier& verifier, const std::string& path) {
     }
 }
 
-void run_verify(Globals& globals, const Options& options, const OneOrMany& given) {
-    const bool single = given.single();
+void run_verify(Globals& globals, const Options& options, const JobOptions& given) {
+    const bool single = given.describe_one();
     Library library(options.library);
     Verifier verifier(globals, library, options.limits());
     if (single) {
-        Run run = options.run;
+        JobRun run = options.run;
         if (given.has_optional())
             run.counters = options.counters;
         verifier.check(options.names, run, "");
@@ -200,6 +205,24 @@ void run_verify(Globals& globals, const Options& options, const OneOrMany& given
         verify_file(verifier, options.jobs);
     }
     verifier.finish();
+}
+
+/// The options of one run, and the file of many.
+JobOptions add_run_options(CLI::App& command, Options& options) {
+    JobOptions given(command, options.jobs,
+                     "CSV file of runs, - for standard input; its header names the columns\n"
+                     "user, tag, frequency_khz, elapsed_s, power_w and, if at hand, cycles,\n"
+                     "instructions, memory_bytes");
+    given.add("--user", options.names.user, "owner of the tag", "NAME");
+    given.add("--tag", options.names.tag, "name of the tag", "NAME");
+    given.add("--frequency", options.run.frequency, "at which the job ran", "KHZ");
+    given.add("--elapsed", options.run.elapsed_s, "run time", "S");
+    option_of(command, "--elapsed").transform(whole_seconds());
+    given.add("--power", options.run.power_w, "mean power of a node", "W");
+    given.add_optional("--cycles", options.counters[0], "processor cycles", "N");
+    given.add_optional("--instructions", options.counters[1], "instructions", "N");
+    given.add_optional("--memory-bytes", options.counters[2], "bytes of memory traffic", "N");
+    return given;
 }
 
 }  // namespace
@@ -211,19 +234,7 @@ void add_tag_verify(CLI::App& group, Globals& globals) {
         "easctl tag verify --user anna --tag hpl --frequency 2000000 --elapsed 2065 --power 258\n"
         "easctl tag verify --jobs runs.csv --max-time-error 5");
     options->library.add_to(command);
-    OneOrMany given(command, options->jobs,
-                    "CSV file of runs, - for standard input; its header names the columns\n"
-                    "user, tag, frequency_khz, elapsed_s, power_w and, if at hand, cycles,\n"
-                    "instructions, memory_bytes");
-    given.add("--user", options->names.user, "owner of the tag", "NAME");
-    given.add("--tag", options->names.tag, "name of the tag", "NAME");
-    given.add("--frequency", options->run.frequency, "at which the job ran", "KHZ");
-    given.add("--elapsed", options->run.elapsed_s, "run time", "S");
-    option_of(command, "--elapsed").transform(whole_seconds());
-    given.add("--power", options->run.power_w, "mean power of a node", "W");
-    given.add_optional("--cycles", options->counters[0], "processor cycles", "N");
-    given.add_optional("--instructions", options->counters[1], "instructions", "N");
-    given.add_optional("--memory-bytes", options->counters[2], "bytes of memory traffic", "N");
+    const JobOptions given = add_run_options(command, *options);
     constexpr std::array limits{"--max-power-error", "--max-time-error", "--max-energy-error"};
     for (std::size_t i = 0; i < limits.size(); ++i) {
         add_option(command, limits[i], options->limits_pct[i],
