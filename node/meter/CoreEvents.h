@@ -55,6 +55,7 @@ class CpuEvents {
     };
 
     int add_cpu(int cpu);
+    bool has_gone(int cpu, int error);
     bool follow_online_cpus(Result& result);
     void read_groups(Result& result);
     void retire(CpuGroup& gone);

@@ -36,6 +36,11 @@ constexpr const char* line_size_file =
     "/sys/devices/system/cpu/cpu0/cache/index0/coherency_line_size";
 constexpr long long usual_line_size = 64;
 
+void give_counts(const EventTotals& totals, Result& result) {
+    result.quality = totals.scaled ? EASNODE_SCALED : EASNODE_COUNTED;
+    result.values = {static_cast<double>(totals.values[0]), static_cast<double>(totals.values[1])};
+}
+
 /// A virtual machine may offer counters that never move.
 void check_that_it_moves(std::uint64_t cycles, std::uint64_t instructions, Result& result) {
     if (cycles == 0 || instructions == 0)
@@ -53,9 +58,7 @@ class NodeCores : public Source {
         EventTotals totals;
         if (!cpus_.read(totals, result))
             return;
-        result.quality = totals.scaled ? EASNODE_SCALED : EASNODE_COUNTED;
-        result.values = {static_cast<double>(totals.values[0]),
-                         static_cast<double>(totals.values[1])};
+        give_counts(totals, result);
         check_that_it_moves(totals.values[0], totals.values[1], result);
     }
 
@@ -80,9 +83,7 @@ class ProcessCores : public Source {
         EventTotals totals;
         if (!tasks_.read(totals, result))
             return;
-        result.quality = totals.scaled ? EASNODE_SCALED : EASNODE_COUNTED;
-        result.values = {static_cast<double>(totals.values[0]),
-                         static_cast<double>(totals.values[1])};
+        give_counts(totals, result);
     }
 
   private:

@@ -11,16 +11,19 @@ namespace {
 // The kernel takes an event of one kind of core by the type of its PMU in the upper half.
 constexpr int pmu_type_shift = 32;
 
-/// A CPU that is not there is no failure: it may have gone while the list was read.
-bool is_cpu_missing(int error) noexcept {
-    return error == ENODEV;
-}
-
 std::string on_cpu(const EventSet& events, int cpu) {
     return std::string(events.name) + " on CPU " + decimal(cpu);
 }
 
 }  // namespace
+
+/// Whether an error means that the CPU went offline after it was listed: that is no failure.
+bool CpuEvents::has_gone(int cpu, int error) {
+    KeptFile::Buffer buffer;
+    const auto text = error == ENODEV ? online_file_.read(buffer) : std::nullopt;
+    const auto cpus = text ? parse_cpu_list(*text) : std::nullopt;
+    return cpus && !std::binary_search(cpus->begin(), cpus->end(), cpu);
+}
 
 int CpuEvents::add_cpu(int cpu) {
     std::array<EventCode, most_events> codes{};
@@ -50,7 +53,7 @@ bool CpuEvents::open(const EventSet& events, std::string& reason) {
     groups_.reserve(cpus->size());
     for (const int cpu : *cpus) {
         const int error = add_cpu(cpu);
-        if (error != 0 && !is_cpu_missing(error)) {
+        if (error != 0 && !has_gone(cpu, error)) {
             reason = why_no_event(on_cpu(events_, cpu), error);
             groups_.clear();
             return false;
@@ -91,9 +94,7 @@ bool CpuEvents::follow_online_cpus(Result& result) {
         if (std::any_of(groups_.begin(), groups_.end(), here))
             continue;
         const int error = add_cpu(cpu);
-        if (is_cpu_missing(error)) {
-            online_.clear();  // looked at again by the next reading
-        } else if (error != 0) {
+        if (error != 0 && !has_gone(cpu, error)) {
             result.end(why_no_event(on_cpu(events_, cpu) + ", which came online", error));
             return false;
         }

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <filesystem>
 #include <fstream>
@@ -313,6 +314,28 @@ TEST_F(MeterShapes, AReadingTakesOneSystemCallPerCpuAndBox) {
         EXPECT_EQ(224 + 8 * 2 + 2, std::count(calls.begin(), calls.end(), SYS_read));
         EXPECT_EQ(1, std::count(calls.begin(), calls.end(), SYS_pread64)) << "the CPUs online";
         EXPECT_EQ(224U + 8 * 2 + 2 + 1, calls.size());
+    });
+}
+
+TEST_F(MeterShapes, AnyEventThatIsRefusedIsAReasonAndNeverASmallerFigure) {
+    FakeNode node(fake::read_shape("meter-only"));
+    inside(node, [&node] {
+        easnode_meter_options options{};
+        options.energy_sources = "none";
+        for (const int error : {ENODEV, EIO, EMFILE}) {
+            int refused = 0;
+            for (int fails_at = 0; fails_at <= 32; fails_at += 3) {
+                node.state().counters.clear();
+                node.state().counter_fails_at = fails_at;
+                node.state().counter_error = error;
+                Metered meter(options);
+                const easnode_figure cycles = meter.next().cycles;
+                EXPECT_EQ(cycles.quality == EASNODE_MISSING, cycles.reason[0] != '\0');
+                refused += cycles.quality == EASNODE_MISSING;
+            }
+            EXPECT_EQ(11, refused) << "each of the sixteen CPUs has two events";
+        }
+        node.state().counter_fails_at = -1;
     });
 }
 
