@@ -33,8 +33,8 @@ class OdbcConfiguration {
     /// neither file nor server, account or INITSTMT.
     [[nodiscard]] std::optional<HalfRead> half_read(const std::string& dsn) const;
 
-    /// The lines of `file` at which a section of this name begins: the first one counts, and nothing
-    /// of the others does.
+    /// The lines of `file` at which a section of this name begins: the first one counts, and
+    /// nothing of the others does.
     static std::vector<int> sections(const std::string& file, const std::string& name);
 
     /// The files that hold data sources, in the order in which they are looked into.
