@@ -132,6 +132,8 @@ int inhabit(Pipe& ready, Pipe& calls, const NodeOptions& options,
 
 /// Runs the node around `child` until it ends. Threads are not joined: the caller exits.
 int keep_node(NodeServer& server, pid_t child, Pipe& ready, Pipe& calls) {
+    const sched_param before_others{1};  // hardware waits for no other process
+    ::sched_setscheduler(0, SCHED_RR, &before_others);
     const fs::path files = server.stage + "/files";
     check(::mount("fakenode", server.stage.c_str(), "tmpfs", 0, "mode=755") == 0, "tmpfs");
     fs::create_directories(files);
@@ -226,7 +228,6 @@ void NodeState::reset(const NodeShape& shape) {
     deaf = shape.driver == FreqDriver::deaf;
     cap_khz = 0;
     running_percent = 100;
-    fault = {};
     counter_fails_at = -1;
     counter_error = ENODEV;
     msr_log.clear();

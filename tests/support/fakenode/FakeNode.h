@@ -9,9 +9,10 @@
 //
 // Where it is unlike a real node: every core always works, on one of its threads, whatever runs;
 // clocks follow at once; registers of a socket are kept per CPU and take any value; the counters in
-// physical memory stand still, also under a workload, and reads of them go unseen; answered
-// affinity binds nothing and is not inherited; /proc shows what the shape names and has here, the
-// rest is this machine's.
+// physical memory stand still, also under a workload, and reads of them go unseen; events count
+// for any process id, without waiting for its exec, whatever perf_event_paranoid says;
+// answered affinity binds nothing and is not inherited; /proc shows what the shape names and has
+// here, the rest is this machine's.
 #pragma once
 
 #include <functional>

@@ -127,8 +127,6 @@ void Meters::attach_hwmon(TreeEntry& chip) {
                 Sampled& meter = sampled(interval, joules);
                 chip.attach(power + "_average", [&meter] { return line(meter.watts * 1e6); });
             }
-            chip.attach(power + "_input",
-                        [this, factor] { return line(factor * work_.watts() * 1e6); });
             const auto start = static_cast<double>(chip.number(energy + "_input"));
             chip.attach(energy + "_input", [=] { return line(start + joules() * 1e6); });
         }

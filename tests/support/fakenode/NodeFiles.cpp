@@ -56,8 +56,7 @@ Entry find(const char* path) {
     Entry entry;
     if (text.substr(0, node_root.size()) == node_root) {
         entry.file = server().root.find(text.substr(node_root.size()));
-        const bool there = entry.file != nullptr && refusal_of(entry.file->text) != ENOENT;
-        entry.kind = there ? Kind::tree : Kind::none;
+        entry.kind = entry.file != nullptr ? Kind::tree : Kind::none;
     } else if (text == "/" || text == "/msr" || text == "/counter") {
         entry.kind = Kind::folder;
     } else if (std::sscanf(path, "/counter/%d", &entry.index) == 1) {
@@ -223,26 +222,20 @@ int close_file(const char* path, fuse_file_info*) {
 int control_counter(const char* path, unsigned request, void*, fuse_file_info*, unsigned, void*) {
     const Lock lock(server().mutex);
     server().advance();
+    const bool on = request == PERF_EVENT_IOC_ENABLE;
     const Entry entry = find(path);
-    return entry.kind == Kind::counter ? server().events.control(entry.index, request) : -ENOTTY;
+    if (entry.kind != Kind::counter || (!on && request != PERF_EVENT_IOC_DISABLE))
+        return -ENOTTY;
+    return server().events.switch_on(entry.index, on) ? 0 : -EINVAL;
 }
 
 int read_text(const std::string& text, char* buf, size_t size, off_t offset) {
     if (const int refusal = refusal_of(text))
-        return refusal == ENOENT ? -ENODEV : -refusal;  // it was open when it vanished
+        return -refusal;
     const size_t from = std::min(static_cast<size_t>(offset), text.size());
     const size_t length = std::min(size, text.size() - from);
     std::memcpy(buf, text.data() + from, length);
     return static_cast<int>(length);
-}
-
-void break_if_due(const char* path, TreeEntry& file) {
-    FileFault& fault = server().state.fault;
-    if (std::strcmp(path + node_root.size(), fault.path.data()) != 0 || fault.readings-- > 0)
-        return;
-    file.show = nullptr;
-    file.text = fault.text.data();
-    fault.path[0] = '\0';
 }
 
 int read_file(const char* path, char* buf, size_t size, off_t offset, fuse_file_info*) {
@@ -253,8 +246,6 @@ int read_file(const char* path, char* buf, size_t size, off_t offset, fuse_file_
         case Kind::msr:
             return read_msr(entry.index, buf, size, offset);
         case Kind::tree:
-            if (offset == 0)
-                break_if_due(path, *entry.file);
             return read_text(entry.file->show ? entry.file->show() : entry.file->text, buf, size,
                              offset);
         case Kind::counter:

@@ -46,16 +46,6 @@ void plant_cpus(const NodeShape& shape, TreeEntry& cpus) {
     }
 }
 
-/// As ARM's kernels print it: no sockets, no name.
-std::string arm_cpuinfo_text(const NodeShape& shape) {
-    std::string text;
-    for (int cpu = 0; cpu < shape.cpus(); ++cpu)
-        text += "processor\t: " + std::to_string(cpu) +
-                "\nBogoMIPS\t: 2000.00\nFeatures\t: fp asimd\nCPU implementer\t: 0x41\n"
-                "CPU architecture: 8\nCPU variant\t: 0x0\nCPU part\t: 0xd4f\nCPU revision\t: 0\n\n";
-    return text;
-}
-
 void plant_policy(const NodeShape& shape, TreeEntry& policy, int cpu) {
     const auto line = [](const auto& value) { return std::to_string(value) + "\n"; };
     std::string list;
@@ -105,8 +95,7 @@ void plant_old_model(const NodeShape& shape, TreeEntry& root) {
 void plant(const NodeShape& shape, TreeEntry& root) {
     if (shape.cpus() > 0) {
         plant_cpus(shape, root.make("sys/devices/system/cpu", TreeEntry::Kind::folder));
-        const bool arm = shape.vendor == "ARM";
-        root.put("proc/cpuinfo", arm ? arm_cpuinfo_text(shape) : cpuinfo_text(shape), 0644);
+        root.put("proc/cpuinfo", cpuinfo_text(shape), 0644);
     }
     if (shape.old_model)
         plant_old_model(shape, root);

@@ -52,13 +52,6 @@ struct Counter {
     int running_percent;            // of the time that it is enabled
 };
 
-/// A file that shows another text from some reading on.
-struct FileFault {
-    std::array<char, 128> path;
-    std::array<char, 64> text;
-    int readings;  // that are still good
-};
-
 template <typename T, size_t size>
 struct Log {
     std::array<T, size> rows;
@@ -111,15 +104,6 @@ struct NodeState {
         }
         *found = value;
         return true;
-    }
-
-    FileFault fault;  // path "": none
-
-    /// Lets a file show `text` after so many readings; "!ENOENT" makes it vanish.
-    void break_file(const std::string& path, const std::string& text, int readings = 0) {
-        fault = {{}, {}, readings};
-        text.copy(fault.text.data(), fault.text.size() - 1);
-        path.copy(fault.path.data(), fault.path.size() - 1);
     }
 
     void log_write(int policy, const std::string& file, const std::string& text) {

@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <stdexcept>
 #include <utility>
 #include <vector>
@@ -90,18 +91,25 @@ void TreeEntry::each_file(const std::string& path,
     }
 }
 
+namespace {
+constexpr std::pair<std::string_view, int> refusals[] = {
+    {"!EACCES", EACCES}, {"!EPERM", EPERM}, {"!EIO", EIO},     {"!ENODATA", ENODATA},
+    {"!ENODEV", ENODEV}, {"!EBUSY", EBUSY}, {"!ENXIO", ENXIO}, {"!EINVAL", EINVAL},
+};
+}  // namespace
+
 int refusal_of(std::string_view text) {
-    constexpr std::pair<std::string_view, int> names[] = {
-        {"EACCES", EACCES}, {"EPERM", EPERM}, {"EIO", EIO},     {"ENODATA", ENODATA},
-        {"ENODEV", ENODEV}, {"EBUSY", EBUSY}, {"ENXIO", ENXIO}, {"ENOENT", ENOENT},
-    };
-    if (text.empty() || text.front() != '!')
-        return 0;
-    text = text.substr(1, text.find('\n') - 1);
-    for (const auto& [name, number] : names)
-        if (text == name)
+    for (const auto& [name, number] : refusals)
+        if (text.substr(0, text.find('\n')) == name)
             return number;
     return 0;
+}
+
+std::string refusal_text(const std::string& description) {
+    for (const auto& [name, number] : refusals)
+        if (description == std::strerror(number))
+            return std::string(name);
+    return "";
 }
 
 std::vector<int> cpu_list(const std::string& text) {

@@ -48,6 +48,9 @@ struct TreeEntry {
 /// An errno that a text stands for: "!EACCES" is a file that fails so; 0 for any other text.
 int refusal_of(std::string_view text);
 
+/// The other way, from what strerror says; empty for an errno that no text stands for.
+std::string refusal_text(const std::string& description);
+
 /// The CPUs of a list like "0-3,8" or "0 1 2"; throws std::runtime_error.
 std::vector<int> cpu_list(const std::string& text);
 /// The other way: ranges joined by commas, and a newline.

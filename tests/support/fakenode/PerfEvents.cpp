@@ -234,7 +234,8 @@ double PerfEvents::part_of(const Event& event, const Counter& counter) const {
 void PerfEvents::fold(size_t number) {
     Event& event = events_[number];
     const double now = work_.seconds(), total = event.total();
-    if (event.on && !event.dead) {
+    const bool led = event.leader < 0 || events_[static_cast<size_t>(event.leader)].on;
+    if (event.on && led && !event.dead) {
         const double part = part_of(event, state_.counters.rows[number]);
         event.counted += (total - event.base) * part;
         event.enabled += now - event.folded;
@@ -262,50 +263,40 @@ void PerfEvents::close(int number) {
 std::vector<uint64_t> PerfEvents::words(int number) {
     if (number < 0 || number >= static_cast<int>(events_.size()))
         return {};
-    const auto format = state_.counters.rows[static_cast<size_t>(number)].attr.read_format;
+    const auto first = static_cast<size_t>(number);
+    const auto format = state_.counters.rows[first].attr.read_format;
     const bool group = (format & PERF_FORMAT_GROUP) != 0;
-    std::vector<size_t> members = {static_cast<size_t>(number)};
-    for (size_t i = members[0] + 1; group && i < events_.size(); ++i)
-        if (events_[i].leader == number && !events_[i].closed && !events_[i].dead)
-            members.push_back(i);
-    std::vector<uint64_t> words;
-    if (group)
-        words.push_back(members.size());
-    for (const size_t member : members) {
-        const auto& fixed = state_.counters.rows[member].words;
-        fold(member);
-        const Event& event = events_[member];
-        const auto rounded = [this](double value, uint64_t otherwise) {
-            return work_.active() ? static_cast<uint64_t>(value) : otherwise;
+    std::vector<uint64_t> values, times;
+    for (size_t i = first; i < (group ? events_.size() : first + 1); ++i) {
+        const Event& event = events_[i];
+        if (i != first && (event.leader != number || event.closed || event.dead))
+            continue;
+        fold(i);
+        const auto& fixed = state_.counters.rows[i].words;
+        const auto word = [&](double value, size_t of) {
+            return work_.active() ? static_cast<uint64_t>(value) : fixed[of];
         };
-        const uint64_t times[] = {rounded(event.enabled * 1e9, fixed[1]),
-                                  rounded(event.running * 1e9, fixed[2])};
-        if (!group)
-            words.push_back(rounded(event.counted, fixed[0]));
-        if (member == members[0] && (format & PERF_FORMAT_TOTAL_TIME_ENABLED) != 0)
-            words.push_back(times[0]);
-        if (member == members[0] && (format & PERF_FORMAT_TOTAL_TIME_RUNNING) != 0)
-            words.push_back(times[1]);
-        if (group)
-            words.push_back(rounded(event.counted, fixed[0]));
-        if ((format & PERF_FORMAT_ID) != 0)
-            words.push_back(member + 1);
+        values.push_back(word(event.counted, 0));
+        if (i == first && (format & PERF_FORMAT_TOTAL_TIME_ENABLED) != 0)
+            times.push_back(word(event.enabled * 1e9, 1));
+        if (i == first && (format & PERF_FORMAT_TOTAL_TIME_RUNNING) != 0)
+            times.push_back(word(event.running * 1e9, 2));
     }
-    return words;
+    if (group)
+        times.insert(times.begin(), values.size());
+    values.insert(group ? values.begin() : values.end(), times.begin(), times.end());
+    return values;
 }
 
-int PerfEvents::control(int number, unsigned request) {
+bool PerfEvents::switch_on(int number, bool on) {
     if (number < 0 || number >= static_cast<int>(events_.size()))
-        return -EINVAL;
-    fold(static_cast<size_t>(number));
-    Event& event = events_[static_cast<size_t>(number)];
-    if (request == PERF_EVENT_IOC_RESET)
-        event.counted = 0;
-    else if (request == PERF_EVENT_IOC_ENABLE || request == PERF_EVENT_IOC_DISABLE)
-        event.on = request == PERF_EVENT_IOC_ENABLE;
-    else
-        return -ENOTTY;
-    return 0;
+        return false;
+    const auto first = static_cast<size_t>(number);
+    for (size_t i = first; i < events_.size(); ++i)
+        if (i == first || events_[i].leader == number)
+            fold(i);
+    events_[first].on = on;
+    return true;
 }
 
 void PerfEvents::follow_cpus() {

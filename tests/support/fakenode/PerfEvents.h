@@ -24,8 +24,7 @@ class PerfEvents {
     void close(int number);
     /// What a read gives; empty where `number` was never opened.
     [[nodiscard]] std::vector<uint64_t> words(int number);
-    /// PERF_EVENT_IOC_ENABLE, _DISABLE or _RESET; 0 or a negative errno.
-    int control(int number, unsigned request);
+    bool switch_on(int number, bool on);
     /// Ends the counting on CPUs that went offline.
     void follow_cpus();
 

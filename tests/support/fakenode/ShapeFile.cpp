@@ -203,7 +203,7 @@ class Reader {
         shape_.counts.push_back(rule);
     }
 
-    /// What an archive holds of /sys and /proc.
+    /// What an archive holds of /sys and /proc, and its list "PATH: REASON" of the unreadable.
     void unpack(const fs::path& archive) {
         const test::ScratchFolder folder;
         const pid_t child = ::fork();
@@ -213,6 +213,13 @@ class Reader {
         }
         if (test::exit_status(child) != 0)
             bad("no archive: " + archive.string());
+        std::ifstream unreadable(folder.path("unreadable"));
+        for (std::string line; std::getline(unreadable, line);) {
+            const size_t colon = line.rfind(": ");
+            const std::string text = refusal_text(line.substr(std::min(line.size(), colon + 2)));
+            if (!text.empty())
+                shape_.files.push_back({line.substr(1, colon - 1), Kind::file, 0444, text + "\n"});
+        }
         for (const auto& item : fs::recursive_directory_iterator(folder.path())) {
             const std::string path = item.path().lexically_relative(folder.path());
             if (item.is_symlink())

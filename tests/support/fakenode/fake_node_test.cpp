@@ -174,7 +174,7 @@ TEST_F(Shapes, LimitsAreKeptAsTheDriverKeepsThem) {
     });
 }
 
-// With a counter that wraps, a file that fails later, and the speed of a walk over all CPUs.
+// With a counter that wraps, and the speed of a walk over all CPUs.
 TEST_F(Shapes, FilesMoveWithTheWork) {
     FakeNode node(read_shape("xeon2023"));
     inside(node, [&] {
@@ -190,9 +190,6 @@ TEST_F(Shapes, FilesMoveWithTheWork) {
         }
         EXPECT_GT(joules, 1000000);
         EXPECT_LT(joules, 5000000000) << "it wrapped, and so no more";
-        node.state().break_file(zone, "!ENODATA", 1);
-        EXPECT_EQ(0, read_error(zone));
-        EXPECT_EQ(ENODATA, read_error(zone));
         const auto start = std::chrono::steady_clock::now();
         for (int cpu = 0; cpu < 224; ++cpu)
             EXPECT_NE("", read_file(cpus + "cpu" + std::to_string(cpu) + "/topology/core_id"));
@@ -208,8 +205,9 @@ TEST_F(Shapes, AnArchiveOfFilesIsANode) {
     test::write_file(tree + cpus + "possible", "0-7\n");
     test::write_file(tree + "/sys/class/powercap/intel-rapl:0/name", "package-0\n");
     test::write_file(tree + "/sys/class/powercap/intel-rapl:0/energy_uj", "7\n");
-    test::write_file(tree + "/sys/class/powercap/intel-rapl:1/energy_uj", "!EACCES\n");
-    ASSERT_EQ(0, std::system(("tar -czf " + archive + " -C " + tree + " sys").c_str()));
+    test::write_file(tree + "/unreadable",
+                     "/sys/class/powercap/intel-rapl:1/energy_uj: Permission denied\n");
+    ASSERT_EQ(0, std::system(("tar -czf " + archive + " -C " + tree + " .").c_str()));
     FakeNode node(read_shape(archive));
     inside(node, [] {
         EXPECT_EQ("0-1,4\n", read_file(cpus + "online"));
