@@ -145,6 +145,11 @@ TEST_P(Tool, DoctorFindsTheBrokenLink) {
     EXPECT_THAT(statuses({}, 1),
                 HasSubstr("coefficients=ok\nthresholds " + thresholds.path() + "=skipped"));
     ::unsetenv("EASCTL_THRESHOLDS");
+    plain().run(
+        "update TQVN_EnergyCoEfficients set default_frequency = 1600000 where cluster_name = "
+        "'other'");
+    EXPECT_THAT(run_easctl({"doctor", "--cluster", "other"}).out,
+                HasSubstr("the row of zeros is that of 2000000 kHz, not of 1600000"));
     plain().run("update TQVN_EnergyCoEfficients set factor_d = -9 where cluster_name = 'other'");
     EXPECT_THAT(statuses({"--cluster", "other"}, 1), HasSubstr("coefficients of other=wrong"));
     const auto shown = document_of({"model", "show", "--cluster", "other"}, 1);

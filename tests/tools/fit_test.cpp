@@ -173,6 +173,7 @@ TEST_F(ModelFit, ShowsABadCalibration) {
     EXPECT_NEAR(fit.at("rows")[0].at("power_w").at("rms_residual").get<double>(), 17.361062, 1e-5);
     EXPECT_NEAR(fit.at("rows")[0].at("power_w").at("kernels")[4].at("residual").get<double>(),
                 60 * (1 - 0.413931873), 1e-5);
+    EXPECT_EQ("stencil", fit.at("rows")[0].at("power_w").at("worst_kernel"));
     expect("singular", false, [](auto& kernel, auto&) { kernel.lines = kernel.watts / 1e4; });
     expect("pass for the default", false, [](auto&, auto& row) {
         if (row.khz == 1600000)

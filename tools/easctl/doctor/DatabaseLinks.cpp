@@ -235,7 +235,7 @@ Link judged(const std::string& name, const StoredModel& stored, const CoEfficien
     if (model.getDefaultFrequency() != stored.default_khz)
         return {name, LinkStatus::wrong,
                 "the row of zeros is that of " + std::to_string(model.getDefaultFrequency()) +
-                    " KHz, not of " + std::to_string(stored.default_khz),
+                    " kHz, not of " + std::to_string(stored.default_khz),
                 "predictions are wrong", remedy};
     const Findings findings = check_stored_model(model, stored.cluster);
     if (const Finding* error = first_error(findings))
