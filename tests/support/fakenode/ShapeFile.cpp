@@ -220,6 +220,9 @@ class Reader {
             if (!text.empty())
                 shape_.files.push_back({line.substr(1, colon - 1), Kind::file, 0444, text + "\n"});
         }
+        const std::string cpuinfo = test::read_file(folder.path("proc/cpuinfo"));
+        if (cpuinfo.find("AuthenticAMD") != cpuinfo.npos)
+            shape_.vendor = "AuthenticAMD";
         for (const auto& item : fs::recursive_directory_iterator(folder.path())) {
             const std::string path = item.path().lexically_relative(folder.path());
             if (item.is_symlink())
