@@ -183,6 +183,7 @@ TEST(Prediction, LeavesAnEmptyTagWhenItCannotBeMade) {
     const CoEfficients no_default = eas_test::make_set({1200000, 2400000}, 0);
     const CoEfficients zero_frequency = eas_test::make_set({0, 2400000}, 2400000);
     const CoEfficients half = eas_test::make_set({1800000, 3600000}, 1800000);
+    const CoEfficients single = eas_test::make_set({1800000}, 1800000);
     const CoEfficients empty;
     struct {
         const char* what;
@@ -198,6 +199,7 @@ TEST(Prediction, LeavesAnEmptyTagWhenItCannotBeMade) {
         {"half a second is cut to 0", &half, 100, 1, 1, 1, 1},
         {"no time", &set, 100, 0, 1, 1, 1},
         {"negative time", &set, 100, -5, 1, 1, 1},
+        {"no time at the only frequency", &single, 100, 0, 1, 1, 1},
         {"no power at the default", &half, 9e-7, 100, 1, 1, 1},
         {"gips at the limit", &set, 100, 100, 1, 1e-7, 1},
         {"gips is no number", &set, 100, 100, 1, nan, 1},

@@ -118,8 +118,8 @@ class SchedulerTest : public DatabaseTest {
   protected:
     void set_up_database() override {
         const char* rows[] = {"1600000,2000000,?,0.5,0,10,0.88,0,0",
-                              "1800000,2000000,?,0.8,0,0,0.92,0,0", "2000000,2000000,?,0,0,0,0,0,0",
-                              "2400000,2000000,?,1.5,0,0,1,0,0"};
+                              "1800000,2000000,?,0.75,320,5,0.9,0.64,0.03",
+                              "2000000,2000000,?,0,0,0,0,0,0", "2400000,2000000,?,1.5,0,0,1,0,0"};
         for (const char* row : rows) {
             plain().run(std::string("insert into TQVN_EnergyCoEfficients values (") + row + ")",
                         {"c1"});
