@@ -169,6 +169,16 @@ TEST(SlurmProlog, NothingHindersItFromSettingTheNodeBackFirst) {
     const Outcome locked = prolog_of(arguments, {4, 1000, "", ""}, [] {});
     EXPECT_EQ(0U, locked.text.find(done + "; the lock of the records: ")) << locked.text;
     EXPECT_FALSE(silent.good || refused.good || locked.good);
+
+    // One that changed nothing is in the way of a job that would.
+    arguments.state = scratch.path("other");
+    StateFolder(arguments.state).create({3, 1000, "", ""});
+    const NodeRole role{true, [](uint32_t) { return false; }};
+    const Outcome beside = call_in_child(ample, [&] {
+        return start_job(arguments, {4, 1000, "t", ""}, role);
+    });
+    EXPECT_EQ(0U, beside.text.find("job 3 runs on this node too")) << beside.text;
+    arguments.state = scratch.path("state");
     EXPECT_EQ(mark, folder.read(3)->disturbed);
     EXPECT_TRUE(folder.read(4));
 }

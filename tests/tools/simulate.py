@@ -154,16 +154,19 @@ def small(easctl, folder, scratch):
                                   ",,,,1e12,1e12,1e9,100,200,1e15,core\n",
                                   ",,,,1e12,1e12,1e9,100,200,1.9,core\n",
                                   ",,,,1e12,1e12,1e9,100,1e308,1,core\n",
-                                  ",,,,1e12,1e12,1e9,100,0,1,core\n"])
+                                  ",,,,1e12,1e12,1e9,100,0,1,core\n",
+                                  ",,,,1e12,1e12,1e9,100,200,1,core,\n",
+                                  ",,,,1e12,1e12,-1,100,200,1,core\n"])
 
     plain = run(easctl, *source, *thresholds, "--json", "--quiet", code=1)
     result = json.loads(plain.stdout)
     check_totals(result, jobs, model, default)
-    assert result["rows_left_out"] == 6, result
+    assert result["rows_left_out"] == 8, result
     for problem in ("9: 3 fields, but the header names 11 columns",
                     "10: the figures of this job allow no prediction", "11: count",
                     '12: count: "1.9" is not a whole number', "13: the figures",
-                    "14: power_w is 0"):
+                    "14: power_w is 0", "15: 12 fields, but the header names 11",
+                    '16: memory_bytes: "-1" is below 0'):
         assert f"{path}:{problem}" in plain.stderr, plain.stderr
     run(easctl, *source, *thresholds, "--strict", code=3)
     write_jobs(path, jobs)

@@ -165,13 +165,17 @@ TEST_P(Tags, AreVerifiedByWhatALaterRunMeasured) {
     const double instructions = 1.555806e14;
     const double x = 9.957159e12 / instructions / 64.0;
     const double cpi = 0.996182 * 6.624e13 / instructions - 3.268926 * x + 0.001836;
-    const auto counted = [&](const char* bytes) {
+    const auto counted = [&](const char* bytes, const char* watts = "260") {
         return verify({"2055", "--cycles", std::to_string(cpi * instructions), "--instructions",
-                       std::to_string(instructions), "--memory-bytes", bytes})["selections"];
+                       std::to_string(instructions), "--memory-bytes", bytes, "--power",
+                       watts})["selections"];
     };
     const json same = counted("9.957159e12");
     EXPECT_EQ(same["minimize_time"], (json{{"tag_khz", 2700000}, {"run_khz", 2700000}}));
     EXPECT_EQ(same["minimize_energy"], (json{{"tag_khz", 2200000}, {"run_khz", 2200000}}));
+    // 245 W at 2.0 GHz are 282.3 W at the default frequency, and above 254 W there 2.2 GHz saves
+    // energy.
+    EXPECT_EQ(counted("9.957159e12", "245")["minimize_energy"]["run_khz"], 2200000);
     // Ten times the memory traffic: another job, of which tests/tools/simulate.py selects these.
     const json other = counted("9.957159e13");
     EXPECT_EQ(other["minimize_time"], (json{{"tag_khz", 2700000}, {"run_khz", 2500000}}));
