@@ -151,7 +151,8 @@ int keep_node(NodeServer& server, pid_t child, Pipe& ready, Pipe& calls) {
         std::thread([&server] {
             for (;; std::this_thread::sleep_for(std::chrono::milliseconds(5))) {
                 const std::lock_guard<std::mutex> lock(server.mutex);
-                server.advance();
+                if (!server.is_reading())
+                    server.advance();
             }
         }).detach();
     return exit_status(child);

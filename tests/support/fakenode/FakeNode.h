@@ -8,9 +8,10 @@
 // fails; "0" into a CPU's `online` takes it offline.
 //
 // Where it is unlike a real node: every core always works, on one of its threads, whatever runs;
-// clocks follow at once; registers of a socket are kept per CPU and take any value; the counters in
-// physical memory stand still, also under a workload, and reads of them go unseen; events count
-// for any process id, without waiting for its exec, whatever perf_event_paranoid says;
+// clocks follow at once; readings of different files and counters that follow one another show one
+// moment, for at most 0.2 s; registers of a socket are kept per CPU and take any value; the
+// counters in physical memory stand still, also under a workload, and reads of them go unseen;
+// events count for any process id, without waiting for its exec, whatever perf_event_paranoid says;
 // answered affinity binds nothing and is not inherited; /proc shows what the shape names and has
 // here, the rest is this machine's.
 #pragma once

@@ -213,7 +213,6 @@ int read_counter(int number, char* buf, size_t size) {
 
 int close_file(const char* path, fuse_file_info*) {
     const Lock lock(server().mutex);
-    server().advance();
     if (const Entry entry = find(path); entry.kind == Kind::counter)
         server().events.close(entry.index);
     return 0;
@@ -240,8 +239,13 @@ int read_text(const std::string& text, char* buf, size_t size, off_t offset) {
 
 int read_file(const char* path, char* buf, size_t size, off_t offset, fuse_file_info*) {
     const Lock lock(server().mutex);
-    server().advance();
     const Entry entry = find(path);
+    if (entry.kind == Kind::counter)
+        server().advance_for(static_cast<uint64_t>(entry.index));
+    else if (entry.kind != Kind::tree)
+        server().advance();
+    else if (offset == 0)
+        server().advance_for(reinterpret_cast<uint64_t>(entry.file));
     switch (entry.kind) {
         case Kind::msr:
             return read_msr(entry.index, buf, size, offset);

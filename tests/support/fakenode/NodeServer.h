@@ -2,8 +2,11 @@
 // and one for the system calls; `mutex` guards everything here and the shared state's answers.
 #pragma once
 
+#include <chrono>
+#include <cstdint>
 #include <map>
 #include <mutex>
+#include <set>
 #include <string>
 #include <utility>
 
@@ -29,10 +32,25 @@ struct NodeServer {
 
     /// Brings everything that the simulated work moves up to now.
     void advance() {
+        seen_.clear();
         workload.advance();
         meters.tick();
         if (std::exchange(seen_changes_, cpus.changes()) != cpus.changes())
             events.follow_cpus();
+    }
+
+    /// The same for a reading of `what`. Many readings one after the other take no time on hardware
+    /// and long here: until one of them comes again they all show the moment of the first.
+    void advance_for(uint64_t what) {
+        if (is_reading() && seen_.insert(what).second)
+            return;
+        advance();
+        seen_ = {what};
+        moment_ = std::chrono::steady_clock::now();
+    }
+    [[nodiscard]] bool is_reading() const {
+        return !seen_.empty() &&
+               std::chrono::steady_clock::now() - moment_ < std::chrono::milliseconds(200);
     }
 
     [[nodiscard]] CpuMask affinity_of(int thread) const;
@@ -57,6 +75,8 @@ struct NodeServer {
     }
 
     int seen_changes_ = 0;
+    std::set<uint64_t> seen_;  // since moment_
+    std::chrono::steady_clock::time_point moment_;
 };
 
 /// Mounts the served files at `mount_point`; null on failure. `serve_files` then runs until the
