@@ -188,8 +188,10 @@ int load_etag_into_db(DBConnection* conn, const EnergyTag& etag) {
     row.selectAll();
     for (const eas::TagRow& prediction : etag.rows()) {
         fill_row(etag, prediction, row);
-        if (tx.insert(&row, false) != 0)
+        if (tx.insert(&row, false) != 0) {
+            transaction.rollback();
             return -1;
+        }
     }
     transaction.commit();
     return 0;
@@ -217,8 +219,10 @@ int remove_tags_from_db(DBConnection* conn, const std::string& cluster_name, int
     StringList users(tags.size());
     StringList names(tags.size());
     if (tx.del(&row, condition.empty() ? nullptr : condition.c_str()) != 0 ||
-        !list_tags(tags, users, names))
+        !list_tags(tags, users, names)) {
+        transaction.rollback();
         return -1;
+    }
     transaction.commit();
     user_list = users.release();
     tagname_list = names.release();

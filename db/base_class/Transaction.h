@@ -16,7 +16,7 @@ class Transaction {
     explicit Transaction(DBConnection& con) noexcept : con_(con) {}
     ~Transaction() {
         const DeferCancellation until_done;
-        if (!committed_)
+        if (!ended_)
             con_.rollback();
     }
     Transaction(const Transaction&) = delete;
@@ -25,13 +25,18 @@ class Transaction {
     /// Returns the ODBC result. What could not be committed is rolled back at the end of the block.
     int commit() {
         const int rc = con_.commit();
-        committed_ = SQL_SUCCEEDED(rc);
+        ended_ = SQL_SUCCEEDED(rc);
         return rc;
+    }
+    /// At once, while the statement that failed is still there.
+    void rollback() {
+        ended_ = true;
+        con_.rollback();
     }
 
   private:
     DBConnection& con_;
-    bool committed_ = false;
+    bool ended_ = false;
 };
 
 }  // namespace eas

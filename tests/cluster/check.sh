@@ -28,6 +28,7 @@ easctl doctor >"$said" || fail "doctor: $(cat "$said")"
 grep 'connection: MariaDB .*, Galera node db. of 3, Synced, through a proxy (127.0.0.10 leads to' "$said" ||
     fail "doctor: $(cat "$said")"
 check 0 "Galera node db3 of 3, Synced" "$(address db3)"
+easctl db check --json | grep -q '"server": "Galera node' || fail "the document tells no server"
 ! grep -q proxy "$said" || fail "a proxy where there is none"
 
 with "tx_isolation = 'READ-UNCOMMITTED'" "tx_isolation = 'REPEATABLE-READ'" 1 "half stored"
