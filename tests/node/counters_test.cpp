@@ -88,8 +88,10 @@ TEST_F(CountersTest, FollowsTheNodeOnAsManyCpusAsItHasCoresAndKeepsItsDescriptor
         EXPECT_EQ(15U * 8, opened_counters()) << "starting again does not pile more of them up";
         for (auto& row : core_counters.fds)
             for (FdSlot& fd : row)
-                if (fd >= 0)
+                if (fd >= 0) {
+                    EXPECT_EQ(FD_CLOEXEC, ::fcntl(fd, F_GETFD));
                     ::close(std::exchange(fd, -1));
+                }
     });
 }
 

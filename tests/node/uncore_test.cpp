@@ -222,6 +222,7 @@ TEST_F(UncoreTest, ChannelsThatCannotBeMappedAreGivenBack) {
             for (unsigned socket = 0; socket < 2; ++socket)
                 cleanup_uncore(socket);
             EXPECT_EQ(before, footprint());
+            EXPECT_EQ(std::string::npos, read_file("/proc/self/maps").find("/dev/mem"));
         }
     });
 }

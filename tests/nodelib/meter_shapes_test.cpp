@@ -220,6 +220,17 @@ TEST_F(MeterShapes, PowercapAddsEachPackageOnceAndFoldsWraps) {
     }
 }
 
+TEST_F(MeterShapes, APlatformBelowItsPackagesIsNoPlatform) {
+    fake::NodeShape shape = fake::read_shape("hybrid");
+    shape.shares["psys"] = 0.5;
+    FakeNode node(shape);
+    inside(node, [] {
+        Metered meter(of_energy("psys"));
+        std::this_thread::sleep_for(2100ms);  // by then the counters have settled
+        EXPECT_THAT(meter.next().energy.reason, HasSubstr("psys moves less than the packages"));
+    });
+}
+
 TEST_F(MeterShapes, ASourceThatFailsEndsItsFigureWithTheReason) {
     const std::string zone = "/sys/class/powercap/intel-rapl:0/energy_uj";
     const std::string cray = "/sys/cray/pm_counters/";
@@ -272,6 +283,10 @@ TEST_F(MeterShapes, ResctrlEndsWhenGroupsComeOrGo) {
         const Metered::Rates rates = meter.rates();
         EXPECT_EQ(EASNODE_CORES, rates.now.memory.extent) << rates.now.memory.reason;
         EXPECT_GT(rates.bytes, 1e9);
+        Metered later(of_memory("resctrl"));
+        const double since = later.next().memory.value;
+        EXPECT_LT(since, meter.next().memory.value - 0.5 * rates.now.memory.value)
+            << "what was before it was opened counts for nothing";
         std::filesystem::create_directory("/sys/fs/resctrl/another");
         EXPECT_THAT(meter.next().memory.reason, HasSubstr("groups were made or removed"));
     });
