@@ -12,6 +12,9 @@
  *   Threads        hardware usage and the privileges are state of the whole process: let one
  *                  thread drive them. The sensor functions and extract_bits keep no state and may
  *                  run in any thread. A thread that is cancelled inside a call finishes the call.
+ *   Memory         the memory counters belong to the node: one process of a node may sample at a
+ *   counters       time. A second one that programs them sets the first one's to 0, and its
+ *                  tear-down stops them.
  *   Hardware       x86-64 processors of vendor "GenuineIntel", family 6, models 26, 30, 37, 42, 44,
  *                  45, 46, 47 and 62 for gethwrusage; an energy meter behind a platform driver
  *                  (devices qpx.0 and qpx.1) for the sensors.
@@ -39,8 +42,10 @@ extern "C" {
 /*
  * One sample of hardware usage. All counts are cumulative since the counters were programmed.
  *
- * The core counters are events of the followed process and its children, or of the whole node;
- * they are corrected for the time in which the kernel had no hardware counter free for them
+ * The core counters are events of the followed process and its children, or of the whole node, of
+ * which the CPUs 0 to cores - 1 are counted: with hyper-threading that is half of them, while the
+ * bytes of memory traffic are those of all. libeasnode (node.h) counts every CPU. They are
+ * corrected for the time in which the kernel had no hardware counter free for them
  * (perf_event_open(2), "time enabled" and "time running"). What a processor model counts for an
  * event that it does not have (l2_transactions, l1d_all_ref, flops) is up to that model.
  */
@@ -55,7 +60,9 @@ typedef struct hwrusage {
     uint64_t membytes_xferred;    /* bytes between the node's memory and its caches, both ways; 0 or
                                      meaningless where they are not counted, see gethwrusage */
     uint64_t netbytes_xferred;    /* always 0 */
-    uint64_t flops;               /* floating-point operations, packed ones by their elements */
+    uint64_t flops;               /* floating-point operations, packed ones by their elements, on
+                                     models 42, 45 and 62; meaningless on the others, where the
+                                     masks of the event overlap: a scalar double counts twice */
     uint64_t inlet_temperature;   /* degrees Celsius below the processors' highest allowed junction
                                      temperature, mean of the sockets; 999: no reading; huge: below
                                      0, see gethwrusage */
@@ -88,14 +95,16 @@ typedef struct enrusage {
 /*
  * Samples the hardware usage of a process, or tears the counters down.
  *
- *   pid     the process to follow, with the children that it starts from then on; -1 for the whole
- *           node. Looked at only by the call that programs the counters: the first one, and the
- *           first one after a tear-down.
+ *   pid     the process to follow: its thread of that number, and what this one starts from then
+ *           on; threads that run already are not counted. -1 for the whole node. Looked at only by
+ *           the call that programs the counters: the first one, and the first one after a
+ *           tear-down.
  *   usage   out: the sample. Null tears down what was programmed, so that a later call may follow
  *           another process.
  *
  * The counters need root: the effective user becomes the saved one (restore_priv) for the length
- * of the call and the real one (drop_priv_temp) at its end, which is not reported when it fails. A
+ * of the call and the real one (drop_priv_temp) at its end, which is not reported when it fails.
+ * Each switch interrupts the other threads of the process, see drop_priv_temp. A
  * null `usage` while nothing is programmed leaves the saved user in force.
  *
  * A source that fails is not reported: without perf events the core fields and tstamp keep what
@@ -107,8 +116,10 @@ typedef struct enrusage {
  * open.
  *
  * Needs: the "msr" kernel module (/dev/cpu/N/msr); perf_event_open(2) for the process; for models
- * 45 and 62 /dev/mem and /sys/firmware/acpi/tables/MCFG; at most 4 sockets, 128 processors and,
- * for the whole node, 64 cores. The calling thread's affinity is changed and given back.
+ * 45 and 62 /dev/mem and /sys/firmware/acpi/tables/MCFG, and at most 2 sockets: the PCI buses 127
+ * and 255, where the controllers are looked for, are a convention for two; at most 4 sockets, 128
+ * processors and, for the whole node, 64 cores. The calling thread's affinity is changed and given
+ * back.
  *
  * Returns 0, or -1 when the platform is not supported (`usage` is then untouched, and the next
  * call looks again). Not thread-safe.
@@ -174,7 +185,9 @@ EAS_API int extract_bits(unsigned long long val, int high, int low);
  * Makes new_uid the effective user; the present effective user becomes the saved one, to which
  * restore_priv goes back. The real user stays. See setresuid(2).
  *
- * Every thread of the process is affected. Needs CAP_SETUID, or new_uid to be one of the process's
+ * Every thread of the process is affected: the C library does it by a signal to each of them, so
+ * that a system call that waits there may end with EINTR. A daemon with threads must try again
+ * then, or sample in a process of its own. Needs CAP_SETUID, or new_uid to be one of the process's
  * own ids. Returns 0, or -1 with errno as the system call left it (nothing was changed). The id
  * (uid_t)-1 means "leave it" to setresuid: the effective user stays, the saved one becomes the
  * effective one all the same, and -1 is returned with errno untouched, although nothing failed.

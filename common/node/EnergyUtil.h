@@ -1,6 +1,6 @@
 // EnergyUtil.h - processor frequencies, governors and model fitting on a compute node (C++17).
 //
-// Frequencies are KHz, as the kernel's cpufreq files have them; CPUs are the kernel's logical
+// Frequencies are kHz, as the kernel's cpufreq files have them; CPUs are the kernel's logical
 // numbers. Every method returns 1 or the positive value asked for on success and -1 on failure;
 // nothing is printed or thrown. Writing needs root (cpufreq files), the nominal frequency root and
 // the "msr" kernel module; the caller holds the privileges. Methods that touch different CPUs may
@@ -37,7 +37,7 @@ enum CPUFreqCapType {
 
 class EAS_API EnergyUtil {
   public:
-    /// Nominal frequency once get_nominal_freq found it, KHz; 0 or less: not yet known.
+    /// Nominal frequency once get_nominal_freq found it, kHz; 0 or less: not yet known.
     static int nominal_frequency;
     /// Hardware threads of the node once get_node_threads counted them; 0 or less: not yet known.
     static int cpu_threads_num;
@@ -77,7 +77,8 @@ class EAS_API EnergyUtil {
     static int get_available_freqs(std::vector<int>& freqs, int cpuid);
 
     /// Highest frequency without turbo, from bits 15:8 of the platform-information register
-    /// (MSR 0xCE, processor vendor's software developer manual) times 133330 KHz on every model.
+    /// (MSR 0xCE, processor vendor's software developer manual) times 133330 kHz on every model: on
+    /// models 42, 45 and 62, whose bus clock is 100 MHz, the result is a third too high.
     /// -1 when the register cannot be read or holds 0.
     static int cal_nominal_freq(int cpuid);
 
