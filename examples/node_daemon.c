@@ -19,7 +19,7 @@
 
 enum { EXIT_USAGE = 2, EXIT_NO_HARDWARE = 3, EXIT_NO_START = 126, EXIT_NOT_FOUND = 127 };
 
-enum { NO_TEMPERATURE = 999 }; /* a margin beyond it is one below 0, so none either */
+enum { no_temperature = 999 }; /* a margin beyond it is one below 0, so none either */
 
 /* One look at everything. */
 struct sample {
@@ -99,7 +99,7 @@ static void explain_missing_readings(const hwrusage* sample) {
             "62 root with CAP_SYS_RAWIO, /dev/mem and /sys/firmware/acpi/tables/MCFG\n",
             stderr);
     }
-    if (sample->inlet_temperature >= NO_TEMPERATURE) {
+    if (sample->inlet_temperature >= no_temperature) {
         fputs(
             "node_daemon: no temperature: processor models 42 and 46 have no sensor that is read, "
             "or /dev/cpu/N/msr of a socket gave no valid reading; it needs CAP_SYS_RAWIO\n",
@@ -154,7 +154,7 @@ static void print_line(const struct sources* sources, double start, double all_j
     print_ratio(growth(before->membytes_xferred, after->membytes_xferred) / 1e9, seconds,
                 sources->hardware && after->membytes_xferred != 0);
     print_ratio((double)after->inlet_temperature, 1,
-                sources->hardware && after->inlet_temperature < NO_TEMPERATURE);
+                sources->hardware && after->inlet_temperature < no_temperature);
     print_ratio(all_joules, 1, sources->energy);
     print_ratio(joules_between(last, now), seconds, sources->energy);
     putchar('\n');

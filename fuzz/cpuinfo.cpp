@@ -18,20 +18,20 @@ bool within(int value, int limit) {
 
 /// Holds whatever was read, since a rejected processor leaves the record partly filled.
 void check_ids(const cpuinfo_t& processors) {
-    check(within(processors.numSockets, MAX_SOCKETS + 1), "sockets fit the record");
-    check(within(processors.numThreads, MAX_CPUS + 1), "CPUs fit the record");
+    check(within(processors.numSockets, max_sockets + 1), "sockets fit the record");
+    check(within(processors.numThreads, max_cpus + 1), "CPUs fit the record");
     std::set<int> sockets;
-    for (int s = 0; s < MAX_SOCKETS; ++s) {
+    for (int s = 0; s < max_sockets; ++s) {
         const int id = processors.SId[s];
-        check(s < processors.numSockets ? within(id, MAX_SOCKETS) : id == -1,
+        check(s < processors.numSockets ? within(id, max_sockets) : id == -1,
               "socket ids are in front");
         if (id != -1)
-            check(within(processors.cpuId[id], MAX_CPUS), "every socket has a first CPU");
+            check(within(processors.cpuId[id], max_cpus), "every socket has a first CPU");
         if (id != -1)
             check(sockets.insert(id).second, "a socket is listed once");
     }
     check(std::count(std::begin(processors.cpuId), std::end(processors.cpuId), -1) ==
-              MAX_SOCKETS - processors.numSockets,
+              max_sockets - processors.numSockets,
           "no other socket has a first CPU");
     for (const int socket : processors.socketId)
         check(socket == -1 || sockets.count(socket) == 1, "CPUs belong to listed sockets");

@@ -7,7 +7,7 @@
 
 namespace {
 
-constexpr double SAMPLES = 7.0;
+constexpr double samples = 7.0;
 static_assert(EnergyUtil::COEFNUM == 7, "the divisor and the sums go together");
 
 struct Sums {
@@ -33,7 +33,7 @@ Sums raw_sums(const std::vector<double>& Y, const std::vector<double>& X1,
 }
 
 double centred(double sum_of_products, double sum_a, double sum_b) {
-    return sum_of_products + sum_a * sum_b / -SAMPLES;
+    return sum_of_products + sum_a * sum_b / -samples;
 }
 
 // b1, b2, b0.
@@ -43,9 +43,9 @@ std::array<double, 3> fit(const Sums& sums) {
     const double yx1_sum = centred(sums.yx1, sums.y, sums.x1);
     const double yx2_sum = centred(sums.yx2, sums.y, sums.x2);
     const double x1x2_sum = centred(sums.x1x2, sums.x1, sums.x2);
-    const double y_avg = sums.y / SAMPLES;
-    const double x1_avg = sums.x1 / SAMPLES;
-    const double x2_avg = sums.x2 / SAMPLES;
+    const double y_avg = sums.y / samples;
+    const double x1_avg = sums.x1 / samples;
+    const double x2_avg = sums.x2 / samples;
     const double determinant = sum_x1_square * sum_x2_square - x1x2_sum * x1x2_sum;
     const double b1 = (yx1_sum * sum_x2_square - yx2_sum * x1x2_sum) / determinant;
     const double b2 = (yx2_sum * sum_x1_square - yx1_sum * x1x2_sum) / determinant;

@@ -16,21 +16,21 @@ namespace {
 
 // Rows of the counter table, by what they count.
 enum Counter : std::size_t {
-    CYCLES,
-    INSTRUCTIONS,
-    CACHE_REFERENCES,
-    CACHE_MISSES,
-    BRANCH_INSTRUCTIONS,
-    BRANCH_MISSES,
-    BUS_CYCLES,
-    L2_TRANSACTIONS,
-    L1D_ALL_REF,
-    SCALAR_SINGLE,
-    SCALAR_DOUBLE,
-    PACKED_SINGLE,
-    PACKED_DOUBLE,
-    PACKED_256_SINGLE,
-    PACKED_256_DOUBLE,
+    cycles,
+    instructions,
+    cache_references,
+    cache_misses,
+    branch_instructions,
+    branch_misses,
+    bus_cycles,
+    l2_transactions,
+    l1d_all_ref,
+    scalar_single,
+    scalar_double,
+    packed_single,
+    packed_double,
+    packed_256_single,
+    packed_256_double,
 };
 
 struct CoreEvent {
@@ -40,8 +40,11 @@ struct CoreEvent {
 
 // Raw configurations: event code in bits 7:0, unit mask in 15:8, flags from 16 up (0x53: user,
 // kernel, interrupt, enable), as in the performance-event tables of the processor vendor's software
-// developer manual. Programmed unchanged on every model.
-constexpr std::array<CoreEvent, NUM_CORE_COUNTERS> EVENTS = {{
+// developer manual. Programmed unchanged on every model, though models differ: F0H and 43H are
+// events of models 26 to 47; the unit masks of 10H, and event 11H, are those of models 42, 45
+// and 62. Before them the masks of 10H are "packed", "scalar", "single" and "double precision", so
+// that a scalar double counts in two rows.
+constexpr std::array<CoreEvent, num_core_counters> core_events = {{
     {PERF_TYPE_HARDWARE, PERF_COUNT_HW_CPU_CYCLES},
     {PERF_TYPE_HARDWARE, PERF_COUNT_HW_INSTRUCTIONS},
     {PERF_TYPE_HARDWARE, PERF_COUNT_HW_CACHE_REFERENCES},
@@ -49,8 +52,8 @@ constexpr std::array<CoreEvent, NUM_CORE_COUNTERS> EVENTS = {{
     {PERF_TYPE_HARDWARE, PERF_COUNT_HW_BRANCH_INSTRUCTIONS},
     {PERF_TYPE_HARDWARE, PERF_COUNT_HW_BRANCH_MISSES},
     {PERF_TYPE_HARDWARE, PERF_COUNT_HW_BUS_CYCLES},
-    {PERF_TYPE_RAW, 0x80F0},    // event 0xF0, umask 0x80: L2_TRANSACTIONS, any
-    {PERF_TYPE_RAW, 0x0143},    // event 0x43, umask 0x01: L1D_ALL_REF, any
+    {PERF_TYPE_RAW, 0x80F0},    // event 0xF0, umask 0x80: L2_TRANSACTIONS.ANY
+    {PERF_TYPE_RAW, 0x0143},    // event 0x43, umask 0x01: L1D_ALL_REF.ANY
     {PERF_TYPE_RAW, 0x532010},  // event 0x10, umask 0x20: SSE scalar, single precision
     {PERF_TYPE_RAW, 0x538010},  // event 0x10, umask 0x80: SSE scalar, double precision
     {PERF_TYPE_RAW, 0x534010},  // event 0x10, umask 0x40: SSE packed, single precision
@@ -59,18 +62,7 @@ constexpr std::array<CoreEvent, NUM_CORE_COUNTERS> EVENTS = {{
     {PERF_TYPE_RAW, 0x530211},  // event 0x11, umask 0x02: 256-bit packed, double precision
 }};
 
-using Counts = std::array<unsigned long long, NUM_CORE_COUNTERS>;
-
-perf_event_attr attribute_of(const CoreEvent& event) {
-    perf_event_attr attr{};
-    attr.type = event.type;
-    attr.config = event.config;
-    attr.size = PERF_ATTR_SIZE_VER2;
-    attr.read_format = PERF_FORMAT_TOTAL_TIME_ENABLED | PERF_FORMAT_TOTAL_TIME_RUNNING;
-    attr.inherit = 1;
-    attr.enable_on_exec = 1;
-    return attr;
-}
+using Counts = std::array<unsigned long long, num_core_counters>;
 
 // Opens an event into `slot`, closing what the slot held. The flags of the system call are 0, so
 // closing on exec is asked for afterwards.
@@ -85,7 +77,7 @@ bool open_into(eas::FdSlot& slot, perf_event_attr& attr, pid_t pid, int cpu) {
 }
 
 bool cores_fit() {
-    return cinfo.numCores <= MAX_COUNTED_CPUS;
+    return cinfo.numCores <= max_counted_cpus;
 }
 
 bool open_node_wide(std::size_t counter, perf_event_attr& attr) {
@@ -117,18 +109,18 @@ int read_counter(std::size_t counter, unsigned long long& sum) {
 }
 
 void store_counts(const Counts& counts, hwrusage& usage) {
-    usage.cycles = counts[CYCLES];
-    usage.instructions = counts[INSTRUCTIONS];
-    usage.branch_instructions = counts[BRANCH_INSTRUCTIONS];
-    usage.branch_misses = counts[BRANCH_MISSES];
-    usage.cache_references = counts[CACHE_REFERENCES];
-    usage.cache_misses = counts[CACHE_MISSES];
-    usage.bus_cycles = counts[BUS_CYCLES];
-    usage.l2_transactions = counts[L2_TRANSACTIONS];
-    usage.l1d_all_ref = counts[L1D_ALL_REF];
-    usage.flops = counts[SCALAR_SINGLE] + counts[SCALAR_DOUBLE] + 2 * counts[PACKED_DOUBLE] +
-                  4 * counts[PACKED_SINGLE] + 4 * counts[PACKED_256_DOUBLE] +
-                  8 * counts[PACKED_256_SINGLE];
+    usage.cycles = counts[cycles];
+    usage.instructions = counts[instructions];
+    usage.branch_instructions = counts[branch_instructions];
+    usage.branch_misses = counts[branch_misses];
+    usage.cache_references = counts[cache_references];
+    usage.cache_misses = counts[cache_misses];
+    usage.bus_cycles = counts[bus_cycles];
+    usage.l2_transactions = counts[l2_transactions];
+    usage.l1d_all_ref = counts[l1d_all_ref];
+    usage.flops = counts[scalar_single] + counts[scalar_double] + 2 * counts[packed_double] +
+                  4 * counts[packed_single] + 4 * counts[packed_256_double] +
+                  8 * counts[packed_256_single];
 }
 
 }  // namespace
@@ -145,8 +137,8 @@ int init_core_counters(pid_t pid) {
         if (!cores_fit())
             return -1;
     }
-    for (std::size_t counter = 0; counter < EVENTS.size(); ++counter) {
-        perf_event_attr attr = attribute_of(EVENTS[counter]);
+    for (std::size_t counter = 0; counter < core_events.size(); ++counter) {
+        perf_event_attr attr = eas::core_event(counter);
         const bool opened = pid == -1 ? open_node_wide(counter, attr)
                                       : open_into(core_counters.fd[counter], attr, pid, -1);
         if (!opened)
@@ -200,6 +192,17 @@ std::uint64_t rdclock() {
 
 namespace eas {
 
+perf_event_attr core_event(std::size_t counter) noexcept {
+    perf_event_attr attr{};
+    attr.type = core_events[counter].type;
+    attr.config = core_events[counter].config;
+    attr.size = PERF_ATTR_SIZE_VER2;
+    attr.read_format = PERF_FORMAT_TOTAL_TIME_ENABLED | PERF_FORMAT_TOTAL_TIME_RUNNING;
+    attr.inherit = 1;
+    attr.enable_on_exec = 1;
+    return attr;
+}
+
 void close_core_counters() {
     for (eas::FdSlot& fd : core_counters.fd) {
         UniqueFd closing(std::exchange(fd, -1));
@@ -215,8 +218,8 @@ std::uint64_t scaled_count(const perf_counts_values& counts) noexcept {
                               static_cast<double>(counts.time_enabled) /
                               static_cast<double>(counts.time_running) +
                           0.5;
-    constexpr double TWO_TO_THE_64 = 18446744073709551616.0;
-    if (scaled >= TWO_TO_THE_64)
+    constexpr double two_to_the_64 = 18446744073709551616.0;
+    if (scaled >= two_to_the_64)
         return std::numeric_limits<std::uint64_t>::max();
     return static_cast<std::uint64_t>(scaled);
 }

@@ -13,9 +13,9 @@
 #include "common/node/FdSlot.h"
 
 /// Events that are counted.
-constexpr int NUM_CORE_COUNTERS = 15;
+constexpr int num_core_counters = 15;
 /// CPUs that the node-wide mode has room for.
-constexpr int MAX_COUNTED_CPUS = 64;
+constexpr int max_counted_cpus = 64;
 
 /// What a read of a counter descriptor gives.
 struct perf_counts_values {
@@ -26,9 +26,9 @@ struct perf_counts_values {
 
 /// The descriptors; -1 where none is open.
 struct CoreCounterState {
-    using Row = std::array<eas::FdSlot, NUM_CORE_COUNTERS>;  // by event
+    using Row = std::array<eas::FdSlot, num_core_counters>;  // by event
     Row fd;                                                  ///< per process
-    std::array<Row, MAX_COUNTED_CPUS> fds;                   ///< for the whole node, by CPU
+    std::array<Row, max_counted_cpus> fds;                   ///< for the whole node, by CPU
     int system_wide = 0;  ///< 1 once the whole node was chosen; never 0 again
 };
 
@@ -39,7 +39,7 @@ int perf_event_open(perf_event_attr* event, pid_t pid, int cpu, int leader_fd);
 
 /// Opens all events for `pid`, or for the whole node if it is -1; a descriptor that is replaced
 /// is closed. 0, or -1 at the first that fails (those before it stay open) or when the node has
-/// more cores than MAX_COUNTED_CPUS.
+/// more cores than max_counted_cpus.
 int init_core_counters(pid_t pid);
 
 /// Reads one event, scaled up by the time in which it was not on a hardware counter. One that
@@ -58,6 +58,9 @@ int readn(int fd, void* buf, std::size_t n);
 std::uint64_t rdclock();
 
 namespace eas {
+
+/// What an event of the table is asked of the kernel as.
+[[nodiscard]] perf_event_attr core_event(std::size_t counter) noexcept;
 
 /// Closes the per-process descriptors; those of the whole node stay open.
 void close_core_counters();

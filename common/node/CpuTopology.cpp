@@ -14,9 +14,9 @@ cpuinfo_t cinfo{};
 
 namespace {
 
-constexpr int REJECTED = -2;
-constexpr std::uint32_t MSR_PLATFORM_INFO = 0xCE;  // bits 15:8: maximum non-turbo ratio
-constexpr int NEHALEM_CLIENT = 30;                 // the same uncore as model 26, stored as that
+constexpr int rejected = -2;
+constexpr std::uint32_t msr_platform_info = 0xCE;  // bits 15:8: maximum non-turbo ratio
+constexpr int client_model = 30;                   // the same uncore as model 26, stored as that
 
 cpuinfo_t blank_record() {
     cpuinfo_t blank{};
@@ -59,21 +59,21 @@ class TopologyReader {
     int core_ = -1;
     int socket_ = -1;
     bool beyond_limits_ = false;
-    std::array<int, MAX_CPUS> physical_id_{};
-    std::array<int, MAX_CPUS> core_id_{};
+    std::array<int, max_cpus> physical_id_{};
+    std::array<int, max_cpus> core_id_{};
 };
 
 bool TopologyReader::take_processor(std::string_view line) {
     const bool parsed = eas::parse_field(line, "processor", cpu_);
-    if (!within(record_.numThreads, MAX_CPUS))
+    if (!within(record_.numThreads, max_cpus))
         return false;
     record_.numThreads += 1;
-    return !parsed || within(cpu_, MAX_CPUS);
+    return !parsed || within(cpu_, max_cpus);
 }
 
 bool TopologyReader::take_physical_id(std::string_view line) {
     eas::parse_field(line, "physical id", socket_);
-    if (!within(cpu_, MAX_CPUS) || !within(socket_, MAX_SOCKETS))
+    if (!within(cpu_, max_cpus) || !within(socket_, max_sockets))
         return false;
     physical_id_[static_cast<std::size_t>(cpu_)] = socket_;
     if (record_.cpuId[socket_] == -1) {
@@ -86,7 +86,7 @@ bool TopologyReader::take_physical_id(std::string_view line) {
 
 bool TopologyReader::take_core_id(std::string_view line) {
     eas::parse_field(line, "core id", core_);
-    if (!within(cpu_, MAX_CPUS) || !within(core_, MAX_CORE_IDS))
+    if (!within(cpu_, max_cpus) || !within(core_, max_core_ids))
         return false;
     core_id_[static_cast<std::size_t>(cpu_)] = core_;
     return true;
@@ -94,7 +94,7 @@ bool TopologyReader::take_core_id(std::string_view line) {
 
 bool TopologyReader::take_model(std::string_view line) {
     eas::parse_field(line, "model", record_.model);
-    if (record_.model == NEHALEM_CLIENT)
+    if (record_.model == client_model)
         record_.model = 26;
     return eas::find_model(record_.model) != nullptr;
 }
@@ -126,7 +126,7 @@ bool TopologyReader::take_line(std::string_view line) {
 // processor numbers its cores with gaps, a hyper-threaded core may count twice. The counts of
 // earlier releases, and so the node-wide counters, rest on it.
 int TopologyReader::cores_of_socket(int socket) {
-    std::array<int, MAX_CORE_IDS> cores_on_that_socket{};
+    std::array<int, max_core_ids> cores_on_that_socket{};
     cores_on_that_socket.fill(-1);
     std::size_t cores = 0;
     for (int cpu = 0; cpu < record_.numThreads; ++cpu) {
@@ -161,14 +161,14 @@ TopologyReading read_topology(std::FILE* cpuinfo) {
         if (reader.take_line(line.data()))
             continue;
         // Callers look at family and model only: a node that the record cannot hold has none.
-        return {REJECTED, reader.beyond_limits() ? blank_record() : reader.record()};
+        return {rejected, reader.beyond_limits() ? blank_record() : reader.record()};
     }
     reader.count_cores();
     return {0, reader.record()};
 }
 
 std::uint64_t nominal_clock(const cpuinfo_t& processors) {
-    const std::uint64_t info = register_or_zero(0, MSR_PLATFORM_INFO);
+    const std::uint64_t info = register_or_zero(0, msr_platform_info);
     const ProcessorModel* model = find_model(processors.model);
     return (info >> 8 & 0xFF) * (model != nullptr ? model->bus_clock : clock_133);
 }

@@ -9,9 +9,9 @@
 #include <cstdio>
 
 /// Array limits of the topology record; a node beyond them is rejected.
-constexpr int MAX_SOCKETS = 4;
-constexpr int MAX_CPUS = 128;
-constexpr int MAX_CORE_IDS = 64;
+constexpr int max_sockets = 4;
+constexpr int max_cpus = 128;
+constexpr int max_core_ids = 64;
 
 /// What is known of the node's processors. All 0 until discover_topology ran.
 struct cpuinfo_t {
@@ -21,12 +21,12 @@ struct cpuinfo_t {
     std::int32_t numCores;                 ///< physical cores of all sockets
     std::int32_t numThreads;               ///< "processor" lines
     std::int32_t threads_per_core;         ///< numThreads / numCores
-    std::int32_t cpuId[MAX_SOCKETS];       ///< by physical socket id: its first CPU; -1 none
-    std::int32_t socketId[MAX_CPUS];       ///< by CPU: its physical socket id; -1 unknown
-    std::int32_t socketIdc[MAX_CORE_IDS];  ///< reserved
-    std::int32_t SId[MAX_SOCKETS];         ///< socket ids in order of appearance; -1 unused
-    std::int32_t ncores_on_that_socket[MAX_SOCKETS];  ///< reserved
-    std::int32_t tnum[MAX_CPUS][MAX_SOCKETS];         ///< reserved
+    std::int32_t cpuId[max_sockets];       ///< by physical socket id: its first CPU; -1 none
+    std::int32_t socketId[max_cpus];       ///< by CPU: its physical socket id; -1 unknown
+    std::int32_t socketIdc[max_core_ids];  ///< reserved
+    std::int32_t SId[max_sockets];         ///< socket ids in order of appearance; -1 unused
+    std::int32_t ncores_on_that_socket[max_sockets];  ///< reserved
+    std::int32_t tnum[max_cpus][max_sockets];         ///< reserved
     std::uint64_t nominal_frequency;                  ///< nominal clock, Hz
 };
 

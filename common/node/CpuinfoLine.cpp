@@ -8,10 +8,10 @@ namespace eas {
 
 namespace {
 
-constexpr std::string_view BLANKS = " \t\n\v\f\r";
+constexpr std::string_view blanks = " \t\n\v\f\r";
 
 std::string_view without_leading_blanks(std::string_view text) noexcept {
-    const std::size_t first = text.find_first_not_of(BLANKS);
+    const std::size_t first = text.find_first_not_of(blanks);
     return first == std::string_view::npos ? std::string_view{} : text.substr(first);
 }
 
@@ -61,7 +61,7 @@ bool parse_after_colon(std::string_view line, int& value) noexcept {
 
 std::string_view word_field(std::string_view line, std::string_view key) noexcept {
     const std::string_view rest = behind_key(line, key);
-    return rest.substr(0, rest.find_first_of(BLANKS));
+    return rest.substr(0, rest.find_first_of(blanks));
 }
 
 }  // namespace eas

@@ -32,15 +32,15 @@ const std::array<const char*, 14> value_files = {{
 
 namespace {
 
-constexpr std::size_t PATH_SIZE = 255;
-constexpr std::size_t VALUE_SIZE = 255;
+constexpr std::size_t path_size = 255;
+constexpr std::size_t value_size = 255;
 
 // The device with the sensors of the whole node, then its fall-back.
-constexpr const char* PREFERRED_DEVICE = "/sys/devices/platform/qpx.1";
-constexpr const char* OTHER_DEVICE = "/sys/devices/platform/qpx.0";
+constexpr const char* preferred_device = "/sys/devices/platform/qpx.1";
+constexpr const char* other_device = "/sys/devices/platform/qpx.0";
 
 // Members of enrusage in the order of value_files.
-constexpr std::array<unsigned long enrusage::*, 14> VALUES = {{
+constexpr std::array<unsigned long enrusage::*, 14> sensor_fields = {{
     &enrusage::energy1_input,
     &enrusage::energy2_input,
     &enrusage::power1_average,
@@ -59,20 +59,20 @@ constexpr std::array<unsigned long enrusage::*, 14> VALUES = {{
 
 // Thermal registers as in the processor vendor's software developer manual. The readout is bits
 // 22:16 there; bit 23 is reserved, reads as 0, and is taken along.
-constexpr std::uint32_t MSR_THERM_STATUS = 0x19C;        // bit 31: the readout is valid
-constexpr std::uint32_t MSR_TEMPERATURE_TARGET = 0x1A2;  // bits 23:16 junction maximum
+constexpr std::uint32_t msr_therm_status = 0x19C;        // bit 31: the readout is valid
+constexpr std::uint32_t msr_temperature_target = 0x1A2;  // bits 23:16 junction maximum
 
 eas::UniqueFd open_sensor(const char* device, const char* fname) {
-    std::array<char, PATH_SIZE> path{};
+    std::array<char, path_size> path{};
     std::snprintf(path.data(), path.size(), "%s/%s", device, fname);
     return eas::UniqueFd(::open(path.data(), O_RDONLY | O_CLOEXEC));
 }
 
 // Degrees below the junction maximum that a socket's CPU reports. False: not valid now.
 bool read_margin(int cpu, int& margin) {
-    const std::uint64_t status = eas::register_or_zero(cpu, MSR_THERM_STATUS);
+    const std::uint64_t status = eas::register_or_zero(cpu, msr_therm_status);
     const int reading = extract_bits(status, 23, 16);
-    const std::uint64_t target = eas::register_or_zero(cpu, MSR_TEMPERATURE_TARGET);
+    const std::uint64_t target = eas::register_or_zero(cpu, msr_temperature_target);
     const int tjmax = extract_bits(target, 23, 16);
     margin = tjmax - reading;
     return extract_bits(status, 32, 31) != 0;  // bit 32 is reserved and counts as valid, too
@@ -84,9 +84,9 @@ unsigned int sysfs_read_file(const char* fname, char* buf, size_t buflen) {
     if (fname == nullptr || buf == nullptr || buflen == 0)
         return 0;
     const eas::DeferCancellation deferred;
-    eas::UniqueFd fd = open_sensor(PREFERRED_DEVICE, fname);
+    eas::UniqueFd fd = open_sensor(preferred_device, fname);
     if (!fd.is_open())
-        fd = open_sensor(OTHER_DEVICE, fname);
+        fd = open_sensor(other_device, fname);
     if (!fd.is_open())
         return 0;
     const ssize_t count = ::read(fd.get(), buf, buflen - 1);
@@ -106,7 +106,7 @@ unsigned long eas::parse_sensor_value(const char* text) noexcept {
 unsigned long sysfs_get_one_value(unsigned int which) {
     if (which >= value_files.size())
         return 0;
-    std::array<char, VALUE_SIZE> text{};
+    std::array<char, value_size> text{};
     if (sysfs_read_file(value_files[which], text.data(), text.size()) == 0)
         return 0;
     return eas::parse_sensor_value(text.data());
@@ -115,8 +115,8 @@ unsigned long sysfs_get_one_value(unsigned int which) {
 int getenrusage(__rusage_who_t, enrusage* usage) {
     if (usage == nullptr)
         return -1;
-    for (unsigned int which = 0; which < VALUES.size(); ++which) {
-        usage->*VALUES[which] = sysfs_get_one_value(which);
+    for (unsigned int which = 0; which < sensor_fields.size(); ++which) {
+        usage->*sensor_fields[which] = sysfs_get_one_value(which);
     }
     return 0;
 }
@@ -135,7 +135,7 @@ int verify_qpx() {
 std::uint64_t eas::mean_margin(const cpuinfo_t& processors) {
     const ProcessorModel* model = find_model(processors.model);
     if (model == nullptr || !model->thermal_sensor || processors.numSockets < 1)
-        return NO_TEMPERATURE;
+        return no_temperature;
     int sum = 0;
     bool all_valid = true;
     for (int s = 0; s < processors.numSockets; ++s) {
@@ -147,7 +147,7 @@ std::uint64_t eas::mean_margin(const cpuinfo_t& processors) {
             all_valid = false;
         }
     }
-    return all_valid ? static_cast<std::uint64_t>(sum / processors.numSockets) : NO_TEMPERATURE;
+    return all_valid ? static_cast<std::uint64_t>(sum / processors.numSockets) : no_temperature;
 }
 
 int read_inlet_temperature(hwrusage* usage) {

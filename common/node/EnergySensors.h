@@ -10,10 +10,10 @@
 extern const std::array<const char*, 14> value_files;
 
 /// What inlet_temperature holds when there is no reading.
-constexpr unsigned NO_TEMPERATURE = 999;
+constexpr unsigned no_temperature = 999;
 
 /// Fills inlet_temperature: degrees Celsius below the highest allowed junction temperature, mean of
-/// the sockets, or NO_TEMPERATURE when a socket has no valid reading. Needs the topology, root and
+/// the sockets, or no_temperature when a socket has no valid reading. Needs the topology, root and
 /// the "msr" kernel module. Returns 0.
 int read_inlet_temperature(hwrusage* usage);
 

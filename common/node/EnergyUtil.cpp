@@ -23,23 +23,23 @@ int EnergyUtil::nominal_frequency = 0;
 
 namespace {
 
-constexpr int FAILED = -1;
-constexpr int DONE = 1;
+constexpr int failed = -1;
+constexpr int succeeded = 1;
 
 // Names below a CPU's cpufreq directory.
-constexpr const char* CURRENT_FREQUENCY = "scaling_cur_freq";
-constexpr const char* GOVERNOR = "scaling_governor";
-constexpr const char* SET_SPEED = "scaling_setspeed";
-constexpr const char* LOWEST_FREQUENCY = "scaling_min_freq";
-constexpr const char* HIGHEST_FREQUENCY = "scaling_max_freq";
-constexpr const char* AVAILABLE_FREQUENCIES = "scaling_available_frequencies";
+constexpr const char* current_file = "scaling_cur_freq";
+constexpr const char* governor_file = "scaling_governor";
+constexpr const char* set_speed_file = "scaling_setspeed";
+constexpr const char* lowest_file = "scaling_min_freq";
+constexpr const char* highest_file = "scaling_max_freq";
+constexpr const char* list_file = "scaling_available_frequencies";
 
-constexpr std::string_view USERSPACE = "userspace";
-constexpr std::size_t GOVERNOR_SIZE = 32;
-constexpr std::size_t FREQUENCY_LIST_SIZE = 1024;
+constexpr std::string_view userspace = "userspace";
+constexpr std::size_t governor_size = 32;
+constexpr std::size_t frequency_list_size = 1024;
 
-constexpr off_t MSR_PLATFORM_INFO = 0xCE;  // bits 15:8: maximum non-turbo ratio
-constexpr int KHZ_PER_RATIO = 133330;      // on every model, also those with a 100 MHz bus
+constexpr off_t msr_platform_info = 0xCE;  // bits 15:8: maximum non-turbo ratio
+constexpr int khz_per_ratio = 133330;      // on every model, also those with a 100 MHz bus
 
 using Path = std::array<char, MAX_PATH_LENGTH>;
 
@@ -79,8 +79,8 @@ bool format_khz(int freqval, std::array<char, MAX_FREQENCY_LENGTH>& text) {
 
 // Appends the driver's steps; false where it has no list of them. Throws std::bad_alloc.
 bool append_available(std::vector<int>& freqs, int cpuid) {
-    std::array<char, FREQUENCY_LIST_SIZE> text{};
-    if (read_cpufreq(cpuid, AVAILABLE_FREQUENCIES, text) <= 0)
+    std::array<char, frequency_list_size> text{};
+    if (read_cpufreq(cpuid, list_file, text) <= 0)
         return false;
     const char* next = text.data();
     while (*(next += std::strcspn(next, "0123456789")) != '\0') {
@@ -109,13 +109,13 @@ template <typename Operation>
 int on_every_cpu(Operation operation) {
     std::vector<int> cpuids;
     if (EnergyUtil::get_all_cpu_ids(cpuids) <= 0)
-        return FAILED;
+        return failed;
     std::size_t done = 0;
     for (const int cpuid : cpuids) {
         if (operation(cpuid) > 0)
             ++done;
     }
-    return done == cpuids.size() ? DONE : FAILED;
+    return done == cpuids.size() ? succeeded : failed;
 }
 
 }  // namespace
@@ -123,52 +123,52 @@ int on_every_cpu(Operation operation) {
 int EnergyUtil::get_current_frequency(int cpuid) {
     const eas::DeferCancellation deferred;
     std::array<char, MAX_FREQENCY_LENGTH + 1> text{};
-    if (read_cpufreq(cpuid, CURRENT_FREQUENCY, text) <= 0)
-        return FAILED;
+    if (read_cpufreq(cpuid, current_file, text) <= 0)
+        return failed;
     const int frequency = to_khz(text.data());
-    return frequency >= 1 ? frequency : FAILED;
+    return frequency >= 1 ? frequency : failed;
 }
 
 int EnergyUtil::set_cpu_frequency(int freqval, int cpuid) {
     const eas::DeferCancellation deferred;
     std::array<char, MAX_FREQENCY_LENGTH> frequency{};
     if (!format_khz(freqval, frequency))
-        return FAILED;
-    std::array<char, GOVERNOR_SIZE> present{};
-    if (read_cpufreq(cpuid, GOVERNOR, present) <= 0)
-        return FAILED;
-    if (!starts_with(present.data(), USERSPACE) &&
-        !write_cpufreq(cpuid, GOVERNOR, USERSPACE.data(), USERSPACE.size())) {
-        return FAILED;
+        return failed;
+    std::array<char, governor_size> present{};
+    if (read_cpufreq(cpuid, governor_file, present) <= 0)
+        return failed;
+    if (!starts_with(present.data(), userspace) &&
+        !write_cpufreq(cpuid, governor_file, userspace.data(), userspace.size())) {
+        return failed;
     }
     const bool set =
-        write_cpufreq(cpuid, SET_SPEED, frequency.data(), std::strlen(frequency.data()));
-    return set ? DONE : FAILED;
+        write_cpufreq(cpuid, set_speed_file, frequency.data(), std::strlen(frequency.data()));
+    return set ? succeeded : failed;
 }
 
 int EnergyUtil::set_cpu_governor(char* governor, int cpuid) {
     if (governor == nullptr)
-        return FAILED;
+        return failed;
     const eas::DeferCancellation deferred;
     const std::string_view wanted = governor;
-    std::array<char, GOVERNOR_SIZE> present{};
-    if (read_cpufreq(cpuid, GOVERNOR, present) <= 0)
-        return FAILED;
+    std::array<char, governor_size> present{};
+    if (read_cpufreq(cpuid, governor_file, present) <= 0)
+        return failed;
     // The kernel ends the present name with a newline: only the given name's length counts.
     if (starts_with(present.data(), wanted))
-        return DONE;
-    return write_cpufreq(cpuid, GOVERNOR, governor, wanted.size()) ? DONE : FAILED;
+        return succeeded;
+    return write_cpufreq(cpuid, governor_file, governor, wanted.size()) ? succeeded : failed;
 }
 
 int EnergyUtil::set_cpu_frequency_cap(int freqval, int cpuid, CPUFreqCapType type) {
     const eas::DeferCancellation deferred;
     std::array<char, MAX_FREQENCY_LENGTH> text{};
     if (!format_khz(freqval, text))
-        return FAILED;
+        return failed;
     if (type != CPU_FREQ_MIN && type != CPU_FREQ_MAX)
-        return FAILED;
-    const char* name = type == CPU_FREQ_MAX ? HIGHEST_FREQUENCY : LOWEST_FREQUENCY;
-    return write_cpufreq(cpuid, name, text.data(), std::strlen(text.data())) ? DONE : FAILED;
+        return failed;
+    const char* name = type == CPU_FREQ_MAX ? highest_file : lowest_file;
+    return write_cpufreq(cpuid, name, text.data(), std::strlen(text.data())) ? succeeded : failed;
 }
 
 int EnergyUtil::set_all_cpu_freqs(int freqval) {
@@ -177,7 +177,7 @@ int EnergyUtil::set_all_cpu_freqs(int freqval) {
 
 int EnergyUtil::set_all_cpu_governors(char* governor) {
     if (governor == nullptr)
-        return FAILED;
+        return failed;
     return on_every_cpu([governor](int cpuid) { return set_cpu_governor(governor, cpuid); });
 }
 
@@ -190,10 +190,10 @@ int EnergyUtil::get_available_freqs(std::vector<int>& freqs, int cpuid) {
     const eas::DeferCancellation deferred;
     const std::size_t before = freqs.size();
     try {
-        return append_available(freqs, cpuid) ? DONE : FAILED;
+        return append_available(freqs, cpuid) ? succeeded : failed;
     } catch (const std::bad_alloc&) {
         freqs.resize(before);
-        return FAILED;
+        return failed;
     }
 }
 
@@ -203,12 +203,12 @@ int EnergyUtil::cal_nominal_freq(int cpuid) {
     std::snprintf(path.data(), path.size(), "%s/%d/msr", CPU_MSR_PATH, cpuid);
     const eas::UniqueFd fd(::open(path.data(), O_RDONLY | O_CLOEXEC));
     if (fd.get() <= 0)
-        return FAILED;
+        return failed;
     std::uint64_t info = 0;
-    if (::pread(fd.get(), &info, sizeof info, MSR_PLATFORM_INFO) != sizeof info)
-        return FAILED;
-    const int frequency = static_cast<int>(info >> 8 & 0xFF) * KHZ_PER_RATIO;
-    return frequency >= 1 ? frequency : FAILED;
+    if (::pread(fd.get(), &info, sizeof info, msr_platform_info) != sizeof info)
+        return failed;
+    const int frequency = static_cast<int>(info >> 8 & 0xFF) * khz_per_ratio;
+    return frequency >= 1 ? frequency : failed;
 }
 
 int EnergyUtil::get_nominal_freq(int cpuid) {
@@ -217,16 +217,16 @@ int EnergyUtil::get_nominal_freq(int cpuid) {
     const eas::DeferCancellation deferred;
     int frequency = cal_nominal_freq(cpuid);
     if (frequency < 1)
-        return FAILED;
+        return failed;
     try {
         std::vector<int> freqs;
         if (append_available(freqs, cpuid))
             frequency = nearest(freqs, frequency);
     } catch (const std::bad_alloc&) {
-        return FAILED;  // without the list it would be a near miss, and kept for good
+        return failed;  // without the list it would be a near miss, and kept for good
     }
     if (frequency < 1)
-        return FAILED;
+        return failed;
     nominal_frequency = frequency;
     return frequency;
 }

@@ -23,7 +23,7 @@ void tear_down_counters() {
         cleanup_uncore(static_cast<unsigned>(cinfo.SId[s]));
     }
     // Channels are held by socket index: with gaps in the socket ids some are not reached above.
-    for (unsigned s = 0; s < MAX_SOCKETS; ++s)
+    for (unsigned s = 0; s < max_sockets; ++s)
         cleanup_memory_channels(s);
 }
 

@@ -9,19 +9,19 @@
 #include "common/node/FdSlot.h"
 
 /// Memory channels of a socket.
-constexpr int CHANNELS_PER_SOCKET = 8;
+constexpr int channels_per_socket = 8;
 /// Bytes of a PCI function's configuration page.
-constexpr int CHANNEL_PAGE_SIZE = 4096;
+constexpr int channel_page_size = 4096;
 
 /// The mapped channels of one socket.
 struct memory_channels {
-    char* mmaddr[CHANNELS_PER_SOCKET] = {};  ///< configuration page; null: none
-    eas::FdSlot fd[CHANNELS_PER_SOCKET];     ///< the device behind it
+    char* mmaddr[channels_per_socket] = {};  ///< configuration page; null: none
+    eas::FdSlot fd[channels_per_socket];     ///< the device behind it
     int num_channels = 0;                    ///< entries that were mapped; kept by the clean-up
 };
 
 /// By socket index, in the order of appearance.
-extern memory_channels mchn[MAX_SOCKETS];
+extern memory_channels mchn[max_sockets];
 
 /// Maps the configuration page of a PCI function. Returns the mapping, or MAP_FAILED; *fd is the
 /// open memory device, also after a failure behind its opening (the caller closes it), else -1.
@@ -47,6 +47,20 @@ std::uint64_t getmcwrites(unsigned socket);
 int cleanup_memory_channels(unsigned socket);
 
 namespace eas {
+
+/// What a channel's page shows.
+struct ChannelLook {
+    bool mapped;
+    int error;             ///< errno, unless it was mapped; 0: the table MCFG is cut short
+    std::uint16_t vendor;  ///< of the PCI function; 0x8086 for a memory controller
+    bool counts;           ///< an event is chosen: somebody has programmed it
+};
+
+/// Maps a channel of a socket, looks at it, and gives it back. Changes nothing.
+[[nodiscard]] ChannelLook look_at_channel(unsigned socket, unsigned channel);
+
+/// Takes the events from the mapped channels of a socket again, as after a reset.
+void reset_memory_channels(unsigned socket);
 
 /// Where the PCI configuration space begins in physical memory, from the open ACPI table MCFG.
 /// False when the table ends before it; `base` is then not meaningful.

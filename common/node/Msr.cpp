@@ -11,7 +11,7 @@
 
 namespace {
 
-constexpr std::uint64_t UPPER_HALF_OF_LOW_WORD = 0xFFFF0000;  // bits 31..16
+constexpr std::uint64_t upper_half_of_low_word = 0xFFFF0000;  // bits 31..16
 
 eas::UniqueFd open_register_device(int cpu, int flags) {
     std::array<char, 32> path{};
@@ -68,7 +68,7 @@ void run_sequence(int cpu, const RegisterStep* steps, std::size_t count) {
         const RegisterStep& step = steps[i];
         std::uint64_t value = step.value;
         if (step.kind == RegisterStep::Kind::merge_upper) {
-            value |= register_or_zero(cpu, step.reg) & UPPER_HALF_OF_LOW_WORD;
+            value |= register_or_zero(cpu, step.reg) & upper_half_of_low_word;
         }
         wrmsr(cpu, step.reg, value);
     }

@@ -5,20 +5,20 @@
 
 namespace {
 
-constexpr uid_t UNCHANGED = static_cast<uid_t>(-1);
+constexpr uid_t unchanged = static_cast<uid_t>(-1);
 
 }  // namespace
 
 int drop_priv_temp(uid_t new_uid) {
-    if (setresuid(UNCHANGED, new_uid, geteuid()) < 0)
+    if (setresuid(unchanged, new_uid, geteuid()) < 0)
         return -1;
     return geteuid() == new_uid ? 0 : -1;
 }
 
 int drop_priv_perm(uid_t new_uid) {
-    uid_t real = UNCHANGED;
-    uid_t effective = UNCHANGED;
-    uid_t saved = UNCHANGED;
+    uid_t real = unchanged;
+    uid_t effective = unchanged;
+    uid_t saved = unchanged;
     if (setresuid(new_uid, new_uid, new_uid) < 0)
         return -1;
     if (getresuid(&real, &effective, &saved) < 0)
@@ -27,12 +27,12 @@ int drop_priv_perm(uid_t new_uid) {
 }
 
 int restore_priv() {
-    uid_t real = UNCHANGED;
-    uid_t effective = UNCHANGED;
-    uid_t saved = UNCHANGED;
+    uid_t real = unchanged;
+    uid_t effective = unchanged;
+    uid_t saved = unchanged;
     if (getresuid(&real, &effective, &saved) < 0)
         return -1;
-    if (setresuid(UNCHANGED, saved, UNCHANGED) < 0)
+    if (setresuid(unchanged, saved, unchanged) < 0)
         return -1;
     return geteuid() == saved ? 0 : -1;
 }

@@ -7,7 +7,7 @@
 
 namespace {
 
-constexpr std::uint64_t BYTES_PER_LINE = 64;
+constexpr std::uint64_t bytes_per_line = 64;
 
 using Method = eas::MemoryMethod;
 using eas::memory_method;
@@ -15,7 +15,7 @@ using eas::memory_method;
 int init_memory_channels() {
     for (int s = 0; s < cinfo.numSockets; ++s) {
         const auto socket = static_cast<unsigned>(s);
-        if (get_memory_channels(socket) == CHANNELS_PER_SOCKET &&
+        if (get_memory_channels(socket) == channels_per_socket &&
             program_memory_channels(socket) == 0) {
             continue;
         }
@@ -30,11 +30,11 @@ int init_memory_channels() {
 std::uint64_t bytes_of_socket(Method method, unsigned socket) {
     switch (method) {
         case Method::uncore_msrs:
-            return getuncrw(socket) * BYTES_PER_LINE;
+            return getuncrw(socket) * bytes_per_line;
         case Method::memory_channels:
-            return getmcreads(socket) * BYTES_PER_LINE + getmcwrites(socket) * BYTES_PER_LINE;
+            return getmcreads(socket) * bytes_per_line + getmcwrites(socket) * bytes_per_line;
         case Method::uncore_boxes:
-            return getboxrw(socket) * BYTES_PER_LINE;
+            return getboxrw(socket) * bytes_per_line;
         case Method::none:
             break;
     }

@@ -5,6 +5,8 @@
 
 #include <cstdint>
 
+#include "common/node/ProcessorModel.h"
+
 /// Programs the two memory events of every socket, or the four box events. Register accesses that
 /// fail are passed over.
 void init_uncore_msrs();
@@ -19,3 +21,10 @@ std::uint64_t getboxrw(unsigned socket);
 /// for a socket without a CPU.
 int cleanup_uncore_msrs(unsigned socket);
 int cleanup_uncore_boxes(unsigned socket);
+
+namespace eas {
+
+/// The register that holds what counts in a socket, 0 while nothing does; 0 for a method without.
+[[nodiscard]] std::uint32_t global_control(MemoryMethod method) noexcept;
+
+}  // namespace eas

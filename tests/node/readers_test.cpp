@@ -167,7 +167,7 @@ TEST(TopologyReaderTest, NumbersBeyondTheTablesLeaveABlankRecord) {
         EXPECT_THAT(processors.cpuId, Each(-1)) << bad;
     }
     std::string same_again;
-    for (int i = 0; i <= MAX_CPUS; ++i)
+    for (int i = 0; i <= max_cpus; ++i)
         same_again += "processor\t: 0\n";
     EXPECT_EQ(-2, read_topology(stream_of(same_again).get()).result);
 }

@@ -51,7 +51,7 @@ TEST_F(TopologyTest, CountsSocketsCoresAndThreads) {
         inside(node, [&shape = shape, expected = expected] {
             ASSERT_EQ(0, discover_topology());
             EXPECT_EQ(expected, found());
-            for (int cpu = 0; cpu < MAX_CPUS; ++cpu) {
+            for (int cpu = 0; cpu < max_cpus; ++cpu) {
                 const int index = shape.socket_of(cpu);
                 const int id =
                     shape.socket_ids.empty() ? index : shape.socket_ids[static_cast<size_t>(index)];

@@ -5,9 +5,13 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <array>
 #include <cmath>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <nlohmann/json.hpp>
 #include <set>
 #include <sstream>
@@ -41,59 +45,91 @@ class Calibration : public NodeTest {
     ScratchFolder folder_;
 };
 
+/// A node that can be calibrated, and what becomes of the known coefficients on it.
+struct CalibratedShape {
+    const char* name;  // empty: small_node
+    std::array<int, std::size(coefficients)> khz;
+    double share;  // of the watts that its meter sees
+    const char* meter;
+};
+const CalibratedShape calibrated_shapes[] = {
+    {"", {1600000, 2400000, 2667000}, 1, "qpx/node registers/node"},
+    {"hybrid", {1000000, 1800000, 1400000}, 0.8, "rapl/packages imc/node"},
+};
+
 /// Measures each kernel on a node of its own, since the simulated work depends on the frequency
 /// only; all into one file.
-void measure_into(const std::string& file, NodeShape shape) {
+void measure_into(const std::string& file, const CalibratedShape& one, NodeShape shape) {
+    std::string frequencies;
+    for (const int khz : one.khz)
+        frequencies += (frequencies.empty() ? "" : ",") + std::to_string(khz);
     for (const KnownKernel& kernel : kernels) {
+        std::map<int, fake::WorkloadRow> rows;
+        for (std::size_t i = 0; i < one.khz.size(); ++i) {
+            const KnownRow& row = coefficients[i];
+            rows[one.khz[i]] = {one.khz[i], row.watts(kernel), row.pace(kernel), kernel.lines};
+        }
         shape.workload.clear();
-        for (const KnownRow& row : coefficients)
-            shape.workload.push_back({row.khz, row.watts(kernel), row.pace(kernel), kernel.lines});
+        for (const auto& [khz, row] : rows)
+            shape.workload.push_back(row);
         FakeNode node(shape);
         inside(node, [&] {
-            const auto run = document_of({"model", "calibrate", "--out", file, "--seconds", "0.4",
-                                          "--kernels", kernel.name});
-            EXPECT_EQ(run.at("measured").size(), std::size(coefficients));
+            // On a busy machine a run may look as if it were off its frequency: it is repeated.
+            const std::vector<std::string> words = {
+                "--json",    "model",      "calibrate", "--out",     file,
+                "--seconds", "0.4",        "--kernels", kernel.name, "--frequencies",
+                frequencies, "--cpu-list", "0-1"};
+            std::size_t measured = 0;
+            for (int i = 0; i < 5 && measured < one.khz.size(); ++i) {
+                const auto run = nlohmann::json::parse(run_easctl(words).out);
+                if (run.contains("error"))
+                    continue;
+                EXPECT_EQ(run.at("meter"), one.meter) << run;
+                measured += run.at("measured").size();
+            }
+            EXPECT_EQ(measured, one.khz.size());
         });
     }
 }
 
-bool is_near(double found, double known, double tolerance) {
-    return std::abs(found - known) <= tolerance;
-}
-
 /// What of a fitted model is far from the one that was simulated.
-std::string misses_of(const std::vector<KnownRow>& found) {
+std::string misses_of(const std::vector<KnownRow>& found, const CalibratedShape& one) {
     std::ostringstream misses;
-    for (std::size_t i = 0; i < found.size(); ++i) {
-        const KnownRow& row = coefficients[i];
-        for (const KnownKernel& kernel : kernels) {
-            const double watts = row.watts(kernel);
-            const double pace = row.pace(kernel);
-            if (row.khz != 2400000 && (!is_near(found[i].watts(kernel), watts, 0.05 * watts) ||
-                                       !is_near(found[i].pace(kernel), pace, 0.08 * pace + 0.05)))
-                misses << row.khz << ' ' << kernel.name << ": " << found[i].watts(kernel) << " W, "
-                       << found[i].pace(kernel) << "; ";
+    const auto is_near = [](double value, double known, double tolerance) {
+        return std::abs(value - known) <= tolerance * known;
+    };
+    for (std::size_t i = 0; i < one.khz.size(); ++i) {
+        const auto row = std::find_if(found.begin(), found.end(), [&](const KnownRow& candidate) {
+            return candidate.khz == one.khz[i];
+        });
+        if (row == found.end())
+            return "no row of " + std::to_string(one.khz[i]);
+        for (KnownKernel kernel : kernels) {
+            const double watts = coefficients[i].watts(kernel) * one.share;
+            const double pace = coefficients[i].pace(kernel);
+            kernel.watts *= one.share;
+            if (coefficients[i].khz != 2400000 && (!is_near(row->watts(kernel), watts, 0.03) ||
+                                                   !is_near(row->pace(kernel), pace, 0.03)))
+                misses << row->khz << ' ' << kernel.name << ": " << row->watts(kernel) << " W for "
+                       << watts << ", " << row->pace(kernel) << " for " << pace << "; ";
         }
     }
     return misses.str();
 }
 
-// Short runs on a busy machine: counters that are read one after the other need not agree, so it
-// has more than one try.
-TEST_F(Calibration, FindsTheCoefficientsOfASimulatedNode) {
-    std::string misses = "not fitted";
-    for (int attempt = 0; attempt < 4 && !misses.empty(); ++attempt) {
+TEST_F(Calibration, FindsTheCoefficientsOfEverySimulatedNode) {
+    for (const CalibratedShape& one : calibrated_shapes) {
+        SCOPED_TRACE(one.name);
         fs::remove(path("m.csv"));
         fs::remove(path("c.txt"));
-        measure_into(path("m.csv"), small_node());
+        measure_into(path("m.csv"), one,
+                     *one.name == '\0' ? small_node() : fake::read_shape(one.name));
         const auto fit =
             run_easctl({"model", "fit", path("m.csv"), "-o", path("c.txt"), "--max-error", "20"});
-        EXPECT_THAT(fit.out + fit.err, HasSubstr("2400000 kHz, the node's nominal one"));
-        const std::vector<KnownRow> found = rows_of(path("c.txt"));
-        ASSERT_EQ(found.size(), std::size(coefficients));
-        misses = fit.code == 0 ? misses_of(found) : fit.err;
+        EXPECT_THAT(fit.out + fit.err,
+                    HasSubstr(std::to_string(one.khz[1]) + " kHz, the node's nominal one"));
+        EXPECT_EQ(misses_of(rows_of(path("c.txt")), one), "");
     }
-    EXPECT_EQ(misses, "");
 }
 
 std::string cpufreq(int cpu, const char* file) {
@@ -136,7 +172,6 @@ TEST_F(Calibration, GivesGovernorAndFrequencyBackWhateverEndsItAndGoesOnLater) {
     inside(node, [&] {
         ASSERT_EQ(run_easctl({"node", "frequency", "--governor", "ondemand"}).code, 0);
         ASSERT_EQ(run_easctl({"node", "frequency", "--set", "1600000", "--cpu", "1"}).code, 0);
-        node.state().freq_log.clear();
         const std::string own = "ondemand\nuserspace\n1600000\n";
         for (const auto& [signal_number, code] :
              {std::pair(SIGINT, 130), std::pair(SIGTERM, 130), std::pair(SIGKILL, 137)}) {
@@ -149,13 +184,10 @@ TEST_F(Calibration, GivesGovernorAndFrequencyBackWhateverEndsItAndGoesOnLater) {
         }
         std::ofstream(path("m.csv"), std::ios::app) << "stream,26670";  // a line cut short
         const auto last =
-            run_easctl({"model", "calibrate", "--seconds", "0.1", "--out", path("m.csv"),
+            run_easctl({"model", "calibrate", "--force", "--seconds", "0.1", "--out", path("m.csv"),
                         "--frequencies", "1600000,2400000,2667000,2667000"});
         EXPECT_EQ(last.code, 0) << last.err;
         EXPECT_EQ(settings(), own);
-        for (const fake::FreqWrite& write : node.state().freq_log)
-            EXPECT_THAT(write.file.data(), ::testing::AnyOf(::testing::StrEq("scaling_governor"),
-                                                            ::testing::StrEq("scaling_setspeed")));
     });
     std::istringstream file(read_file(path("m.csv")));
     std::set<std::string> combinations;
@@ -171,7 +203,7 @@ TEST_F(Calibration, RefusesAnotherNodesOrAnotherKindOfFileAndADriverThatDoesNotF
     std::ofstream(path("notes.txt")) << "buy milk";
     std::ofstream(path("other.csv"))
         << "kernel,frequency_khz,elapsed_s,power_w,cycles,instructions,memory_bytes,nominal_khz,"
-           "cpus,host\nstream,1600000,1,1,1,1,1,2400000,0-1,somewhere else\n";
+           "cpus,host,meter\nstream,1600000,1,1,1,1,1,2400000,0-1,somewhere else,x\n";
     FakeNode node(shape);
     inside(node, [&] {
         expect_all({{{"model", "calibrate", "--out", path("notes.txt")}, 3, "notes.txt"},
@@ -187,8 +219,28 @@ TEST_F(Calibration, RefusesAnotherNodesOrAnotherKindOfFileAndADriverThatDoesNotF
         expect_all({{{"model", "calibrate", "--out", path("m.csv"), "--seconds", "0.05",
                       "--frequencies", "1600000"},
                      6,
-                     "intel_cpufreq takes the request and does not follow it"}});
+                     "was set, but this stands there now"}});
         EXPECT_EQ(cpufreq(0, "scaling_governor"), "performance\n");
+    });
+}
+
+// A power limit that holds the clock below what was asked for, and accepted.
+TEST_F(Calibration, LeavesOutWhatDidNotRunAtItsFrequency) {
+    NodeShape shape = small_node();
+    shape.workload = {{1600000, 150, 1.0, 0.01}};
+    FakeNode node(shape);
+    inside(node, [&] {
+        const auto at = [&](const std::string& frequencies) {
+            return std::vector<std::string>{
+                "model", "calibrate", "--out",  path("m.csv"),   "--seconds",
+                "0.4",   "--kernels", "stream", "--frequencies", frequencies};
+        };
+        node.state().cap_khz = 1600000;
+        expect_all(
+            {{at("2667000"), 6, "did not run at any of the frequencies"},
+             {at("2667000,1600000"), 1, "2667000 kHz, stream: left out, the CPUs ran at 1"}});
+        EXPECT_THAT(read_file(path("m.csv")), HasSubstr("stream,1600000"));
+        EXPECT_THAT(read_file(path("m.csv")), ::testing::Not(HasSubstr("stream,2667000")));
     });
 }
 
@@ -199,12 +251,16 @@ TEST_F(NodeCommands, ShowAndSteerANode) {
     shape.workload = {{1600000, 150, 1.0, 0.01}};
     FakeNode node(shape);
     inside(node, [&] {
+        node.state().set_msr(0, 0x19C, 0x80000000 | 100 << 16);  // 5 degrees above the limit
+        write_file("/sys/devices/platform/qpx.1/temp1_input", "-3000\n");
         expect_all({
             {{"node", "info"}, 0, "family 6, model 44"},
-            {{"node", "sensors"}, 0, "55  degrees C"},
+            {{"node", "info"}, 0, "nominal      2400000 kHz, platform-information register"},
+            {{"node", "sensors"}, 0, "-5  degrees C"},
+            {{"node", "sensors"}, 0, "-3  degrees C"},
             {{"node", "frequency", "--set", "1600000", "--cpu", "1"}, 0, "1600000  userspace"},
             {{"node", "frequency", "--cpu", "0"}, 0, "2667000  performance"},
-            {{"node", "frequency", "--set", "2000000"}, 6, "not one of the driver's steps"},
+            {{"node", "frequency", "--set", "2000000"}, 6, "is not in the table"},
             {{"node", "frequency", "--governor", "user"}, 6, "\"user\" was refused"},
             {{"node", "frequency", "--cpu", "1-7"}, 2, "cpu2: this node has no such processor"},
             {{"node", "sample", "--", "sh", "-c", "exit 3"}, 3, "cycles/instr"},
@@ -212,27 +268,27 @@ TEST_F(NodeCommands, ShowAndSteerANode) {
         });
         // A change that fails leaves nothing behind, on no CPU.
         EXPECT_EQ(settings(), "performance\nuserspace\n1600000\n");
-        write_file("/sys/devices/system/cpu/cpu0/cpufreq/scaling_max_freq", "2400000");
-        expect_all({{{"node", "frequency", "--set", "2667000", "--cpu", "0"},
-                     6,
-                     "scaling_max_freq 2400000"}});
         const auto run = run_easctl({"node", "sample", "--interval", "0.1", "--json", "--", "sh",
                                      "-c", "echo mixed in; sleep 1"});
         const auto json = nlohmann::json::parse(run.out);
         EXPECT_GE(json.at("samples").size(), 3U);
         EXPECT_NEAR(json.at("whole_run").at("power_w").get<double>(), 150, 15);
         EXPECT_THAT(run.err, HasSubstr("mixed in"));
+        EXPECT_THAT(run.err, HasSubstr("energy: qpx: the platform's energy meter"));
+        // Somebody samples already: his figures are left alone.
+        node.state().set_msr(0, 0x391, 1);
+        expect_all({{{"node", "sample", "--", "true"}, 6, "register 0x391 of cpu0 is not 0"},
+                    {{"node", "sample", "--force", "--", "true"}, 0, "registers: memory"}});
         const Hidden registers("/dev/cpu");
         const Hidden meter("/sys/devices/platform");
-        expect_all({{{"node", "info"}, 6, "modprobe msr"},
-                    {{"node", "sample", "--", "true"}, 6, "the command was not run"}});
+        expect_all({{{"node", "info"}, 6, "missing"}});
         const auto sensors = document_of({"node", "sensors"}, 6);
         for (const auto& reading : sensors.at("sensors"))
             EXPECT_TRUE(reading.at("value").is_null()) << reading;
     });
 }
 
-/// Name of each link that easctl doctor finds broken, its status, and what to do about it.
+/// Name of each link that easctl doctor finds broken, its status, and what is there.
 std::vector<std::string> broken_links() {
     const auto run = run_easctl({"doctor", "--node-only", "--json"});
     std::vector<std::string> broken;
@@ -241,7 +297,7 @@ std::vector<std::string> broken_links() {
         if (link.at("status") != "ok")
             broken.push_back(link.at("name").get<std::string>() + " " +
                              link.at("status").get<std::string>() + ": " +
-                             link.at("remedy").get<std::string>());
+                             link.at("found").get<std::string>());
     EXPECT_EQ(run.code, broken.empty() ? 0 : 1);
     return broken;
 }
@@ -250,59 +306,63 @@ TEST_F(NodeCommands, NameTheBrokenLinkAndItsRemedy) {
     FakeNode node(small_node());
     inside(node, [&] {
         EXPECT_THAT(broken_links(), IsEmpty());
-        node.state().counter_fails_at = 1;
+        // The library's seventh event is refused; the two that libeasnode needs are not.
+        node.state().counter_fails_at = static_cast<int>(node.state().counters.count) + 10;
         EXPECT_THAT(broken_links(),
-                    ElementsAre("core counters (perf) missing: this (virtual) machine shows no "
-                                "counters"));
+                    ElementsAre(HasSubstr("core counters of gethwrusage missing: event ")));
         node.state().counter_fails_at = -1;
-        // A meter that fails otherwise than by not being there.
         const fs::path meter = "/sys/devices/platform/qpx.1/energy1_input";
         const std::string reading = read_file(meter);
         fs::remove(meter);
-        fs::create_directory(meter);
-        EXPECT_THAT(broken_links(), ElementsAre("energy meter wrong: the meter is there and does "
-                                                "not answer: see dmesg"));
-        fs::remove(meter);
+        EXPECT_THAT(broken_links(), ElementsAre(HasSubstr("energy missing: no source serves")));
         write_file(meter, reading);
         // Root without the right to read what it may not read, as the tool is for others.
         let_file_modes_bind();
         const Hidden registers("/dev/cpu");
         write_file("/dev/cpu/0/msr", "");
         fs::permissions("/dev/cpu/0/msr", fs::perms::none);
-        fs::permissions("/sys/devices/platform/qpx.1/energy1_input", fs::perms::none);
         EXPECT_THAT(broken_links(),
-                    ElementsAre(HasSubstr("/dev/cpu/0/msr denied: run as root"),
-                                HasSubstr("memory counters denied: run as root"),
-                                "energy meter denied: run as root, or chmod a+r the sensor files"));
-    });
-    NodeShape shape = small_node();
-    shape.driver = fake::FreqDriver::no_userspace;
-    FakeNode fixed(shape);
-    inside(fixed, [&] {
-        EXPECT_THAT(broken_links(),
-                    ElementsAre(HasSubstr("intel_pstate=passive"),
-                                "cpufreq governor missing: modprobe cpufreq_userspace",
-                                "frequencies missing: see the cpufreq driver"));
-        expect_all({{{"node", "frequency", "--set", "1600000"}, 6, "driver intel_pstate"},
-                    {{"model", "calibrate", "--out", path("m.csv")}, 6, "intel_pstate=passive"},
-                    {{"node", "info"}, 6, "missing (the driver has no list)"}});
-        EXPECT_FALSE(fs::exists(path("m.csv")));
+                    ElementsAre(HasSubstr("memory traffic missing: no source serves"),
+                                HasSubstr("/dev/cpu/0/msr denied: "),
+                                HasSubstr("memory counters denied: /dev/cpu/0/msr, register")));
     });
 }
 
-TEST_F(NodeCommands, DoNotTakeEveryKnownProcessorForASupportedOne) {
-    FakeNode node(small_node());
-    inside(node, [] {
-        NodeShape older = small_node(), low_power = older;
-        older.model = 23;
-        low_power.model = 28;
-        for (const std::string& cpuinfo : {fake::cpuinfo_text(older), fake::cpuinfo_text(low_power),
-                                           std::string("processor\t: 0\nBogoMIPS\t: 50.00\n\n")}) {
-            write_file("/proc/cpuinfo", cpuinfo);
-            EXPECT_THAT(broken_links(), ElementsAre(HasSubstr("processor missing: "),
-                                                    HasSubstr("memory counters missing: ")))
-                << cpuinfo;
-        }
+// The walk over the drivers: shown, set, measured and fitted on each.
+TEST_F(NodeCommands, NeedNeitherATableOfFrequenciesNorAGovernorUserspace) {
+    for (const char* name : {"xeon2023", "epyc2023", "epyc2023-passive", "epyc2019", "hybrid"}) {
+        SCOPED_TRACE(name);
+        FakeNode node(fake::read_shape(name));
+        inside(node, [&] {
+            const auto info = document_of({"node", "info"});
+            EXPECT_TRUE(info.at("ok")) << info;
+            const int khz = info.at("steps").back().at("frequency_khz");
+            expect_all(
+                {{{"node", "frequency", "--set", std::to_string(khz), "--cpu", "0"},
+                  0,
+                  std::to_string(khz)},
+                 {{"model", "calibrate", "--seconds", "0.2", "--kernels", "stream", "--cpu-list",
+                   "0", "--frequencies", std::to_string(khz), "--out", path(name)},
+                  0,
+                  "lines/instruction"}});
+        });
+    }
+}
+
+TEST_F(NodeCommands, SayWhatIsMissingOnADeniedNodeAndGatherItsFiles) {
+    FakeNode node(fake::read_shape("denied"));
+    inside(node, [&] {
+        EXPECT_GE(broken_links().size(), 3U);  // no figure has a source
+        expect_all({{{"node", "sample", "--", "true"}, 6, "the command was not run"},
+                    {{"model", "calibrate", "--out", path("m.csv")}, 6, "energy: none"},
+                    {{"node", "gather", path("denied.tar.gz")}, 0, "could not be read"}});
+        EXPECT_FALSE(fs::exists(path("m.csv")));
+    });
+    FakeNode replayed(fake::read_shape(path("denied.tar.gz")));
+    inside(replayed, [&] {
+        const ToolRun info = run_easctl({"node", "info"});
+        EXPECT_THAT(info.out, HasSubstr("Xeon(R) Gold 6334"));
+        EXPECT_THAT(info.out, HasSubstr("intel_pstate by its limits"));
     });
 }
 
@@ -341,7 +401,7 @@ TEST_F(NodeCommands, ShowNoMemoryTrafficWhereItCannotBeCounted) {
     for (const MemoryCase& one : {MemoryCase{45, "", ""}, MemoryCase{62, "", ""},
                                   MemoryCase{45, "/dev/mem", "/dev/mem: No such file"},
                                   MemoryCase{62, mcfg, "MCFG: No such file"},
-                                  MemoryCase{46, "", "the library knows none of model 46"}}) {
+                                  MemoryCase{46, "", "no registers are known"}}) {
         SCOPED_TRACE(std::to_string(one.model) + one.hidden);
         FakeNode node(of_model(one.model));
         inside(node, [&] {
@@ -349,18 +409,26 @@ TEST_F(NodeCommands, ShowNoMemoryTrafficWhereItCannotBeCounted) {
             const bool counted = *one.shown == '\0';
             const auto run = run_easctl({"node", "sample", "--json", "--", "sleep", "0.2"});
             EXPECT_EQ(run.code, 0) << run.err;
-            EXPECT_THAT(run.err, HasSubstr(one.shown));
             const auto whole = nlohmann::json::parse(run.out).at("whole_run");
             EXPECT_EQ(whole.at("memory_gb_per_second").is_number(), counted) << whole;
             EXPECT_TRUE(whole.at("giga_cycles_per_second").is_number()) << whole;
-            EXPECT_EQ(run_easctl({"node", "info"}).code, counted ? 0 : 6);
+            expect_all({{{"node", "info"}, counted ? 0 : 6, one.shown}});
             if (!counted) {
-                expect_all({{{"model", "calibrate", "--out", path("m.csv")}, 6, one.shown},
+                expect_all({{{"model", "calibrate", "--out", path("m.csv")}, 6, "memory traffic"},
                             {{"node", "sample", "--", "true"}, 0, "missing"}});
                 EXPECT_FALSE(fs::exists(path("m.csv")));
             }
         });
     }
+    // The bus of the second socket holds no memory controller.
+    FakeNode node(of_model(45));
+    inside(node, [] {
+        std::fstream memory("/dev/mem", std::ios::in | std::ios::out | std::ios::binary);
+        memory.seekp(0x80000000 + (255LL << 20 | 16 << 15 | 4 << 12));
+        memory.write("\0\0", 2);
+        memory.close();
+        expect_all({{{"doctor", "--node-only"}, 1, "socket 1 is not where it is looked for"}});
+    });
 }
 
 }  // namespace

@@ -137,6 +137,10 @@ TEST_F(ModelFit, RefusesWhatIsNoCompleteMeasurementWithFileAndLine) {
         expect_all({{{"model", "fit", path("m.csv"), "-o", path("c.txt")}, 3, row.message}});
         EXPECT_FALSE(fs::exists(path("c.txt")));
     }
+    std::ofstream(path("mixed.csv"))
+        << "kernel,frequency_khz,elapsed_s,power_w,cycles,instructions,memory_bytes,meter\n"
+           "a,1600000,1,1,1,1,1,qpx/node imc/node\na,2400000,1,1,1,1,1,rapl/packages imc/node\n";
+    expect_all({{{"model", "fit", path("mixed.csv")}, 3, "mixed.csv:3: meter: "}});
     write(good_lines());
     expect_all({{{"model", "fit", path("m.csv"), "--default-frequency", "2000000"}, 3, "2000000"},
                 {{"model", "fit", path("none.csv")}, 3, "none.csv"},

@@ -182,16 +182,18 @@ TEST_P(Tags, AreVerifiedByWhatALaterRunMeasured) {
     EXPECT_EQ(other["minimize_energy"], (json{{"tag_khz", 2200000}, {"run_khz", 2100000}}));
 
     const ScratchFile runs(
-        "user,tag,frequency_khz,elapsed_s,power_w\n"
-        "anna,hpl,2000000,2055,258.4\n"
-        "anna,nothing,2000000,2055,258.4\n"
-        "anna,hpl,1900000,2055,258.4\n"
-        "carla,triad,2300000,900,260.3\n");
+        "user,tag,frequency_khz,elapsed_s,power_w,meter\n"
+        "anna,hpl,2000000,2055,258.4,qpx/node imc/node\n"
+        "anna,nothing,2000000,2055,258.4,\n"
+        "anna,hpl,1900000,2055,258.4,\n"
+        "carla,triad,2300000,900,260.3,qpx/node imc/node\n"
+        "anna,hpl,2000000,2055,258.4,rapl/packages imc/node\n");
     const ToolRun all = tag({"verify", "--jobs", runs.path()});
     EXPECT_EQ(all.code, 1);
     for (const char* part : {"file:3: there is no tag \"nothing\" of anna",
                              "file:4: tag \"hpl\" of anna predicts nothing for 1900000 kHz",
-                             "file:5: tag \"triad\" of carla no longer describes"})
+                             "file:5: tag \"triad\" of carla no longer describes",
+                             "file:6: measured by the meter \"rapl/packages imc/node\""})
         EXPECT_THAT(all.err, HasSubstr(part));
     EXPECT_THAT(all.err, Not(HasSubstr("file:2")));
 }

@@ -14,6 +14,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <new>
 #include <system_error>
 #include <thread>
@@ -67,6 +68,18 @@ void make_registers(const NodeShape& shape, const fs::path& stage) {
     write_file(stage / "dev" / "mem", "");
     // Sparse: from address 0 to the end of the 256 MiB that configuration space takes.
     fs::resize_file(stage / "dev" / "mem", shape.mcfg_base + (uint64_t{256} << 20));
+    // The memory controllers' pages say whose they are.
+    std::fstream memory(stage / "dev" / "mem", std::ios::in | std::ios::out | std::ios::binary);
+    for (const uint64_t bus : {127, 255}) {
+        for (const uint64_t device : {16, 30}) {
+            for (const uint64_t function : {4, 5, 0, 1}) {
+                memory.seekp(static_cast<std::streamoff>(
+                    shape.mcfg_base + (bus << 20 | device << 15 | function << 12)));
+                memory.write("\x86\x80", 2);
+            }
+        }
+    }
+    memory.close();
     cover(stage / "files" / "msr", stage / "dev" / "cpu");
 }
 
@@ -238,6 +251,8 @@ void NodeState::reset(const NodeShape& shape) {
         set_msr(cpu, 0xCE, static_cast<uint64_t>(shape.nonturbo_ratio) << 8);
         set_msr(cpu, 0x19C, 0x80000000 | 40 << 16);  // 40 degrees below the limit, valid
         set_msr(cpu, 0x1A2, 95 << 16);
+        set_msr(cpu, 0x391, 0);  // no memory counter runs
+        set_msr(cpu, 0xC00, 0);
     }
 }
 

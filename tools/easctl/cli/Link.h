@@ -22,15 +22,18 @@ enum class LinkId {
     rights,
     coefficients,
     thresholds,
-    // from the node's programs to its hardware
+    // what libeasnode measures and sets on the node
     processor,
+    instructions,
+    memory_traffic,
+    energy,
+    frequency_control,
+    frequencies,
+    // what gethwrusage counts there
+    old_processor,
     registers,
     core_counters,
     memory_counters,
-    cpufreq_driver,
-    cpufreq_governor,
-    frequencies,
-    energy_meter,
 };
 
 enum class LinkStatus { ok, warning, missing, denied, wrong, skipped };

@@ -34,7 +34,7 @@ void examine(const DoctorOptions& options, Globals& globals) {
     if (!options.node_only)
         links = examine_database(options, model);
     if (options.node || options.node_only) {
-        for (Link& link : examine_node(node_links, model))
+        for (Link& link : examine_whole_node(model))
             links.push_back(std::move(link));
     }
     if (!std::all_of(links.begin(), links.end(), holds))

@@ -126,7 +126,9 @@ void run_fit(const FitOptions& options, Globals& globals) {
     if (!options.output.empty() && model.usable())
         write_file(options.output, coefficient_text(model, source));
     if (globals.json) {
-        print_json(json_of(model));
+        Json json = json_of(model);
+        json["meter"] = file.meter().empty() ? Json(nullptr) : Json(file.meter());
+        print_json(json);
     } else if (!options.output.empty() || !model.usable()) {
         print("Default frequency: " + std::to_string(model.default_khz) + " kHz, " +
               model.default_from +
@@ -136,6 +138,9 @@ void run_fit(const FitOptions& options, Globals& globals) {
     } else {
         print(coefficient_text(model, source));
     }
+    if (!file.meter().empty())
+        remark(globals, "measured by " + file.meter() +
+                            "; the model is good for jobs that the same meter measured");
     globals.outcome = warn(model, options.measurements);
     if (!options.output.empty() && model.usable())
         remark(globals, "written: " + options.output + "; next: easctl model import " +

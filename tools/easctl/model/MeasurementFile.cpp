@@ -39,6 +39,7 @@ class MeasurementFile::Reader {
             column_[i] = *place;
         }
         nominal_ = csv.column("nominal_khz");
+        meter_ = csv.column("meter");
     }
 
     void read_rows() {
@@ -103,6 +104,8 @@ class MeasurementFile::Reader {
         const std::size_t index = kernel_index();
         into_.frequencies_.try_emplace(at, csv_.lines().line());
         into_.runs_[{index, at}].add(run);
+        if (meter_)
+            check_meter(text(*meter_));
         if (!nominal_)
             return;
         const int nominal = khz(*nominal_, "nominal_khz");
@@ -112,10 +115,17 @@ class MeasurementFile::Reader {
         into_.nominal_khz_ = nominal;
     }
 
+    void check_meter(const std::string& meter) {
+        if (!into_.meter_.empty() && into_.meter_ != meter)
+            fail("meter: \"" + meter + "\" here, \"" + into_.meter_ +
+                 "\" above: what two meters measured has no common measure");
+        into_.meter_ = meter;
+    }
+
     MeasurementFile& into_;
     CsvFile& csv_;
     std::array<std::size_t, measurement_columns.size()> column_{};
-    std::optional<std::size_t> nominal_;
+    std::optional<std::size_t> nominal_, meter_;
 };
 
 MeasurementFile::MeasurementFile(const std::string& path) : path_(path) {

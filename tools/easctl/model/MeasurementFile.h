@@ -1,6 +1,7 @@
 // The measurements of a calibration: for each kernel and frequency power, run time, cycles,
 // instructions and memory traffic of the node. A CSV file whose header names, in any order, the
-// columns of `measurement_columns`; others are left alone, but for the optional "nominal_khz".
+// columns of `measurement_columns`; others are left alone, but for the optional "nominal_khz" and
+// "meter".
 #pragma once
 
 #include <array>
@@ -52,6 +53,8 @@ class MeasurementFile {
     [[nodiscard]] const std::map<int, std::uint64_t>& frequencies() const { return frequencies_; }
     /// What every line of the column nominal_khz says; 0 without it.
     [[nodiscard]] int nominal_khz() const { return nominal_khz_; }
+    /// What measured every line, as the column meter says; empty without it.
+    [[nodiscard]] const std::string& meter() const { return meter_; }
     /// Null when this kernel was not run at this frequency.
     [[nodiscard]] const KernelRun* find(std::size_t kernel, int khz) const;
 
@@ -63,6 +66,7 @@ class MeasurementFile {
     std::map<int, std::uint64_t> frequencies_;
     std::map<std::pair<std::size_t, int>, KernelRun> runs_;
     int nominal_khz_ = 0;
+    std::string meter_;
 };
 
 }  // namespace easctl

@@ -6,18 +6,16 @@
 #include <array>
 #include <memory>
 #include <optional>
+#include <utility>
 
-#include "common/node/EnergyUtil.h"
 #include "tools/easctl/cli/Command.h"
 #include "tools/easctl/cli/Json.h"
-#include "tools/easctl/cli/Link.h"
 #include "tools/easctl/cli/Progress.h"
 #include "tools/easctl/node/CalibrationFile.h"
 #include "tools/easctl/node/CpuList.h"
 #include "tools/easctl/node/FrequencyControl.h"
 #include "tools/easctl/node/KernelThreads.h"
-#include "tools/easctl/node/NodeLinks.h"
-#include "tools/easctl/node/NodeSampler.h"
+#include "tools/easctl/node/NodeMeter.h"
 
 namespace easctl {
 namespace {
@@ -31,6 +29,7 @@ struct CalibrateOptions {
     std::string cpu_list = "all";
     std::vector<int> frequencies;
     std::vector<std::string> kernels;
+    MeterOptions meter;
 };
 
 struct PlannedRun {
@@ -39,25 +38,35 @@ struct PlannedRun {
 };
 
 /// Throws Failure that names everything that is missing, at once.
-void require_node() {
+void require_node(const NodeFrequency& frequency, const easnode_reading& reading) {
     std::string missing;
-    for (const Link& link : examine_node(node_links)) {
-        // A list of frequencies can be given, too.
-        if (is_broken(link) && link.id != LinkId::frequencies)
-            missing += '\n' + trouble_of(link);
+    const std::pair<const char*, const easnode_figure*> figures[] = {
+        {"cycles", &reading.cycles},
+        {"instructions", &reading.instructions},
+        {"memory traffic", &reading.memory},
+        {"energy", &reading.energy}};
+    for (const auto& [name, figure] : figures) {
+        if (!value_of(*figure))
+            missing += std::string("\n") + name + ": " + figure->reason;
     }
+    if (frequency.info().method == EASNODE_FREQUENCY_NONE)
+        missing += "\nfrequency: no cpufreq driver";
     if (!missing.empty())
-        throw Failure(ExitCode::node, "this node cannot be calibrated:" + missing);
+        throw Failure(ExitCode::node, "this node cannot be calibrated:" + missing,
+                      "easctl doctor --node-only says what to do");
 }
 
-std::vector<int> frequencies_of_node() {
-    std::vector<int> table;
-    if (EnergyUtil::get_available_freqs(table, 0) != 1)
-        throw Failure(
-            ExitCode::node,
-            "the driver " + frequency_driver(0) + " has no file scaling_available_frequencies",
-            "name the frequencies with --frequencies");
-    return table;
+/// All that are offered but those of turbo, which a busy node does not hold.
+std::vector<int> frequencies_of(const NodeFrequency& frequency) {
+    std::vector<int> all;
+    for (const easnode_step& step : frequency.steps()) {
+        if (step.turbo == 0)
+            all.push_back(step.khz);
+    }
+    if (all.empty())
+        throw Failure(ExitCode::node, "the driver offers no frequency without turbo",
+                      "name the frequencies with --frequencies");
+    return all;
 }
 
 std::string host_name() {
@@ -66,11 +75,11 @@ std::string host_name() {
     return name.data();
 }
 
-int nominal_khz() {
-    const int khz = EnergyUtil::get_nominal_freq(0);
+int nominal_khz(const NodeFrequency& frequency) {
+    const int khz = nominal_of(frequency).khz;
     if (khz < 1)
-        throw Failure(ExitCode::node, "the nominal frequency cannot be read from /dev/cpu/0/msr",
-                      "modprobe msr");
+        throw Failure(ExitCode::node, "the nominal frequency of this node is unknown",
+                      "easctl node info");
     return khz;
 }
 
@@ -80,7 +89,11 @@ class Calibration {
         : options_(options),
           globals_(globals),
           cpus_(parse_cpus(options.cpu_list)),
-          file_(options.output, {nominal_khz(), cpu_text(cpus_), host_name()}) {
+          meter_(options.meter, ::getpid()),
+          first_(meter_.read()) {
+        require_node(everything_, first_);
+        file_.emplace(options.output, CalibrationNode{nominal_khz(everything_), cpu_text(cpus_),
+                                                      host_name(), meter_text(first_)});
         plan();
     }
 
@@ -89,17 +102,14 @@ class Calibration {
         if (plan_.empty())
             return;
         const HeldSignals signals;
-        const std::vector<int> everything = all_cpus();
         try {
-            const FrequencyGuard guard(everything);
-            const NodeSampler sampler(::getpid());
-            require_counters(sampler);
+            const FrequencyGuard guard(everything_);
             Progress progress("calibrating", plan_.size() * slices_per_run, globals_.quiet);
             for (const PlannedRun& run : plan_) {
                 if (khz_set_ != run.khz)
-                    set_frequency(everything, run.khz);
+                    everything_.set(run.khz);
                 khz_set_ = run.khz;
-                measure(run, sampler, signals, progress);
+                measure(run, signals, progress);
                 ++done_;
             }
         } catch (Failure& failure) {
@@ -110,10 +120,15 @@ class Calibration {
                     std::to_string(plan_.size() - done_);
             throw;
         }
+        judge();
     }
 
     [[nodiscard]] Json json() const {
-        return {{"output", options_.output}, {"measured", rows_}, {"measured_before", before_}};
+        return {{"output", options_.output},
+                {"meter", meter_text(first_)},
+                {"measured", rows_},
+                {"left_out", left_out_},
+                {"measured_before", before_}};
     }
 
   private:
@@ -122,14 +137,14 @@ class Calibration {
     void plan() {
         std::vector<int> frequencies = options_.frequencies;
         if (frequencies.empty())
-            frequencies = frequencies_of_node();
+            frequencies = frequencies_of(everything_);
         for (const int khz : each_once(frequencies)) {
             for (const Kernel& kernel : kernels()) {
                 const auto& wanted = options_.kernels;
                 if (!wanted.empty() &&
                     std::find(wanted.begin(), wanted.end(), kernel.name) == wanted.end())
                     continue;
-                if (file_.has(kernel.name, khz))
+                if (file_->has(kernel.name, khz))
                     ++before_;
                 else
                     plan_.push_back({khz, &kernel});
@@ -145,6 +160,8 @@ class Calibration {
         if (before_ > 0)
             remark(globals_,
                    options_.output + " holds " + std::to_string(before_) + " of the runs already");
+        remark(globals_, "energy: " + text_of(first_.energy));
+        remark(globals_, "memory traffic: " + text_of(first_.memory));
         const double seconds =
             (options_.seconds + warm_up_seconds()) * static_cast<double>(plan_.size());
         remark(globals_, "runs to do: " + std::to_string(plan_.size()) + " on CPUs " +
@@ -152,15 +169,9 @@ class Calibration {
                              "; nothing else should run on this node");
     }
 
-    static void require_counters(const NodeSampler& sampler) {
-        if (!sampler.has_counters())
-            throw Failure(ExitCode::node, "the hardware counters cannot be programmed",
-                          "easctl node info shows what is missing");
-    }
-
     /// Sleeps that long, drawing how far this run is.
     void wait(double seconds, double from, double to, const PlannedRun& run,
-              const HeldSignals& signals, Progress& progress) const {
+              const HeldSignals& signals, Progress& progress) {
         const double start = monotonic_seconds();
         while (true) {
             const double passed = monotonic_seconds() - start;
@@ -171,46 +182,94 @@ class Calibration {
                 done_ * slices_per_run + static_cast<std::uint64_t>(part * slices_per_run),
                 std::to_string(run.khz) + " kHz, " + run.kernel->name);
             signals.sleep_or_throw(std::min(redraw_seconds, seconds - passed));
+            meter_.keep_up();
         }
     }
 
-    void measure(const PlannedRun& run, const NodeSampler& sampler, const HeldSignals& signals,
-                 Progress& progress) {
+    void measure(const PlannedRun& run, const HeldSignals& signals, Progress& progress) {
         const KernelThreads threads(*run.kernel, cpus_, signals);
         const double warm_up = warm_up_seconds();
         const double warm_part = warm_up / (warm_up + options_.seconds);
         wait(warm_up, 0, warm_part, run, signals, progress);
-        const NodeSample first = sampler.take_at_update(signals);
+        ClockCheck check(busy_, run.khz);
+        const easnode_reading first = read_at_update(signals);
         wait(options_.seconds, warm_part, 1, run, signals, progress);
-        const NodeSample last = sampler.take_at_update(signals);
-        check_frequency(cpus_, run.khz, 0.1);  // under load: heat or a power limit may hold it
-        const KernelRun result = difference(first, last, run);
-        file_.add(run.kernel->name, run.khz, result);
+        const easnode_reading last = read_at_update(signals);
+        const easnode_clock clock = check.end();
         progress.hide();
+        if (clock.verdict == EASNODE_RUNS_OTHERWISE) {
+            leave_out(run, clock);
+            return;
+        }
+        if (clock.verdict == EASNODE_CANNOT_TELL && !std::exchange(told_, true))
+            remark(globals_, std::string("whether the CPUs run at the frequency cannot be told: ") +
+                                 clock.text);
+        const KernelRun result = difference(first, last, run);
+        file_->add(run.kernel->name, run.khz, result);
         show(run, result);
     }
 
-    static KernelRun difference(const NodeSample& first, const NodeSample& last,
+    /// Counters of energy are brought up to date only so often, and a reading between two updates
+    /// is older than it looks: waits until there is an update, two seconds at most.
+    easnode_reading read_at_update(const HeldSignals& signals) {
+        constexpr double longest_update_seconds = 2;
+        constexpr double poll_seconds = 0.002;
+        easnode_reading reading = meter_.read();
+        const double before = reading.energy.value;
+        const double until = monotonic_seconds() + longest_update_seconds;
+        while (reading.energy.quality == EASNODE_COUNTED && reading.energy.value == before &&
+               monotonic_seconds() < until) {
+            signals.sleep_or_throw(poll_seconds);
+            reading = meter_.read();
+        }
+        return reading;
+    }
+
+    void leave_out(const PlannedRun& run, const easnode_clock& clock) {
+        const std::string held = *clock.text != '\0' ? std::string(": ") + clock.text : "";
+        left_out_.push_back(std::to_string(run.khz) + " kHz, " + run.kernel->name +
+                            ": left out, the CPUs ran at " + std::to_string(clock.mean_khz) +
+                            " kHz" + held);
+        remark(globals_, left_out_.back());
+    }
+
+    /// A calibration that could use nothing has failed.
+    void judge() {
+        if (left_out_.empty())
+            return;
+        if (left_out_.size() == plan_.size() && before_ == 0)
+            throw Failure(ExitCode::node,
+                          "the CPUs did not run at any of the frequencies: the driver " +
+                              std::string(everything_.info().driver) +
+                              " takes the requests and does not follow them, or power or heat "
+                              "holds the node",
+                          "easctl node frequency shows what is set; the firmware may control the "
+                          "frequency itself");
+        globals_.outcome = ExitCode::found;
+        remark(globals_, std::to_string(left_out_.size()) + " of " + std::to_string(plan_.size()) +
+                             " runs were left out, since the CPUs ran at other frequencies");
+    }
+
+    static KernelRun difference(const easnode_reading& first, const easnode_reading& last,
                                 const PlannedRun& run) {
-        const auto counted = [&](std::uint64_t hwrusage::*field, const char* what) {
-            if (first.hardware.tstamp == 0 || last.hardware.*field <= first.hardware.*field)
-                throw Failure(ExitCode::node,
-                              std::string("kernel ") + run.kernel->name + ": the " + what +
-                                  " counters stand still",
-                              "easctl node info shows what is missing");
-            return static_cast<double>(last.hardware.*field - first.hardware.*field);
+        const auto grown = [&](easnode_figure easnode_reading::*figure, const char* what) {
+            const auto before = value_of(first.*figure), now = value_of(last.*figure);
+            const std::string place =
+                std::to_string(run.khz) + " kHz, " + run.kernel->name + ": " + what;
+            if (!before || !now)
+                throw Failure(ExitCode::node, place + ": " + (last.*figure).reason,
+                              "start the same command again");
+            if (*now <= *before)
+                throw Failure(ExitCode::node, place + " stands still", "easctl node info");
+            return *now - *before;
         };
-        if (first.microjoules == 0 || last.microjoules <= first.microjoules)
-            throw Failure(ExitCode::node, "the energy meter stands still, or was started anew",
-                          "start the same command again");
         KernelRun result;
         result.runs = 1;
-        result.elapsed_s = last.seconds - first.seconds;
-        result.power_w =
-            static_cast<double>(last.microjoules - first.microjoules) / 1e6 / result.elapsed_s;
-        result.cycles = counted(&hwrusage::cycles, "cycle");
-        result.instructions = counted(&hwrusage::instructions, "instruction");
-        result.memory_bytes = counted(&hwrusage::membytes_xferred, "memory");
+        result.elapsed_s = static_cast<double>(last.time_ns - first.time_ns) / 1e9;
+        result.power_w = grown(&easnode_reading::energy, "energy") / result.elapsed_s;
+        result.cycles = grown(&easnode_reading::cycles, "the cycle counter");
+        result.instructions = grown(&easnode_reading::instructions, "the instruction counter");
+        result.memory_bytes = grown(&easnode_reading::memory, "the memory counter");
         return result;
     }
 
@@ -233,16 +292,21 @@ class Calibration {
     const CalibrateOptions& options_;
     Globals& globals_;
     std::vector<int> cpus_;
-    CalibrationFile file_;
+    NodeFrequency everything_{{}};
+    NodeFrequency busy_{cpus_};
+    NodeMeter meter_;
+    easnode_reading first_;
+    std::optional<CalibrationFile> file_;
     std::vector<PlannedRun> plan_;
+    std::vector<std::string> left_out_;  // runs that the CPUs did not make at their frequency
     int khz_set_ = 0;
+    bool told_ = false;       // that the clock cannot be told
     std::size_t before_ = 0;  // runs that the file held
     std::uint64_t done_ = 0;
     Json rows_ = Json::array();
 };
 
 void run_calibrate(const CalibrateOptions& options, Globals& globals) {
-    require_node();
     Calibration calibration(options, globals);
     calibration.run();
     if (globals.json)
@@ -287,7 +351,7 @@ void add_calibrate_command(CLI::App& model, Globals& globals) {
         .show_default()
         .type_name("CPUS");
     add_option(command, "--frequencies", options->frequencies,
-               "kHz, separated by commas; by default all that the driver offers")
+               "kHz, separated by commas; by default all that are offered, without turbo")
         .delimiter(',')
         .check(whole_number_from(1, 999999999))
         .type_name("KHZ");
@@ -295,6 +359,8 @@ void add_calibrate_command(CLI::App& model, Globals& globals) {
         .delimiter(',')
         .check(one_of(kernel_names()))
         .type_name("NAME");
+    options->meter.add_to(command);
+    options->meter.add_force_to(command);
     set_action(command, [options, &globals] { run_calibrate(*options, globals); });
 }
 

@@ -16,7 +16,7 @@
 namespace easctl {
 namespace {
 
-constexpr std::array<const char*, 3> node_columns = {"nominal_khz", "cpus", "host"};
+constexpr std::array<const char*, 4> node_columns = {"nominal_khz", "cpus", "host", "meter"};
 
 std::string header() {
     std::string line;
@@ -80,6 +80,12 @@ void CalibrationFile::read_rows() {
                               ", CPUs " + std::string(fields[common + 1]) + ", this is host " +
                               node_.host + ", CPUs " + node_.cpus,
                           "one file holds one node's measurements: name another with --out");
+        if (fields[common + 3] != node_.meter)
+            throw Failure(ExitCode::input,
+                          csv.where() + ": measured by " + std::string(fields[common + 3]) +
+                              ", this would be " + node_.meter,
+                          "what two meters measured has no common measure: choose the sources, or "
+                          "name another file with --out");
         done_.emplace(fields[0], std::stoi(std::string(fields[1])));
     }
 }
@@ -89,7 +95,8 @@ void CalibrationFile::add(const std::string& kernel, int khz, const KernelRun& r
     for (const double value :
          {run.elapsed_s, run.power_w, run.cycles, run.instructions, run.memory_bytes})
         line += ',' + exact(value);
-    line += ',' + std::to_string(node_.nominal_khz) + ',' + node_.cpus + ',' + node_.host + '\n';
+    line += ',' + std::to_string(node_.nominal_khz) + ',' + node_.cpus + ',' + node_.host + ',' +
+            node_.meter + '\n';
     append(line);
     done_.emplace(kernel, khz);
 }

@@ -16,6 +16,7 @@ struct CalibrationNode {
     int nominal_khz;
     std::string cpus;  // on which the kernels ran
     std::string host;
+    std::string meter;  // see meter_text
 };
 
 class CalibrationFile {

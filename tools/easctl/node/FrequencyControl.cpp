@@ -4,146 +4,209 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
+#include <array>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <ctime>
 
 #include "common/node/EnergyUtil.h"
+#include "common/node/ProcessorModel.h"
 #include "tools/easctl/cli/Errors.h"
 #include "tools/easctl/cli/InputFile.h"
-#include "tools/easctl/cli/Link.h"
 #include "tools/easctl/cli/Signals.h"
+#include "tools/easctl/node/CpuList.h"
 #include "tools/easctl/node/NodeLinks.h"
 
 namespace easctl {
 namespace {
 
-// The kernel may compute the present frequency from counters, so it is never met exactly.
-constexpr double tolerance = 0.02;
-constexpr double settling_seconds = 0.5;
-// A table's first entry that is 1000 kHz above the next stands for "as fast as turbo allows".
-constexpr int turbo_step_khz = 1000;
+// The register's ratio times the bus clock is not exactly the step that is meant.
+constexpr double nearness = 0.01;
 
-int to_khz(const std::string& text) {
-    return std::atoi(text.c_str());
+// In the order of easnode_nominal_source.
+constexpr std::array<const char*, 7> nominal_sources = {
+    "unknown",         "base_frequency",       "turbo range of intel_pstate",
+    "firmware (CPPC)", "highest of the table", "the processor's name",
+    "the processor"};
+// In the order of easnode_turbo.
+constexpr std::array<const char*, 4> turbo_texts = {"no turbo switch", "turbo off", "turbo on",
+                                                    "turbo on for some CPUs"};
+
+easnode_problem empty_problem() {
+    easnode_problem problem{};
+    problem.size = sizeof problem;
+    return problem;
 }
 
-bool is_turbo(int cpu, int khz) {
-    std::vector<int> table;
-    EnergyUtil::get_available_freqs(table, cpu);
-    return std::find(table.begin(), table.end(), khz - turbo_step_khz) != table.end();
-}
-
-bool runs_at(int cpu, int khz) {
-    const double present = EnergyUtil::get_current_frequency(cpu);
-    if (present >= khz * (1 - tolerance) && present <= khz * (1 + tolerance))
-        return true;
-    return present > khz && is_turbo(cpu, khz);
-}
-
-std::string cpu_name(int cpu) {
-    return "cpu" + std::to_string(cpu);
-}
-
-/// The request was accepted, but the frequency is another one.
-[[noreturn]] void fail_ignored(int cpu, int khz) {
-    const int present = EnergyUtil::get_current_frequency(cpu);
-    const int highest = to_khz(read_cpufreq(cpu, "scaling_max_freq"));
-    const int lowest = to_khz(read_cpufreq(cpu, "scaling_min_freq"));
-    const std::string shown =
-        cpu_name(cpu) + ": " + std::to_string(khz) + " kHz was set, but it runs at " +
-        (present > 0 ? std::to_string(present) + " kHz" : "an unknown frequency");
-    if (khz > highest || khz < lowest)
-        throw Failure(ExitCode::node,
-                      shown + ": outside of the limits scaling_min_freq " + std::to_string(lowest) +
-                          " and scaling_max_freq " + std::to_string(highest),
-                      "widen the limits, or leave this frequency out");
-    const std::string steps = read_cpufreq(cpu, "scaling_available_frequencies");
-    if (!steps.empty() &&
-        (' ' + steps + ' ').find(' ' + std::to_string(khz) + ' ') == std::string::npos)
-        throw Failure(ExitCode::node, shown + ": not one of the driver's steps",
-                      "choose one of " + steps);
+[[noreturn]] void fail(int code, const easnode_problem& problem) {
+    std::string text = problem.text;
+    if (text.empty())
+        text = easnode_error_text(code);
+    if (problem.cpu >= 0 && text.find("cpu") == std::string::npos)
+        text.insert(0, "cpu" + std::to_string(problem.cpu) + ": ");
+    if (*problem.path != '\0' && text.find(problem.path) == std::string::npos)
+        text += std::string(" (") + problem.path + ')';
     throw Failure(
-        ExitCode::node,
-        shown + ": the driver " + frequency_driver(cpu) +
-            " takes the request and does not follow it",
-        "the hardware may control the P-states itself: boot with intel_pstate=disable, or "
-        "switch that off in the firmware; or the node is held by a power or heat limit");
+        code == EASNODE_BAD_ARGUMENT ? ExitCode::usage : ExitCode::node, text,
+        code == EASNODE_DENIED ? "run as root" : "easctl node frequency shows what is possible");
 }
 
-[[noreturn]] void fail_refused(int cpu, const std::string& what) {
-    for (const Link& link : examine_node(frequency_links)) {
-        if (is_broken(link))
-            throw Failure(ExitCode::node,
-                          cpu_name(cpu) + ": " + what + " was refused: driver " +
-                              frequency_driver(cpu) + ", " + link.name + ' ' +
-                              name_of(link.status) + ": " + link.found,
-                          link.remedy);
+void require(int code, const easnode_problem& problem) {
+    if (code != EASNODE_OK)
+        fail(code, problem);
+}
+
+/// All rows of one of the functions that fill an array.
+template <typename Row, typename Fill>
+std::vector<Row> all_rows(const easnode_frequency* frequency, Fill fill) {
+    std::vector<Row> rows;
+    std::size_t count = 0;
+    int code = fill(frequency, nullptr, 0, &count);
+    while (code == EASNODE_TOO_SMALL) {
+        rows.resize(count);
+        code = fill(frequency, rows.data(), rows.size(), &count);
     }
-    throw Failure(ExitCode::node,
-                  cpu_name(cpu) + ": " + what + " was refused by the driver " +
-                      frequency_driver(cpu) +
-                      " (governors: " + read_cpufreq(cpu, "scaling_available_governors") + ")",
-                  "easctl node frequency shows what is possible");
+    require(code, empty_problem());
+    rows.resize(count);
+    return rows;
+}
+
+/// From the platform-information register; 0 where the model is not known, or the register cannot
+/// be read.
+int register_khz() {
+    const eas::TopologyReading reading = read_processors();
+    if (reading.result != 0 || eas::find_model(reading.processors.model) == nullptr)
+        return 0;
+    return static_cast<int>(eas::nominal_clock(reading.processors) / 1000);
 }
 
 }  // namespace
 
-std::string read_cpufreq(int cpu, const char* file) {
-    return first_line(std::string(CPU_FREQENCY_PATH) + "/cpu" + std::to_string(cpu) + "/cpufreq/" +
-                      file)
-        .value_or("");
+NodeFrequency::NodeFrequency(const std::vector<int>& cpus) {
+    std::string list = cpu_text(cpus);
+    for (char& one : list)
+        one = one == ' ' ? ',' : one;
+    easnode_problem problem = empty_problem();
+    easnode_frequency* handle = nullptr;
+    const int code =
+        easnode_frequency_open(cpus.empty() ? nullptr : list.c_str(), &handle, &problem);
+    handle_.reset(handle);
+    require(code, problem);
 }
 
-std::string frequency_driver(int cpu) {
-    const std::string driver = read_cpufreq(cpu, "scaling_driver");
-    return driver.empty() ? "unknown" : driver;
+easnode_frequency_info NodeFrequency::info() const {
+    easnode_frequency_info info{};
+    info.size = sizeof info;
+    require(easnode_frequency_describe(handle_.get(), &info), empty_problem());
+    return info;
+}
+
+std::vector<easnode_step> NodeFrequency::steps() const {
+    return all_rows<easnode_step>(handle_.get(), easnode_frequency_steps);
+}
+
+std::vector<easnode_cpu_frequency> NodeFrequency::rows() const {
+    return all_rows<easnode_cpu_frequency>(handle_.get(), easnode_frequency_read);
+}
+
+std::string NodeFrequency::save(int khz) const {
+    std::string text(EASNODE_FREQUENCY_TEXT_SIZE, '\0');
+    std::size_t length = 0;
+    easnode_problem problem = empty_problem();
+    require(easnode_frequency_save(handle_.get(), khz, text.data(), text.size(), &length, &problem),
+            problem);
+    text.resize(length);
+    return text;
+}
+
+void NodeFrequency::set(int khz) {
+    easnode_problem problem = empty_problem();
+    require(easnode_frequency_set(handle_.get(), khz, &problem), problem);
+}
+
+int NodeFrequency::give_back(const std::string& text) {
+    return easnode_frequency_restore(handle_.get(), text.data(), text.size(), nullptr);
+}
+
+std::string frequency_text(const easnode_frequency_info& info) {
+    const auto turbo = static_cast<std::size_t>(info.turbo);
+    return std::string(info.driver) +
+           (info.method == EASNODE_FREQUENCY_USERSPACE ? " by the governor userspace"
+                                                       : " by its limits") +
+           ", now " + info.governor + ", " +
+           (turbo < turbo_texts.size() ? turbo_texts[turbo] : "turbo unknown") + ", " +
+           std::to_string(info.lowest_khz) + " to " + std::to_string(info.highest_khz) + " kHz";
+}
+
+Nominal nominal_of(const NodeFrequency& frequency) {
+    const easnode_frequency_info info = frequency.info();
+    const auto source = static_cast<std::size_t>(info.nominal_source);
+    Nominal nominal{info.nominal_khz,
+                    source < nominal_sources.size() ? nominal_sources[source] : "unknown"};
+    const int khz = register_khz();
+    if (khz == 0)
+        return nominal;
+    nominal = {khz, "platform-information register"};
+    double nearest = nearness * khz;
+    for (const easnode_step& step : frequency.steps()) {
+        const double distance = std::abs(step.khz - khz);
+        // Of two at the same distance the upper one is the turbo mark of a table.
+        if (distance <= nearest && step.turbo == 0) {
+            nearest = distance;
+            nominal.khz = step.khz;
+        }
+    }
+    return nominal;
 }
 
 std::vector<int> all_cpus() {
+    std::size_t count = 0;
+    std::vector<easnode_cpu> rows;
+    int code = easnode_topology_cpus(nullptr, 0, &count);
+    while (code == EASNODE_TOO_SMALL) {
+        rows.resize(count);
+        code = easnode_topology_cpus(rows.data(), rows.size(), &count);
+    }
+    if (code != EASNODE_OK || count == 0)
+        throw Failure(ExitCode::node, "/sys/devices/system/cpu lists no processor", "mount /sys");
     std::vector<int> cpus;
-    if (EnergyUtil::get_all_cpu_ids(cpus) != 1)
-        throw Failure(ExitCode::node, std::string(PROC_CPUINFO_PATH) + " lists no processor",
-                      "mount /proc");
+    for (std::size_t i = 0; i < count; ++i)
+        cpus.push_back(rows[i].cpu);
     return cpus;
-}
-
-void check_frequency(const std::vector<int>& cpus, int khz, double patience) {
-    const double until = monotonic_seconds() + patience;
-    for (const int cpu : cpus) {
-        while (!runs_at(cpu, khz)) {
-            if (monotonic_seconds() >= until)
-                fail_ignored(cpu, khz);
-            const timespec pause{0, 10000000};
-            ::nanosleep(&pause, nullptr);
-        }
-    }
-}
-
-void set_frequency(const std::vector<int>& cpus, int khz) {
-    for (const int cpu : cpus) {
-        if (EnergyUtil::set_cpu_frequency(khz, cpu) != 1)
-            fail_refused(cpu, "the frequency " + std::to_string(khz) + " kHz");
-    }
-    check_frequency(cpus, khz, settling_seconds);
 }
 
 void set_governor(const std::vector<int>& cpus, const std::string& governor) {
     std::string name = governor;
     for (const int cpu : cpus) {
-        if (EnergyUtil::set_cpu_governor(name.data(), cpu) != 1 ||
-            read_cpufreq(cpu, "scaling_governor") != governor)
-            fail_refused(cpu, "the governor \"" + governor + "\"");
+        const std::string folder =
+            std::string(CPU_FREQENCY_PATH) + "/cpu" + std::to_string(cpu) + "/cpufreq/";
+        if (EnergyUtil::set_cpu_governor(name.data(), cpu) == 1 &&
+            first_line(folder + "scaling_governor").value_or("") == governor)
+            continue;
+        throw Failure(ExitCode::node,
+                      "cpu" + std::to_string(cpu) + ": the governor \"" + governor +
+                          "\" was refused (offered: " +
+                          first_line(folder + "scaling_available_governors").value_or("none") + ')',
+                      "easctl node frequency shows what is possible");
     }
 }
 
-FrequencyGuard::FrequencyGuard(const std::vector<int>& cpus) {
-    for (const int cpu : cpus)
-        saved_.push_back({cpu, read_cpufreq(cpu, "scaling_governor"),
-                          to_khz(read_cpufreq(cpu, "scaling_setspeed"))});
+ClockCheck::ClockCheck(const NodeFrequency& frequency, int khz) {
+    require(easnode_frequency_check_begin(frequency.handle(), khz, &check_), empty_problem());
+}
+
+easnode_clock ClockCheck::end() {
+    easnode_clock clock{};
+    clock.size = sizeof clock;
+    const int code = easnode_frequency_check_end(check_, &clock);
+    check_ = nullptr;
+    require(code, empty_problem());
+    return clock;
+}
+
+FrequencyGuard::FrequencyGuard(NodeFrequency& frequency, int khz)
+    : frequency_(frequency), saved_(frequency.save(khz)) {
     // A signal to the whole group must not end the watcher before it ignores them.
     const HeldSignals held;
     int ends[2];
@@ -172,21 +235,8 @@ void FrequencyGuard::watch(eas::UniqueFd life) {
         got = ::read(life.get(), &byte, 1);
     } while (got < 0 && errno == EINTR);
     if (got != 1)
-        restore();
+        easnode_frequency_restore(nullptr, saved_.data(), saved_.size(), nullptr);
     ::_exit(0);
-}
-
-bool FrequencyGuard::restore() {
-    bool good = true;
-    for (Saved& saved : saved_) {
-        if (saved.governor.empty())  // there was none, so nothing could be set
-            continue;
-        if (saved.governor == "userspace")
-            good &= EnergyUtil::set_cpu_frequency(saved.khz, saved.cpu) == 1;
-        else
-            good &= EnergyUtil::set_cpu_governor(saved.governor.data(), saved.cpu) == 1;
-    }
-    return good;
 }
 
 void FrequencyGuard::keep() {
@@ -195,18 +245,17 @@ void FrequencyGuard::keep() {
 }
 
 bool FrequencyGuard::give_back() {
-    const bool good = restore();
+    const int code = saved_.empty() ? EASNODE_OK : frequency_.give_back(saved_);
     keep();
-    return good;
+    return code == EASNODE_OK || code == EASNODE_MOVED;
 }
 
 FrequencyGuard::~FrequencyGuard() {
-    if (!restore())
+    if (!give_back())
         std::fputs(
             "easctl: governor or frequency could not be given back: see "
             "\"easctl node frequency\"\n",
             stderr);
-    static_cast<void>(::send(life_.get(), "", 1, MSG_NOSIGNAL));
     life_.reset();
     while (::waitpid(watcher_, nullptr, 0) < 0 && errno == EINTR) {
     }

@@ -6,18 +6,22 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 
 #include "base/UniqueFd.h"
 #include "common/node/MemoryChannels.h"
+#include "common/node/Msr.h"
 #include "common/node/ProcessorModel.h"
+#include "common/node/UncoreMsrCounters.h"
 
 namespace easctl {
 namespace {
 
+constexpr std::uint16_t intel = 0x8086;
+
 Link broken(LinkStatus status, const std::string& found, const std::string& remedy) {
-    return {"memory counters", status, found, "no memory traffic: a job cannot be measured",
-            remedy};
+    return {"memory counters", status, found, "gethwrusage counts no memory traffic", remedy};
 }
 
 Link broken(const std::string& path, int error, const std::string& when_denied,
@@ -27,21 +31,37 @@ Link broken(const std::string& path, int error, const std::string& when_denied,
                   status == LinkStatus::denied ? when_denied : when_missing);
 }
 
-/// Models whose counters are registers: those of each socket's first CPU are used.
-Link by_registers(const cpuinfo_t& processors) {
-    for (int s = 0; s < processors.numSockets; ++s) {
-        const int cpu = processors.cpuId[processors.SId[s]];
-        const std::string path = "/dev/cpu/" + std::to_string(std::max(0, cpu)) + "/msr";
-        const eas::UniqueFd device(::open(path.c_str(), O_RDWR | O_CLOEXEC));
-        if (!device.is_open())
-            return broken(path, errno, "run as root (secure boot may lock registers)",
-                          "modprobe msr");
-    }
-    return {"memory counters", LinkStatus::ok, "registers of each socket", "", ""};
+std::string hex(std::uint32_t number) {
+    std::array<char, 16> text{};
+    std::snprintf(text.data(), text.size(), "0x%X", number);
+    return text.data();
 }
 
-/// Models whose counters are pages of the memory controllers.
-Link by_physical_memory() {
+/// The first CPU of each socket.
+std::vector<int> first_cpus(const cpuinfo_t& processors) {
+    std::vector<int> cpus;
+    for (int s = 0; s < processors.numSockets; ++s)
+        cpus.push_back(std::max(0, processors.cpuId[processors.SId[s]]));
+    return cpus;
+}
+
+/// Writes what stands there already: a kernel may let registers be read only.
+Link by_registers(const cpuinfo_t& processors, eas::MemoryMethod method) {
+    const std::uint32_t control = eas::global_control(method);
+    for (const int cpu : first_cpus(processors)) {
+        const std::string device = "/dev/cpu/" + std::to_string(cpu) + "/msr";
+        std::uint64_t value = 0;
+        errno = 0;
+        if (rdmsr(cpu, control, &value) != 0 || wrmsr(cpu, control, value) != 0)
+            return broken(device + ", register " + hex(control), errno != 0 ? errno : EIO,
+                          "run as root; secure boot and msr.allow_writes=off lock registers",
+                          "modprobe msr");
+    }
+    return {"memory counters", LinkStatus::ok, "registers of each socket can be written", "", ""};
+}
+
+/// The files behind the pages: which of them is in the way tells more than a failed mapping.
+Link examine_files(const std::string& when_denied) {
     struct File {
         const char* path;
         int flags;
@@ -52,35 +72,50 @@ Link by_physical_memory() {
         File{"/sys/firmware/acpi/tables/MCFG", O_RDONLY,
              "enable ACPI and memory-mapped PCI configuration in the firmware"},
     };
-    const std::string when_denied =
-        "run as root; where the kernel forbids it to root as well: no secure boot, iomem=relaxed";
     for (const File& one : files) {
         const eas::UniqueFd file(::open(one.path, one.flags | O_CLOEXEC));
         if (!file.is_open())
             return broken(one.path, errno, when_denied, one.when_missing);
     }
-    // A kernel that is locked down opens the device and refuses to map it. One page tells.
-    int fd = -1;
-    errno = 0;
-    char* page = mmap_memory_channel(127, 16, 4, &fd);
-    const int error = errno != 0 ? errno : ENODATA;
-    const eas::UniqueFd memory(fd);
-    if (page == MAP_FAILED)
-        return broken("a page of the memory controller", error, when_denied,
-                      "enable memory-mapped PCI configuration in the firmware");
-    ::munmap(page, CHANNEL_PAGE_SIZE);
+    return {"memory counters", LinkStatus::ok, "", "", ""};
+}
+
+/// Models whose counters are pages of the memory controllers. A kernel that is locked down opens
+/// the device and refuses to map it; where firmware has numbered the buses otherwise, the page is
+/// another device's, or none.
+Link by_physical_memory(const cpuinfo_t& processors) {
+    const std::string when_denied =
+        "run as root; where the kernel forbids it to root as well: no secure boot, iomem=relaxed";
+    if (const Link files = examine_files(when_denied); is_broken(files))
+        return files;
+    for (int s = 0; s < processors.numSockets; ++s) {
+        const eas::ChannelLook look = eas::look_at_channel(static_cast<unsigned>(s), 0);
+        const std::string page = "the memory controller of socket " + std::to_string(s);
+        if (!look.mapped)
+            return broken("a page of " + page, look.error != 0 ? look.error : ENODATA, when_denied,
+                          "enable memory-mapped PCI configuration in the firmware");
+        if (look.vendor != intel)
+            return broken(
+                LinkStatus::wrong,
+                page + " is not where it is looked for: the page says vendor " + hex(look.vendor),
+                s < 2 ? "the firmware numbers the PCI buses otherwise: use the kernel's "
+                        "PMU (modprobe intel_uncore)"
+                      : "more than two sockets cannot be counted: use the kernel's PMU "
+                        "(modprobe intel_uncore)");
+    }
     return {"memory counters", LinkStatus::ok, "the memory controllers can be mapped", "", ""};
 }
 
 }  // namespace
 
 Link examine_memory_counters(const cpuinfo_t& processors) {
-    switch (eas::memory_method(processors.model)) {
+    const eas::MemoryMethod method = eas::memory_method(processors.model);
+    switch (method) {
         case eas::MemoryMethod::uncore_msrs:
         case eas::MemoryMethod::uncore_boxes:
-            return by_registers(processors);
+            return by_registers(processors, method);
         case eas::MemoryMethod::memory_channels:
-            return by_physical_memory();
+            return by_physical_memory(processors);
         case eas::MemoryMethod::none:
             break;
     }
@@ -89,11 +124,25 @@ Link examine_memory_counters(const cpuinfo_t& processors) {
         if (model.memory != eas::MemoryMethod::none)
             models.push_back(std::to_string(model.model));
     }
-    const int model = processors.model;
     return broken(LinkStatus::missing,
-                  "the library knows none of " +
-                      (model > 0 ? "model " + std::to_string(model) : "this processor"),
-                  "calibrate and measure on a node whose model is one of " + joined(models));
+                  "no registers are known but those of models " + joined(models), "");
+}
+
+std::string use_of_memory_counters(const cpuinfo_t& processors) {
+    const eas::MemoryMethod method = eas::memory_method(processors.model);
+    if (method == eas::MemoryMethod::memory_channels) {
+        for (int s = 0; s < processors.numSockets; ++s) {
+            if (eas::look_at_channel(static_cast<unsigned>(s), 0).counts)
+                return "an event is chosen in the memory controller of socket " + std::to_string(s);
+        }
+        return {};
+    }
+    const std::uint32_t control = eas::global_control(method);
+    for (const int cpu : first_cpus(processors)) {
+        if (control != 0 && eas::register_or_zero(cpu, control) != 0)
+            return "register " + hex(control) + " of cpu" + std::to_string(cpu) + " is not 0";
+    }
+    return {};
 }
 
 }  // namespace easctl

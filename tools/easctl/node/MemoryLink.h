@@ -1,5 +1,5 @@
-// The link behind the bytes of memory traffic. Where it is broken the library counts 0, and no tag
-// can be made of such a job.
+// The link behind hwrusage::membytes_xferred, and behind easctl's source "registers": the memory
+// counters that a program sets up itself. Looking at them changes nothing.
 #pragma once
 
 #include "common/node/CpuTopology.h"
@@ -7,7 +7,10 @@
 
 namespace easctl {
 
-/// Looks at what hwrusage::membytes_xferred is made of on these processors.
+/// Whether the memory counters of these processors can be programmed and read.
 Link examine_memory_counters(const cpuinfo_t& processors);
+
+/// Who seems to have programmed them already; empty: nobody. To be asked where the link holds.
+std::string use_of_memory_counters(const cpuinfo_t& processors);
 
 }  // namespace easctl

@@ -1,161 +1,143 @@
 #include "tools/easctl/node/NodeLinks.h"
 
-#include <fcntl.h>
-#include <linux/perf_event.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
-#include <cerrno>
-#include <cstring>
-#include <fstream>
 
-#include "base/UniqueFd.h"
 #include "base/UniqueFile.h"
-#include "common/node/CpuTopology.h"
-#include "common/node/EnergySensors.h"
 #include "common/node/EnergyUtil.h"
 #include "common/node/ProcessorModel.h"
-#include "tools/easctl/cli/InputFile.h"
+#include "tools/easctl/node/CountersLink.h"
+#include "tools/easctl/node/FrequencyControl.h"
 #include "tools/easctl/node/MemoryLink.h"
+#include "tools/easctl/node/NodeMeter.h"
 
 namespace easctl {
 namespace {
 
-constexpr const char* msr_device = "/dev/cpu/0/msr";
-constexpr const char* cpufreq = "/sys/devices/system/cpu/cpu0/cpufreq/";
-
-std::string cpuinfo_value(const std::string& key) {
-    std::ifstream in(PROC_CPUINFO_PATH);
-    for (std::string line; std::getline(in, line);) {
-        if (line.compare(0, key.size(), key) == 0 && line.find(": ") != std::string::npos)
-            return line.substr(line.find(": ") + 2);
-    }
-    return "unknown";
-}
-
 Link processor(const CoEfficients& /*model*/) {
-    const std::string found = cpuinfo_value("model name") + ", family " +
-                              cpuinfo_value("cpu family") + ", model " + cpuinfo_value("model\t");
-    const eas::TopologyReading reading = read_processors();
-    if (reading.result == 0 && eas::can_be_sampled(reading.processors))
-        return {"processor", LinkStatus::ok, found, "", ""};
-    std::vector<std::string> models;
-    for (const eas::ProcessorModel& model : eas::processor_models) {
-        if (model.sampled)
-            models.push_back(std::to_string(model.model));
+    return {"processor", LinkStatus::ok, processor_text(), "", ""};
+}
+
+/// A figure of the meter, whose sources are opened for it alone.
+struct FigureLink {
+    const char* name;
+    easnode_figure_id figure;
+    const char* meaning;  // of a missing one
+    const char* remedy;
+};
+
+constexpr FigureLink instructions_link = {
+    "cycles and instructions", EASNODE_INSTRUCTIONS, "a job cannot be measured",
+    "run as root, or sysctl kernel.perf_event_paranoid=0; a virtual machine may have no counters"};
+constexpr FigureLink memory_link = {
+    "memory traffic", EASNODE_MEMORY, "a job cannot be measured",
+    "run as root; modprobe intel_uncore or amd_uncore, or mount resctrl; --estimate takes cache "
+    "misses for it"};
+constexpr FigureLink energy_link = {
+    "energy", EASNODE_ENERGY, "no power: a job cannot be measured",
+    "run as root; load the driver of the node's power meter, or intel_rapl_msr; or give "
+    "--power-command"};
+
+Link link_of(const FigureLink& row) {
+    MeterOptions options;
+    if (row.figure != EASNODE_INSTRUCTIONS)
+        options.core = "none";
+    if (row.figure != EASNODE_MEMORY)
+        options.memory = "none";
+    if (row.figure != EASNODE_ENERGY)
+        options.energy = "none";
+    const NodeMeter meter(options, 0, NodeMeter::Use::look);
+    if (const auto source = meter.serving(row.figure))
+        return {row.name, LinkStatus::ok, std::string(source->name) + ": " + source->text, "", ""};
+    std::string found = "no source serves";
+    for (const easnode_source& source : meter.sources(row.figure)) {
+        if (source.state == EASNODE_REFUSED)
+            found += std::string("; ") + source.name + ": " + source.text;
     }
-    return {"processor", LinkStatus::missing, found, "gethwrusage does not support this processor",
-            "calibrate and sample on a node of family 6 whose model is one of " + joined(models)};
+    return {row.name, ::geteuid() == 0 ? LinkStatus::missing : LinkStatus::denied, found,
+            row.meaning, row.remedy};
 }
 
-Link msr(const CoEfficients& /*model*/) {
-    const std::string name = std::string("register device ") + msr_device;
-    const eas::UniqueFd device(::open(msr_device, O_RDWR | O_CLOEXEC));
-    if (device.is_open())
-        return {name, LinkStatus::ok, "opens for reading and writing", "", ""};
-    const LinkStatus status = status_of(errno);
-    return {name, status, std::strerror(errno),
-            "no memory counters, no temperature, no nominal frequency",
-            status == LinkStatus::denied ? "run as root (secure boot may lock registers)"
-                                         : "modprobe msr"};
+Link instructions(const CoEfficients& /*model*/) {
+    return link_of(instructions_link);
+}
+Link memory_traffic(const CoEfficients& /*model*/) {
+    return link_of(memory_link);
+}
+Link energy(const CoEfficients& /*model*/) {
+    return link_of(energy_link);
 }
 
-Link perf(const CoEfficients& /*model*/) {
-    perf_event_attr event{};
-    event.size = sizeof event;
-    event.type = PERF_TYPE_HARDWARE;
-    event.config = PERF_COUNT_HW_INSTRUCTIONS;
-    const eas::UniqueFd counter(
-        static_cast<int>(::syscall(SYS_perf_event_open, &event, -1, 0, -1, PERF_FLAG_FD_CLOEXEC)));
-    const int error = errno;
-    const std::string limit =
-        "perf_event_paranoid is " +
-        first_line("/proc/sys/kernel/perf_event_paranoid").value_or("unknown");
-    if (counter.is_open())
-        return {"core counters (perf)", LinkStatus::ok, limit, "", ""};
-    const LinkStatus status = status_of(error);
-    return {"core counters (perf)", status, limit + "; " + std::strerror(error),
-            "no cycles, no instructions: a job cannot be measured",
-            status == LinkStatus::denied ? "run as root, or sysctl kernel.perf_event_paranoid=-1"
-                                         : "this (virtual) machine shows no counters"};
-}
-
-Link unreadable(const std::string& name, const std::string& path, const std::string& meaning,
-                const std::string& remedy) {
-    const int error = errno;
-    return {name, status_of(error), path + ": " + std::strerror(error), meaning, remedy};
-}
-
-Link driver(const CoEfficients& /*model*/) {
-    const auto driver = first_line(std::string(cpufreq) + "scaling_driver");
-    if (!driver)
-        return unreadable("cpufreq driver", std::string(cpufreq) + "scaling_driver",
-                          "no frequency can be set",
-                          "modprobe acpi-cpufreq, or enable P-states in the firmware");
-    if (driver == "intel_pstate")
-        return {"cpufreq driver", LinkStatus::wrong, *driver,
-                "the hardware chooses the frequency; what is set is ignored",
-                "boot with intel_pstate=passive (or disable)"};
-    return {"cpufreq driver", LinkStatus::ok, *driver, "", ""};
-}
-
-Link governor(const CoEfficients& /*model*/) {
-    const auto offered = first_line(std::string(cpufreq) + "scaling_available_governors");
-    const auto now = first_line(std::string(cpufreq) + "scaling_governor");
-    if (!offered || !now)
-        return unreadable("cpufreq governor", std::string(cpufreq) + "scaling_governor",
-                          "no frequency can be set", "see the cpufreq driver");
-    if (offered->find("userspace") == std::string::npos)
-        return {"cpufreq governor", LinkStatus::missing, "offered: " + *offered,
-                "a fixed frequency needs the governor userspace", "modprobe cpufreq_userspace"};
-    const std::string path = std::string(cpufreq) + "scaling_governor";
-    if (::access(path.c_str(), W_OK) != 0)
-        return {"cpufreq governor", LinkStatus::denied, *now + "; " + std::strerror(errno),
-                "this user cannot set a frequency", "run as root"};
-    return {"cpufreq governor", LinkStatus::ok, *now + ", userspace is offered", "", ""};
+Link frequency_control(const CoEfficients& /*model*/) {
+    const std::string name = "frequency control";
+    const NodeFrequency frequency({});
+    const easnode_frequency_info info = frequency.info();
+    if (info.method == EASNODE_FREQUENCY_NONE)
+        return {name, LinkStatus::missing, "no cpufreq driver", "no frequency can be set",
+                "load a cpufreq driver, or enable P-states in the firmware; a virtual machine has "
+                "none"};
+    const std::string found = frequency_text(info);
+    if (::access("/sys/devices/system/cpu/cpu0/cpufreq/scaling_max_freq", W_OK) != 0)
+        return {name, LinkStatus::denied, found, "this user cannot set a frequency", "run as root"};
+    return {name, LinkStatus::ok, found, "", ""};
 }
 
 Link frequencies(const CoEfficients& model) {
-    std::vector<int> offered;
-    if (EnergyUtil::get_available_freqs(offered, 0) != 1)
-        return {"frequencies", LinkStatus::missing, "the driver gives no list",
-                "the library cannot know what may be set", "see the cpufreq driver"};
+    const NodeFrequency frequency({});
+    const std::vector<easnode_step> offered = frequency.steps();
+    const easnode_frequency_info info = frequency.info();
+    if (offered.empty())
+        return {"frequencies", LinkStatus::missing, "none is offered", "none can be set",
+                "see the frequency control"};
     std::vector<std::string> unknown;
     for (const int khz : model.frequencyArray()) {
-        if (std::find(offered.begin(), offered.end(), khz) == offered.end())
+        const bool in_table =
+            std::any_of(offered.begin(), offered.end(),
+                        [khz](const easnode_step& step) { return step.khz == khz; });
+        const bool in_range = khz >= info.lowest_khz && khz <= info.highest_khz;
+        if (info.has_table != 0 ? !in_table : !in_range)
             unknown.push_back(ghz(khz));
     }
     if (!unknown.empty())
         return {"frequencies", LinkStatus::wrong, "the node does not have " + joined(unknown),
                 "a policy may select what cannot be set", "calibrate on a node of this kind"};
-    return {"frequencies", LinkStatus::ok, std::to_string(offered.size()) + " can be set", "", ""};
+    return {"frequencies", LinkStatus::ok,
+            std::to_string(offered.size()) +
+                (info.has_table != 0 ? " in the driver's table"
+                                     : " offered, and any between the lowest and the highest"),
+            "", ""};
 }
 
-Link energy_meter(const CoEfficients& /*model*/) {
-    int error = ENOENT;
-    std::string failed = "/sys/devices/platform/qpx.*";
-    for (const char* device : {"qpx.1", "qpx.0"}) {
-        const std::string path =
-            std::string("/sys/devices/platform/") + device + '/' + value_files[0];
-        if (const auto value = first_line(path))
-            return {"energy meter", LinkStatus::ok, path + " reads " + *value, "", ""};
-        if (errno == ENOENT)
-            continue;
-        error = errno;
-        failed = path;
+Link old_processor(const CoEfficients& /*model*/) {
+    const std::string name = "gethwrusage";
+    const eas::TopologyReading reading = read_processors();
+    if (reading.result == 0 && eas::can_be_sampled(reading.processors))
+        return {name, LinkStatus::ok, "knows this processor", "", ""};
+    std::vector<std::string> models;
+    for (const eas::ProcessorModel& model : eas::processor_models) {
+        if (model.sampled)
+            models.push_back(std::to_string(model.model));
     }
-    const bool silent = error != ENOENT && status_of(error) != LinkStatus::denied;
-    return {"energy meter", silent ? LinkStatus::wrong : status_of(error),
-            failed + ": " + std::strerror(error), "no power, no energy: a job cannot be measured",
-            silent            ? "the meter is there and does not answer: see dmesg"
-            : error == ENOENT ? "load the driver of the meter"
-                              : "run as root, or chmod a+r the sensor files"};
+    return {name, LinkStatus::ok,
+            "not for this processor (it knows Intel family 6, models " + joined(models) +
+                "); libeasnode measures it",
+            "", ""};
 }
 
 Link memory_counters(const CoEfficients& /*model*/) {
-    return examine_memory_counters(read_processors().processors);
+    const cpuinfo_t processors = read_processors().processors;
+    Link link = examine_memory_counters(processors);
+    if (link.status != LinkStatus::ok)
+        return link;
+    if (const std::string user = use_of_memory_counters(processors); !user.empty()) {
+        link.status = LinkStatus::warning;
+        link.found = user + ": a program samples there, or left them so";
+        link.meaning = "a second one would spoil the figures of both";
+        link.remedy = "one sampler for each node";
+    }
+    return link;
 }
 
 struct NodeLink {
@@ -163,16 +145,23 @@ struct NodeLink {
     Link (*examine)(const CoEfficients& model);
 };
 
-constexpr std::array<NodeLink, node_links.size()> links = {{
+constexpr std::array<NodeLink, node_links.size() + old_node_links.size()> links = {{
     {LinkId::processor, processor},
-    {LinkId::registers, msr},
-    {LinkId::core_counters, perf},
-    {LinkId::memory_counters, memory_counters},
-    {LinkId::cpufreq_driver, driver},
-    {LinkId::cpufreq_governor, governor},
+    {LinkId::instructions, instructions},
+    {LinkId::memory_traffic, memory_traffic},
+    {LinkId::energy, energy},
+    {LinkId::frequency_control, frequency_control},
     {LinkId::frequencies, frequencies},
-    {LinkId::energy_meter, energy_meter},
+    {LinkId::old_processor, old_processor},
+    {LinkId::registers, examine_registers},
+    {LinkId::core_counters, examine_core_counters},
+    {LinkId::memory_counters, memory_counters},
 }};
+
+bool gethwrusage_serves() {
+    const eas::TopologyReading reading = read_processors();
+    return reading.result == 0 && eas::can_be_sampled(reading.processors);
+}
 
 }  // namespace
 
@@ -181,10 +170,30 @@ eas::TopologyReading read_processors() {
     return cpuinfo != nullptr ? eas::read_topology(cpuinfo.get()) : eas::TopologyReading{-1, {}};
 }
 
+std::string processor_text() {
+    easnode_topology topology{};
+    topology.size = sizeof topology;
+    easnode_topology_read(&topology);
+    const std::string name = *topology.processor != '\0' ? topology.processor : "unknown";
+    return name + ", family " + std::to_string(topology.family) + ", model " +
+           std::to_string(topology.model);
+}
+
 Link examine_node(LinkId which, const CoEfficients& model) {
     const auto* row = std::find_if(links.begin(), links.end(),
                                    [which](const NodeLink& one) { return one.id == which; });
     return row == links.end() ? Link{} : identified(which, row->examine(model));
+}
+
+std::vector<Link> examine_whole_node(const CoEfficients& model) {
+    std::vector<Link> found;
+    for (const LinkId id : node_links)
+        found.push_back(examine_node(id, model));
+    for (const LinkId id : old_node_links) {
+        if (id == LinkId::old_processor || gethwrusage_serves())
+            found.push_back(examine_node(id, model));
+    }
+    return found;
 }
 
 std::string trouble_of(const Link& link) {

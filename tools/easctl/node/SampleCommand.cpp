@@ -3,6 +3,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <array>
 #include <cerrno>
 #include <csignal>
 #include <cstring>
@@ -11,13 +13,10 @@
 #include <utility>
 
 #include "base/UniqueFd.h"
-#include "common/node/EnergySensors.h"
 #include "tools/easctl/cli/Json.h"
-#include "tools/easctl/cli/Link.h"
-#include "tools/easctl/node/GrowingCount.h"
+#include "tools/easctl/cli/Signals.h"
 #include "tools/easctl/node/NodeCommands.h"
-#include "tools/easctl/node/NodeLinks.h"
-#include "tools/easctl/node/NodeSampler.h"
+#include "tools/easctl/node/NodeMeter.h"
 
 namespace easctl {
 namespace {
@@ -27,6 +26,7 @@ constexpr int not_found = 127;
 
 struct SampleOptions {
     double interval = 1;
+    MeterOptions meter;
     std::vector<std::string> command;
 };
 
@@ -100,74 +100,48 @@ class HeldCommand {
     int result_ = 0;
 };
 
-/// One figure of a line; nothing when its source is missing.
+/// One figure of a line; no value when its source is missing.
 struct Figure {
     const char* title;
     const char* member;
     int decimals;
     std::optional<double> value;
-    LinkStatus without = LinkStatus::missing;  // a value: why there is none
 };
 
+/// The figures of a run, reading by reading.
 class SampleTable {
   public:
-    explicit SampleTable(const NodeSampler& sampler) : sampler_(sampler) {
-        for (const Link& link : examine_node(measuring_links)) {
-            if (link.id == LinkId::memory_counters)
-                memory_state_ = link.status;
-            else if (link.status != LinkStatus::denied)
-                continue;
-            else if (link.id == LinkId::energy_meter)
-                energy_state_ = link.status;
-            else
-                counter_state_ = link.status;
-        }
+    explicit SampleTable(const easnode_reading& first)
+        : first_(first), before_(first), now_(first) {}
+
+    void add(const easnode_reading& reading) {
+        before_ = now_;
+        now_ = reading;
     }
 
-    void add(const NodeSample& sample) {
-        if (!std::exchange(begun_, true))
-            first_s_ = now_s_ = sample.seconds;
-        before_s_ = std::exchange(now_s_, sample.seconds);
-        const bool counted = sampler_.has_counters() && sample.hardware.tstamp != 0;
-        const auto read = [](GrowingCount& count, bool known, std::uint64_t value) {
-            count.read(known ? std::optional<std::uint64_t>(value) : std::nullopt);
-        };
-        read(cycles_, counted, sample.hardware.cycles);
-        read(instructions_, counted, sample.hardware.instructions);
-        read(flops_, counted, sample.hardware.flops);
-        read(memory_, sampler_.has_hardware() && memory_state_ == LinkStatus::ok,
-             sample.hardware.membytes_xferred);
-        read(energy_, sample.microjoules != 0, sample.microjoules);
-        margin_ = sample.hardware.inlet_temperature;
-    }
+    [[nodiscard]] const easnode_reading& last() const { return now_; }
 
-    /// Rates since the sample before, with the energy so far; or all of the whole run.
+    /// Rates since the reading before, with the energy so far; or all of the whole run.
     [[nodiscard]] std::vector<Figure> figures(bool of_whole_run = false) const {
-        const double seconds = now_s_ - (of_whole_run ? first_s_ : before_s_);
-        const auto growth = [&](const GrowingCount& count) {
-            return of_whole_run ? count.whole() : count.step();
-        };
+        const easnode_reading& from = of_whole_run ? first_ : before_;
+        const double seconds = static_cast<double>(now_.time_ns - from.time_ns) / 1e9;
+        const auto growth = [&](Member figure) { return difference(from, figure); };
         const auto over = [](std::optional<double> value, double divisor) {
             return value && divisor > 0 ? std::optional(*value / divisor) : std::nullopt;
         };
-        const auto rate = [&](const GrowingCount& count, double unit) {
-            return over(over(growth(count), unit), seconds);
+        const auto rate = [&](Member figure, double unit) {
+            return over(over(growth(figure), unit), seconds);
         };
-        std::optional<double> margin;
-        if (sampler_.has_hardware() && margin_ != NO_TEMPERATURE)
-            margin = static_cast<double>(static_cast<std::int64_t>(margin_));
         return {
-            {"time s", "time_s", 2, now_s_ - first_s_},
-            {"Gcycles/s", "giga_cycles_per_second", 3, rate(cycles_, 1e9), counter_state_},
-            {"GIPS", "giga_instructions_per_second", 3, rate(instructions_, 1e9), counter_state_},
+            {"time s", "time_s", 2, static_cast<double>(now_.time_ns - first_.time_ns) / 1e9},
+            {"Gcycles/s", "giga_cycles_per_second", 3, rate(&easnode_reading::cycles, 1e9)},
+            {"GIPS", "giga_instructions_per_second", 3, rate(&easnode_reading::instructions, 1e9)},
             {"cycles/instr", "cycles_per_instruction", 3,
-             over(growth(cycles_), growth(instructions_).value_or(0)), counter_state_},
-            {"GFLOP/s", "giga_flops", 3, rate(flops_, 1e9), counter_state_},
-            {"memory GB/s", "memory_gb_per_second", 3, rate(memory_, 1e9),
-             memory_state_ == LinkStatus::ok ? counter_state_ : memory_state_},
-            {"margin C", "temperature_margin_c", 0, margin, counter_state_},
-            {"energy J", "energy_j", 1, over(energy_.whole(), 1e6), energy_state_},
-            {"power W", "power_w", 1, rate(energy_, 1e6), energy_state_},
+             over(growth(&easnode_reading::cycles),
+                  growth(&easnode_reading::instructions).value_or(0))},
+            {"memory GB/s", "memory_gb_per_second", 3, rate(&easnode_reading::memory, 1e9)},
+            {"energy J", "energy_j", 1, difference(first_, &easnode_reading::energy)},
+            {"power W", "power_w", 1, rate(&easnode_reading::energy, 1)},
         };
     }
 
@@ -178,11 +152,10 @@ class SampleTable {
         return line + '\n';
     }
 
-    [[nodiscard]] std::string line(const std::vector<Figure>& figures) const {
+    static std::string line(const std::vector<Figure>& figures) {
         std::string line;
         for (const Figure& figure : figures)
-            line += padded(figure.value ? number(*figure.value, figure.decimals)
-                                        : name_of(figure.without));
+            line += padded(figure.value ? number(*figure.value, figure.decimals) : "missing");
         return line + '\n';
     }
 
@@ -194,71 +167,116 @@ class SampleTable {
     }
 
   private:
+    using Member = easnode_figure easnode_reading::*;
+
+    /// Empty unless both readings have it.
+    [[nodiscard]] std::optional<double> difference(const easnode_reading& from,
+                                                   Member figure) const {
+        const auto then = value_of(from.*figure), now = value_of(now_.*figure);
+        return then && now ? std::optional(*now - *then) : std::nullopt;
+    }
+
     static std::string padded(const std::string& text) {
         constexpr std::size_t width = 13;
         return std::string(width - std::min(width, text.size()), ' ') + text;
     }
 
-    const NodeSampler& sampler_;
-    LinkStatus counter_state_ = LinkStatus::missing;
-    LinkStatus memory_state_ = LinkStatus::missing;
-    LinkStatus energy_state_ = LinkStatus::missing;
-    bool begun_ = false;
-    double first_s_ = 0, before_s_ = 0, now_s_ = 0;
-    GrowingCount cycles_, instructions_, flops_, memory_, energy_;
-    std::uint64_t margin_ = NO_TEMPERATURE;
+    easnode_reading first_, before_, now_;
 };
 
 /// True once the command ended; signals that arrive are passed on to it.
-bool ended_within(double seconds, HeldCommand& command, const HeldSignals& signals) {
+bool ended_within(double seconds, HeldCommand& command, const HeldSignals& signals,
+                  NodeMeter& meter) {
+    constexpr double longest_pause = 0.25;  // for sources that must be read often
     const double until = monotonic_seconds() + seconds;
     while (!command.ended()) {
         const double left = until - monotonic_seconds();
         if (left <= 0)
             return false;
-        const int arrived = signals.sleep(left);
+        const int arrived = signals.sleep(std::min(left, longest_pause));
         if (arrived != 0 && arrived != SIGCHLD && !command.ended())
             ::kill(command.pid(), arrived);
+        meter.keep_up();
     }
     return true;
 }
 
-void say_what_is_missing(const Globals& globals) {
-    for (const Link& link : examine_node(measuring_links)) {
-        if (is_broken(link))
-            remark(globals, trouble_of(link));
+struct NamedFigure {
+    const char* name;
+    easnode_figure easnode_reading::*figure;
+};
+constexpr std::array<NamedFigure, 3> sources = {{
+    {"instructions", &easnode_reading::instructions},
+    {"memory", &easnode_reading::memory},
+    {"energy", &easnode_reading::energy},
+}};
+
+/// Where the figures come from, and what they are of.
+void say_sources(const easnode_reading& reading, const Globals& globals) {
+    for (const auto& [name, figure] : sources)
+        remark(globals, std::string(name) + ": " + text_of(reading.*figure));
+}
+
+Json sources_json(const easnode_reading& reading) {
+    Json json = Json::object();
+    for (const auto& [name, member] : sources) {
+        const easnode_figure& figure = reading.*member;
+        const bool good = value_of(figure).has_value();
+        json[name] = {{"source", *figure.source != '\0' ? Json(figure.source) : Json(nullptr)},
+                      {"covers", good ? Json(figure.covers) : Json(nullptr)},
+                      {"extent", good ? Json(name_of_extent(figure.extent)) : Json(nullptr)},
+                      {"reason", good ? Json(nullptr) : Json(figure.reason)}};
     }
+    return json;
+}
+
+void require_a_figure(const easnode_reading& reading) {
+    for (const NamedFigure& one : sources) {
+        if (value_of(reading.*one.figure))
+            return;
+    }
+    throw Failure(ExitCode::node, "nothing can be sampled on this node; the command was not run",
+                  "easctl node info");
+}
+
+Json whole_run_json(const SampleTable& table) {
+    Json json = SampleTable::json(table.figures(true));
+    const auto count = [](const easnode_figure& figure) {
+        const auto value = value_of(figure);
+        return value ? Json(*value) : Json(nullptr);
+    };
+    json["cycles"] = count(table.last().cycles);
+    json["instructions"] = count(table.last().instructions);
+    json["memory_bytes"] = count(table.last().memory);
+    return json;
 }
 
 void run_sample(const SampleOptions& options, Globals& globals) {
     HeldSignals signals;
     signals.hold(SIGCHLD);
     HeldCommand command(options.command, signals);
-    const NodeSampler sampler(command.pid());
-    SampleTable table(sampler);
-    say_what_is_missing(globals);
-    if (!sampler.has_hardware() && !sampler.has_energy())
-        throw Failure(ExitCode::node,
-                      "nothing can be sampled on this node; the command was not run",
-                      "easctl node info");
-    table.add(sampler.take());
+    NodeMeter meter(options.meter, command.pid());
+    SampleTable table(meter.read());
+    require_a_figure(table.last());
+    say_sources(table.last(), globals);
     Json samples = Json::array();
     command.let_go();
     for (bool first = true, ended = false; !ended;) {
-        ended = ended_within(options.interval, command, signals);
-        table.add(sampler.take());
+        ended = ended_within(options.interval, command, signals, meter);
+        table.add(meter.read());
         const auto figures = table.figures();
         if (globals.json) {
             samples.push_back(SampleTable::json(figures));
         } else {
-            print((first ? SampleTable::header(figures) : "") + table.line(figures));
+            print((first ? SampleTable::header(figures) : "") + SampleTable::line(figures));
             flush_output();
         }
         first = false;
     }
     if (globals.json)
         print_json({{"samples", samples},
-                    {"whole_run", SampleTable::json(table.figures(true))},
+                    {"whole_run", whole_run_json(table)},
+                    {"sources", sources_json(table.last())},
                     {"exit_status", command.result()}});
     globals.outcome = static_cast<ExitCode>(command.result());
 }
@@ -268,7 +286,9 @@ void run_sample(const SampleOptions& options, Globals& globals) {
 void add_sample_command(CLI::App& node, Globals& globals) {
     CLI::App& command = add_command(
         node, "sample",
-        "runs a command and shows what it does to the node. The exit code is the command's\n"
+        "runs a command and shows what it does to the node: its own cycles and instructions, "
+        "memory\n"
+        "traffic and energy of the node. The exit code is the command's\n"
         "(128 + N when signal N ended it, 126 or 127 when it cannot be started); 6 when nothing\n"
         "can be sampled. The command prints on standard error.",
         "easctl node sample -- ./solver input\n"
@@ -277,6 +297,8 @@ void add_sample_command(CLI::App& node, Globals& globals) {
     add_option(command, "--interval", options->interval, "seconds between two lines")
         .check(number_from(0.01, 86400.0))
         .show_default();
+    options->meter.add_to(command);
+    options->meter.add_force_to(command);
     add_option(command, "command", options->command, "the command, behind \"--\"")
         .required()
         .type_name("COMMAND...");

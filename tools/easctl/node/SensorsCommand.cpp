@@ -1,19 +1,24 @@
 // easctl node sensors: the energy meter and the processors' temperature.
 #include <fcntl.h>
+#include <unistd.h>
+
 #include <array>
 #include <cerrno>
+#include <cmath>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
-#include <optional>
+#include <memory>
 
 #include "base/UniqueFd.h"
 #include "common/node/CpuTopology.h"
 #include "common/node/EnergySensors.h"
 #include "tools/easctl/cli/Json.h"
 #include "tools/easctl/cli/Link.h"
+#include "tools/easctl/cli/Signals.h"
 #include "tools/easctl/node/NodeCommands.h"
 #include "tools/easctl/node/NodeLinks.h"
+#include "tools/easctl/node/NodeMeter.h"
 
 namespace easctl {
 namespace {
@@ -23,7 +28,7 @@ struct Reading {
     LinkStatus status = LinkStatus::ok;
     double value = 0;  // meaningless unless ok
     std::string unit;
-    std::string why;  // there is none
+    std::string why;  // there is none; with a value: what it covers
 };
 
 struct Unit {
@@ -84,21 +89,52 @@ Reading read_sensor(const char* name) {
 /// Reads registers only: counters that another process has programmed are not disturbed.
 Reading read_margin() {
     Reading reading{"margin", LinkStatus::ok, 0, "degrees C", {}};
-    for (const Link& link : examine_node(std::array{LinkId::processor, LinkId::registers})) {
-        if (!is_broken(link))
-            continue;
-        reading.status = link.status == LinkStatus::denied ? link.status : LinkStatus::missing;
-        reading.why = link.name + ": " + link.found;
+    const eas::TopologyReading node = read_processors();
+    const Link registers = examine_node(LinkId::registers);
+    if (node.result != 0 || is_broken(registers)) {
+        reading.status = node.result == 0 ? registers.status : LinkStatus::missing;
+        reading.why = node.result == 0 ? registers.name + ": " + registers.found
+                                       : "the registers of this processor are not known";
         return reading;
     }
-    const std::uint64_t margin = eas::mean_margin(read_processors().processors);
+    const std::uint64_t margin = eas::mean_margin(node.processors);
     // Above the limit the margin is negative.
     reading.value = static_cast<double>(static_cast<std::int64_t>(margin));
-    if (margin == NO_TEMPERATURE) {
+    if (margin == no_temperature) {
         reading.status = LinkStatus::missing;
         reading.why = "a processor has no valid reading, or its model has none";
     }
     return reading;
+}
+
+/// The node's power over a second, by the source of energy that serves.
+Reading read_power(const MeterOptions& options) {
+    MeterOptions energy_only = options;
+    energy_only.core = energy_only.memory = "none";
+    NodeMeter meter(energy_only);
+    const HeldSignals signals;
+    const easnode_reading first = meter.read();
+    for (int i = 0; i < 4; ++i) {
+        signals.sleep_or_throw(0.25);
+        meter.keep_up();
+    }
+    const easnode_reading last = meter.read();
+    Reading reading{"power", LinkStatus::ok, 0, "W", text_of(last.energy)};
+    const auto before = value_of(first.energy), now = value_of(last.energy);
+    if (before && now) {
+        const double seconds = static_cast<double>(last.time_ns - first.time_ns) / 1e9;
+        reading.value = std::round((*now - *before) / seconds * 10) / 10;
+    } else {
+        reading.status = LinkStatus::missing;
+        reading.why = last.energy.reason;
+    }
+    return reading;
+}
+
+/// Of the energy meter whose sensors daemons read by getenrusage.
+bool has_platform_meter() {
+    return ::access("/sys/devices/platform/qpx.1", F_OK) == 0 ||
+           ::access("/sys/devices/platform/qpx.0", F_OK) == 0;
 }
 
 Json json_of(const Reading& reading) {
@@ -107,15 +143,17 @@ Json json_of(const Reading& reading) {
               {"status", name_of(reading.status)},
               {"value", good ? Json(reading.value) : Json(nullptr)},
               {"unit", reading.unit}};
-    if (!good)
-        json["why"] = reading.why;
+    if (!reading.why.empty())
+        json[good ? "covers" : "why"] = reading.why;
     return json;
 }
 
-void run_sensors(Globals& globals) {
-    std::vector<Reading> readings;
-    for (const char* name : value_files)
-        readings.push_back(read_sensor(name));
+void run_sensors(const MeterOptions& options, Globals& globals) {
+    std::vector<Reading> readings{read_power(options)};
+    if (has_platform_meter()) {
+        for (const char* name : value_files)
+            readings.push_back(read_sensor(name));
+    }
     readings.push_back(read_margin());
     Table table({{"sensor"}, {"value", Align::right}, {"unit"}, {""}});
     Json json = Json::array();
@@ -124,7 +162,7 @@ void run_sensors(Globals& globals) {
         json.push_back(json_of(reading));
         if (reading.status == LinkStatus::ok) {
             globals.outcome = ExitCode::ok;
-            table.add({reading.name, exact(reading.value), reading.unit});
+            table.add({reading.name, exact(reading.value), reading.unit, reading.why});
         } else {
             table.add({reading.name, {name_of(reading.status), Style::bad}, "", reading.why});
         }
@@ -141,10 +179,14 @@ void run_sensors(Globals& globals) {
 }  // namespace
 
 void add_sensors_command(CLI::App& node, Globals& globals) {
-    set_action(
-        add_command(node, "sensors", "the energy meter and the processors' temperature, once",
-                    "easctl node sensors\neasctl node sensors --json"),
-        [&globals] { run_sensors(globals); });
+    CLI::App& command =
+        add_command(node, "sensors",
+                    "the node's power over a second, its energy meter and the processors' "
+                    "temperature",
+                    "easctl node sensors\neasctl node sensors --json");
+    const auto options = std::make_shared<MeterOptions>();
+    options->add_to(command);
+    set_action(command, [options, &globals] { run_sensors(*options, globals); });
 }
 
 }  // namespace easctl

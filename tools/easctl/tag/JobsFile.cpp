@@ -29,6 +29,7 @@ JobsFile::JobsFile(std::string path, unsigned needs, const std::string& class_co
     power_ = find("power_w", true);
     frequency_ = find("frequency_khz", needs_frequency_);
     count_ = find("count", false);
+    meter_ = find("meter", false);
     class_ = find(class_column.c_str(), class_column != "class");
 }
 
@@ -46,7 +47,8 @@ CsvFile::Step JobsFile::next(JobRow& row) {
         problem_ = csv_.problem();
         return step;
     }
-    return take_names(row) && take_counters(row) && take_figures(row) && take_frequency(row)
+    return take_names(row) && take_counters(row) && take_figures(row) && take_frequency(row) &&
+                   take_meter()
                ? CsvFile::Step::row
                : CsvFile::Step::bad_row;
 }
@@ -142,6 +144,20 @@ bool JobsFile::take_frequency(JobRow& row) {
         return true;
     problem_ = "measured at " + std::to_string(row.frequency_khz) +
                " kHz, not at the default frequency of " + std::to_string(only_khz_) + " kHz";
+    return false;
+}
+
+/// The watts of two meters have no common measure: one may see the packages, one the whole node.
+bool JobsFile::take_meter() {
+    if (!meter_ || csv_.fields()[*meter_].empty())
+        return true;
+    const std::string_view meter = csv_.fields()[*meter_];
+    if (only_meter_.empty())
+        only_meter_ = meter;
+    if (meter == only_meter_)
+        return true;
+    problem_ = "measured by the meter \"" + std::string(meter.substr(0, 80)) +
+               "\", the others by \"" + only_meter_ + "\": they have no common measure";
     return false;
 }
 

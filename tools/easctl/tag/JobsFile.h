@@ -8,6 +8,7 @@
 //   frequency_khz       at which the job ran; who needs no frequency may leave it empty
 //   count               how often such a job ran (1), a whole number
 //   class               the kind of job that totals are wanted for
+//   meter               what measured it, as of a calibration: the same in all rows
 #pragma once
 
 #include <array>
@@ -45,6 +46,8 @@ class JobsFile {
 
     /// From now on a row of another frequency is a bad one.
     void require_frequency(int khz) { only_khz_ = khz; }
+    /// From now on a row of another meter is a bad one; by default the first row's meter counts.
+    void require_meter(const std::string& meter) { only_meter_ = meter; }
     /// After `bad_row`, problem() says what is wrong, with file and line.
     CsvFile::Step next(JobRow& row);
     [[nodiscard]] std::string problem() const { return csv_.where() + ": " + problem_; }
@@ -66,13 +69,15 @@ class JobsFile {
     bool take_counters(JobRow& row);
     bool take_figures(JobRow& row);
     bool take_frequency(JobRow& row);
+    bool take_meter();
 
     CsvFile csv_;
     Place user_, tag_, job_, class_;
     std::array<Place, 3> counters_;
-    Place elapsed_, power_, frequency_, count_;
+    Place elapsed_, power_, frequency_, count_, meter_;
     bool needs_frequency_;
     int only_khz_ = 0;
+    std::string only_meter_;
     std::string problem_;
 };
 

@@ -22,6 +22,7 @@ struct Options {
     JobRun run{};
     std::array<double, 3> counters{};
     std::string jobs;
+    std::string meter;
     std::array<double, 3> limits_pct{10.0, 10.0, 15.0};  // power, time, energy
 
     [[nodiscard]] ErrorLimits limits() const {
@@ -169,8 +170,9 @@ class Verifier {
     Json failed_ = Json::array();
 };
 
-void verify_file(Verifier& verifier, const std::string& path) {
-    JobsFile jobs(path, JobsFile::names | JobsFile::frequency);
+void verify_file(Verifier& verifier, const Options& options) {
+    JobsFile jobs(options.jobs, JobsFile::names | JobsFile::frequency);
+    jobs.require_meter(options.meter);
     JobRow row;
     for (CsvFile::Step step{}; (step = jobs.next(row)) != CsvFile::Step::end;) {
         if (step != CsvFile::Step::row) {
@@ -202,7 +204,7 @@ void run_verify(Globals& globals, const Options& options, const JobOptions& give
             run.counters = options.counters;
         verifier.check(options.names, run, "");
     } else {
-        verify_file(verifier, options.jobs);
+        verify_file(verifier, options);
     }
     verifier.finish();
 }
@@ -212,7 +214,7 @@ JobOptions add_run_options(CLI::App& command, Options& options) {
     JobOptions given(command, options.jobs,
                      "CSV file of runs, - for standard input; its header names the columns\n"
                      "user, tag, frequency_khz, elapsed_s, power_w and, if at hand, cycles,\n"
-                     "instructions, memory_bytes");
+                     "instructions, memory_bytes, meter");
     given.add("--user", options.names.user, "owner of the tag", "NAME");
     given.add("--tag", options.names.tag, "name of the tag", "NAME");
     given.add("--frequency", options.run.frequency, "at which the job ran", "KHZ");
@@ -235,6 +237,10 @@ void add_tag_verify(CLI::App& group, Globals& globals) {
         "easctl tag verify --jobs runs.csv --max-time-error 5");
     options->library.add_to(command);
     const JobOptions given = add_run_options(command, *options);
+    add_option(command, "--meter", options->meter,
+               "what measured the model, as the column meter of its calibration says: runs that\n"
+               "another meter measured are refused")
+        .type_name("TEXT");
     constexpr std::array limits{"--max-power-error", "--max-time-error", "--max-energy-error"};
     for (std::size_t i = 0; i < limits.size(); ++i) {
         add_option(command, limits[i], options->limits_pct[i],
