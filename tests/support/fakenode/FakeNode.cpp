@@ -70,9 +70,9 @@ void make_registers(const NodeShape& shape, const fs::path& stage) {
     fs::resize_file(stage / "dev" / "mem", shape.mcfg_base + (uint64_t{256} << 20));
     // The memory controllers' pages say whose they are.
     std::fstream memory(stage / "dev" / "mem", std::ios::in | std::ios::out | std::ios::binary);
-    for (const uint64_t bus : {127, 255}) {
-        for (const uint64_t device : {16, 30}) {
-            for (const uint64_t function : {4, 5, 0, 1}) {
+    for (const uint64_t bus : {127U, 255U}) {
+        for (const uint64_t device : {16U, 30U}) {
+            for (const uint64_t function : {4U, 5U, 0U, 1U}) {
                 memory.seekp(static_cast<std::streamoff>(
                     shape.mcfg_base + (bus << 20 | device << 15 | function << 12)));
                 memory.write("\x86\x80", 2);

@@ -202,7 +202,7 @@ void Meters::attach_bytes(TreeEntry& group, double share) {
 
 /// In ticks of 10 ms: user and idle, nothing else.
 void Meters::attach_stat(const NodeCpus& cpus, TreeEntry& root) {
-    const auto row = [this](const std::string& name, double busy, double idle) {
+    const auto row = [](const std::string& name, double busy, double idle) {
         std::ostringstream text;
         text << name << ' ' << static_cast<long long>(busy * 100) << " 0 0 "
              << static_cast<long long>(idle * 100) << " 0 0 0 0 0 0\n";
