@@ -70,7 +70,7 @@ bool read_limit(const Policy& policy, const char* name, int& khz, Problem& probl
 /// 0 or 1; -1 where the policy has no switch of its own.
 int read_boost(const Policy& policy) {
     const auto value = read_number(policy.file("boost"));
-    return value == 0 || value == 1 ? static_cast<int>(*value) : -1;
+    return value && *value >= 0 && *value <= 1 ? static_cast<int>(*value) : -1;
 }
 
 // ---- writing ----

@@ -19,7 +19,7 @@ const char* written(const TurboSwitch& state) {
 TurboSwitch read_turbo_switch() {
     for (const auto kind : {TurboSwitch::Kind::no_turbo, TurboSwitch::Kind::boost}) {
         const auto value = read_number(path_of(kind));
-        if (value == 0 || value == 1)
+        if (value && *value >= 0 && *value <= 1)
             return {kind, (value == 1) == (kind == TurboSwitch::Kind::boost)};
     }
     return {};

@@ -1,4 +1,5 @@
 // The edge of the check whether CPUs run at a frequency.
+#include <cmath>
 #include <memory>
 #include <string>
 
@@ -14,7 +15,7 @@ namespace eas::node {
 namespace {
 
 int32_t in_khz(double khz) {
-    return khz < INT32_MAX ? static_cast<int32_t>(khz + 0.5) : INT32_MAX;
+    return khz < INT32_MAX ? static_cast<int32_t>(std::lround(khz)) : INT32_MAX;
 }
 
 easnode_clock clock_of(ClockCheck& check) {

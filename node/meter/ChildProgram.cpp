@@ -42,6 +42,7 @@ class SpawnPlan {
     /// 0 or an errno. The child writes to `output_end`.
     int spawn(const std::vector<std::string>& arguments, int output_end, pid_t& pid) {
         std::vector<char*> argv;
+        argv.reserve(arguments.size() + 1);
         for (const std::string& argument : arguments)
             argv.push_back(const_cast<char*>(argument.c_str()));  // execve(2) changes none
         argv.push_back(nullptr);
