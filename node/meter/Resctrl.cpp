@@ -94,7 +94,9 @@ class Resctrl : public Source {
         for (const std::string& name : names_in(data)) {
             if (!is_cache(name))
                 continue;
-            Monitor monitor{KeptFile(data + "/" + name + "/mbm_total_bytes")};
+            std::string path = data + "/";
+            path.append(name).append("/mbm_total_bytes");
+            Monitor monitor{KeptFile(path)};
             auto value = monitor.file.number();
             if (!value)  // the first reading after a change may say "Unavailable"
                 value = monitor.file.number();

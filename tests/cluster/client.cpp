@@ -165,8 +165,7 @@ struct Account {
 class Scheduler {
   public:
     Scheduler(int number, const std::string& folder)
-        : number_(number),
-          user_("user" + std::to_string(number)),
+        : user_("user" + std::to_string(number)),
           folder_(folder),
           told_(folder + "/told." + std::to_string(number)) {}
 
@@ -239,7 +238,6 @@ class Scheduler {
         told_ << user_ << '/' << tag << '\t' << what << std::endl;
     }
 
-    int number_;
     std::string user_;
     std::string folder_;
     std::ofstream told_;
