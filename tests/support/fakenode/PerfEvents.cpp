@@ -49,6 +49,10 @@ void PerfEvents::add_pmu(const std::string& name, TreeEntry& folder, int offset,
     pmu = {name, cpu_list(folder.value("cpumask")), cpu_list(folder.value("cpus")),
            name.rfind("cpu", 0) == 0 || name.rfind("armv8", 0) == 0,
            slots == shape.slots.end() ? 0 : slots->second};
+    // A smaller cut of a shape lacks some of the CPUs that its boxes name.
+    const auto last = std::upper_bound(pmu.cpumask.begin(), pmu.cpumask.end(),
+                                       static_cast<int>(cpus_.all().size()) - 1);
+    pmu.cpumask.erase(last, pmu.cpumask.end());
     // The kernel moves a box to another CPU of its socket when its own goes offline.
     folder.attach("cpumask", [this, &pmu] {
         std::vector<int> mask;
