@@ -12,8 +12,6 @@
 #define EAS_CAPABILITY(name) EAS_THREAD_ANNOTATION(capability(name))
 #define EAS_SCOPED_CAPABILITY EAS_THREAD_ANNOTATION(scoped_lockable)
 #define EAS_GUARDED_BY(mutex) EAS_THREAD_ANNOTATION(guarded_by(mutex))
-#define EAS_PT_GUARDED_BY(mutex) EAS_THREAD_ANNOTATION(pt_guarded_by(mutex))
-#define EAS_REQUIRES(mutex) EAS_THREAD_ANNOTATION(requires_capability(mutex))
 #define EAS_EXCLUDES(mutex) EAS_THREAD_ANNOTATION(locks_excluded(mutex))
 #define EAS_ACQUIRE(...) EAS_THREAD_ANNOTATION(acquire_capability(__VA_ARGS__))
 #define EAS_RELEASE(...) EAS_THREAD_ANNOTATION(release_capability(__VA_ARGS__))

@@ -26,7 +26,7 @@ struct TagRow {
     std::int64_t created;
 };
 
-constexpr int default_frequency = 2000000;  // KHz
+constexpr int default_frequency = 2000000;  // kHz
 constexpr int frequencies_per_tag = 16;
 
 /// One tag of one user, or all tags of a cluster when they are empty.

@@ -16,8 +16,8 @@
 namespace eas::bench {
 namespace {
 
-constexpr int first_frequency = 1200000;  // KHz
-constexpr int step = 1000;                // KHz
+constexpr int first_frequency = 1200000;  // kHz
+constexpr int step = 1000;                // kHz
 constexpr int rows_per_round = 16000;
 constexpr double microsecond = 1000;  // ns
 

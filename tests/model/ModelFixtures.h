@@ -14,7 +14,7 @@
 
 namespace eas_test {
 
-/// A set of these frequencies (KHz); the row of `default_frequency` is all zero.
+/// A set of these frequencies (kHz); the row of `default_frequency` is all zero.
 inline CoEfficients make_set(const std::vector<int>& frequencies, int default_frequency) {
     CoEfficients set;
     for (const int f : frequencies) {

@@ -141,22 +141,4 @@ std::int64_t ScratchDatabase::rows(const std::string& table, const std::string& 
     return plain_->number("select count(*) from " + table + " " + condition);
 }
 
-bool ScratchDatabase::is_index_lookup(const std::string& statement, std::string* plan) {
-    const bool sqlite = engine_ == Engine::sqlite;
-    bool lookup = true;
-    for (const auto& row : plain_->run((sqlite ? "explain query plan " : "explain ") + statement)) {
-        for (const std::string& word : row)
-            *plan += word + " | ";
-        // SQLite: id, parent, unused, detail; MariaDB: ..., type (4th), ..., remarks (last).
-        const std::string& detail = row.back();
-        const bool sorts = detail.find(sqlite ? "TEMP B-TREE" : "filesort") != std::string::npos;
-        const bool scans = sqlite
-                               ? detail.compare(0, 6, "SEARCH") != 0
-                               : row.at(3) != "ref" && row.at(3) != "range" && row.at(3) != "const";
-        if (sorts || scans)
-            lookup = false;
-    }
-    return lookup && !plan->empty();
-}
-
 }  // namespace eas::test

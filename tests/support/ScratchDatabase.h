@@ -58,16 +58,12 @@ class ScratchDatabase {
     void reconnect();
 
     /// Stores coefficients of a cluster: one row for each frequency from `first` in steps of `step`
-    /// KHz, highest first; those of the default frequency are all zero.
+    /// kHz, highest first; those of the default frequency are all zero.
     void seed_coefficients(const std::string& cluster, int default_frequency, int first, int step,
                            int count);
 
     /// The rows of a table, under a condition such as "where frequency > 0".
     std::int64_t rows(const std::string& table, const std::string& condition = {});
-
-    /// How the engine would run a statement: true when it looks rows up through a key or an index
-    /// and sorts nothing. `plan` then holds the engine's words.
-    bool is_index_lookup(const std::string& statement, std::string* plan);
 
   private:
     void write_configuration(const std::map<std::string, std::string>& keywords, bool pooled) const;

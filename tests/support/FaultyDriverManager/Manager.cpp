@@ -10,7 +10,8 @@
 namespace eas::test {
 
 FaultyManager& FaultyManager::instance() {
-    static FaultyManager manager;
+    // Never destroyed: threads may be inside it while the process exits.
+    static FaultyManager& manager = *new FaultyManager;
     return manager;
 }
 
