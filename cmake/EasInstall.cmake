@@ -1,5 +1,6 @@
-# What `cmake --install` lays down: library, headers, CMake package, pkg-config file, examples,
-# schemas, guides, manual pages. The components are those of the packages (EasPackages).
+# What `cmake --install` lays down beside the headers (EasSharedLibrary): libraries, CMake package,
+# pkg-config files, examples, schemas, guides, manual pages. The components are those of the packages
+# (EasPackages).
 
 include(CMakePackageConfigHelpers)
 include(EasManPages)
@@ -12,10 +13,6 @@ install(TARGETS easnode EXPORT eas-targets
         LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
                 COMPONENT node
                 NAMELINK_COMPONENT development)
-get_property(public_headers GLOBAL PROPERTY EAS_PUBLIC_HEADERS)
-foreach(header IN LISTS public_headers)
-    install(FILES ${header} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/eas COMPONENT development)
-endforeach()
 
 set(cmake_dir ${CMAKE_INSTALL_LIBDIR}/cmake/eas)
 install(EXPORT eas-targets NAMESPACE eas:: DESTINATION ${cmake_dir} COMPONENT development)

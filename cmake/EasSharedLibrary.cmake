@@ -3,8 +3,11 @@
 
 set(EAS_HEADER_DIR ${PROJECT_BINARY_DIR}/include)
 
-# eas_shared_library(TARGET VERSION_SCRIPT HEADER...): headers by their paths in the tree.
+# eas_shared_library(TARGET VERSION_SCRIPT HEADER... [PARTS HEADER...]): headers by their paths in the
+# tree. They lie side by side in eas/; what they are made of, PARTS, keeps its folder.
 function(eas_shared_library name script)
+    cmake_parse_arguments(PARSE_ARGV 2 library "" "" PARTS)
+    set(headers ${library_UNPARSED_ARGUMENTS})
     add_library(eas::${name} ALIAS ${name})
     set_target_properties(
         ${name}
@@ -20,11 +23,18 @@ function(eas_shared_library name script)
     if(NOT EAS_SANITIZE)
         target_link_options(${name} PRIVATE LINKER:-z,defs)
     endif()
-    foreach(header IN LISTS ARGN)
+    foreach(header IN LISTS headers)
         get_filename_component(file ${header} NAME)
         configure_file(${PROJECT_SOURCE_DIR}/${header} ${EAS_HEADER_DIR}/eas/${file} COPYONLY)
+        install(FILES ${PROJECT_SOURCE_DIR}/${header}
+                DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/eas COMPONENT development)
     endforeach()
-    set_property(GLOBAL APPEND PROPERTY EAS_PUBLIC_HEADERS ${ARGN})
+    foreach(header IN LISTS library_PARTS)
+        get_filename_component(folder ${header} DIRECTORY)
+        configure_file(${PROJECT_SOURCE_DIR}/${header} ${EAS_HEADER_DIR}/eas/${header} COPYONLY)
+        install(FILES ${PROJECT_SOURCE_DIR}/${header}
+                DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/eas/${folder} COMPONENT development)
+    endforeach()
     target_include_directories(${name} INTERFACE $<BUILD_INTERFACE:${EAS_HEADER_DIR}>
                                                  $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
 endfunction()

@@ -53,7 +53,8 @@ has libeas1 "$lib/libeas\.so\.1" "$lib/libeas\.so\.1\.[0-9.]+" 'share/doc/libeas
 has libeasnode1 "$lib/libeasnode\.so\.1" "$lib/libeasnode\.so\.1\.[0-9.]+" \
     'share/doc/libeasnode1/copyright'
 has libeas-dev "$lib/libeas(node)?\.so" "$lib/pkgconfig/eas(node)?\.pc" \
-    "$lib/cmake/eas/eas-config\.cmake" 'include/eas/(interface|EasMisc|EnergyUtil|node)\.h' 'share/eas/examples/(scheduler|node_meter)\.c' \
+    "$lib/cmake/eas/eas-config\.cmake" 'include/eas/(interface|EasMisc|EnergyUtil|node)\.h' \
+    'include/eas/node/(codes|frequency|meter|record|topology)\.h' 'share/eas/examples/(scheduler|node_meter)\.c' \
     'share/man/man3/eas_(initialize|remove_tag)\.3\.gz' 'share/doc/eas/developer-guide\.md'
 has eas-tools 'share/eas/sql/(sqlite|mariadb)\.sql' 'share/eas/examples/odbc/cfgloc' \
     'share/man/man5/eas-thresholds\.5\.gz' 'share/doc/eas/administrator-guide\.md'
