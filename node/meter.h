@@ -16,6 +16,9 @@
  *            umc           the memory controllers' PMUs of AMD processors (Zen 4 and later)
  *            df            AMD's data fabric: a sample, more channels than counters
  *            resctrl       the caches' bandwidth monitors, where resctrl is mounted
+ *            registers     counters that the meter programs itself, as gethwrusage(3) does, on
+ *                          Intel processors of models 26 to 62; one program at a time, see the
+ *                          options
  *            [misses]      last-level cache misses times line size; an estimate, and no measure of
  *                          traffic; also tried last when allow_estimate is set
  *   energy   [command]     a command of the site, tried first when one is given
@@ -78,6 +81,16 @@ enum easnode_extent {
 /* What the site's command prints. */
 enum { EASNODE_COMMAND_WATTS = 0, EASNODE_COMMAND_JOULES = 1 };
 
+/* What the source "registers" may do. Its counters belong to the node: two programs that set them
+   up spoil each other's figures. */
+enum easnode_registers {
+    EASNODE_REGISTERS_IF_FREE = 0, /* programs them, unless somebody has them */
+    EASNODE_REGISTERS_TAKE = 1, /* programs them all the same: after a crash, which leaves them set,
+                                   or at the cost of whoever has them */
+    EASNODE_REGISTERS_LOOK = 2 /* programs nothing: the meter says whether they would serve, and the
+                                  figure is missing */
+};
+
 /* One figure. All counts are exact up to 2^53. */
 typedef struct easnode_figure {
     double value;                   /* since the meter was opened; 0 while it is missing */
@@ -118,6 +131,7 @@ typedef struct easnode_meter_options {
                                     absolute path; no shell is between. Null: none */
     int command_gives;           /* EASNODE_COMMAND_WATTS or, cumulative, EASNODE_COMMAND_JOULES */
     unsigned command_timeout_ms; /* it and its children are killed after that time; 0: 2000 */
+    int registers;               /* enum easnode_registers */
 } easnode_meter_options;
 
 /* What became of a source when the meter was opened. */
@@ -149,6 +163,10 @@ typedef struct easnode_meter easnode_meter;
  * more than a quarter of the process's soft limit (RLIMIT_NOFILE), the limit is raised for the
  * length of the call, as far as the hard limit lets it, and the descriptors get numbers above it,
  * so that the program keeps its own. A command of the site is run once.
+ *
+ * Where the source "registers" serves, the memory counters of the processors are programmed until
+ * the meter is closed, and each reading binds the calling thread to a CPU of each socket for a
+ * moment.
  *
  * Returns EASNODE_OK, also when no source serves; EASNODE_BAD_ARGUMENT, EASNODE_NO_MEMORY,
  * EASNODE_NO_SUCH_SOURCE or EASNODE_NO_SUCH_PROCESS.

@@ -60,6 +60,7 @@ struct Request {
     std::vector<std::string> command;  ///< the site's command and its arguments
     bool command_gives_joules = false;
     Nanoseconds command_limit = 0;
+    int registers = EASNODE_REGISTERS_IF_FREE;
     Nanoseconds now = 0;  ///< when the meter is opened
 };
 
@@ -72,6 +73,7 @@ std::unique_ptr<Source> open_intel_controllers(const Request&, std::string& reas
 std::unique_ptr<Source> open_amd_controllers(const Request&, std::string& reason);
 std::unique_ptr<Source> open_data_fabric(const Request&, std::string& reason);
 std::unique_ptr<Source> open_resctrl(const Request&, std::string& reason);
+std::unique_ptr<Source> open_registers(const Request&, std::string& reason);
 std::unique_ptr<Source> open_node_counter(const Request&, std::string& reason);
 std::unique_ptr<Source> open_platform_meter(const Request&, std::string& reason);
 std::unique_ptr<Source> open_power_meter(const Request&, std::string& reason);

@@ -16,6 +16,8 @@ constexpr SourceRow source_rows[] = {
     {SourceList::memory, "df", Default::always, open_data_fabric},
     // What the cores ask for.
     {SourceList::memory, "resctrl", Default::always, open_resctrl},
+    // The controllers again, set up by ourselves: only where nobody else counts them.
+    {SourceList::memory, "registers", Default::always, open_registers},
     // Something else, which goes along with it.
     {SourceList::memory, "misses", Default::with_estimates, open_cache_misses},
 

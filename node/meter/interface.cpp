@@ -28,6 +28,8 @@ bool is_valid(const easnode_meter_options& options) {
     const bool command_is_path =
         has_command && options.command[0] != nullptr && options.command[0][0] == '/';
     return options.process >= 0 && has_command == command_is_path &&
+           options.registers >= EASNODE_REGISTERS_IF_FREE &&
+           options.registers <= EASNODE_REGISTERS_LOOK &&
            (options.command_gives == EASNODE_COMMAND_WATTS ||
             options.command_gives == EASNODE_COMMAND_JOULES);
 }
@@ -37,6 +39,7 @@ int make_plan(const easnode_meter_options& options, MeterPlan& plan) {
     if (options.process > 0 && ::kill(options.process, 0) != 0 && errno == ESRCH)
         return EASNODE_NO_SUCH_PROCESS;
     plan.request.process = options.process;
+    plan.request.registers = options.registers;
     for (auto argument = options.command; argument != nullptr && *argument != nullptr; ++argument)
         plan.request.command.emplace_back(*argument);
     plan.request.command_gives_joules = options.command_gives == EASNODE_COMMAND_JOULES;

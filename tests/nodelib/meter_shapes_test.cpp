@@ -3,13 +3,16 @@
 #include <gmock/gmock.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <csignal>
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <thread>
 
 #include "node/node.h"
@@ -289,6 +292,54 @@ TEST_F(MeterShapes, ResctrlEndsWhenGroupsComeOrGo) {
             << "what was before it was opened counts for nothing";
         std::filesystem::create_directory("/sys/fs/resctrl/another");
         EXPECT_THAT(meter.next().memory.reason, HasSubstr("groups were made or removed"));
+    });
+}
+
+TEST_F(MeterShapes, OneMeterAtATimeProgramsTheMemoryCounters) {
+    NodeShape shape = of_model(44, 1, 2, 1);
+    shape.workload = {{1600000, 150, 1.0, 0.01}};
+    FakeNode node(shape);
+    inside(node, [&node] {
+        const auto opened = [](int use) {
+            easnode_meter_options options = of_memory("registers");
+            options.registers = use;
+            return std::make_unique<Metered>(options);
+        };
+        const auto fate = [&opened](int use) {
+            return opened(use)->fate(EASNODE_MEMORY, "registers");
+        };
+        const auto control = [&node] { return *node.state().find_msr(0, 0x391); };
+        // Another program of this kind, at a moment at which the registers do not show it.
+        int pipe[2];
+        ASSERT_EQ(0, ::pipe(pipe));
+        const pid_t other = ::fork();
+        if (other == 0) {
+            const auto held = opened(EASNODE_REGISTERS_IF_FREE);
+            node.state().set_msr(0, 0x391, 0);
+            static_cast<void>(::write(pipe[1], "", 1));
+            ::pause();
+        }
+        char byte = 0;
+        EXPECT_EQ(1, ::read(pipe[0], &byte, 1));
+        EXPECT_THAT(fate(EASNODE_REGISTERS_IF_FREE), HasSubstr("by a meter of another program"));
+        ::kill(other, SIGKILL);
+        ::waitpid(other, nullptr, 0);
+        ::close(pipe[0]);
+        ::close(pipe[1]);
+
+        auto meter = opened(EASNODE_REGISTERS_LOOK);
+        EXPECT_THAT(meter->next().memory.reason, HasSubstr("looked at only"));
+        EXPECT_EQ(0U, control());
+        meter = opened(EASNODE_REGISTERS_IF_FREE);
+        EXPECT_GT(meter->rates(100ms).bytes, 1e6) << meter->next().memory.reason;
+        EXPECT_THAT(fate(EASNODE_REGISTERS_TAKE), HasSubstr("by a meter of this program"));
+        node.state().set_msr(0, 0x391, 0);
+        EXPECT_THAT(meter->next().memory.reason, HasSubstr("another program has taken"));
+        meter.reset();
+        node.state().set_msr(0, 0x391, 1);
+        EXPECT_THAT(fate(EASNODE_REGISTERS_IF_FREE), HasSubstr("register 0x391 of cpu0 is not 0"));
+        EXPECT_THAT(fate(EASNODE_REGISTERS_TAKE), HasSubstr("serves"));
+        EXPECT_EQ(0U, control()) << "given back";
     });
 }
 

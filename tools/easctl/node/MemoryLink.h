@@ -1,5 +1,5 @@
-// The link behind hwrusage::membytes_xferred, and behind easctl's source "registers": the memory
-// counters that a program sets up itself. Looking at them changes nothing.
+// The link behind hwrusage::membytes_xferred: the memory counters that a program sets up itself.
+// Looking at them changes nothing.
 #pragma once
 
 #include "common/node/CpuTopology.h"
@@ -9,8 +9,5 @@ namespace easctl {
 
 /// Whether the memory counters of these processors can be programmed and read.
 Link examine_memory_counters(const cpuinfo_t& processors);
-
-/// Who seems to have programmed them already; empty: nobody. To be asked where the link holds.
-std::string use_of_memory_counters(const cpuinfo_t& processors);
 
 }  // namespace easctl

@@ -8,6 +8,7 @@
 #include "base/UniqueFile.h"
 #include "common/node/EnergyUtil.h"
 #include "common/node/ProcessorModel.h"
+#include "node/meter/MemoryRegisters.h"
 #include "tools/easctl/node/CountersLink.h"
 #include "tools/easctl/node/FrequencyControl.h"
 #include "tools/easctl/node/MemoryLink.h"
@@ -131,7 +132,7 @@ Link memory_counters(const CoEfficients& /*model*/) {
     Link link = examine_memory_counters(processors);
     if (link.status != LinkStatus::ok)
         return link;
-    if (const std::string user = use_of_memory_counters(processors); !user.empty()) {
+    if (const std::string user = eas::node::use_of_registers(processors); !user.empty()) {
         link.status = LinkStatus::warning;
         link.found = user + ": a program samples there, or left them so";
         link.meaning = "a second one would spoil the figures of both";

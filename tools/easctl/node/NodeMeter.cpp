@@ -3,27 +3,17 @@
 #include <algorithm>
 #include <sstream>
 
+#include "node/meter/MemoryRegisters.h"
 #include "tools/easctl/cli/Errors.h"
 #include "tools/easctl/cli/Signals.h"
 
 namespace easctl {
 namespace {
 
-constexpr const char* registers_name = "registers";
-constexpr const char* registers_cover =
-    "memory controllers, all sockets, read+write, by registers that easctl programs";
-
 // In the order of easnode_extent.
 constexpr std::array<const char*, 10> extent_names = {
     "none",    "node",  "packages-and-memory", "packages", "platform",
     "modules", "cores", "cache-misses",        "process",  "process-user"};
-
-template <std::size_t Size>
-void copy_text(char (&to)[Size], const std::string& from) {
-    const std::size_t length = std::min(from.size(), Size - 1);
-    std::copy_n(from.begin(), length, to);
-    to[length] = '\0';
-}
 
 std::vector<std::string> words_of(const std::string& text) {
     std::istringstream in(text);
@@ -37,11 +27,13 @@ const char* list_or_null(const std::string& list) {
     return list.empty() ? nullptr : list.c_str();
 }
 
-bool names_registers(const std::string& memory) {
-    return memory.empty() || memory == registers_name;
+int use_of_registers(const MeterOptions& options, NodeMeter::Use use) {
+    if (use == NodeMeter::Use::look)
+        return EASNODE_REGISTERS_LOOK;
+    return options.force ? EASNODE_REGISTERS_TAKE : EASNODE_REGISTERS_IF_FREE;
 }
 
-easnode_meter* opened(const MeterOptions& options, pid_t process) {
+easnode_meter* opened(const MeterOptions& options, pid_t process, NodeMeter::Use use) {
     const std::vector<std::string> words = words_of(options.power_command);
     std::vector<const char*> command;
     for (const std::string& word : words)
@@ -52,10 +44,10 @@ easnode_meter* opened(const MeterOptions& options, pid_t process) {
     request.process = process;
     request.allow_estimate = options.estimate ? 1 : 0;
     request.core_sources = list_or_null(options.core);
-    request.memory_sources =
-        options.memory == registers_name ? "none" : list_or_null(options.memory);
+    request.memory_sources = list_or_null(options.memory);
     request.energy_sources = list_or_null(options.energy);
     request.command = words.empty() ? nullptr : command.data();
+    request.registers = use_of_registers(options, use);
     easnode_meter* meter = nullptr;
     const int code = easnode_meter_open(&request, &meter);
     if (code == EASNODE_OK)
@@ -109,17 +101,23 @@ std::string text_of(const easnode_figure& figure) {
 }
 
 NodeMeter::NodeMeter(const MeterOptions& options, pid_t process, Use use)
-    : meter_(opened(options, process)) {
-    easnode_reading reading = read();
-    if (reading.memory.quality != EASNODE_MISSING || !names_registers(options.memory))
-        return;
-    if (use == Use::look) {
-        no_registers_ = RegisterTraffic::why_not();
-        registers_serve_ = no_registers_.empty();
-        return;
+    : meter_(opened(options, process, use)) {
+    read();
+    if (use == Use::measure && !options.force && !serving(EASNODE_MEMORY))
+        refuse_counters_in_use();
+}
+
+void NodeMeter::refuse_counters_in_use() const {
+    const cpuinfo_t processors = eas::node::known_processors();
+    for (const easnode_source& source : sources(EASNODE_MEMORY)) {
+        const bool tried =
+            source.state == EASNODE_REFUSED && source.name == std::string("registers");
+        const std::string user = tried ? eas::node::use_of_registers(processors) : "";
+        if (!user.empty())
+            throw Failure(ExitCode::node, "the memory counters are in use already: " + user,
+                          "end the program that samples there; --force programs them all the "
+                          "same, which spoils its figures");
     }
-    registers_ = RegisterTraffic::start(options.force, no_registers_);
-    registers_serve_ = registers_ != nullptr;
 }
 
 easnode_reading NodeMeter::read() {
@@ -129,7 +127,6 @@ easnode_reading NodeMeter::read() {
     if (code != EASNODE_OK)
         throw Failure(ExitCode::node,
                       std::string("the meter cannot be read: ") + easnode_error_text(code));
-    add_registers(reading.memory);
     read_at_ = monotonic_seconds();
     read_within_ = 0;
     for (const easnode_figure* figure : {&reading.memory, &reading.energy}) {
@@ -138,17 +135,6 @@ easnode_reading NodeMeter::read() {
             read_within_ = within;
     }
     return reading;
-}
-
-void NodeMeter::add_registers(easnode_figure& memory) const {
-    if (!registers_serve_ || memory.quality != EASNODE_MISSING)
-        return;
-    memory = {};
-    copy_text(memory.source, registers_name);
-    copy_text(memory.covers, registers_cover);
-    memory.quality = EASNODE_COUNTED;
-    memory.extent = EASNODE_NODE;
-    memory.value = registers_ != nullptr ? registers_->bytes() : 0;
 }
 
 void NodeMeter::keep_up() {
@@ -162,19 +148,6 @@ std::vector<easnode_source> NodeMeter::sources(easnode_figure_id figure) const {
     source.size = sizeof source;
     while (easnode_meter_source(meter_.get(), figure, all.size(), &source) == EASNODE_OK)
         all.push_back(source);
-    if (figure != EASNODE_MEMORY)
-        return all;
-    source = {};
-    source.size = sizeof source;
-    copy_text(source.name, registers_name);
-    source.state = EASNODE_NOT_TRIED;
-    if (registers_serve_)
-        source.state = EASNODE_SERVES;
-    else if (!no_registers_.empty())
-        source.state = EASNODE_REFUSED;
-    source.extent = registers_serve_ ? EASNODE_NODE : EASNODE_NO_EXTENT;
-    copy_text(source.text, registers_serve_ ? registers_cover : no_registers_);
-    all.push_back(source);
     return all;
 }
 

@@ -1,5 +1,4 @@
-// The node's meter, as the commands use it: libeasnode's, and behind it the memory counters that
-// this process programs itself on processors whose controllers the kernel does not count.
+// The node's meter, as the commands use it.
 #pragma once
 
 #include <sys/types.h>
@@ -11,7 +10,6 @@
 
 #include "node/node.h"
 #include "tools/easctl/cli/Options.h"
-#include "tools/easctl/node/RegisterTraffic.h"
 
 namespace easctl {
 
@@ -40,7 +38,7 @@ class NodeMeter {
     enum class Use { measure, look };
 
     /// Counts from now on: the core counts of `process` and what it starts, those of the node for
-    /// 0. Throws Failure for a wrong list, and for counters that are in use.
+    /// 0. Throws Failure for a wrong list, and for memory counters that would serve but are in use.
     explicit NodeMeter(const MeterOptions& options, pid_t process = 0, Use use = Use::measure);
 
     easnode_reading read();
@@ -53,18 +51,15 @@ class NodeMeter {
     [[nodiscard]] std::optional<easnode_source> serving(easnode_figure_id figure) const;
 
   private:
+    void refuse_counters_in_use() const;
+
     struct Close {
         void operator()(easnode_meter* meter) const { easnode_meter_close(meter); }
     };
 
-    void add_registers(easnode_figure& memory) const;
-
     std::unique_ptr<easnode_meter, Close> meter_;
-    std::unique_ptr<RegisterTraffic> registers_;
-    std::string no_registers_;      // why there are none, if they were tried
-    bool registers_serve_ = false;  // or would
-    double read_at_ = 0;            // monotonic clock, s
-    double read_within_ = 0;        // s; 0: no need
+    double read_at_ = 0;      // monotonic clock, s
+    double read_within_ = 0;  // s; 0: no need
 };
 
 /// What the figures of a reading come from, for a file: measurements with different texts have no
