@@ -46,3 +46,11 @@ install(DIRECTORY docs/ DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/eas COMPONENT t
         PATTERN slurm.md EXCLUDE)
 install(FILES docs/developer-guide.md DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/eas
         COMPONENT development)
+
+# Pure Python: one copy serves every version of it. Debian looks in a folder without a version, others
+# in lib/python3.X/site-packages.
+set(EAS_PYTHON_DIR lib/python3/dist-packages CACHE STRING "Where Python looks for packages")
+install(DIRECTORY python/eas DESTINATION ${EAS_PYTHON_DIR} COMPONENT python
+        FILES_MATCHING PATTERN "*.py" PATTERN py.typed PATTERN __pycache__ EXCLUDE)
+install(FILES python/README.md DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/python3-eas
+        COMPONENT python)

@@ -5,6 +5,7 @@
 #   libeas-dev    development   headers, CMake package, pkg-config file, man3, C examples
 #   eas-tools     tools         easctl, schemas, samples, guides
 #   libeas-slurm  slurm         the Slurm adapter and its guide, where it was built
+#   python3-eas   python        import eas
 #
 # cmake --workflow --preset package
 
@@ -16,6 +17,7 @@ set(EAS_PACKAGE_OF_node ${node_package})
 set(EAS_PACKAGE_OF_development libeas-dev)
 set(EAS_PACKAGE_OF_tools eas-tools)
 set(EAS_PACKAGE_OF_slurm libeas-slurm)
+set(EAS_PACKAGE_OF_python python3-eas)
 
 # An installation rule without a package would silently be left out of all of them.
 get_cmake_property(CPACK_COMPONENTS_ALL COMPONENTS)
@@ -146,5 +148,17 @@ set(CPACK_COMPONENT_SLURM_DESCRIPTION "energy-aware job scheduling: Slurm adapte
 ${about}
 .
 This package connects the library to the workload manager Slurm.")
+
+set(CPACK_DEBIAN_PYTHON_PACKAGE_SECTION python)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_ARCHITECTURE all)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_DEPENDS "python3:any (>= 3.9)")
+# Either library is opened by the first call that needs it: a compute node needs one of them only.
+set(CPACK_DEBIAN_PYTHON_PACKAGE_RECOMMENDS
+    "${library_package} (>= ${PROJECT_VERSION}), ${node_package} (>= ${PROJECT_VERSION})")
+set(CPACK_COMPONENT_PYTHON_DESCRIPTION "energy-aware job scheduling: Python package
+${about}
+.
+This package has the Python package eas: the functions of a scheduler,
+and the meter, frequencies and CPUs of a compute node.")
 
 include(CPack)

@@ -67,6 +67,8 @@ if grep -q '^EAS_SLURM_PLUGIN_DIR:' "$build/CMakeCache.txt"; then
     has libeas-slurm "$lib/slurm-wlm/eas\.so" 'share/doc/eas/slurm\.md'
     field libeas-slurm Depends "^libeas1 \(= .*slurm-wlm-basic-plugins \(>= [0-9]"
 fi
+has python3-eas 'lib/python3/dist-packages/eas/(node/)?__init__\.py' 'share/doc/python3-eas/README\.md'
+field python3-eas Architecture '^all$'
 [ -z "$(sort "$scratch"/files/* | uniq -d)" ] || fail "a file is in two packages"
 dangling=$(find "$root" -xtype l)
 [ -z "$dangling" ] || fail "links that lead nowhere: $dangling"
@@ -114,3 +116,9 @@ for program in "$scratch/by-pkg-config" "$scratch/project/client-c"; do
         >"$scratch/output" || fail "$program failed"
     grep -q minimize_energy "$scratch/output"
 done
+
+echo "the same cluster from Python"
+PYTHONPATH=$root/usr/lib/python3/dist-packages LD_LIBRARY_PATH=$libdir /usr/bin/python3 -B -c "
+import eas
+eas.initialize('sample', 2300000, '$cluster/thresholds.conf')
+print(eas.query_tag(), eas.node.topology())" | grep -F 'Topology(' >"$scratch/output"
