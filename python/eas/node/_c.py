@@ -69,6 +69,7 @@ class MeterOptions(ctypes.Structure):
         ("command", POINTER(c_char_p)),
         ("command_gives", c_int),
         ("command_timeout_ms", c_uint),
+        ("registers", c_int),
     ]
 
 

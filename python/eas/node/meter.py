@@ -84,6 +84,18 @@ class SourceState(enum.IntEnum):
     NOT_WANTED = 3
 
 
+class Registers(enum.IntEnum):
+    """What the source "registers" may do: its counters belong to the node, and two programs that set
+    them up spoil each other's figures."""
+
+    #: programs them, unless somebody has them
+    IF_FREE = 0
+    #: programs them all the same: after a crash, or at the cost of whoever has them
+    TAKE = 1
+    #: programs nothing, and the figure is missing; ``sources`` says whether they would serve
+    LOOK = 2
+
+
 _COMMAND_GIVES = {"watts": 0, "joules": 1}
 
 
@@ -216,6 +228,7 @@ class Meter(Handle):
         memory_sources: str | Sequence[str] | None = None,
         energy_sources: str | Sequence[str] | None = None,
         allow_estimate: bool = False,
+        registers: Registers = Registers.IF_FREE,
         command: Sequence[str | os.PathLike[str]] | None = None,
         command_gives: str = "watts",
         command_timeout: float = 2.0,
@@ -229,6 +242,7 @@ class Meter(Handle):
         options = _c.new(_c.MeterOptions)
         options.process = process or 0
         options.allow_estimate = allow_estimate
+        options.registers = registers
         options.core_sources = _list_of(core_sources)
         options.memory_sources = _list_of(memory_sources)
         options.energy_sources = _list_of(energy_sources)
