@@ -43,6 +43,7 @@ install(DIRECTORY sql DESTINATION ${data_dir} COMPONENT tools)
 install(DIRECTORY docs/ DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/eas COMPONENT tools
         FILES_MATCHING PATTERN "*.md" PATTERN man EXCLUDE
         PATTERN developer-guide.md EXCLUDE
+        PATTERN openpbs.md EXCLUDE
         PATTERN slurm.md EXCLUDE)
 install(FILES docs/developer-guide.md DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/eas
         COMPONENT development)
@@ -54,3 +55,5 @@ install(DIRECTORY python/eas DESTINATION ${EAS_PYTHON_DIR} COMPONENT python
         FILES_MATCHING PATTERN "*.py" PATTERN py.typed PATTERN __pycache__ EXCLUDE)
 install(FILES python/README.md DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/python3-eas
         COMPONENT python)
+install(FILES docs/openpbs.md DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/eas COMPONENT python)
+install(FILES adapters/openpbs/eas_hook.py DESTINATION ${data_dir}/openpbs COMPONENT python)

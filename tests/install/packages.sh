@@ -67,7 +67,8 @@ if grep -q '^EAS_SLURM_PLUGIN_DIR:' "$build/CMakeCache.txt"; then
     has libeas-slurm "$lib/slurm-wlm/eas\.so" 'share/doc/eas/slurm\.md'
     field libeas-slurm Depends "^libeas1 \(= .*slurm-wlm-basic-plugins \(>= [0-9]"
 fi
-has python3-eas 'lib/python3/dist-packages/eas/(node/)?__init__\.py' 'share/doc/python3-eas/README\.md'
+has python3-eas 'lib/python3/dist-packages/eas/(node/)?__init__\.py' 'share/eas/openpbs/eas_hook\.py' \
+    'share/doc/(python3-eas/README|eas/openpbs)\.md'
 field python3-eas Architecture '^all$'
 [ -z "$(sort "$scratch"/files/* | uniq -d)" ] || fail "a file is in two packages"
 dangling=$(find "$root" -xtype l)

@@ -294,6 +294,11 @@ class Frequency(Handle):
             self.moved = not _restore(self._open_handle(), self._saved)
             self._saved = None
 
+    def keep(self) -> None:
+        """Lets what was set stay when the block ends: somebody else will give back what was saved."""
+        with self._lock:
+            self._saved = None
+
     @contextlib.contextmanager
     def check(self, khz: int) -> Iterator[ClockCheck]:
         """Watches the clock of the CPUs during a block in which they are busy, a tenth of a second or

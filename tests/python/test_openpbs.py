@@ -1,0 +1,123 @@
+"""The OpenPBS hook from event to tag, inside a fake node: a stub stands for OpenPBS's module pbs."""
+import json
+import os
+import pathlib
+import re
+import runpy
+import subprocess
+import sys
+import tempfile
+import time
+import types
+import unittest
+
+import eas
+from eas import job
+
+SOURCE = pathlib.Path(sys.argv[1])
+SAMPLES = SOURCE / "examples" / "cluster"
+LIMIT = pathlib.Path("/sys/devices/system/cpu/cpufreq/policy0/scaling_max_freq")
+ANNA = {"eas_tag": "flame", "place": "scatter:excl"}
+
+
+class Hook(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        scratch = tempfile.TemporaryDirectory()
+        cls.addClassCleanup(scratch.cleanup)
+        cls.folder = pathlib.Path(scratch.name)
+        subprocess.run([SAMPLES / "load-sqlite", cls.folder / "cluster"], check=True)
+        odbc = dict(re.findall(r"(ODBC\w+)=(\S+)", (cls.folder / "cluster/environment").read_text()))
+        os.environ.update(odbc)
+        paths = {name: os.environ[name] for name in ("PYTHONPATH", "LD_LIBRARY_PATH")}
+        cls.settings = {
+            "cluster": "sample",
+            "default_frequency": 2_300_000,
+            "thresholds": str(SAMPLES / "thresholds.conf"),
+            "state": str(cls.folder / "state"),
+            "interval": 0.2,
+            "limit": 60,
+            "python": sys.executable,
+            "environment": {**odbc, **paths},
+        }
+        cls.free = LIMIT.read_text()
+
+    def run_hook(self, event, resources, first=True, exit_status=0, identity="17.server", **settings):
+        """What the hook logs for an event of a job."""
+        configuration = self.folder / "hook.json"
+        configuration.write_text(json.dumps({**self.settings, **settings}))
+        log, accepted = [], []
+        of_pbs = types.SimpleNamespace(
+            id=identity,
+            euser="anna",
+            Resource_List={**dict.fromkeys(("eas_tag", "eas_policy", "place")), **resources},
+            Exit_status=exit_status,
+            in_ms_mom=lambda: first,
+        )
+        pbs = types.ModuleType("pbs")
+        pbs.EXECJOB_BEGIN, pbs.EXECJOB_EPILOGUE, pbs.EXECJOB_END = 1, 2, 3
+        pbs.hook_config_filename = str(configuration)
+        pbs.logjobmsg = lambda _, text: log.append(text)
+        pbs.event = lambda: types.SimpleNamespace(
+            type=getattr(pbs, event), job=of_pbs, accept=lambda: accepted.append(True)
+        )
+        sys.modules["pbs"] = pbs
+        runpy.run_path(str(SOURCE / "adapters/openpbs/eas_hook.py"))
+        self.assertEqual(accepted, [True])
+        return "\n".join(log)
+
+    def test_a_job_is_measured_then_runs_at_the_selected_frequency(self):
+        self.assertEqual(
+            self.run_hook("EXECJOB_BEGIN", ANNA), 'eas: measuring for tag "flame": 2300000 kHz'
+        )
+        self.assertEqual(LIMIT.read_text().strip(), "2300000")
+        time.sleep(2.1)
+        said = self.run_hook("EXECJOB_EPILOGUE", ANNA)
+        self.assertRegex(said, r'^eas: frequency given back; \d+\.\d J in \d\.\d\d s, mean \d+\.\d W; '
+                               r'tag "flame" generated$')
+        self.assertEqual(LIMIT.read_text(), self.free)
+        self.assertEqual(self.run_hook("EXECJOB_END", ANNA), "")
+
+        policy = {**ANNA, "eas_policy": "minimize_energy"}
+        eas.initialize("sample", 2_300_000, self.settings["thresholds"])
+        self.addCleanup(eas.remove_tag, None, None)
+        khz = eas.auto_select_frequency("anna", "flame", "minimize_energy").frequency
+        self.assertIn(f": {khz} kHz", self.run_hook("EXECJOB_BEGIN", policy))
+        self.assertEqual(LIMIT.read_text().strip(), str(khz))
+        said = self.run_hook("EXECJOB_EPILOGUE", policy)
+        self.assertNotIn("tag", said)
+        self.assertEqual(LIMIT.read_text(), self.free)
+
+    def test_what_goes_wrong_is_logged_and_the_node_left_as_it_was(self):
+        shared = {**ANNA, "place": "pack"}
+        unknown = {**ANNA, "eas_policy": "minimize_time"}
+        for expected, arguments in (
+            ("error: the job shares its nodes", {"resources": shared}),
+            ("error: .*not exactly one such tag", {"resources": unknown}),
+            ("error: the meter did not start: .*names one that does not exist", {"resources": ANNA, "energy_sources": "x"}),
+            ("error: \\w+Error", {"resources": ANNA, "python": "/none"}),
+            ("error: no answer within 0", {"resources": ANNA, "limit": 0}),
+            ("^$", {"resources": {}}),
+        ):
+            with self.subTest(expected=expected):
+                self.assertRegex(self.run_hook("EXECJOB_BEGIN", **arguments), expected)
+                self.run_hook("EXECJOB_END", ANNA)
+                self.assertEqual(LIMIT.read_text(), self.free)
+        self.run_hook("EXECJOB_BEGIN", ANNA)
+        self.assertNotIn("tag", self.run_hook("EXECJOB_EPILOGUE", ANNA, exit_status=1))
+
+    def test_what_a_dead_keeper_or_a_lost_job_left_is_given_back(self):
+        self.run_hook("EXECJOB_BEGIN", ANNA)
+        said = self.run_hook("EXECJOB_BEGIN", ANNA, identity="18.server")
+        self.assertIn("left behind by job 17.server: frequency given back; measuring", said)
+        self.assertEqual(LIMIT.read_text().strip(), "2300000")
+        (socket,) = pathlib.Path(self.settings["state"]).glob("*.socket")
+        socket.rename(socket.with_suffix(".lost"))  # as if the meter's process had died
+        said = self.run_hook("EXECJOB_EPILOGUE", ANNA, identity="18.server")
+        self.assertIn("frequency given back; the meter's process is gone: no figures", said)
+        self.assertEqual(LIMIT.read_text(), self.free)
+        self.assertIsNotNone(job._end_keeper(socket.with_suffix(".lost")))
+
+
+if __name__ == "__main__":
+    unittest.main(argv=sys.argv[:1])
