@@ -59,22 +59,24 @@ bool boosts_by_itself(const Policy& policy, int khz) {
     return !policy.table.empty() && khz == policy.table.front() && !is_turbo(policy, khz);
 }
 
+constexpr const char* percent_file = "/sys/devices/system/cpu/intel_pstate/max_perf_pct";
+
 /// The percentage of the highest frequency that intel_pstate allows; 0: no such limit.
-int percent_limit(const Policy& policy) {
-    const auto percent = read_number("/sys/devices/system/cpu/intel_pstate/max_perf_pct");
-    if (!percent || *percent <= 0 || *percent >= 100)
-        return 0;
-    return static_cast<int>(policy.highest() / 100 * *percent);
+int percent_limit() {
+    const auto percent = read_number(percent_file);
+    return percent && *percent > 0 && *percent < 100 ? static_cast<int>(*percent) : 0;
 }
 
 Problem not_offered(const Policy& policy, const char* file, int khz, const std::string& why) {
     return {EASNODE_NOT_OFFERED, policy.cpu(), 0, policy.file(file), in_khz(khz) + why};
 }
 
-/// Whether the hardware and the firmware of a policy allow it now. `more_turbo`: turbo is off and
-/// will be turned on, which may raise the highest frequency.
-bool may_fix_policy(const Policy& policy, int khz, bool more_turbo, Problem& problem) {
+/// Whether the hardware and the firmware of a policy allow it now. `percent`: that of
+/// percent_limit. `more_turbo`: turbo is off and will be turned on, which may raise the highest
+/// frequency.
+bool may_fix_policy(const Policy& policy, int khz, int percent, bool more_turbo, Problem& problem) {
     const int highest = policy.highest(), limit = policy.bios_limit();
+    const int allowed = highest / 100 * percent;
     if (!policy.table.empty() && !has_entry(policy, khz))
         problem = not_offered(policy, "scaling_available_frequencies", khz, " is not in the table");
     else if (khz < policy.lowest)
@@ -86,9 +88,8 @@ bool may_fix_policy(const Policy& policy, int khz, bool more_turbo, Problem& pro
     else if (limit > 0 && khz > limit)
         problem = not_offered(policy, "bios_limit", khz,
                               " is above the firmware's limit, " + in_khz(limit));
-    else if (const int allowed = percent_limit(policy); allowed > 0 && khz > allowed)
-        problem = {EASNODE_NOT_OFFERED, policy.cpu(), 0,
-                   "/sys/devices/system/cpu/intel_pstate/max_perf_pct",
+    else if (allowed > 0 && khz > allowed)
+        problem = {EASNODE_NOT_OFFERED, policy.cpu(), 0, percent_file,
                    in_khz(khz) + " is above this limit, " + in_khz(allowed)};
     else
         return true;
@@ -103,7 +104,7 @@ Settings fixed_settings(const Policy& policy, int khz) {
         wanted.governor = "userspace";
         wanted.speed = khz;
     }
-    if (read_number(policy.file("boost"))) {
+    if (policy.has_boost) {
         if (is_turbo(policy, khz))
             wanted.boost = 1;
         else if (boosts_by_itself(policy, khz))
@@ -193,7 +194,7 @@ TurboSwitch NodeFrequency::switch_for(int khz) const {
     const bool on = std::any_of(policies_.begin(), policies_.end(),
                                 [khz](const Policy& policy) { return is_turbo(policy, khz); });
     const bool off = std::any_of(policies_.begin(), policies_.end(), [khz](const Policy& policy) {
-        return boosts_by_itself(policy, khz) && !read_number(policy.file("boost"));
+        return boosts_by_itself(policy, khz) && !policy.has_boost;
     });
     if (wanted.kind == TurboSwitch::Kind::none || (!on && !off) || wanted.on == on)
         return {};
@@ -209,9 +210,11 @@ bool NodeFrequency::may_fix(int khz, const TurboSwitch& wanted, Problem& problem
                        (cpu < 0 ? std::string("this node") : "cpu" + decimal(cpu))};
         return false;
     }
+    const int percent = percent_limit();
     for (const Policy& policy : policies_) {
-        const bool own_switch = read_number(policy.file("boost")) == 0 && is_turbo(policy, khz);
-        if (!may_fix_policy(policy, khz, wanted.on || own_switch, problem))
+        const bool own_switch =
+            policy.has_boost && is_turbo(policy, khz) && read_number(policy.file("boost")) == 0;
+        if (!may_fix_policy(policy, khz, percent, wanted.on || own_switch, problem))
             return false;
     }
     if (wanted.kind == TurboSwitch::Kind::none || whole_node_)
@@ -227,8 +230,12 @@ bool NodeFrequency::fix(int khz, Problem& problem) {
     if (!may_fix(khz, wanted, problem) || !save(0, before, problem))
         return false;
     bool good = set_turbo_switch(wanted, problem);
-    for (auto policy = policies_.begin(); good && policy != policies_.end(); ++policy)
-        good = apply_settings(*policy, fixed_settings(*policy, khz), problem);
+    const bool limits_stay = wanted.kind == TurboSwitch::Kind::none;
+    for (auto policy = policies_.begin(); good && policy != policies_.end(); ++policy) {
+        const Settings& present = before.policies.at(policy->number).settings;
+        good = apply_settings(*policy, limits_stay ? &present : nullptr,
+                              fixed_settings(*policy, khz), problem);
+    }
     if (good) {
         fixed_ = khz;
         return true;

@@ -16,6 +16,7 @@ namespace {
 
 constexpr const char* policy_folder = "/sys/devices/system/cpu/cpufreq";
 constexpr std::string_view policy_prefix = "policy";
+constexpr const char* preference_file = "energy_performance_preference";
 
 std::optional<int> read_khz(const std::string& path) {
     const auto number = read_number(path);
@@ -48,7 +49,6 @@ Policy read_policy(const std::string& name) {
     if (!cpus.good())
         cpus = read_text(policy.file("related_cpus"));
     policy.cpus = parse_cpu_list(cpus.text).value_or(std::vector<int>{});
-    policy.driver = read_text(policy.file("scaling_driver")).text;
     return policy;
 }
 
@@ -69,6 +69,8 @@ bool read_limit(const Policy& policy, const char* name, int& khz, Problem& probl
 
 /// 0 or 1; -1 where the policy has no switch of its own.
 int read_boost(const Policy& policy) {
+    if (!policy.has_boost)
+        return -1;
     const auto value = read_number(policy.file("boost"));
     return value && *value >= 0 && *value <= 1 ? static_cast<int>(*value) : -1;
 }
@@ -85,6 +87,7 @@ class Writer {
     bool write(const char* name, const std::string& text) {
         const std::string path = policy_.file(name);
         const int error = write_text(path, text);
+        has_written_ = true;
         if (error != 0)
             problem_ = file_problem(policy_.cpu(), path, error,
                                     "the driver " + policy_.driver + " refused \"" + text + "\"");
@@ -106,12 +109,15 @@ class Writer {
     /// A governor "performance" forbids any preference but its own.
     bool write_preference(const Settings& wanted, const Settings& present) {
         return wanted.preference.empty() || wanted.preference == present.preference ||
-               write("energy_performance_preference", wanted.preference);
+               write(preference_file, wanted.preference);
     }
+
+    [[nodiscard]] bool has_written() const { return has_written_; }
 
   private:
     const Policy& policy_;
     Problem& problem_;
+    bool has_written_ = false;
 };
 
 bool is_wanted(const Policy& policy, const Settings& wanted, const Settings& found) {
@@ -174,7 +180,14 @@ std::vector<Policy> read_policies() {
     return policies;
 }
 
+std::string driver_of(const Policy& policy) {
+    return read_text(policy.file("scaling_driver")).text;
+}
+
 void complete_policy(Policy& policy) {
+    policy.driver = driver_of(policy);
+    policy.has_boost = read_boost(policy) >= 0;
+    policy.has_preference = read_text(policy.file(preference_file)).good();
     const auto governors = words_of(read_text(policy.file("scaling_available_governors")).text);
     policy.offers_userspace =
         std::find(governors.begin(), governors.end(), "userspace") != governors.end();
@@ -199,14 +212,18 @@ bool read_settings(const Policy& policy, Settings& settings, Problem& problem) {
                          ? read_khz(policy.file("scaling_setspeed")).value_or(-1)
                          : -1;
     settings.boost = read_boost(policy);
-    settings.preference = trimmed(read_text(policy.file("energy_performance_preference")).text);
+    settings.preference =
+        policy.has_preference ? trimmed(read_text(policy.file(preference_file)).text) : "";
     return true;
 }
 
-bool apply_settings(const Policy& policy, const Settings& wanted, Problem& problem) {
+bool apply_settings(const Policy& policy, const Settings* just_read, const Settings& wanted,
+                    Problem& problem) {
     Settings present;
     Writer writer(policy, problem);
-    if (!read_settings(policy, present, problem))
+    if (just_read != nullptr)
+        present = *just_read;
+    else if (!read_settings(policy, present, problem))
         return false;
     if (wanted.boost >= 0 && wanted.boost != present.boost) {
         // Limits are set anew by the switch.
@@ -224,7 +241,7 @@ bool apply_settings(const Policy& policy, const Settings& wanted, Problem& probl
     if (wanted.speed >= 0 && wanted.speed != present.speed &&
         !writer.write("scaling_setspeed", wanted.speed))
         return false;
-    return read_back(policy, wanted, problem);
+    return !writer.has_written() || read_back(policy, wanted, problem);
 }
 
 }  // namespace eas::node

@@ -13,9 +13,11 @@ namespace eas::node {
 struct Policy {
     int number = 0;
     std::vector<int> cpus;  // those that are online, ascending
-    std::string driver;
 
     // What complete_policy reads.
+    std::string driver;
+    bool has_boost = true;          // a turbo switch of its own; true: not looked for
+    bool has_preference = true;     // energy_performance_preference; the same
     bool offers_userspace = false;  // the governor that takes a frequency
     std::vector<int> table;         // highest first; empty: the driver has none
     int lowest = 0;                 // of the hardware; 0: unknown
@@ -46,8 +48,10 @@ struct Settings {
     }
 };
 
-/// All policies that have an online CPU, by number: number, CPUs and driver.
+/// All policies that have an online CPU, by number: number and CPUs.
 [[nodiscard]] std::vector<Policy> read_policies();
+
+[[nodiscard]] std::string driver_of(const Policy& policy);
 
 /// Reads what the driver offers.
 void complete_policy(Policy& policy);
@@ -56,8 +60,10 @@ void complete_policy(Policy& policy);
 [[nodiscard]] bool read_settings(const Policy& policy, Settings& settings, Problem& problem);
 
 /// Writes what differs from `wanted`, widening limits before they are narrowed, and reads it back.
-/// An empty governor or preference and a boost of -1 are not wanted. False, with `problem`, at the
-/// first refusal, or when something else stands there afterwards.
-[[nodiscard]] bool apply_settings(const Policy& policy, const Settings& wanted, Problem& problem);
+/// An empty governor or preference and a boost of -1 are not wanted. `just_read` is what stands
+/// there, or null. False, with `problem`, at the first refusal, or when
+/// something else stands there afterwards.
+[[nodiscard]] bool apply_settings(const Policy& policy, const Settings* just_read,
+                                  const Settings& wanted, Problem& problem);
 
 }  // namespace eas::node

@@ -36,10 +36,10 @@ std::string in_common(const std::string& so_far, const std::string& one) {
     return so_far.empty() || so_far == one ? one : mixed;
 }
 
-int turbo_of(const Settings& settings) {
+/// By the policy's own switch, else by that of all.
+int turbo_of(const Settings& settings, const TurboSwitch& all) {
     if (settings.boost >= 0)
         return settings.boost == 1 ? EASNODE_TURBO_ON : EASNODE_TURBO_OFF;
-    const TurboSwitch all = read_turbo_switch();
     if (all.kind == TurboSwitch::Kind::none)
         return EASNODE_TURBO_NO_SWITCH;
     return all.on ? EASNODE_TURBO_ON : EASNODE_TURBO_OFF;
@@ -50,14 +50,14 @@ int lower(int a, int b) {
     return a == 0 || (b != 0 && b < a) ? b : a;
 }
 
-void add_policy(const Policy& policy, bool first, easnode_frequency_info& info, std::string& driver,
-                std::string& governor) {
+void add_policy(const Policy& policy, const TurboSwitch& all, bool first,
+                easnode_frequency_info& info, std::string& driver, std::string& governor) {
     Settings settings;
     Problem ignored;
     if (read_settings(policy, settings, ignored))
         governor = in_common(governor, settings.governor);
     driver = in_common(driver, policy.driver);
-    const int turbo = turbo_of(settings);
+    const int turbo = turbo_of(settings, all);
     info.turbo = first || info.turbo == turbo ? turbo : EASNODE_TURBO_MIXED;
     info.lowest_khz = std::max(info.lowest_khz, policy.lowest);
     info.highest_khz = lower(info.highest_khz, policy.highest());
@@ -73,8 +73,9 @@ easnode_frequency_info info_of(const NodeFrequency& frequency) {
     std::string driver, governor;
     info.cpus = static_cast<int32_t>(frequency.cpus().size());
     info.policies = static_cast<int32_t>(frequency.policies().size());
+    const TurboSwitch all = read_turbo_switch();
     for (const Policy& policy : frequency.policies())
-        add_policy(policy, &policy == &frequency.policies().front(), info, driver, governor);
+        add_policy(policy, all, &policy == &frequency.policies().front(), info, driver, governor);
     if (!frequency.bare_cpus().empty())
         info.method = EASNODE_FREQUENCY_NONE;
     info.nominal_khz = frequency.nominal(info.nominal_source);

@@ -102,6 +102,8 @@ int read_folder(const char* path, void* buf, fuse_fill_dir_t fill, off_t, fuse_f
                 fuse_readdir_flags) {
     const Lock lock(server().mutex);
     const Entry entry = find(path);
+    if (entry.kind == Kind::none)
+        return -ENOENT;
     for (const char* name : {".", ".."})
         fill(buf, name, nullptr, 0, {});
     if (entry.file != nullptr)
@@ -119,7 +121,7 @@ int open_file(const char* path, fuse_file_info* info) {
     info->direct_io = 1;  // every read and write arrives here, at its own offset and length
     const Entry entry = find(path);
     if (entry.kind != Kind::tree)
-        return 0;
+        return entry.kind == Kind::none ? -ENOENT : 0;
     // Of the kernel's attributes, root too opens for writing only those that can be written.
     const bool writes = (info->flags & O_ACCMODE) != O_RDONLY;
     if (writes && (entry.file->mode & 0222) == 0 && !server().shape.old_model)
@@ -279,7 +281,9 @@ int write_file(const char* path, const char* buf, size_t size, off_t offset, fus
 }
 
 void* start(fuse_conn_info*, fuse_config* config) {
-    config->attr_timeout = config->entry_timeout = config->negative_timeout = 0;
+    // The kernel may keep what it found: whatever it then opens is looked for here once more.
+    config->attr_timeout = config->entry_timeout = 60;
+    config->negative_timeout = 0;
     return fuse_get_context()->private_data;
 }
 

@@ -38,7 +38,7 @@ struct PlannedRun {
 };
 
 /// Throws Failure that names everything that is missing, at once.
-void require_node(const NodeFrequency& frequency, const easnode_reading& reading) {
+void require_node(const easnode_frequency_info& info, const easnode_reading& reading) {
     std::string missing;
     const std::pair<const char*, const easnode_figure*> figures[] = {
         {"cycles", &reading.cycles},
@@ -49,7 +49,7 @@ void require_node(const NodeFrequency& frequency, const easnode_reading& reading
         if (!value_of(*figure))
             missing += std::string("\n") + name + ": " + figure->reason;
     }
-    if (frequency.info().method == EASNODE_FREQUENCY_NONE)
+    if (info.method == EASNODE_FREQUENCY_NONE)
         missing += "\nfrequency: no cpufreq driver";
     if (!missing.empty())
         throw Failure(ExitCode::node, "this node cannot be calibrated:" + missing,
@@ -75,8 +75,8 @@ std::string host_name() {
     return name.data();
 }
 
-int nominal_khz(const NodeFrequency& frequency) {
-    const int khz = nominal_of(frequency).khz;
+int nominal_khz(const NodeFrequency& frequency, const easnode_frequency_info& info) {
+    const int khz = nominal_of(frequency, info).khz;
     if (khz < 1)
         throw Failure(ExitCode::node, "the nominal frequency of this node is unknown",
                       "easctl node info");
@@ -91,9 +91,11 @@ class Calibration {
           cpus_(parse_cpus(options.cpu_list)),
           meter_(options.meter, ::getpid()),
           first_(meter_.read()) {
-        require_node(everything_, first_);
-        file_.emplace(options.output, CalibrationNode{nominal_khz(everything_), cpu_text(cpus_),
-                                                      host_name(), meter_text(first_)});
+        const easnode_frequency_info info = everything_.info();
+        require_node(info, first_);
+        file_.emplace(options.output,
+                      CalibrationNode{nominal_khz(everything_, info), cpu_text(cpus_), host_name(),
+                                      meter_text(first_)});
         plan();
     }
 

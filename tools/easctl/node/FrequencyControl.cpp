@@ -139,8 +139,7 @@ std::string frequency_text(const easnode_frequency_info& info) {
            std::to_string(info.lowest_khz) + " to " + std::to_string(info.highest_khz) + " kHz";
 }
 
-Nominal nominal_of(const NodeFrequency& frequency) {
-    const easnode_frequency_info info = frequency.info();
+Nominal nominal_of(const NodeFrequency& frequency, const easnode_frequency_info& info) {
     const auto source = static_cast<std::size_t>(info.nominal_source);
     Nominal nominal{info.nominal_khz,
                     source < nominal_sources.size() ? nominal_sources[source] : "unknown"};
@@ -161,9 +160,10 @@ Nominal nominal_of(const NodeFrequency& frequency) {
 }
 
 std::vector<int> all_cpus() {
-    std::size_t count = 0;
+    constexpr std::size_t most_nodes_have_fewer = 1024;
+    std::size_t count = most_nodes_have_fewer;
     std::vector<easnode_cpu> rows;
-    int code = easnode_topology_cpus(nullptr, 0, &count);
+    int code = EASNODE_TOO_SMALL;
     while (code == EASNODE_TOO_SMALL) {
         rows.resize(count);
         code = easnode_topology_cpus(rows.data(), rows.size(), &count);

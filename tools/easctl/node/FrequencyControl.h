@@ -47,7 +47,7 @@ struct Nominal {
     int khz;
     std::string from;
 };
-Nominal nominal_of(const NodeFrequency& frequency);
+Nominal nominal_of(const NodeFrequency& frequency, const easnode_frequency_info& info);
 
 /// Every processor of the node that is online; throws Failure when there is no list of them.
 std::vector<int> all_cpus();

@@ -86,7 +86,7 @@ struct NodeView {
 
     NodeFrequency frequency{{}};
     easnode_frequency_info info = frequency.info();
-    Nominal nominal = nominal_of(frequency);
+    Nominal nominal = nominal_of(frequency, info);
     NodeMeter meter;
 };
 
