@@ -41,9 +41,10 @@ install(DIRECTORY examples/cluster examples/galera examples/haproxy examples/odb
         DESTINATION ${data_dir}/examples COMPONENT tools USE_SOURCE_PERMISSIONS)
 install(DIRECTORY sql DESTINATION ${data_dir} COMPONENT tools)
 install(DIRECTORY docs/ DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/eas COMPONENT tools
-        FILES_MATCHING PATTERN "*.md" PATTERN man EXCLUDE
+        FILES_MATCHING PATTERN "*.md" PATTERN architecture.svg PATTERN man EXCLUDE
         PATTERN developer-guide.md EXCLUDE
         PATTERN openpbs.md EXCLUDE
+        PATTERN site EXCLUDE
         PATTERN slurm.md EXCLUDE)
 install(FILES docs/developer-guide.md DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/eas
         COMPONENT development)

@@ -1,0 +1,71 @@
+#!/usr/bin/env python3
+"""Runs a page's ```console blocks command by command, and compares what they print.
+
+usage: tutorial.py PAGE SOURCE_FOLDER BUILD_FOLDER
+
+"$ " begins a command and "> " goes on with it; the lines below are what it prints, "..." any lines. All
+commands run in one shell, in SOURCE_FOLDER, with a home of their own; where the page names its own build
+folder, build/tutorial, they use BUILD_FOLDER. A command must succeed.
+"""
+import os
+import pathlib
+import re
+import subprocess
+import sys
+import tempfile
+
+
+def commands_of(page):
+    """Pairs of a command and what it shall print, of all blocks in order."""
+    found = []
+    for block in re.findall(r"^```console\n(.*?)^```$", page, flags=re.S | re.M):
+        for line in block.splitlines():
+            if line.startswith("$ "):
+                found.append([line[2:], []])
+            elif line.startswith("> "):
+                found[-1][0] += "\n" + line[2:]
+            else:
+                found[-1][1].append(line)
+    return found
+
+
+def script_of(commands, folder):
+    """A shell script that leaves what command N prints in FOLDER/N, and stops at a failure."""
+    steps = []
+    for number, (command, _) in enumerate(commands):
+        steps.append(f"{{ {command}\n}} >{folder}/{number} 2>&1 || exit 1")
+    return "\n".join(steps)
+
+
+def pattern_of(lines):
+    parts = [r"(.*\n)*" if line == "..." else re.escape(line.rstrip()) + r"[ ]*\n" for line in lines]
+    return "".join(parts)
+
+
+def main():
+    page, source, build = sys.argv[1:]
+    text = pathlib.Path(page).read_text(encoding="utf-8").replace("$source/build/tutorial", build)
+    commands = commands_of(text)
+    if len(commands) < 10:
+        sys.exit(f"{page}: only {len(commands)} commands")
+    with tempfile.TemporaryDirectory() as scratch:
+        outputs = pathlib.Path(scratch, "outputs")
+        outputs.mkdir()
+        environment = {"HOME": scratch, "PATH": "/usr/sbin:/usr/bin:/sbin:/bin", "LANG": "C.UTF-8"}
+        environment["PYTHONDONTWRITEBYTECODE"] = "1"
+        environment.update({k: v for k, v in os.environ.items() if k.endswith("SAN_OPTIONS")})
+        shell = ["bash", "-c", script_of(commands, outputs)]
+        ran = subprocess.run(shell, cwd=source, env=environment, stdin=subprocess.DEVNULL, check=False)
+        for number, (command, expected) in enumerate(commands):
+            output = outputs / str(number)
+            printed = output.read_text(encoding="utf-8") if output.exists() else "(not run)\n"
+            print(f"$ {command}\n{printed}", end="")
+            if not output.exists() or not re.fullmatch(pattern_of(expected), printed):
+                sys.exit(f"{page}: it should print\n" + "\n".join(expected))
+        if ran.returncode != 0:
+            sys.exit(f"{page}: the last of these commands failed")
+    print(f"{len(commands)} commands print what the page says")
+
+
+if __name__ == "__main__":
+    main()
