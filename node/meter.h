@@ -14,6 +14,7 @@
  *   core     perf          perf events on every online CPU, or of the process
  *   memory   imc           the memory controllers' PMUs of Intel processors
  *            umc           the memory controllers' PMUs of AMD processors (Zen 4 and later)
+ *            arm           PMUs of Arm's memory controllers and meshes that tell their unit
  *            df            AMD's data fabric: a sample, more channels than counters
  *            resctrl       the caches' bandwidth monitors, where resctrl is mounted
  *            registers     counters that the meter programs itself, as gethwrusage(3) does, on

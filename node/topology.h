@@ -27,7 +27,8 @@ typedef struct easnode_topology {
     int32_t numa_nodes;       /* with an online CPU: nodes of memory alone are not counted */
     int32_t family;           /* of the first processor in /proc/cpuinfo; -1: unknown */
     int32_t model;            /* the same */
-    char processor[EASNODE_TEXT_SIZE]; /* its name; empty: unknown */
+    /* Its name; "implementer 0x41, part 0xd4f" of Arm's, which have none; empty: unknown */
+    char processor[EASNODE_TEXT_SIZE];
 } easnode_topology;
 
 /* An online CPU. This record does not grow. */

@@ -1,5 +1,7 @@
 #include "node/meter/PmuDevice.h"
 
+#include <fnmatch.h>
+
 #include <algorithm>
 #include <charconv>
 
@@ -42,6 +44,26 @@ std::optional<double> parse_scale(std::string_view text) {
     const auto [rest, error] = std::from_chars(text.data(), end, scale);
     const bool usable = error == std::errc{} && rest == end && scale > 0 && scale < 1e30;
     return usable ? std::optional(scale) : std::nullopt;
+}
+
+/// The usable ones of those whose names are wanted.
+template <typename IsWanted>
+std::vector<PmuDevice> devices_of(const IsWanted& is_wanted) {
+    std::vector<PmuDevice> devices;
+    for (const std::string& name : names_in(devices_folder)) {
+        if (!is_wanted(name))
+            continue;
+        PmuDevice device;
+        device.name = name;
+        const auto type = parse_number(device.text("type"));
+        const auto cpus = parse_cpu_list(device.text("cpumask"));
+        if (!type || *type <= 0 || *type > UINT32_MAX || !cpus || cpus->empty())
+            continue;
+        device.type = static_cast<std::uint32_t>(*type);
+        device.cpus = *cpus;
+        devices.push_back(std::move(device));
+    }
+    return devices;
 }
 
 }  // namespace
@@ -129,21 +151,12 @@ bool is_of_family(std::string_view name, std::string_view family) noexcept {
 }
 
 std::vector<PmuDevice> find_pmus(std::string_view family) {
-    std::vector<PmuDevice> devices;
-    for (const std::string& name : names_in(devices_folder)) {
-        if (!is_of_family(name, family))
-            continue;
-        PmuDevice device;
-        device.name = name;
-        const auto type = parse_number(device.text("type"));
-        const auto cpus = parse_cpu_list(device.text("cpumask"));
-        if (!type || *type <= 0 || *type > UINT32_MAX || !cpus || cpus->empty())
-            continue;
-        device.type = static_cast<std::uint32_t>(*type);
-        device.cpus = *cpus;
-        devices.push_back(std::move(device));
-    }
-    return devices;
+    return devices_of([family](const std::string& name) { return is_of_family(name, family); });
+}
+
+std::vector<PmuDevice> find_pmus_like(const char* pattern) {
+    return devices_of(
+        [pattern](const std::string& name) { return ::fnmatch(pattern, name.c_str(), 0) == 0; });
 }
 
 bool has_pmu_like(std::string_view beginning) {

@@ -55,8 +55,9 @@ struct PmuDevice {
 /// Whether `name` is `family`, or `family` and a number behind '_'.
 [[nodiscard]] bool is_of_family(std::string_view name, std::string_view family) noexcept;
 
-/// The devices of a family, by name.
+/// The devices of a family, or whose names a shell pattern matches, by name.
 [[nodiscard]] std::vector<PmuDevice> find_pmus(std::string_view family);
+[[nodiscard]] std::vector<PmuDevice> find_pmus_like(const char* pattern);
 
 /// Whether any device's name begins like this.
 [[nodiscard]] bool has_pmu_like(std::string_view beginning);

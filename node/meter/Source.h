@@ -72,6 +72,7 @@ std::unique_ptr<Source> open_cache_misses(const Request&, std::string& reason);
 std::unique_ptr<Source> open_intel_controllers(const Request&, std::string& reason);
 std::unique_ptr<Source> open_amd_controllers(const Request&, std::string& reason);
 std::unique_ptr<Source> open_data_fabric(const Request&, std::string& reason);
+std::unique_ptr<Source> open_arm_memory(const Request&, std::string& reason);
 std::unique_ptr<Source> open_resctrl(const Request&, std::string& reason);
 std::unique_ptr<Source> open_registers(const Request&, std::string& reason);
 std::unique_ptr<Source> open_node_counter(const Request&, std::string& reason);

@@ -12,6 +12,7 @@ constexpr SourceRow source_rows[] = {
     // The controllers themselves count every byte, that of devices, too.
     {SourceList::memory, "imc", Default::always, open_intel_controllers},
     {SourceList::memory, "umc", Default::always, open_amd_controllers},
+    {SourceList::memory, "arm", Default::always, open_arm_memory},
     // A sample of the same.
     {SourceList::memory, "df", Default::always, open_data_fabric},
     // What the cores ask for.

@@ -37,6 +37,10 @@ void take_line(std::string_view line, Processor& processor) {
         processor.model = small_number(value);
     else if (key == "model name")
         processor.name = value;
+    else if (key == "CPU implementer")
+        processor.implementer = value;
+    else if (key == "CPU part")
+        processor.part = value;
 }
 
 }  // namespace
@@ -48,6 +52,9 @@ Processor parse_processor(std::string_view cpuinfo) {
         take_line(cpuinfo.substr(0, end), processor);
         cpuinfo.remove_prefix(end == std::string_view::npos ? cpuinfo.size() : end + 1);
     }
+    // Arm's kernel gives numbers of its licensees in place of a name.
+    if (processor.name.empty() && !processor.implementer.empty())
+        processor.name = "implementer " + processor.implementer + ", part " + processor.part;
     return processor;
 }
 

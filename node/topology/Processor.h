@@ -13,7 +13,8 @@ struct Processor {
     Vendor vendor = Vendor::other;
     int family = -1;
     int model = -1;
-    std::string name;  ///< as its maker writes it; empty where there is none
+    std::string name;  ///< as its maker writes it, else implementer and part; empty: neither
+    std::string implementer, part;  ///< of Arm's: "0x41", "0xd4f"
 };
 
 /// Reads the text of /proc/cpuinfo up to the end of its first block.

@@ -17,6 +17,7 @@
 
 #include "node/node.h"
 #include "tests/node/NodeTest.h"
+#include "tests/node/SmallNode.h"
 
 namespace eas::test {
 namespace {
@@ -174,6 +175,34 @@ TEST_F(MeterShapes, FindTheBestSourceAndTheRightFigures) {
             EXPECT_GT(rates.watts, 50);
         });
     }
+}
+
+TEST_F(MeterShapes, ArmsControllersCountWhereTheySayTheirUnit) {
+    NodeShape shape = fake::read_shape("arm-module");
+    FakeNode silent(shape);
+    inside(silent, [] {
+        EXPECT_THAT(Metered().fate(EASNODE_MEMORY, "arm"),
+                    HasSubstr("does not say how many bytes"));
+    });
+    for (const std::string controller : {"hisi_sccl1_ddrc0", "hisi_sccl2_ddrc0"})
+        for (const std::string event : {"flux_rd", "flux_wr"})
+            for (const auto& [file, text] :
+                 {std::pair(".scale", "6.103515625e-5"), {".unit", "MiB"}})
+                test::put(shape,
+                          "/sys/bus/event_source/devices/" + controller + "/events/" + event + file,
+                          text);
+    FakeNode node(shape);
+    inside(node, [] {
+        Metered meter;
+        const auto holds = [](const Metered::Rates& got) {
+            return near(0.64, got.bytes / got.instructions, 0.08);
+        };
+        EXPECT_TRUE(holds(meter.rates_of_which(holds))) << meter.next().memory.reason;
+        easnode_topology topology{};
+        topology.size = sizeof topology;
+        EXPECT_EQ(EASNODE_OK, easnode_topology_read(&topology));
+        EXPECT_STREQ("implementer 0x41, part 0xd4f", topology.processor);
+    });
 }
 
 TEST_F(MeterShapes, WhereAllIsDeniedEveryFigureSaysSo) {

@@ -172,8 +172,9 @@ TEST(SourceOrder, IsTheDefaultOneOrTheOneAskedFor) {
             joined += std::string(row->name) + " ";
         return joined;
     };
-    EXPECT_EQ("imc umc df resctrl registers ", names(SourceList::memory, nullptr, false, false));
-    EXPECT_EQ("imc umc df resctrl registers misses ",
+    EXPECT_EQ("imc umc arm df resctrl registers ",
+              names(SourceList::memory, nullptr, false, false));
+    EXPECT_EQ("imc umc arm df resctrl registers misses ",
               names(SourceList::memory, nullptr, true, false));
     EXPECT_EQ("command pm_counters qpx hwmon rapl-perf powercap ",
               names(SourceList::energy, nullptr, false, true));

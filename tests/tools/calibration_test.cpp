@@ -330,6 +330,31 @@ TEST_F(NodeCommands, NameTheBrokenLinkAndItsRemedy) {
     });
 }
 
+// Every CPU is opened and bound to by its number, and a set of the usual size ends at 1024.
+TEST_F(NodeCommands, KnowMoreCpusThanACpuSetHolds) {
+    NodeShape shape = fake::read_shape("xeon2023");
+    shape.cores = 300;
+    shape.workload = {{800000, 310, 1.0, 0.01}};
+    for (const char* list : {"online", "possible", "present", "cpufreq/policy0/related_cpus"})
+        shape.files.push_back({std::string("sys/devices/system/cpu/") + list,
+                               fake::TreeEntry::Kind::file, 0444, "0-1199\n"});
+    const auto of_another_clock = [](const fake::ShapeFile& file) {
+        return file.path.find("/policy") != file.path.npos &&
+               file.path.find("/policy0/") == file.path.npos;
+    };
+    shape.files.erase(std::remove_if(shape.files.begin(), shape.files.end(), of_another_clock),
+                      shape.files.end());
+    FakeNode node(shape);
+    inside(node, [&] {
+        const auto whole = document_of({"node", "sample", "--", "sleep", "0.2"}).at("whole_run");
+        EXPECT_NEAR(whole.at("giga_cycles_per_second").get<double>(), 600 * 3.8, 250) << whole;
+        expect_all({{{"model", "calibrate", "--seconds", "0.2", "--kernels", "stream", "--cpu-list",
+                      "1100-1101", "--frequencies", "2000000", "--out", path("m.csv")},
+                     0,
+                     "2000000 kHz  stream"}});
+    });
+}
+
 // Drivers that are not among those that are calibrated above.
 TEST_F(NodeCommands, NeedNeitherATableOfFrequenciesNorAGovernorUserspace) {
     for (const char* name : {"epyc2023-passive", "epyc2019"}) {

@@ -71,11 +71,13 @@ int64_t get_affinity(NodeServer& server, const Call& call) {
     const Lock lock(server.mutex);
     const int target = static_cast<int>(call.data.args[0]);
     CpuMask mask = server.affinity_of(target != 0 ? target : static_cast<int>(call.pid));
-    if (call.data.args[1] < sizeof mask)
+    // As large as the node could be, whatever is online.
+    const size_t size = std::max<size_t>(128, (server.cpus.all().size() + 63) / 64 * 8);
+    if (call.data.args[1] < size)
         return -EINVAL;
-    if (!copy(::process_vm_writev, call, call.data.args[2], mask.data(), sizeof mask))
+    if (!copy(::process_vm_writev, call, call.data.args[2], mask.data(), size))
         return -EFAULT;
-    return sizeof mask;
+    return static_cast<int64_t>(size);
 }
 
 /// The number of the event behind a descriptor of the caller; -1 if it is none.

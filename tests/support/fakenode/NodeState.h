@@ -14,7 +14,7 @@
 
 namespace eas::fake {
 
-constexpr int max_cpus = 1024;
+constexpr int max_cpus = 2048;
 constexpr int max_counters = 16384;
 
 using CpuMask = std::array<uint64_t, max_cpus / 64>;

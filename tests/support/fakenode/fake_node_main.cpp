@@ -41,7 +41,7 @@ int main(int argc, char** argv) {
         if (!workload.empty())
             shape.workload = read_workload(workload);
         if (shape.cpus() > max_cpus)
-            throw std::runtime_error("more than 1024 CPUs");
+            throw std::runtime_error("more CPUs than a fake node can have");
         std::vector<char*> words;
         for (std::string& word : command)
             words.push_back(word.data());

@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <memory>
 #include <new>
 #include <stdexcept>
 #include <system_error>
@@ -19,11 +20,20 @@ constexpr double poll_seconds = 0.005;
 // Below everything else, so that the sampling thread never waits for a kernel.
 constexpr int lowest_priority = 19;
 
+struct SetFreer {
+    void operator()(cpu_set_t* set) const { CPU_FREE(set); }
+};
+
+/// A set of the usual size ends at 1024 CPUs.
 void bind_to(int cpu) {
-    cpu_set_t set;
-    CPU_ZERO(&set);
-    CPU_SET(static_cast<unsigned>(cpu), &set);
-    if (::sched_setaffinity(0, sizeof set, &set) != 0)
+    const auto number = static_cast<std::size_t>(cpu);
+    const std::unique_ptr<cpu_set_t, SetFreer> set(CPU_ALLOC(number + 1));
+    const std::size_t size = CPU_ALLOC_SIZE(number + 1);
+    if (set == nullptr)
+        throw std::bad_alloc();
+    CPU_ZERO_S(size, set.get());
+    CPU_SET_S(number, size, set.get());
+    if (::sched_setaffinity(0, size, set.get()) != 0)
         throw std::runtime_error("no thread can be bound to cpu" + std::to_string(cpu) + ": " +
                                  std::strerror(errno));
     ::setpriority(PRIO_PROCESS, static_cast<id_t>(::gettid()), lowest_priority);

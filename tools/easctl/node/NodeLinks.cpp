@@ -176,6 +176,8 @@ std::string processor_text() {
     topology.size = sizeof topology;
     easnode_topology_read(&topology);
     const std::string name = *topology.processor != '\0' ? topology.processor : "unknown";
+    if (topology.family < 0)
+        return name;
     return name + ", family " + std::to_string(topology.family) + ", model " +
            std::to_string(topology.model);
 }
