@@ -1,18 +1,18 @@
 // plugin.cpp - what Slurm calls: the two options, the prolog and epilog of a job on a node, the
-// first and the last moment of a step. Always says yes: a plugin that fails as root drains nodes.
+// first moment of a step. Always says yes: a plugin that fails as root drains nodes.
 #include <cxxabi.h>
 
 #include <array>
 #include <cstdlib>
 #include <exception>
 #include <functional>
-#include <memory>
 #include <stdexcept>
 
-#include "adapters/slurm/JobOnNode.h"
-#include "adapters/slurm/JobQuery.h"
+#include "adapters/job/JobOnNode.h"
+#include "adapters/job/StateFolder.h"
+#include "adapters/slurm/Controller.h"
+#include "adapters/slurm/SlurmScheduler.h"
 #include "adapters/slurm/Spank.h"
-#include "adapters/slurm/UsageRecorder.h"
 
 #define EAS_CALLBACK extern "C" __attribute__((visibility("default")))
 
@@ -25,7 +25,8 @@ SPANK_PLUGIN(eas, 1)
 
 namespace {
 
-using namespace eas::slurm;
+using namespace eas::job;
+using eas::slurm::SlurmScheduler;
 
 std::string environment(const char* name) {
     const char* value = std::getenv(name);
@@ -100,7 +101,8 @@ Option& tag_option() {
 
 Option& policy_option() {
     static Option option("energy-policy", "POLICY",
-                         "minimize_energy, minimize_time or none (measure; the default)",
+                         "minimize_energy, minimize_time or none (leave the job alone, or\n"
+                         "                              with a tag measure it)",
                          policy_given);
     return option;
 }
@@ -131,87 +133,105 @@ uint32_t job_of(spank_t spank) {
     return job;
 }
 
-PluginArguments arguments_of(int count, char** words) {
-    PluginArguments arguments = parse_arguments(count, words);
-    if (arguments.cluster.empty())
-        arguments.cluster = environment("SLURM_CLUSTER_NAME");
-    return arguments;
+SiteSettings settings_of(int count, char** words) {
+    SiteSettings settings = parse_settings(count, words);
+    if (settings.cluster.empty())
+        settings.cluster = environment("SLURM_CLUSTER_NAME");
+    return settings;
 }
 
+JobPlace place_of_job() {
+    std::string nodes = environment("SLURM_JOB_NODELIST");
+    if (nodes.empty())
+        nodes = environment("SLURM_NODELIST");
+    return {environment("SLURMD_NODENAME"), first_node(nodes), number_of_nodes(nodes), ""};
+}
+
+/// What the user typed; the job's name is not yet known.
 JobRequest request_of(spank_t spank) {
     JobRequest request;
     request.job = job_of(spank);
     request.user = item<uid_t>(spank, S_JOB_UID);
     say_yes(request.job, [&] {
         const std::string tag = checked_value(spank, tag_option(), is_tag_name);
-        const std::string policy = checked_value(spank, policy_option(), is_policy);
-        if (tag.empty() && !policy.empty() && policy != "none")
-            throw std::runtime_error("--energy-policy without --energy-tag; ignored");
+        request.policy = checked_value(spank, policy_option(), is_policy);
         request.tag = tag;
-        request.policy = policy;
     });
     return request;
 }
 
-bool is_first_node() {
-    std::string nodes = environment("SLURM_JOB_NODELIST");
-    if (nodes.empty())
-        nodes = environment("SLURM_NODELIST");
-    return first_node(nodes) == environment("SLURMD_NODENAME");
+bool opts_out(const JobRequest& typed) {
+    return typed.tag.empty() && typed.policy == "none";
 }
 
-void add(Outcome& all, const Outcome& part) {
-    all.good = all.good && part.good;
-    all.text += (all.text.empty() || part.text.empty() ? "" : "; ") + part.text;
-}
-
-Outcome tag_of(const PluginArguments& arguments, const StateFolder& folder, uint32_t job) {
-    const std::optional<JobRecord> record = folder.read(job);
-    if (!record || record->request.purpose() != Purpose::measure || !record->first_node)
-        return {};
-    return call_in_child(arguments.limit, [&] { return make_tag(arguments, *record); });
-}
-
-/// Whether there can be a record; why not was said by the prolog.
-bool has_records(const PluginArguments& arguments) {
-    try {
-        const StateFolder folder(arguments.state);
-        return true;
-    } catch (const std::runtime_error&) {
+/// Whether Slurm must be asked what kind of job it is.
+bool needs_a_look(const SiteSettings& settings, const JobRequest& typed) {
+    if (opts_out(typed))
         return false;
-    }
+    const bool by_name = settings.tag == "jobname" && typed.tag.empty() && !typed.policy.empty();
+    return settings.looks_at_all_jobs() || by_name ||
+           (!typed.tag.empty() && !settings.types.empty());
 }
 
-// Three children: a frequency is set back whether or not the library answers, and what the job
-// needed is known whether or not the database does. The meter first: its figure is that of the
-// job's frequency alone.
-void end_job(const PluginArguments& arguments, uint32_t job) {
-    if (!has_records(arguments))
-        return;
-    const StateFolder folder(arguments.state);
-    const std::optional<JobRecord> record = folder.read(job);
-    if (!record)
-        return;
-    Outcome outcome, consumption;
-    if (record->start)
-        consumption =
-            call_in_child(arguments.limit, [&] { return read_meter_again(arguments, job); });
-    if (!record->settings.empty())
-        outcome = call_in_child(arguments.limit, [&] { return give_back(arguments, job); });
-    const bool given_back = outcome.good;
-    add(outcome, consumption);
-    add(outcome, tag_of(arguments, folder, job));
-    log(job, outcome);
-    if (given_back)  // else the next prolog of this node tries again
-        folder.remove(job);
+/// The job's tag and policy by the site's settings; jobs that ask for nothing are meant only when
+/// they have their nodes for themselves.
+JobRequest completed(const SiteSettings& settings, JobRequest typed) {
+    const bool by_name = settings.tag == "jobname" && typed.tag.empty();
+    const bool asks = !typed.tag.empty() || !typed.policy.empty();
+    const auto job = eas::slurm::load_job(typed.job);
+    if (!job || (!job->is_exclusive && (!asks || settings.observe == "yes")))
+        return {typed.job, typed.user, "", "", false};
+    if (by_name)
+        typed.tag = tag_of_name(job->name);
+    typed.observed = settings.observe == "yes";
+    return typed;
+}
+
+SiteSettings settings_here(const SiteSettings& settings, JobPlace& place) {
+    if (settings.types.empty())
+        return settings;
+    for (const eas::slurm::NodeWords& node : eas::slurm::load_nodes(place.node)) {
+        SiteSettings here = settings_of_node(settings, node.features);
+        place.type = here.type;
+        return here;
+    }
+    return settings;
+}
+
+// Slurm is asked only once the job's record stands, with which it is no longer in the way of
+// others: it may not answer before this process is ended.
+Outcome start_after_a_look(const SiteSettings& settings, const JobRequest& typed, JobPlace place,
+                           SlurmScheduler& slurm) {
+    const JobRequest plain{typed.job, typed.user, "", "", false};
+    Outcome outcome = start_job(settings, plain, place, slurm);
+    JobRequest request = completed(settings, typed);
+    if (request.policy.empty())
+        request.policy = settings.default_policy;
+    if (request.purpose() == Purpose::plain)
+        return outcome;
+    const Outcome rest = start_job(settings_here(settings, place), request, place, slurm);
+    outcome.good = outcome.good && rest.good;
+    outcome.text += (outcome.text.empty() ? "" : "; ") + rest.text;
+    return outcome;
+}
+
+Outcome start(const SiteSettings& settings, JobRequest typed) {
+    const JobPlace place = place_of_job();
+    SlurmScheduler slurm(environment("SLURM_CLUSTER_NAME"), place.node);
+    if (needs_a_look(settings, typed))
+        return start_after_a_look(settings, typed, place, slurm);
+    const bool policy_alone = typed.tag.empty() && !typed.policy.empty() && typed.policy != "none";
+    if (typed.policy.empty())
+        typed.policy = settings.default_policy;
+    if (settings.observe == "yes")
+        typed.tag.clear();
+    Outcome outcome = start_job(settings, typed, place, slurm);
+    if (policy_alone)
+        outcome = {false, "--energy-policy without --energy-tag; ignored"};
+    return outcome;
 }
 
 // ---- the step ----
-
-std::unique_ptr<UsageRecorder>& recorder() {
-    static std::unique_ptr<UsageRecorder> its;
-    return its;
-}
 
 bool has_own_frequency(spank_t spank) {
     std::array<char, 256> value{};
@@ -220,13 +240,14 @@ bool has_own_frequency(spank_t spank) {
     return found == ESPANK_SUCCESS || found == ESPANK_NOSPACE;
 }
 
-void begin_step(spank_t spank, const PluginArguments& arguments, uint32_t job, uint32_t step) {
-    constexpr uint32_t extern_step = 0xfffffffc;  // holds the job, runs nothing of it
-    if (step == extern_step || !has_records(arguments))
-        return;
-    if (has_own_frequency(spank))
-        log(job, call_in_child(arguments.limit, [&] { return yield_to_user(arguments, job); }));
-    recorder() = std::make_unique<UsageRecorder>(arguments, job, step);
+/// Whether there can be a record; why not was said by the prolog.
+bool has_records(const SiteSettings& settings) {
+    try {
+        const StateFolder folder(settings.state);
+        return true;
+    } catch (const std::runtime_error&) {
+        return false;
+    }
 }
 
 }  // namespace
@@ -244,37 +265,36 @@ EAS_CALLBACK int slurm_spank_init(spank_t spank, int, char**) {
 EAS_CALLBACK int slurm_spank_job_prolog(spank_t spank, int count, char** words) {
     const uint32_t job = job_of(spank);
     return say_yes(job, [&] {
-        const PluginArguments arguments = arguments_of(count, words);
-        for (const std::string& complaint : arguments.complaints)
+        const SiteSettings settings = settings_of(count, words);
+        for (const std::string& complaint : settings.complaints)
             log(job, {false, complaint});
-        const JobRequest request = request_of(spank);
-        const NodeRole role{is_first_node(), job_is_over};
-        log(job,
-            call_in_child(arguments.limit, [&] { return start_job(arguments, request, role); }));
+        const JobRequest typed = request_of(spank);
+        log(job, call_in_child(settings.limit, [&] { return start(settings, typed); }));
     });
 }
 
 EAS_CALLBACK int slurm_spank_job_epilog(spank_t spank, int count, char** words) {
     const uint32_t job = job_of(spank);
-    return say_yes(job, [&] { end_job(arguments_of(count, words), job); });
+    return say_yes(job, [&] {
+        const SiteSettings settings = settings_of(count, words);
+        if (!has_records(settings))
+            return;
+        SlurmScheduler slurm(environment("SLURM_CLUSTER_NAME"), place_of_job().node);
+        log(job, end_job(settings, job, slurm));
+    });
 }
 
 EAS_CALLBACK int slurm_spank_init_post_opt(spank_t spank, int count, char** words) {
     if (spank_context() != S_CTX_REMOTE) {
-        if (g_policy_given && !g_tag_given && environment("SLURM_JOB_ID").empty())
+        if (g_policy_given && !g_tag_given && environment("SLURM_JOB_ID").empty() &&
+            parse_settings(count, words).tag != "jobname")
             slurm_error("--energy-policy does nothing without --energy-tag");
         return 0;
     }
     const uint32_t job = job_of(spank);
     return say_yes(job, [&] {
-        const auto step = item<uint32_t>(spank, S_JOB_STEPID);
-        begin_step(spank, parse_arguments(count, words), job, step);
+        const SiteSettings settings = parse_settings(count, words);
+        if (has_own_frequency(spank) && has_records(settings))
+            log(job, call_in_child(settings.limit, [&] { return yield_to_user(settings, job); }));
     });
-}
-
-EAS_CALLBACK int slurm_spank_exit(spank_t spank, int, char**) {
-    if (spank_context() != S_CTX_REMOTE || recorder() == nullptr)
-        return 0;
-    const uint32_t job = job_of(spank);
-    return say_yes(job, [&] { recorder()->finish(); });
 }

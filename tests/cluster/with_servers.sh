@@ -30,7 +30,7 @@ set_up_nodes() {
 fill() {
     sql db1 "$(cat "$tree/sql/mariadb.sql")"
     sql db1 "$(sed -e s/@DATABASE@/easdb/ -e 's/@HOSTS@/127.0.0.%/' -e s/@SCHEDULER_PASSWORD@/scheduler/ \
-        -e s/@ADMIN_PASSWORD@/admin/ "$tree/sql/mariadb-grants.sql")"
+        -e s/@NODE_PASSWORD@/node/ -e s/@ADMIN_PASSWORD@/admin/ "$tree/sql/mariadb-grants.sql")"
     sql db1 "$(sed 's/@HOSTS@/127.0.0.%/' "$tree/examples/haproxy/health-check.sql")"
 }
 

@@ -154,9 +154,11 @@ TEST(SchemaGrants, TheSchedulerCanDoWhatItNeedsAndNothingElse) {
         {"@DATABASE@", database.schema()},
         {"@HOSTS@", "localhost"},
         {"@SCHEDULER_PASSWORD@", "s"},
+        {"@NODE_PASSWORD@", "n"},
         {"@ADMIN_PASSWORD@", "a"},
         // Accounts belong to the server, which other tests use at the same time.
         {"eas_scheduler", database.schema() + "s"},
+        {"eas_node", database.schema() + "n"},
         {"eas_admin", database.schema() + "a"}};
     for (const auto& [placeholder, text] : placeholders)
         grants = std::regex_replace(grants, std::regex(placeholder), text);
@@ -167,6 +169,9 @@ TEST(SchemaGrants, TheSchedulerCanDoWhatItNeedsAndNothingElse) {
     EXPECT_EQ(scheduler.number("select count(*) from TQVN_EnergyCoEfficients"), 3);
     scheduler.run("insert into TQVN_EnergyPolicyTag values ('t','u',1,'c',1,'j',1,1,1,1,1)");
     EXPECT_EQ(scheduler.number("select count(*) from TQVN_EnergyPolicyTag"), 1);
+    PlainOdbc node("easdb", database.schema() + "n", "n");
+    node.run("insert into TQVN_EnergyPolicyTag values ('n','u',1,'c',1,'j',1,1,1,1,1)");
+    EXPECT_THROW(node.run("delete from TQVN_EnergyPolicyTag"), std::runtime_error);
     scheduler.run("delete from TQVN_EnergyPolicyTag where user_name=\"u\"");
     for (const char* refused :
          {"update TQVN_EnergyPolicyTag set frequency=1", "delete from TQVN_EnergyCoEfficients",
@@ -177,8 +182,9 @@ TEST(SchemaGrants, TheSchedulerCanDoWhatItNeedsAndNothingElse) {
     PlainOdbc admin("easdb", database.schema() + "a", "a");
     admin.run("delete from TQVN_EnergyCoEfficients where frequency=1200000");
     EXPECT_THROW(admin.run("drop table TQVN_EnergyPolicyTag"), std::runtime_error);
-    database.plain().run_script("drop user '" + database.schema() + "s'@'localhost';\ndrop user '" +
-                                database.schema() + "a'@'localhost';\n");
+    for (const char* account : {"s", "n", "a"})
+        database.plain().run_script("drop user '" + database.schema() + account +
+                                    "'@'localhost';\n");
 }
 
 }  // namespace

@@ -1,4 +1,5 @@
-// The parts of the Slurm plugin that need no Slurm: options, arguments, records, child processes.
+// The parts of a job's adapter that need no scheduler: requests, settings, records, child
+// processes.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/mman.h>
@@ -11,34 +12,38 @@
 #include <filesystem>
 #include <fstream>
 #include <stdexcept>
+#include <tuple>
 
-#include "adapters/slurm/ChildCall.h"
-#include "adapters/slurm/JobOnNode.h"
-#include "adapters/slurm/JobRecord.h"
-#include "adapters/slurm/PluginArguments.h"
-#include "adapters/slurm/StateFolder.h"
+#include "adapters/job/ChildCall.h"
+#include "adapters/job/JobOnNode.h"
+#include "adapters/job/JobRecord.h"
+#include "adapters/job/NodeFigures.h"
+#include "adapters/job/SiteSettings.h"
+#include "adapters/job/StateFolder.h"
 #include "tests/support/ScratchFolder.h"
 
-namespace eas::slurm {
+namespace eas::job {
 namespace {
 
 namespace fs = std::filesystem;
 
 constexpr int ample = 60;  // s, for what a busy machine must be given time to do
 
-TEST(SlurmRequest, TheFirstNodeOfAListIsFound) {
-    const std::pair<const char*, const char*> rows[] = {{"n1", "n1"},
-                                                        {"n1,n2", "n1"},
-                                                        {"n[1-3],m7", "n1"},
-                                                        {"n[007-012]", "n007"},
-                                                        {"r[2,4-5]c[1-9]", "r2c1"},
-                                                        {"n[3,5]-ib,x", "n3-ib"},
-                                                        {"", ""}};
-    for (const auto& [list, first] : rows)
+TEST(JobRequest, TheNodesOfAListAreFoundAndCounted) {
+    const std::tuple<const char*, const char*, unsigned> rows[] = {{"n1", "n1", 1},
+                                                                   {"n1,n2", "n1", 2},
+                                                                   {"n[1-3],m7", "n1", 4},
+                                                                   {"n[007-012]", "n007", 6},
+                                                                   {"r[2,4-5]c[1-9]", "r2c1", 27},
+                                                                   {"n[3,5]-ib,x", "n3-ib", 3},
+                                                                   {"", "", 0}};
+    for (const auto& [list, first, count] : rows) {
         EXPECT_EQ(first, first_node(list)) << list;
+        EXPECT_EQ(count, number_of_nodes(list)) << list;
+    }
 }
 
-TEST(SlurmRequest, NamesAndPoliciesAreCheckedToTheLetter) {
+TEST(JobRequest, NamesAndPoliciesAreCheckedToTheLetter) {
     EXPECT_TRUE(is_tag_name("a") && is_tag_name("A_9.x-") && is_tag_name(std::string(255, 'x')));
     for (const std::string& name :
          {std::string(), std::string(256, 'x'), std::string("a b"), std::string("a\n"),
@@ -47,9 +52,13 @@ TEST(SlurmRequest, NamesAndPoliciesAreCheckedToTheLetter) {
         EXPECT_FALSE(is_tag_name(name)) << name;
     EXPECT_TRUE(is_policy("none") && is_policy("minimize_time") && is_policy("minimize_energy"));
     EXPECT_FALSE(is_policy("") || is_policy("minimize") || is_policy("minimize_energy "));
+    EXPECT_EQ("My_job__v1.2_", tag_of_name("My job (v1.2)").substr(0, 13));
+    EXPECT_EQ(255U, tag_of_name(std::string(300, 'x')).size());
+    for (const char* shared : {"", "bash", "sh", "interactive", "wrap"})
+        EXPECT_EQ("", tag_of_name(shared));
 }
 
-TEST(SlurmArguments, WordsThatMakeNoSenseChangeNothingAndLeaveAComplaint) {
+TEST(JobSettings, WordsThatMakeNoSenseChangeNothingAndLeaveAComplaint) {
     std::string words[] = {"default_frequency=2300000",
                            "limit=0",
                            "limit=7s",
@@ -57,41 +66,102 @@ TEST(SlurmArguments, WordsThatMakeNoSenseChangeNothingAndLeaveAComplaint) {
                            "library=other",
                            "cluster=",
                            "nonsense",
-                           "limit=99999999999"};
-    std::vector<char*> given;
-    for (std::string& word : words)
-        given.push_back(word.data());
-    const PluginArguments arguments = parse_arguments(static_cast<int>(given.size()), given.data());
-    EXPECT_EQ(2300000, arguments.default_frequency);
-    EXPECT_EQ(10, arguments.limit);
-    EXPECT_EQ("/run/eas-slurm", arguments.state);
-    EXPECT_EQ("other", arguments.library);
-    EXPECT_EQ(6U, arguments.complaints.size());
+                           "limit=99999999999",
+                           "default_policy=none",
+                           "record=somewhere"};
+    std::vector<const char*> given;
+    for (const std::string& word : words)
+        given.push_back(word.c_str());
+    const SiteSettings settings = parse_settings(static_cast<int>(given.size()), given.data());
+    EXPECT_EQ(2300000, settings.default_frequency);
+    EXPECT_EQ(10, settings.limit);
+    EXPECT_EQ("/run/eas-slurm", settings.state);
+    EXPECT_EQ("other", settings.library);
+    EXPECT_EQ(8U, settings.complaints.size());
 }
 
-TEST(SlurmRecord, WhatTheStepsDidIsAddedUpOrSaidToHaveAGap) {
-    const std::string head = line::request({7, 1000, "solve", ""});
-    const auto usage_of = [&](const std::string& steps) {
-        return parse_record(head + steps).usage;
+TEST(JobSettings, ATypeOfNodesHasFiguresOfItsOwn) {
+    SiteSettings site;
+    read_lines(
+        "# remark\n default_frequency = 2300000\ncluster=c\nlimit=x\n[fat]\ncluster=f\n"
+        "default_frequency=2000000\nlimit=5\n\n[gpu node]\nthresholds=/t\n",
+        site);
+    EXPECT_EQ(2U, site.complaints.size()) << "a limit of x, and one for a type alone";
+    const SiteSettings fat = settings_of_node(site, "big, fat"),
+                       thin = settings_of_node(site, "fa");
+    EXPECT_EQ("fat f 2000000",
+              fat.type + ' ' + fat.cluster + ' ' + std::to_string(fat.default_frequency));
+    EXPECT_EQ(" c 2300000",
+              thin.type + ' ' + thin.cluster + ' ' + std::to_string(thin.default_frequency));
+    EXPECT_EQ("/t", settings_of_node(site, "gpu node").thresholds);
+}
+
+RunRecord run_of(double joules, const char* meter = "qpx,node") {
+    RunRecord run;
+    run.seconds = 10;
+    run.joules = joules;
+    run.cycles = run.instructions = run.bytes = 5;
+    run.meter = meter;
+    return run;
+}
+
+TEST(JobRecord, WhatARunWasStandsInOneLineWhateverItsWordsAre) {
+    RunRecord run = run_of(0.1 + 0.2);
+    run.reason = "50% of \"it\"; a=b\nc\xff";
+    run.tag = "eas=1";
+    run.default_joules = 1e300;
+    const std::string text = to_text(run);
+    EXPECT_EQ(std::string::npos, text.find_first_of("\n;\""));
+    const auto same = find_record("noise eas=10 x; " + text + "; eas=1 tag=other");
+    ASSERT_TRUE(same);
+    EXPECT_EQ(text, to_text(*same));
+    EXPECT_EQ(run.reason, same->reason);
+    EXPECT_EQ(0.1 + 0.2, same->joules);
+    EXPECT_FALSE(find_record("xeas=1 tag=t").has_value() || find_record("eas=12").has_value());
+    const auto odd =
+        find_record("eas=1 joules=-1 seconds=nan nodes=1e999 what=ever cycles=2x tag=%zz");
+    EXPECT_TRUE(odd && !odd->joules && !odd->seconds && !odd->nodes && !odd->cycles);
+    EXPECT_EQ("%zz", odd->tag);
+    const std::string kept = with_record("before; eas=1 tag=old; behind", run);
+    EXPECT_EQ("before; " + text + "; behind", kept);
+    EXPECT_EQ("site; " + text, with_record("site", run));
+}
+
+TEST(JobRecord, NodesAreOneRunOnlyWhereTheyAreAlike) {
+    JobRecord record;
+    record.place = {"a", "a", 2, ""};
+    const auto outcome = [&](const NodeReport& other) {
+        const WholeRun whole = combine(record, {{"a", run_of(100)}, other});
+        const std::string why = whole.trouble.empty() ? whole.unlike : whole.trouble;
+        return why.empty() ? objection(whole.run, 20) : why;
     };
-    using namespace line;
-    const JobUsage two = usage_of(step_begins(0, true) + step_begins(1, false) + step_ends(1) +
-                                  usage(0, 10, 5, 64) + step_begins(2, true) + usage(2, 1, 2, 3));
-    EXPECT_EQ("", two.gap);
-    EXPECT_EQ(2, two.samples);
-    EXPECT_EQ(11, two.cycles);
-    EXPECT_EQ(7, two.instructions);
-    EXPECT_EQ(67, two.memory_bytes);
-    EXPECT_EQ("steps of the job overlapped", usage_of(step_begins(0, true) + step_begins(1, false) +
-                                                      usage(0, 1, 1, 1) + step_ends(1))
-                                                 .gap);
-    EXPECT_EQ("a step of the job ended without its counters", usage_of(step_begins(0, true)).gap);
-    EXPECT_EQ("no such thing",
-              usage_of(step_begins(0, true) + no_counters(0, "no such thing")).gap);
-    EXPECT_EQ(0, usage_of("usage 0 nonsense\n\nwhat is this\ncpu\nstart x\n").samples);
+    const auto with = [](auto change) {
+        RunRecord run = run_of(100);
+        change(run);
+        return NodeReport{"b", run};
+    };
+    const WholeRun whole = combine(record, {{"a", run_of(100)}, {"b", run_of(110)}});
+    EXPECT_EQ("210.0 J in 10.00 s, mean 10.5 W", describe(whole.run));
+    EXPECT_NEAR(10 / 105.0, *whole.run.spread, 1e-12);
+    EXPECT_EQ("", outcome({"b", run_of(122)}));
+    EXPECT_EQ("the nodes' joules differ by 21 %", outcome({"b", run_of(123.6)}));
+    EXPECT_EQ("the meters differ: qpx,node on a, rapl-perf,packages on b",
+              outcome({"b", run_of(100, "rapl-perf,packages")}));
+    EXPECT_EQ("the job's nodes are of different types",
+              outcome(with([](RunRecord& run) { run.type = "fat"; })));
+    EXPECT_EQ("b: called off", outcome(with([](RunRecord& run) {
+                  run.outcome = "failed";
+                  run.reason = "called off";
+              })));
+    EXPECT_EQ("no joules", outcome(with([](RunRecord& run) {
+                  run.joules.reset();
+                  run.meter = "qpx,node";
+                  run.reason = "no joules";
+              })));
+    EXPECT_EQ("no figures of 1 of 2 nodes", combine(record, {{"a", run_of(1)}}).trouble);
 }
 
-TEST(SlurmRecord, FoldersAndRecordsThatOthersCouldHavePlantedAreRefused) {
+TEST(JobRecord, FoldersAndRecordsThatOthersCouldHavePlantedAreRefused) {
     const test::ScratchFolder scratch;
     const fs::path good = scratch.path("good"), open = scratch.path("open"),
                    link = scratch.path("link"), victim = scratch.path("victim");
@@ -104,13 +174,15 @@ TEST(SlurmRecord, FoldersAndRecordsThatOthersCouldHavePlantedAreRefused) {
     const StateFolder folder(good.string());
     fs::create_directory_symlink(good, link);
     EXPECT_THROW(StateFolder(link.string()), std::runtime_error);
-    folder.create({5, 1000, "t", "minimize_time"});
-    folder.append(5, line::setting({3, "userspace", 1200000}) + line::reading("start", {1, 2}));
+    folder.create({5, 1000, "t", "minimize_time", false}, {"n2", "n1", 3, "fat"});
+    folder.append(5, line::settings("a b\n\nc\n") + line::plan(run_of(7)) + line::disturbed("x y"));
     const std::optional<JobRecord> record = folder.read(5);
-    ASSERT_TRUE(record && record->start && record->settings.size() == 1);
+    ASSERT_TRUE(record && record->plan);
     EXPECT_EQ("minimize_time", record->request.policy);
-    EXPECT_EQ("userspace", record->settings[0].governor);
-    EXPECT_EQ(1200000, record->settings[0].speed);
+    EXPECT_EQ("n2 n1 3 fat", record->place.node + ' ' + record->place.first + ' ' +
+                                 std::to_string(record->place.nodes) + ' ' + record->place.type);
+    EXPECT_EQ("a b\n\nc\n", record->settings);
+    EXPECT_EQ("x y", record->disturbed);
     EXPECT_EQ(std::vector<uint32_t>{5}, folder.jobs());
     EXPECT_FALSE(folder.read(6));
     EXPECT_THROW(folder.append(6, "x\n"), std::runtime_error);
@@ -119,68 +191,88 @@ TEST(SlurmRecord, FoldersAndRecordsThatOthersCouldHavePlantedAreRefused) {
     fs::create_symlink(victim, good / "job-8");
     EXPECT_THROW((void)folder.read(8), std::runtime_error);
     EXPECT_THROW(folder.append(8, "x\n"), std::runtime_error);
-    folder.create({8, 1000, "", ""});
+    folder.create({8, 1000, "", "", false}, {});
     EXPECT_EQ(9U, fs::file_size(victim));
     ASSERT_EQ(0, ::mkfifo((good / "job-9").c_str(), 0600));
     EXPECT_THROW((void)folder.read(9), std::runtime_error) << "and does not wait for a writer";
     EXPECT_FALSE(fs::is_symlink(good / "job-8"));
 }
 
-/// Job 4's prolog beside job 3, which set the frequency; what `ask_slurm` does is done when Slurm
-/// is asked about job 3, and the answer is that it runs.
-Outcome prolog_of(const PluginArguments& arguments, const JobRequest& request,
-                  const std::function<void()>& ask_slurm) {
-    const StateFolder folder(arguments.state);
-    folder.create({3, 1000, "t", "minimize_energy"});
-    folder.append(3, line::setting({9999, "userspace", 1200000}));  // no machine has it
-    const NodeRole role{true, [&](uint32_t) {
-                            ask_slurm();
-                            return false;
-                        }};
-    return call_in_child(ample, [&] { return start_job(arguments, request, role); });
+/// A scheduler of one node; what `ask` does is done when it is asked whether a job is over, and the
+/// answer is that it runs.
+class OneNode : public Scheduler {
+  public:
+    explicit OneNode(std::function<void()> ask) : ask_(std::move(ask)) {}
+    bool job_is_over(uint32_t) override {
+        ask_();
+        return false;
+    }
+    JobEnding ending_of(uint32_t) override { return {}; }
+    void announce(uint32_t, const RunRecord&) override {}
+    std::optional<RunRecord> announced(uint32_t) override { return std::nullopt; }
+    void report(uint32_t, const RunRecord&) override {}
+    std::vector<NodeReport> reports(uint32_t) override { return {}; }
+    void keep(uint32_t, const RunRecord&) override {}
+
+  private:
+    std::function<void()> ask_;
+};
+
+const JobPlace here{"n", "n", 1, ""};
+
+/// Job 4's start beside job 3, which set the frequency.
+Outcome start_of(const SiteSettings& settings, const JobRequest& request,
+                 const std::function<void()>& ask) {
+    const StateFolder folder(settings.state);
+    folder.create({3, 1000, "t", "minimize_energy", false}, here);
+    folder.append(3, line::settings("no settings\n"));
+    OneNode scheduler(ask);
+    return call_in_child(ample, [&] { return start_job(settings, request, here, scheduler); });
 }
 
-TEST(SlurmProlog, NothingHindersItFromSettingTheNodeBackFirst) {
+TEST(JobStart, NothingHindersItFromSettingTheNodeBackFirst) {
     const test::ScratchFolder scratch;
-    PluginArguments arguments;
-    arguments.state = scratch.path("state");
-    const StateFolder folder(arguments.state);
+    SiteSettings settings;
+    settings.node_library = EAS_NODE_LIBRARY;
+    settings.state = scratch.path("state");
+    const StateFolder folder(settings.state);
     const std::string mark = "job 4 ran on the node at the same time";
-    const std::string done =
-        "set back the frequency of running job 3, but the former frequency setting is refused by "
-        "CPU 9999";
+    const std::string done = "set back the frequency of running job 3, but ";
 
-    const Outcome silent = prolog_of(arguments, {4, 1000, "", ""}, [&] {
-        const StateFolder its(arguments.state);  // it has none of our descriptors
+    const Outcome silent = start_of(settings, {4, 1000, "", "", false}, [&] {
+        const StateFolder its(settings.state);  // it has none of our descriptors
         if (its.read(3)->disturbed == mark && its.read(4))
             throw std::runtime_error("was asked last");
     });
     EXPECT_EQ("was asked last", silent.text);
 
-    const Outcome refused = prolog_of(arguments, {4, 1000, "t", ""}, [&] {
-        fs::remove(arguments.state + "/job-4");
-        fs::create_directory(arguments.state + "/job-4");
+    const Outcome refused = start_of(settings, {4, 1000, "t", "", false}, [&] {
+        fs::remove(settings.state + "/job-4");
+        fs::create_directory(settings.state + "/job-4");
     });
-    EXPECT_EQ(done + "; job 3 runs on this node too; job-4: not a file of root's", refused.text);
-    fs::remove(arguments.state + "/job-4");
+    EXPECT_EQ(0U, refused.text.find(done)) << refused.text;
+    EXPECT_NE(std::string::npos,
+              refused.text.find("; job 3 runs on this node too; job-4: not a file of root's"))
+        << refused.text;
+    fs::remove(settings.state + "/job-4");
 
-    arguments.limit = 1;
+    settings.limit = 1;
     const Descriptor lock = folder.lock(std::chrono::milliseconds(0));
-    const Outcome locked = prolog_of(arguments, {4, 1000, "", ""}, [] {});
-    EXPECT_EQ(0U, locked.text.find(done + "; the lock of the records: ")) << locked.text;
+    const Outcome locked = start_of(settings, {4, 1000, "", "", false}, [] {});
+    EXPECT_EQ(0U, locked.text.find(done)) << locked.text;
+    EXPECT_NE(std::string::npos, locked.text.find("; the lock of the records: ")) << locked.text;
     EXPECT_FALSE(silent.good || refused.good || locked.good);
-
-    // One that changed nothing is in the way of a job that would.
-    arguments.state = scratch.path("other");
-    StateFolder(arguments.state).create({3, 1000, "", ""});
-    const NodeRole role{true, [](uint32_t) { return false; }};
-    const Outcome beside = call_in_child(ample, [&] {
-        return start_job(arguments, {4, 1000, "t", ""}, role);
-    });
-    EXPECT_EQ(0U, beside.text.find("job 3 runs on this node too")) << beside.text;
-    arguments.state = scratch.path("state");
     EXPECT_EQ(mark, folder.read(3)->disturbed);
     EXPECT_TRUE(folder.read(4));
+
+    // One that changed nothing is in the way of a job that would.
+    settings.state = scratch.path("other");
+    StateFolder(settings.state).create({3, 1000, "", "", false}, here);
+    OneNode scheduler([] {});
+    const Outcome beside = call_in_child(ample, [&] {
+        return start_job(settings, {4, 1000, "t", "", false}, here, scheduler);
+    });
+    EXPECT_EQ(0U, beside.text.find("job 3 runs on this node too")) << beside.text;
 }
 
 /// Gone, or waiting to be collected by whoever adopted it; a busy machine is given time.
@@ -195,7 +287,7 @@ bool ends(const std::string& process) {
     return has_ended();
 }
 
-TEST(SlurmChild, WhateverHappensInItIsToldInTimeAndItEnds) {
+TEST(JobChild, WhateverHappensInItIsToldInTimeAndItEnds) {
     const auto outcome = [](const std::function<Outcome()>& work, int limit = ample) {
         const Outcome result = call_in_child(limit, work);
         return (result.good ? "good: " : "bad: ") + result.text;
@@ -219,7 +311,7 @@ TEST(SlurmChild, WhateverHappensInItIsToldInTimeAndItEnds) {
     EXPECT_TRUE(ends(std::to_string(*hanging)));
 }
 
-TEST(SlurmChild, ItHoldsNothingOfItsParentAndLeavesNoDump) {
+TEST(JobChild, ItHoldsNothingOfItsParentAndLeavesNoDump) {
     int ends[2];
     ASSERT_EQ(0, ::pipe(ends));
     const Outcome result = call_in_child(ample, [&] {
@@ -235,23 +327,16 @@ TEST(SlurmChild, ItHoldsNothingOfItsParentAndLeavesNoDump) {
     EXPECT_EQ("/dev/null", result.text);
 }
 
-TEST(SlurmChild, ACompanionIsNoChildAndEndsWithItsMaster) {
-    std::string process;
-    {
-        const Companion companion([](int channel) {
-            const std::string own = std::to_string(::getpid());
-            char word = 0;
-            while (::read(channel, &word, 1) == 1 && ::write(channel, own.data(), own.size()) > 0) {
-            }
-        });
-        companion.send('q');
-        process = companion.answer(ample);
-        EXPECT_EQ("", companion.answer(0));
-        EXPECT_EQ(-1, ::waitpid(-1, nullptr, WNOHANG));
-        EXPECT_EQ(0, ::kill(std::stoi(process), 0));
-    }
+TEST(JobChild, ACompanionIsNoChildOfItsMasterNorInItsSession) {
+    const Companion companion([](int channel) {
+        const std::string own = std::to_string(::getpid());
+        ::write(channel, own.data(), own.size()) > 0 && ::usleep(100000);
+    });
+    const std::string process = companion.answer(ample);
+    EXPECT_EQ(-1, ::waitpid(-1, nullptr, WNOHANG));
+    EXPECT_NE(::getsid(0), ::getsid(std::stoi(process)));
     EXPECT_TRUE(ends(process));
 }
 
 }  // namespace
-}  // namespace eas::slurm
+}  // namespace eas::job

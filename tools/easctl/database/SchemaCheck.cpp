@@ -278,22 +278,27 @@ void check_sqlite_file(Database& database, Findings& findings) {
 struct Probe {
     const char* table;
     const char* right;
-    const char* sql;  ///< matches no row, so that nothing changes
-    bool scheduler;   ///< the library needs it; the others only this tool
+    const char* sql;                ///< matches no row, so that nothing changes
+    const char* without = nullptr;  ///< who lacks it rightly; null: everybody needs it
 };
+
+constexpr const char* by_scheduler =
+    "only eas_remove_tag and tag remove need this, a node does not";
+constexpr const char* by_tool = "only model import and model remove need this";
 
 constexpr Probe probes[] = {
     {"TQVN_EnergyCoEfficients", "SELECT",
-     "select count(*) from TQVN_EnergyCoEfficients where 1 = 0", true},
-    {"TQVN_EnergyPolicyTag", "SELECT", "select count(*) from TQVN_EnergyPolicyTag where 1 = 0",
-     true},
+     "select count(*) from TQVN_EnergyCoEfficients where 1 = 0"},
+    {"TQVN_EnergyPolicyTag", "SELECT", "select count(*) from TQVN_EnergyPolicyTag where 1 = 0"},
     {"TQVN_EnergyPolicyTag", "INSERT",
-     "insert into TQVN_EnergyPolicyTag select * from TQVN_EnergyPolicyTag where 1 = 0", true},
-    {"TQVN_EnergyPolicyTag", "DELETE", "delete from TQVN_EnergyPolicyTag where 1 = 0", true},
+     "insert into TQVN_EnergyPolicyTag select * from TQVN_EnergyPolicyTag where 1 = 0"},
+    {"TQVN_EnergyPolicyTag", "DELETE", "delete from TQVN_EnergyPolicyTag where 1 = 0",
+     by_scheduler},
     {"TQVN_EnergyCoEfficients", "INSERT",
      "insert into TQVN_EnergyCoEfficients select * from TQVN_EnergyCoEfficients where 1 = 0",
-     false},
-    {"TQVN_EnergyCoEfficients", "DELETE", "delete from TQVN_EnergyCoEfficients where 1 = 0", false},
+     by_tool},
+    {"TQVN_EnergyCoEfficients", "DELETE", "delete from TQVN_EnergyCoEfficients where 1 = 0",
+     by_tool},
 };
 
 /// Rights that neither the library nor this tool uses.
@@ -337,12 +342,11 @@ Findings check_rights(Database& database) {
             database.run(probe.sql);
         } catch (const Failure& failure) {
             const std::string text = std::string("may not ") + probe.right + ": " + failure.message;
-            if (probe.scheduler)
-                findings.error(
-                    probe.table, text,
-                    failure.hint.empty() ? "the scheduler's account needs this" : failure.hint);
+            if (probe.without == nullptr)
+                findings.error(probe.table, text,
+                               failure.hint.empty() ? "every account needs this" : failure.hint);
             else
-                findings.warning(probe.table, text, "only model import and model remove need this");
+                findings.warning(probe.table, text, probe.without);
         }
     }
     database.rollback();

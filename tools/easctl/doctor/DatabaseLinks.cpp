@@ -192,17 +192,26 @@ Link schema(Database& database) {
 
 constexpr const char* account_link = "rights of the account";
 
+bool may_remove_tags(const Findings& findings) {
+    return std::none_of(findings.all().begin(), findings.all().end(), [](const Finding& one) {
+        return one.place == "TQVN_EnergyPolicyTag" && one.text.find("DELETE") != std::string::npos;
+    });
+}
+
 Link rights(Database& database) {
     const std::string name = account_link;
     const Findings findings = check_rights(database);
     const Finding* error = first_error(findings);
-    if (error == nullptr)
+    if (error == nullptr && may_remove_tags(findings))
         return {name, LinkStatus::ok, "reads coefficients; reads, adds and removes tags", "", ""};
+    if (error == nullptr)
+        return {name, LinkStatus::ok, "reads coefficients; reads and adds tags, as a node's", "",
+                ""};
     const std::string found = error->place + ": " + error->text;
     if (error->text.find("locked") != std::string::npos)
         return {name, LinkStatus::warning, found, "tags cannot be stored at this moment",
                 error->hint};
-    return {name, LinkStatus::denied, found, "tags cannot be stored or removed", error->hint};
+    return {name, LinkStatus::denied, found, "tags cannot be selected by or stored", error->hint};
 }
 
 /// The link where no cluster is named and there is a choice, or none; `cluster` becomes the only

@@ -1,5 +1,5 @@
 // Every name is looked up in a folder that was checked, and no link is followed.
-#include "adapters/slurm/StateFolder.h"
+#include "adapters/job/StateFolder.h"
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -17,7 +17,7 @@
 #include <stdexcept>
 #include <string_view>
 
-namespace eas::slurm {
+namespace eas::job {
 namespace {
 
 constexpr std::string_view prefix = "job-";
@@ -30,7 +30,7 @@ std::string name_of(uint32_t job) {
     throw std::runtime_error(what + ": " + std::strerror(errno));
 }
 
-/// A record has a line per CPU and a few per step.
+/// A record has a line per CPU, at most, and some more.
 constexpr size_t longest_record = size_t{16} << 20;
 
 /// Text of an open file.
@@ -92,12 +92,12 @@ Descriptor StateFolder::open(uint32_t job, int flags) const {
     return file;
 }
 
-void StateFolder::create(const JobRequest& request) const {
+void StateFolder::create(const JobRequest& request, const JobPlace& place) const {
     remove(request.job);
     const Descriptor file = open(request.job, O_WRONLY | O_CREAT | O_EXCL);
     if (!file.is_open())
         fail("a record for the job");
-    write_at_once(file.get(), line::request(request));
+    write_at_once(file.get(), line::request(request) + line::place(place));
 }
 
 void StateFolder::append(uint32_t job, const std::string& lines) const {
@@ -135,9 +135,15 @@ std::vector<uint32_t> StateFolder::jobs() const {
     return found;
 }
 
+// The name of a socket may have 107 characters, that of the folder may have more.
+std::string StateFolder::socket_of(uint32_t job) const {
+    return "/proc/self/fd/" + std::to_string(folder_.get()) + "/keeper-" + std::to_string(job);
+}
+
 void StateFolder::remove(uint32_t job) const {
+    ::unlink(socket_of(job).c_str());
     if (::unlinkat(folder_.get(), name_of(job).c_str(), 0) != 0 && errno != ENOENT)
         fail("removing a job's record");
 }
 
-}  // namespace eas::slurm
+}  // namespace eas::job

@@ -6,13 +6,14 @@
 #include <string>
 #include <string_view>
 
-namespace eas::slurm {
+namespace eas::job {
 
-/// What the plugin does with a job.
+/// What is done with a job.
 enum class Purpose {
     plain,    // nothing, but it is noted that it runs on the node
+    observe,  // it is counted; nothing is set
     measure,  // default frequency, a tag at the end
-    select,   // the frequency that the tag's predictions suggest
+    choose,   // as its tag suggests; where there is none yet, it is measured
 };
 
 /// Letters, digits, "_", "." and "-"; 1 to 255 of them.
@@ -20,21 +21,30 @@ bool is_tag_name(std::string_view text);
 /// minimize_energy, minimize_time or none.
 bool is_policy(std::string_view text);
 
-/// A job on this node, as Slurm knows it and as its owner wants it.
+/// The tag that a job's name stands for: other characters become "_", what is longer than 255 is
+/// cut. Empty for the names that many programs share: none, "bash", "sh", "interactive", "wrap".
+std::string tag_of_name(std::string_view name);
+
+/// A job on this node, as the scheduler knows it and as its owner wants it.
 struct JobRequest {
     uint32_t job = 0;
     uint32_t user = 0;
     std::string tag;
     std::string policy;
+    bool observed = false;
 
     [[nodiscard]] Purpose purpose() const {
+        if (observed)
+            return Purpose::observe;
         if (tag.empty())
             return Purpose::plain;
-        return policy.empty() || policy == "none" ? Purpose::measure : Purpose::select;
+        return policy.empty() || policy == "none" ? Purpose::measure : Purpose::choose;
     }
 };
 
 /// The first name of a list such as "n[1-3],m7".
 std::string first_node(std::string_view nodes);
+/// How many names such a list stands for.
+unsigned number_of_nodes(std::string_view nodes);
 
-}  // namespace eas::slurm
+}  // namespace eas::job

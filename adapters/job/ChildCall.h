@@ -8,9 +8,9 @@
 #include <functional>
 #include <string>
 
-#include "adapters/slurm/Descriptor.h"
+#include "adapters/job/Descriptor.h"
 
-namespace eas::slurm {
+namespace eas::job {
 
 /// What came of it, in words for the log; `good` tells whether it is as the user wanted it.
 struct Outcome {
@@ -22,13 +22,12 @@ struct Outcome {
 /// of memory; an exception in `work` becomes a bad outcome with its text.
 Outcome call_in_child(int seconds, const std::function<Outcome()>& work);
 
-/// A process beside this one, not among its children: a daemon that waits for any child of its own
-/// must not meet it. It ends by itself when this end of the channel is closed.
+/// A process beside this one, not among its children and in a session of its own: neither a daemon
+/// that waits for any child of its own nor one that ends a group of processes must meet it.
 class Companion {
   public:
-    /// `work` gets its end of the channel.
+    /// `work` gets its end of a channel.
     explicit Companion(const std::function<void(int channel)>& work);
-    void send(char word) const;
     /// What it sent since, up to `seconds` after the call; empty when nothing came.
     [[nodiscard]] std::string answer(int seconds) const;
 
@@ -36,4 +35,4 @@ class Companion {
     Descriptor channel_;
 };
 
-}  // namespace eas::slurm
+}  // namespace eas::job

@@ -5,7 +5,7 @@
 
 #include <utility>
 
-namespace eas::slurm {
+namespace eas::job {
 
 class Descriptor {
   public:
@@ -32,4 +32,4 @@ class Descriptor {
     int fd_ = -1;
 };
 
-}  // namespace eas::slurm
+}  // namespace eas::job

@@ -4,9 +4,9 @@
 #include <cstdint>
 #include <string>
 
-namespace eas::slurm {
+namespace eas::job {
 
 /// Throws std::runtime_error when the user has no name on this node.
 std::string user_name(uint32_t user);
 
-}  // namespace eas::slurm
+}  // namespace eas::job

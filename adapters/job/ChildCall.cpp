@@ -1,4 +1,4 @@
-#include "adapters/slurm/ChildCall.h"
+#include "adapters/job/ChildCall.h"
 
 #include <cxxabi.h>
 #include <dirent.h>
@@ -20,7 +20,7 @@
 #include <stdexcept>
 #include <vector>
 
-namespace eas::slurm {
+namespace eas::job {
 namespace {
 
 using Clock = std::chrono::steady_clock;
@@ -162,6 +162,7 @@ Companion::Companion(const std::function<void(int channel)>& work) {
     if (between == 0) {
         if (::fork() != 0)
             ::_exit(0);
+        ::setsid();
         settle(channel.its.get());
         guarded([&] {
             work(channel.its.get());
@@ -173,10 +174,6 @@ Companion::Companion(const std::function<void(int channel)>& work) {
     channel_ = std::move(channel.mine);
 }
 
-void Companion::send(char word) const {
-    ::send(channel_.get(), &word, 1, MSG_NOSIGNAL);
-}
-
 std::string Companion::answer(int seconds) const {
     std::array<char, 512> text;
     if (!wait_for(channel_.get(), Clock::now() + std::chrono::seconds(seconds)))
@@ -185,4 +182,4 @@ std::string Companion::answer(int seconds) const {
     return got > 0 ? std::string(text.data(), static_cast<size_t>(got)) : std::string{};
 }
 
-}  // namespace eas::slurm
+}  // namespace eas::job

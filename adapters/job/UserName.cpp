@@ -1,11 +1,11 @@
-#include "adapters/slurm/UserName.h"
+#include "adapters/job/UserName.h"
 
 #include <pwd.h>
 
 #include <array>
 #include <stdexcept>
 
-namespace eas::slurm {
+namespace eas::job {
 
 std::string user_name(uint32_t user) {
     std::array<char, 16384> space;
@@ -16,4 +16,4 @@ std::string user_name(uint32_t user) {
     return found->pw_name;
 }
 
-}  // namespace eas::slurm
+}  // namespace eas::job

@@ -1,0 +1,100 @@
+#include "adapters/slurm/Accounting.h"
+
+#include <poll.h>
+#include <slurm/slurm.h>
+#include <slurm/slurm_errno.h>
+#include <slurm/slurmdb.h>
+
+#include <cerrno>
+#include <memory>
+#include <optional>
+#include <stdexcept>
+#include <type_traits>
+
+namespace eas::slurm {
+namespace {
+
+constexpr int pause_ms = 20;  // between looks whether accounting knows of the job's end
+
+using ListOwner = std::unique_ptr<std::remove_pointer_t<List>, void (*)(List)>;
+
+[[noreturn]] void fail(const char* what) {
+    throw std::runtime_error(std::string(what) + ": " + slurm_strerror(errno));
+}
+
+class Connection {
+  public:
+    Connection() : connection_(slurmdb_connection_get(nullptr)) {
+        if (connection_ == nullptr)
+            fail("no connection to Slurm's accounting");
+    }
+    Connection(const Connection&) = delete;
+    Connection& operator=(const Connection&) = delete;
+    ~Connection() { slurmdb_connection_close(&connection_); }
+
+    [[nodiscard]] void* get() const { return connection_; }
+
+  private:
+    void* connection_;
+};
+
+/// Which job is meant. The lists own nothing of what they hold.
+class Condition {
+  public:
+    Condition(std::string& cluster, uint32_t job)
+        : clusters_(slurm_list_create(nullptr), slurm_list_destroy),
+          steps_(slurm_list_create(nullptr), slurm_list_destroy) {
+        step_.array_task_id = step_.het_job_offset = NO_VAL;
+        step_.step_id = {job, NO_VAL, NO_VAL};
+        slurm_list_append(clusters_.get(), cluster.data());
+        slurm_list_append(steps_.get(), &step_);
+        condition_.cluster_list = clusters_.get();
+        condition_.step_list = steps_.get();
+        condition_.db_flags = SLURMDB_JOB_FLAG_NOTSET;
+        condition_.flags = JOBCOND_FLAG_NO_STEP;
+    }
+    [[nodiscard]] slurmdb_job_cond_t* get() { return &condition_; }
+
+  private:
+    slurmdb_job_cond_t condition_{};
+    slurm_selected_step_t step_{};
+    ListOwner clusters_, steps_;
+};
+
+/// The comment of the job once it has ended; no value: it has not, as far as accounting knows.
+std::optional<std::string> comment_of_ended(const Connection& accounting, Condition& condition,
+                                            uint32_t number) {
+    const ListOwner jobs(slurmdb_jobs_get(accounting.get(), condition.get()), slurm_list_destroy);
+    if (jobs == nullptr)
+        fail("Slurm's accounting does not tell of the job");
+    // The list belongs to its owner, and with it each job.
+    const std::unique_ptr<std::remove_pointer_t<ListIterator>, void (*)(ListIterator)> next(
+        slurm_list_iterator_create(jobs.get()), slurm_list_iterator_destroy);
+    std::optional<std::string> comment;
+    while (const auto* job = static_cast<slurmdb_job_rec_t*>(slurm_list_next(next.get())))
+        if (job->jobid == number && job->end != 0)
+            comment = job->admin_comment != nullptr ? job->admin_comment : "";
+    return comment;
+}
+
+}  // namespace
+
+void keep_in_accounting(std::string cluster, uint32_t job, const job::RunRecord& record) {
+    const Connection accounting;
+    Condition condition(cluster, job);
+    std::optional<std::string> comment;
+    while (!(comment = comment_of_ended(accounting, condition, job)))
+        ::poll(nullptr, 0, pause_ms);
+    std::string text = with_record(*comment, record);
+    slurmdb_job_rec_t change{};
+    change.array_task_id = change.derived_ec = NO_VAL;
+    change.admin_comment = text.data();
+    const ListOwner changed(slurmdb_job_modify(accounting.get(), condition.get(), &change),
+                            slurm_list_destroy);
+    if (changed == nullptr || slurm_list_count(changed.get()) == 0)
+        fail("Slurm's accounting does not take the record");
+    if (slurmdb_connection_commit(accounting.get(), true) != 0)
+        fail("Slurm's accounting does not keep the record");
+}
+
+}  // namespace eas::slurm
