@@ -74,7 +74,8 @@ set(CPACK_DEBIAN_TOOLS_PACKAGE_SUGGESTS "gnuplot-nox | gnuplot, sqlite3, unixodb
 
 set(CPACK_DEBIAN_SLURM_PACKAGE_SECTION admin)
 set(CPACK_DEBIAN_SLURM_PACKAGE_SHLIBDEPS ON)
-set(CPACK_DEBIAN_SLURM_PACKAGE_DEPENDS "${EAS_PACKAGE_OF_library} (= ${version})")
+set(CPACK_DEBIAN_SLURM_PACKAGE_DEPENDS
+    "${EAS_PACKAGE_OF_library} (= ${version}), ${EAS_PACKAGE_OF_node} (= ${version})")
 if(slurm_release)
     string(APPEND CPACK_DEBIAN_SLURM_PACKAGE_DEPENDS
            ", slurm-wlm-basic-plugins (>= ${slurm_release})"

@@ -65,7 +65,7 @@ set(this "%{?_isa} = ${version}")
 set(CPACK_RPM_LIBRARY_PACKAGE_REQUIRES ${driver_manager})
 set(CPACK_RPM_TOOLS_PACKAGE_REQUIRES ${driver_manager})
 set(CPACK_RPM_DEVELOPMENT_PACKAGE_REQUIRES "libeas${this}, libeasnode${this}")
-set(CPACK_RPM_SLURM_PACKAGE_REQUIRES "libeas${this}")
+set(CPACK_RPM_SLURM_PACKAGE_REQUIRES "libeas${this}, libeasnode${this}")
 if(slurm_release)
     string(APPEND CPACK_RPM_SLURM_PACKAGE_REQUIRES
            ", slurm >= ${slurm_release}, slurm < ${slurm_release}.99")

@@ -43,6 +43,13 @@ std::vector<std::string> take_list(char** list, int count) {
     return names;
 }
 
+/// Names are stored as printf writes them.
+std::string as_stored(std::string name) {
+    for (auto at = name.find("%%"); at != std::string::npos; at = name.find("%%", at + 1))
+        name.erase(at, 1);
+    return name;
+}
+
 }  // namespace
 
 void LibraryOptions::add_to(CLI::App& command) {
@@ -105,6 +112,19 @@ void Library::generate(const TagRequest& request) {
         throw refusal(Function::generate_tag, code, name_of_tag(request.user, request.tag),
                       code == EAS_STORE_FAILED || code == EAS_NO_CONNECTION ? said : "");
     }
+    read_back(request);
+}
+
+/// A commit that fails is not reported, and of two servers' tags one is kept.
+void Library::read_back(const TagRequest& request) {
+    const std::vector<EnergyTag> there = query(as_stored(request.user), as_stored(request.tag));
+    const std::string name = name_of_tag(request.user, request.tag);
+    if (there.empty())
+        throw Failure(ExitCode::refused, name + ": the database did not keep it",
+                      "easctl doctor looks at the database; then try again");
+    if (there.front().job_step_id() != as_stored(request.job_id))
+        throw Failure(ExitCode::refused,
+                      name + ": there is one of job " + there.front().job_step_id() + " already");
 }
 
 std::vector<EnergyTag> Library::query(const std::string& user, const std::string& tag) {

@@ -47,6 +47,7 @@ class Library {
     [[nodiscard]] const EnergyPerfThreshold& thresholds() const;
 
     // Each throws the refusal of its function.
+    /// Reads the tag back before it returns.
     void generate(const TagRequest& request);
     /// An empty name matches all.
     std::vector<EnergyTag> query(const std::string& user, const std::string& tag);
@@ -57,6 +58,7 @@ class Library {
                                 const std::string& policy);
 
   private:
+    void read_back(const TagRequest& request);
     /// Throws Failure for names that the database would not take for names.
     void require_names(const std::string& user, const std::string& tag) const;
 
