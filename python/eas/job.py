@@ -225,6 +225,8 @@ def _make_tag(settings: Settings, record: dict[str, Any], figures: dict[str, Any
             seconds=round(figures["seconds"]),
             watts=figures["energy"] / figures["seconds"],
         )
+        if not eas.query_tag(record["user"], record["tag"]):
+            return refused + "the database did not keep it"  # a commit that fails is not reported
     except eas.Error as error:
         return refused + error.meaning
     return f'tag "{record["tag"]}" generated'
