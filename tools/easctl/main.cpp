@@ -34,6 +34,7 @@ void add_all_commands(CLI::App& app, Globals& globals) {
     add_tag_commands(app, globals);
     add_simulate_command(app, globals);
     add_node_commands(app, globals);
+    add_job_commands(app, globals);
 }
 
 /// Says what went wrong: for a person on standard error, with --json also as the result.

@@ -53,6 +53,7 @@ void add_doctor_command(CLI::App& app, Globals& globals);
 void add_fit_command(CLI::App& model, Globals& globals);
 void add_calibrate_command(CLI::App& model, Globals& globals);
 void add_node_commands(CLI::App& app, Globals& globals);
+void add_job_commands(CLI::App& app, Globals& globals);
 void add_tag_commands(CLI::App& app, Globals& globals);
 void add_simulate_command(CLI::App& app, Globals& globals);
 
