@@ -42,7 +42,7 @@ class Settings:
     default_frequency: int
     thresholds: str = "/etc/eas/thresholds.conf"
     #: folder of the records, made with mode 0700
-    state: str = "/run/eas-job"
+    state: str = "/run/eas-hook"
     #: where the joules come from; None: the meter's own order. Name the one of the calibration
     energy_sources: str | None = None
     #: s between the keeper's readings
