@@ -3,6 +3,7 @@
 #include <cerrno>
 
 #include "node/files/KeptFile.h"
+#include "node/meter/Progress.h"
 
 namespace eas::node {
 
@@ -26,21 +27,14 @@ int BoxEvents::add(const PmuDevice& device, const std::vector<BoxEvent>& events)
 void BoxEvents::read(Result& result) {
     double sum = 0;
     for (Box& box : boxes_) {
-        switch (box.group.update()) {
-            case Progress::counted:
-                break;
-            case Progress::scaled:
-                scaled_ = true;
-                break;
-            case Progress::no_data:
-                result.wait_for(box.name + ": other users had the counters since the last reading");
-                break;
-            case Progress::stopped:
-                result.end(box.name + " has stopped: the CPUs of its socket are offline");
-                return;
-            case Progress::unreadable:
-                result.end(why(box.name, errno));
-                return;
+        const Progress progress = box.group.update();
+        const int error = errno;
+        if (!goes_on(
+                progress, [&box] { return box.name; }, scaled_, result)) {
+            result.end(progress == Progress::stopped
+                           ? box.name + " has stopped: the CPUs of its socket are offline"
+                           : why(box.name, error));
+            return;
         }
         for (std::size_t i = 0; i < box.worth.size(); ++i)
             sum += static_cast<double>(box.group.totals()[i]) * box.worth[i];

@@ -4,6 +4,7 @@
 #include "base/Numbers.h"
 #include "node/files/CpuList.h"
 #include "node/meter/CoreEvents.h"
+#include "node/meter/Progress.h"
 
 namespace eas::node {
 namespace {
@@ -105,22 +106,11 @@ bool CpuEvents::follow_online_cpus(Result& result) {
 /// Reads all groups; gives up those that no longer count.
 void CpuEvents::read_groups(Result& result) {
     for (CpuGroup& group : groups_) {
-        switch (group.group.update()) {
-            case Progress::counted:
-                break;
-            case Progress::scaled:
-                scaled_ = true;
-                break;
-            case Progress::no_data:
-                result.wait_for(on_cpu(events_, group.cpu) +
-                                ": other users had the counters since the last reading");
-                break;
-            case Progress::stopped:
-            case Progress::unreadable:  // the kernel took the group of a lost CPU apart
-                retire(group);
-                online_.clear();  // it may be back already, so that the list is the same
-                break;
-        }
+        const auto who = [&] { return on_cpu(events_, group.cpu); };
+        if (goes_on(group.group.update(), who, scaled_, result))
+            continue;
+        retire(group);    // the kernel took the group of a lost CPU apart
+        online_.clear();  // it may be back already, so that the list is the same
     }
 }
 

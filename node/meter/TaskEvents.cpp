@@ -6,6 +6,7 @@
 #include "base/Numbers.h"
 #include "node/files/PseudoFile.h"
 #include "node/meter/CoreEvents.h"
+#include "node/meter/Progress.h"
 
 namespace eas::node {
 namespace {
@@ -113,12 +114,11 @@ bool TaskEvents::read(EventTotals& totals, Result& result) {
         if (read_counter(counter, now))
             progress = add_difference(counter.last, now, 1, counted);
         totals_[counter.event] += counted[0];
-        scaled_ = scaled_ || progress == Progress::scaled;
-        if (progress == Progress::no_data)
-            result.wait_for(std::string(events_.name) +
-                            ": other users had the counters since the last reading");
+        const int error = errno;
+        goes_on(
+            progress, [this] { return std::string(events_.name); }, scaled_, result);
         if (progress == Progress::unreadable)
-            result.end(why_no_event(events_.name, errno));
+            result.end(why_no_event(events_.name, error));
     }
     totals.values = totals_;
     totals.scaled = scaled_;

@@ -1,6 +1,5 @@
 // Every allocation failure of a sample, in a fake node: the n-th allocation fails, once and with
 // all later ones, for every n until the sample is taken untouched. Later samples make none.
-#include <fcntl.h>
 #include <unistd.h>
 
 #include "common/node/EasMisc.h"
@@ -13,21 +12,10 @@ namespace {
 
 using NodeAllocationFaults = NodeTest;
 
-enum Verdict { untouched, met, wrong_code, something_left, not_recovered, kept_on_exec };
-
-bool all_close_on_exec() {
-    bool all = true;
-    for (int fd = 3; fd < 256; ++fd) {
-        const int flags = ::fcntl(fd, F_GETFD);
-        all = all && (flags == -1 || (flags & FD_CLOEXEC) != 0);
-    }
-    return all;
-}
+enum Verdict { untouched, met, wrong_code, something_left, not_recovered };
 
 /// In a process of its own, where nothing is sampled yet.
 Verdict sample_with_fault(long n, bool for_good) {
-    for (int fd = 3; fd < 256; ++fd)
-        ::fcntl(fd, F_SETFD, FD_CLOEXEC);  // what was there before
     const std::string before = footprint();
     hwrusage usage{};
     fail_allocation(n, for_good);
@@ -44,8 +32,6 @@ Verdict sample_with_fault(long n, bool for_good) {
         return something_left;
     if (gethwrusage(1001, &usage) != 0)
         return not_recovered;
-    if (!all_close_on_exec())
-        return kept_on_exec;
     if (gethwrusage(0, nullptr) != 0 || footprint() != before)
         return not_recovered;
     return failed ? met : untouched;

@@ -4,11 +4,12 @@
 #include <sys/mount.h>
 #include <unistd.h>
 
-#include <memory>
+#include <sstream>
 #include <vector>
 
 #include "node/frequency/SavedSettings.h"
 #include "node/node.h"
+#include "tests/node/Frequency.h"
 #include "tests/node/NodeTest.h"
 #include "tests/node/SmallNode.h"
 #include "tests/support/ChildProcess.h"
@@ -21,57 +22,6 @@ using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 
 using PinningTest = NodeTest;
-
-struct Closer {
-    void operator()(easnode_frequency* frequency) const { easnode_frequency_close(frequency); }
-};
-
-/// The frequencies of some CPUs; `problem` is that of the last call.
-struct Frequency {
-    explicit Frequency(const char* cpus = nullptr) {
-        easnode_frequency* made = nullptr;
-        problem.size = sizeof problem;
-        code = easnode_frequency_open(cpus, &made, &problem);
-        handle.reset(made);
-    }
-    int set(int khz) { return easnode_frequency_set(handle.get(), khz, &problem); }
-    std::string save(int khz = 0) {
-        std::string text(EASNODE_FREQUENCY_TEXT_SIZE, '\0');
-        size_t length = 0;
-        EXPECT_EQ(EASNODE_OK, easnode_frequency_save(handle.get(), khz, text.data(), text.size(),
-                                                     &length, &problem));
-        return text.substr(0, length);
-    }
-    int restore(const std::string& text) {
-        return easnode_frequency_restore(handle.get(), text.data(), text.size(), &problem);
-    }
-    easnode_frequency_info info() {
-        easnode_frequency_info info{};
-        info.size = sizeof info;
-        EXPECT_EQ(EASNODE_OK, easnode_frequency_describe(handle.get(), &info));
-        return info;
-    }
-    std::vector<easnode_step> steps() {
-        std::vector<easnode_step> found(1000);
-        size_t count = 0;
-        EXPECT_EQ(EASNODE_OK,
-                  easnode_frequency_steps(handle.get(), found.data(), found.size(), &count));
-        found.resize(count);
-        return found;
-    }
-    std::vector<easnode_cpu_frequency> rows() {
-        std::vector<easnode_cpu_frequency> found(1024);
-        size_t count = 0;
-        EXPECT_EQ(EASNODE_OK,
-                  easnode_frequency_read(handle.get(), found.data(), found.size(), &count));
-        found.resize(count);
-        return found;
-    }
-
-    std::unique_ptr<easnode_frequency, Closer> handle;
-    easnode_problem problem{};
-    int code;
-};
 
 /// A node without a cpufreq driver.
 NodeShape bare() {
@@ -94,69 +44,37 @@ int restore(const std::string& text, easnode_problem* problem = nullptr) {
     return easnode_frequency_restore(nullptr, text.data(), text.size(), problem);
 }
 
-/// One write(2), as other programs of the node make it.
-void store(const std::string& path, const std::string& text) {
-    std::ofstream out(path);
-    out << text << std::flush;
-    EXPECT_TRUE(out.good()) << path;
+/// The writes that fix CPU 1: "userspace min" stands for that governor and that limit.
+std::vector<std::string> writes_of(const std::string& words, int khz) {
+    std::vector<std::string> lines;
+    std::istringstream in(words);
+    for (std::string word; in >> word;) {
+        const std::string number = "=" + std::to_string(khz);
+        if (word == "userspace")
+            lines.push_back("1 scaling_governor=userspace");
+        else
+            lines.push_back("1 scaling_" + word + (word == "setspeed" ? "" : "_freq") + number);
+    }
+    return lines;
 }
 
 TEST_F(PinningTest, EveryDriverIsFixedReadBackAndGivenBack) {
+    const int limits = EASNODE_FREQUENCY_LIMITS, userspace = EASNODE_FREQUENCY_USERSPACE;
     const struct {
         const char* shape;
         int method, policies, nominal, source;
         size_t steps;
         int lowest_step;
         int khz;
-        std::vector<std::string> writes;  // for CPU 1
+        const char* writes;  // for CPU 1, in this order
     } rows[] = {
-        {"xeon2023",
-         EASNODE_FREQUENCY_LIMITS,
-         8,
-         2000000,
-         EASNODE_NOMINAL_BASE,
-         13,
-         800000,
-         1400000,
-         {"1 scaling_min_freq=1400000", "1 scaling_max_freq=1400000"}},
-        {"epyc2019",
-         EASNODE_FREQUENCY_USERSPACE,
-         4,
-         2300000,
-         EASNODE_NOMINAL_TABLE,
-         3,
-         1500000,
-         2000000,
-         {"1 scaling_governor=userspace", "1 scaling_min_freq=2000000",
-          "1 scaling_max_freq=2000000", "1 scaling_setspeed=2000000"}},
-        {"epyc2023",
-         EASNODE_FREQUENCY_LIMITS,
-         8,
-         2750000,
-         EASNODE_NOMINAL_CPPC,
-         17,
-         1210811,
-         1210811,
-         {"1 scaling_max_freq=1210811"}},
-        {"epyc2023-passive",
-         EASNODE_FREQUENCY_USERSPACE,
-         8,
-         2750000,
-         EASNODE_NOMINAL_CPPC,
-         17,
-         1210811,
-         2700000,
-         {"1 scaling_governor=userspace", "1 scaling_min_freq=2700000",
-          "1 scaling_max_freq=2700000", "1 scaling_setspeed=2700000"}},
-        {"hybrid",
-         EASNODE_FREQUENCY_LIMITS,
-         8,
-         1800000,
-         EASNODE_NOMINAL_BASE,
-         11,
-         800000,
-         1800000,
-         {"1 scaling_min_freq=1800000", "1 scaling_max_freq=1800000"}},
+        {"xeon2023", limits, 8, 2000000, EASNODE_NOMINAL_BASE, 13, 800000, 1400000, "min max"},
+        {"epyc2019", userspace, 4, 2300000, EASNODE_NOMINAL_TABLE, 3, 1500000, 2000000,
+         "userspace min max setspeed"},
+        {"epyc2023", limits, 8, 2750000, EASNODE_NOMINAL_CPPC, 17, 1210811, 1210811, "max"},
+        {"epyc2023-passive", userspace, 8, 2750000, EASNODE_NOMINAL_CPPC, 17, 1210811, 2700000,
+         "userspace min max setspeed"},
+        {"hybrid", limits, 8, 1800000, EASNODE_NOMINAL_BASE, 11, 800000, 1800000, "min max"},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.shape);
@@ -176,7 +94,7 @@ TEST_F(PinningTest, EveryDriverIsFixedReadBackAndGivenBack) {
             EXPECT_THAT(writes(node), IsEmpty()) << "looking changes nothing";
 
             EXPECT_EQ(EASNODE_OK, one.set(row.khz)) << one.problem.text;
-            EXPECT_THAT(writes(node), ::testing::ElementsAreArray(row.writes));
+            EXPECT_THAT(writes(node), ::testing::ElementsAreArray(writes_of(row.writes, row.khz)));
             EXPECT_EQ(EASNODE_OK, one.set(row.khz));
             EXPECT_THAT(writes(node), IsEmpty()) << "it stands there already";
             for (const easnode_step& step : {steps.front(), steps.back(), steps[1]}) {
@@ -402,101 +320,6 @@ TEST_F(PinningTest, TheNominalFrequencyComesFromTheFirstSourceThatTells) {
                 const easnode_step first = one.steps().front();
                 EXPECT_EQ(first.khz == 2301000, first.turbo == 1) << "the first entry may be turbo";
             }
-        });
-    }
-}
-
-/// The clock of the handle's CPUs over a fifth of a second, in which a fake node is always busy.
-easnode_clock clock_of(Frequency& frequency, int khz) {
-    easnode_frequency_check* check = nullptr;
-    EXPECT_EQ(EASNODE_OK, easnode_frequency_check_begin(frequency.handle.get(), khz, &check));
-    ::usleep(200000);
-    easnode_clock clock{};
-    clock.size = sizeof clock;
-    EXPECT_EQ(EASNODE_OK, easnode_frequency_check_end(check, &clock));
-    return clock;
-}
-
-TEST_F(PinningTest, TheClockShowsWhetherTheHardwareFollows) {
-    enum Trouble { none, deaf, capped, moved };
-    NodeShape denied = small_node("xeon2023");
-    denied.perf_refusal = EACCES;
-    const struct {
-        NodeShape shape;
-        int khz;
-        Trouble trouble;
-        int verdict, mean;
-        const char* source;
-        const char* text;
-    } rows[] = {
-        {small_node("xeon2023"), 1400000, none, EASNODE_RUNS_AT, 1400000, "ref-cycles", ""},
-        {small_node("xeon2023"), 3000000, none, EASNODE_RUNS_AT, 3000000, "ref-cycles", ""},
-        {small_node("epyc2023"), 1500000, none, EASNODE_RUNS_AT, 1500000, "ref-cycles", ""},
-        {small_node("epyc2019"), 2300000, none, EASNODE_RUNS_AT, 2300000, "aperf/mperf", ""},
-        {small_node("xeon2023"), 1400000, deaf, EASNODE_RUNS_OTHERWISE, 3800000, "ref-cycles",
-         "turbo"},
-        {small_node("xeon2023"), 1400000, capped, EASNODE_RUNS_OTHERWISE, 1200000, "ref-cycles",
-         "heat"},
-        {small_node("xeon2023"), 1400000, moved, EASNODE_RUNS_OTHERWISE, 1800000, "ref-cycles",
-         "cpu0 has the limits 1400000 to 3000000 kHz now"},
-        {denied, 1400000, none, EASNODE_CANNOT_TELL, 0, "", "CAP_PERFMON"},
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(std::to_string(row.khz) + " " + std::to_string(row.trouble));
-        FakeNode node(row.shape);
-        inside(node, [&] {
-            Frequency all;
-            ASSERT_EQ(EASNODE_OK, all.set(row.khz)) << all.problem.text;
-            node.state().deaf = row.trouble == deaf;
-            node.state().cap_khz = row.trouble == capped ? 1200000 : 0;
-            if (row.trouble == moved)
-                store(policy_file(0, "scaling_max_freq"), "3000000");
-            const easnode_clock clock = clock_of(all, row.khz);
-            EXPECT_EQ(row.verdict, clock.verdict) << clock.mean_khz << ' ' << clock.text;
-            EXPECT_NEAR(row.mean, clock.mean_khz, 0.1 * row.mean);
-            EXPECT_STREQ(row.source, clock.source);
-            EXPECT_THAT(clock.text, HasSubstr(row.text));
-            easnode_frequency_check* check = nullptr;
-            ASSERT_EQ(EASNODE_OK, easnode_frequency_check_begin(all.handle.get(), row.khz, &check));
-            EXPECT_EQ(EASNODE_OK, easnode_frequency_check_end(check, nullptr)) << "given up";
-        });
-    }
-}
-
-TEST_F(PinningTest, CountsCpusThatAreOnline) {
-    const struct {
-        const char* shape;
-        int cpus, sockets, cores, threads;
-    } rows[] = {
-        {"xeon2023", 224, 2, 112, 2},
-        {"hybrid", 24, 1, 16, 2},
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.shape);
-        NodeShape shape = fake::read_shape(row.shape);
-        put(shape, "/sys/devices/system/node/online", "0-1");
-        put(shape, "/sys/devices/system/node/node0/cpulist", "0-1023");
-        put(shape, "/sys/devices/system/node/node1/cpulist", "");  // memory alone
-        FakeNode node(shape);
-        inside(node, [&] {
-            easnode_topology found{};
-            found.size = sizeof found;
-            ASSERT_EQ(EASNODE_OK, easnode_topology_read(&found));
-            EXPECT_EQ(row.cpus, found.cpus);
-            EXPECT_EQ(row.sockets, found.sockets);
-            EXPECT_EQ(row.cores, found.cores);
-            EXPECT_EQ(row.threads, found.threads_per_core);
-            EXPECT_EQ(1, found.numa_nodes);
-            store(cpu_folder + "cpu1/online", "0");
-            std::vector<easnode_cpu> cpus(1024);
-            size_t count = 0;
-            EXPECT_EQ(EASNODE_TOO_SMALL, easnode_topology_cpus(cpus.data(), 1, &count));
-            ASSERT_EQ(static_cast<size_t>(row.cpus - 1), count);
-            ASSERT_EQ(EASNODE_OK, easnode_topology_cpus(cpus.data(), cpus.size(), &count));
-            EXPECT_EQ(2, cpus[1].cpu) << "a hole";
-            EXPECT_EQ(row.sockets - 1, cpus[count - 1].socket);
-            EXPECT_EQ(EASNODE_BAD_ARGUMENT, Frequency("1").code);
-            store(cpu_folder + "cpu1/online", "1");
         });
     }
 }

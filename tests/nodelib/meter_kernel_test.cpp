@@ -2,7 +2,6 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <linux/perf_event.h>
-#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -14,7 +13,6 @@
 #include <thread>
 
 #include "node/meter/CoreEvents.h"
-#include "node/meter/DescriptorRoom.h"
 #include "node/node.h"
 #include "tests/support/ScratchFolder.h"
 
@@ -285,33 +283,6 @@ TEST_F(SiteCommandTest, SeesNothingOfTheProgramThatAsks) {
         meter_of("[ -z \"$SECRET\" ] && [ ! -e /proc/$$/fd/77 ] && echo 5", EASNODE_COMMAND_JOULES);
     const easnode_reading reading = reading_of(meter);
     EXPECT_EQ(EASNODE_COUNTED, reading.energy.quality) << reading.energy.reason;
-}
-
-TEST(DescriptorRoom, LeavesTheProgramItsOwnNumbersAndItsLimit) {
-    rlimit before{};
-    ASSERT_EQ(0, ::getrlimit(RLIMIT_NOFILE, &before));
-    ASSERT_GT(before.rlim_max, 400U);
-    rlimit low = before;
-    low.rlim_cur = 64;
-    ASSERT_EQ(0, ::setrlimit(RLIMIT_NOFILE, &low));
-    std::vector<UniqueFd> events;
-    {
-        const DescriptorRoom room;
-        for (int i = 0; i < 100; ++i)
-            events.push_back(open_event(task_clock[0], {0, -1, false, false}, -1, false));
-    }
-    rlimit after{};
-    ::getrlimit(RLIMIT_NOFILE, &after);
-    EXPECT_EQ(low.rlim_cur, after.rlim_cur);
-    for (const UniqueFd& event : events) {
-        EXPECT_GE(event.get(), 64);
-        std::array<uint64_t, 3> words{};
-        EXPECT_EQ(static_cast<ssize_t>(sizeof words),
-                  ::read(event.get(), words.data(), sizeof words));
-    }
-    const UniqueFd own(::open("/dev/null", O_RDONLY | O_CLOEXEC));
-    EXPECT_LT(own.get(), 64);
-    EXPECT_GE(own.get(), 0);
 }
 
 }  // namespace

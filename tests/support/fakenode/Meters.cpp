@@ -1,6 +1,5 @@
 #include "tests/support/fakenode/Meters.h"
 
-#include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <fstream>
@@ -109,60 +108,33 @@ void Meters::attach_zone(const std::string& name, TreeEntry& zone, TreeEntry& zo
                 [=] { return line(std::fmod(start + std::floor(joules() * 1e6), range)); });
 }
 
-/// A chip is live if the shape gives it a share; what its OEM text or label calls a part of a
-/// socket has the share of the text's first word.
+/// A chip is live if the shape gives it a share; what its OEM text calls a part of a socket has the
+/// share of the text's first word.
 void Meters::attach_hwmon(TreeEntry& chip) {
     const double whole = share(chip.value("name"), 0);
-    for (int i = 1; whole > 0 && i <= 8; ++i) {
-        for (const std::string folder : {"", "device/"}) {
-            const std::string power = folder + "power" + std::to_string(i);
-            const std::string energy = folder + "energy" + std::to_string(i);
-            const std::string part = chip.value(power + "_oem_info", chip.value(energy + "_label"));
-            const double factor = whole * share(part.substr(0, part.find(' ')), 1);
-            const int socket = part.find("ocket") == part.npos ? -1 : number_after(part, "ocket ");
-            const auto joules = this->joules(factor, socket);
-            const double interval =
-                static_cast<double>(chip.number(power + "_average_interval", 1000)) / 1e3;
-            if (chip.find(power + "_average") != nullptr) {
-                Sampled& meter = sampled(interval, joules);
-                chip.attach(power + "_average", [&meter] { return line(meter.watts * 1e6); });
-            }
-            const auto start = static_cast<double>(chip.number(energy + "_input"));
-            chip.attach(energy + "_input", [=] { return line(start + joules() * 1e6); });
-        }
+    for (const std::string power : {"power1", "device/power1"}) {
+        if (whole <= 0 || chip.find(power + "_average") == nullptr)
+            continue;
+        const std::string part = chip.value(power + "_oem_info");
+        const double factor = whole * share(part.substr(0, part.find(' ')), 1);
+        const int socket = part.empty() ? -1 : number_after(part, "ocket ");
+        const auto interval = chip.number(power + "_average_interval", 1000);
+        Sampled& meter = sampled(static_cast<double>(interval) / 1e3, joules(factor, socket));
+        chip.attach(power + "_average", [&meter] { return line(meter.watts * 1e6); });
     }
 }
 
-/// energy, cpu_energy and the like: "598732067 J", on newer systems with a time behind it.
+/// As newer systems have it, with a time behind it, on a page padded with NULs.
 void Meters::attach_node_counter(TreeEntry& folder) {
     Sampled& node = sampled(node_counter_interval, joules(share("node", 1), -1));
-    const auto scans = folder.number("freshness");
-    folder.attach("freshness",
-                  [&node, scans] { return line(static_cast<double>(scans + node.count)); });
-    for (auto& [name, file] : folder.children) {
-        const bool energy = name.size() >= 6 && name.substr(name.size() - 6) == "energy";
-        if (!energy && name != "power")
-            continue;
-        const double part =
-            name == "energy" || name == "power" ? 1 : share(name.substr(0, name.size() - 7), 0.5);
-        const std::string rest = file->text;
-        const auto start = static_cast<double>(folder.number(name));
-        folder.attach(name, [=, &node] {
-            std::string text = line(start + part * node.reading);
-            if (!energy)
-                text = line(node.watts);
-            text.back() = ' ';
-            text += energy ? "J" : "W";
-            if (rest.find(" us") != rest.npos) {
-                const auto now = std::chrono::system_clock::now().time_since_epoch();
-                text += " " + std::to_string(now / std::chrono::microseconds(1)) + " us";
-            }
-            text += "\n";
-            if (rest.find('\0') != rest.npos)
-                text.resize(4096, '\0');
-            return text;
-        });
-    }
+    const auto start = static_cast<double>(folder.number("energy"));
+    folder.attach("energy", [start, &node] {
+        std::string text = line(start + node.reading);
+        text.back() = ' ';
+        text += "J 1700000000000000 us\n";
+        text.resize(4096, '\0');
+        return text;
+    });
 }
 
 void Meters::attach_resctrl(TreeEntry& root) {

@@ -45,13 +45,6 @@ int put(const std::string& path, const std::string& text) {
                : errno;
 }
 
-/// 0, or the errno of reading.
-int read_error(const std::string& path) {
-    const UniqueFd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
-    char byte = 0;
-    return file.is_open() && ::read(file.get(), &byte, 1) == 1 ? 0 : errno;
-}
-
 /// A descriptor, or a negative errno.
 int open_event(const std::string& pmu, uint64_t config, int cpu, int leader = -1) {
     perf_event_attr attr{};
@@ -103,39 +96,6 @@ TEST_F(Shapes, ABoxCountsForEveryOneWhoOpensItAndOnlyWhatItsCodeMeans) {
     });
 }
 
-// The readings of a power cap, of half the time, of none.
-TEST_F(Shapes, TheClockFollowsWhatTheNodeDoesNotWhatItWasAsked) {
-    FakeNode node(read_shape("xeon2023"));
-    inside(node, [&] {
-        const int cycles = open_event("cpu", PERF_COUNT_HW_CPU_CYCLES, 3, -2);
-        const int reference = open_event("cpu", PERF_COUNT_HW_REF_CPU_CYCLES, 3, cycles);
-        ASSERT_LT(0, reference);
-        const auto clock = [&] {
-            const Words before = words_of(cycles);
-            pass(50);
-            const Words after = words_of(cycles);
-            EXPECT_EQ(2U, after[0]);
-            return 2000 * ratio(after[3] - before[3], after[4] - before[4]);  // MHz
-        };
-        EXPECT_NEAR(3800, clock(), 10);
-        const std::string policy = cpus + "cpufreq/policy3/";
-        EXPECT_EQ(0, put(policy + "scaling_max_freq", "1650000\n"));
-        EXPECT_EQ("1650000\n", read_file(policy + "scaling_max_freq"));
-        EXPECT_NEAR(1600, clock(), 10) << "steps of 100 MHz";
-        node.state().cap_khz = 1200000;
-        EXPECT_NEAR(1200, clock(), 10);
-        node.state().running_percent = 0;
-        const Words stopped = words_of(cycles);
-        pass(20);
-        EXPECT_EQ(stopped[2], words_of(cycles)[2]);
-        EXPECT_EQ(0, put(cpus + "cpu3/online", "0\n"));
-        EXPECT_EQ("0-2,4-223\n", read_file(cpus + "online"));
-        EXPECT_EQ(1U, words_of(cycles)[0]) << "the group falls apart";
-        EXPECT_EQ(-ENODEV, open_event("cpu", PERF_COUNT_HW_CPU_CYCLES, 3));
-        EXPECT_EQ(EBUSY, put(policy + "scaling_max_freq", "2000000"));
-    });
-}
-
 TEST_F(Shapes, LimitsAreKeptAsTheDriverKeepsThem) {
     FakeNode node(read_shape("epyc2019"));
     inside(node, [] {
@@ -156,26 +116,6 @@ TEST_F(Shapes, LimitsAreKeptAsTheDriverKeepsThem) {
         EXPECT_EQ(0, put(cpus + "cpufreq/boost", "1"));
         EXPECT_EQ("2300000\n", read_file(policy + "scaling_max_freq")) << "set anew";
         EXPECT_EQ(EACCES, put(policy + "scaling_driver", "other"));
-    });
-}
-
-TEST_F(Shapes, AnArchiveOfFilesIsANode) {
-    const test::ScratchFolder folder;
-    const std::string tree = folder.path("tree"), archive = folder.path("node.tar.gz");
-    test::write_file(tree + cpus + "online", "0-1,4\n");
-    test::write_file(tree + cpus + "present", "0-4\n");
-    test::write_file(tree + cpus + "possible", "0-7\n");
-    test::write_file(tree + "/sys/class/powercap/intel-rapl:0/name", "package-0\n");
-    test::write_file(tree + "/sys/class/powercap/intel-rapl:0/energy_uj", "7\n");
-    test::write_file(tree + "/unreadable",
-                     "/sys/class/powercap/intel-rapl:1/energy_uj: Permission denied\n");
-    ASSERT_EQ(0, std::system(("tar -czf " + archive + " -C " + tree + " .").c_str()));
-    FakeNode node(read_shape(archive));
-    inside(node, [] {
-        EXPECT_EQ("0-1,4\n", read_file(cpus + "online"));
-        pass(20);
-        EXPECT_GT(std::atoi(read_file("/sys/class/powercap/intel-rapl:0/energy_uj").c_str()), 1000);
-        EXPECT_EQ(EACCES, read_error("/sys/class/powercap/intel-rapl:1/energy_uj"));
     });
 }
 

@@ -1,0 +1,119 @@
+// Whether the CPUs run at the frequency that was set, by each way to tell it; and how they are
+// counted.
+#include <gmock/gmock.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "tests/node/Frequency.h"
+#include "tests/node/NodeTest.h"
+#include "tests/node/SmallNode.h"
+
+namespace eas::test {
+namespace {
+
+using ::testing::HasSubstr;
+
+using ClockTest = NodeTest;
+
+/// The clock of the handle's CPUs over that time, in which a fake node is always busy.
+easnode_clock clock_of(Frequency& frequency, int khz, unsigned microseconds) {
+    easnode_frequency_check* check = nullptr;
+    EXPECT_EQ(EASNODE_OK, easnode_frequency_check_begin(frequency.handle.get(), khz, &check));
+    ::usleep(microseconds);
+    easnode_clock clock{};
+    clock.size = sizeof clock;
+    EXPECT_EQ(EASNODE_OK, easnode_frequency_check_end(check, &clock));
+    return clock;
+}
+
+TEST_F(ClockTest, TheClockShowsWhetherTheHardwareFollows) {
+    enum Trouble { none, deaf, capped, moved };
+    NodeShape denied = small_node("xeon2023");
+    denied.perf_refusal = EACCES;
+    NodeShape no_reference = small_node("epyc2019");  // nor that of its family
+    put(no_reference, "/sys/bus/event_source/devices/msr/events/mperf", "!ENOENT");
+    const struct {
+        NodeShape shape;
+        int khz;
+        Trouble trouble;
+        int verdict, mean;
+        const char* source;
+        const char* text;
+    } rows[] = {
+        {small_node("xeon2023"), 1400000, none, EASNODE_RUNS_AT, 1400000, "ref-cycles", ""},
+        {small_node("xeon2023"), 3000000, none, EASNODE_RUNS_AT, 3000000, "ref-cycles", ""},
+        {small_node("epyc2023"), 1500000, none, EASNODE_RUNS_AT, 1500000, "ref-cycles", ""},
+        {small_node("epyc2019"), 2300000, none, EASNODE_RUNS_AT, 2300000, "aperf/mperf", ""},
+        {small_node("xeon2023"), 1400000, deaf, EASNODE_RUNS_OTHERWISE, 3800000, "ref-cycles",
+         "turbo"},
+        {small_node("xeon2023"), 1400000, capped, EASNODE_RUNS_OTHERWISE, 1200000, "ref-cycles",
+         "heat"},
+        {small_node("xeon2023"), 1400000, moved, EASNODE_RUNS_OTHERWISE, 1800000, "ref-cycles",
+         "cpu0 has the limits 1400000 to 3000000 kHz now"},
+        {no_reference, 2000000, none, EASNODE_RUNS_AT, 2000000, "busy time", ""},
+        {denied, 1400000, none, EASNODE_CANNOT_TELL, 0, "", "CAP_PERFMON"},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(std::to_string(row.khz) + " " + std::to_string(row.trouble));
+        FakeNode node(row.shape);
+        inside(node, [&] {
+            Frequency all;
+            ASSERT_EQ(EASNODE_OK, all.set(row.khz)) << all.problem.text;
+            node.state().deaf = row.trouble == deaf;
+            node.state().cap_khz = row.trouble == capped ? 1200000 : 0;
+            if (row.trouble == moved)
+                store(policy_file(0, "scaling_max_freq"), "3000000");
+            const easnode_clock clock =
+                clock_of(all, row.khz, row.source == std::string("busy time") ? 1200000 : 200000);
+            EXPECT_EQ(row.verdict, clock.verdict) << clock.mean_khz << ' ' << clock.text;
+            EXPECT_NEAR(row.mean, clock.mean_khz, 0.1 * row.mean);
+            EXPECT_STREQ(row.source, clock.source);
+            EXPECT_THAT(clock.text, HasSubstr(row.text));
+            easnode_frequency_check* check = nullptr;
+            ASSERT_EQ(EASNODE_OK, easnode_frequency_check_begin(all.handle.get(), row.khz, &check));
+            EXPECT_EQ(EASNODE_OK, easnode_frequency_check_end(check, nullptr)) << "given up";
+        });
+    }
+}
+
+TEST_F(ClockTest, CountsCpusThatAreOnline) {
+    const struct {
+        const char* shape;
+        int cpus, sockets, cores, threads;
+    } rows[] = {
+        {"xeon2023", 224, 2, 112, 2},
+        {"hybrid", 24, 1, 16, 2},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.shape);
+        NodeShape shape = fake::read_shape(row.shape);
+        put(shape, "/sys/devices/system/node/online", "0-1");
+        put(shape, "/sys/devices/system/node/node0/cpulist", "0-1023");
+        put(shape, "/sys/devices/system/node/node1/cpulist", "");  // memory alone
+        FakeNode node(shape);
+        inside(node, [&] {
+            easnode_topology found{};
+            found.size = sizeof found;
+            ASSERT_EQ(EASNODE_OK, easnode_topology_read(&found));
+            EXPECT_EQ(row.cpus, found.cpus);
+            EXPECT_EQ(row.sockets, found.sockets);
+            EXPECT_EQ(row.cores, found.cores);
+            EXPECT_EQ(row.threads, found.threads_per_core);
+            EXPECT_EQ(1, found.numa_nodes);
+            store(cpu_folder + "cpu1/online", "0");
+            std::vector<easnode_cpu> cpus(1024);
+            size_t count = 0;
+            EXPECT_EQ(EASNODE_TOO_SMALL, easnode_topology_cpus(cpus.data(), 1, &count));
+            ASSERT_EQ(static_cast<size_t>(row.cpus - 1), count);
+            ASSERT_EQ(EASNODE_OK, easnode_topology_cpus(cpus.data(), cpus.size(), &count));
+            EXPECT_EQ(2, cpus[1].cpu) << "a hole";
+            EXPECT_EQ(row.sockets - 1, cpus[count - 1].socket);
+            EXPECT_EQ(EASNODE_BAD_ARGUMENT, Frequency("1").code);
+            store(cpu_folder + "cpu1/online", "1");
+        });
+    }
+}
+
+}  // namespace
+}  // namespace eas::test
