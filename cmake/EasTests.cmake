@@ -26,6 +26,10 @@ function(eas_add_test name)
     target_link_libraries(${name} PRIVATE eas_options eas_objects eas_test_support GTest::gmock
                                           GTest::gtest_main ${arg_LIBRARIES})
     eas_compile_as_test(${name})
+    if(NOT TARGET tests-${arg_LABELS})  # builds what one label needs
+        add_custom_target(tests-${arg_LABELS})
+    endif()
+    add_dependencies(tests-${arg_LABELS} ${name})
     target_precompile_headers(${name} REUSE_FROM eas_test_support)
     set(properties LABELS ${arg_LABELS} TIMEOUT ${arg_TIMEOUT})
     if(arg_SERIAL)  # it holds times against each other
