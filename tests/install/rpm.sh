@@ -49,12 +49,12 @@ stand_in() {
         --buildroot "$scratch/$name" "$scratch/$name.spec"
 }
 
-# What the packages ask of the C and C++ libraries, by the names of these.
-asked_of_the_toolchain() {
+# What the packages ask of the C and C++ libraries, and which commands, by the names of these.
+asked_of_the_base() {
     local package
     for package in "$repository"/*eas*.rpm; do
         rpm -qp --requires "$package"
-    done | grep -E '^(lib(c|m|gcc_s|stdc\+\+)|ld-linux-x86-64|rtld)[.(]' | sort -u | sed 's/^/Provides: /'
+    done | grep -E '^((lib(c|m|gcc_s|stdc\+\+)|ld-linux-x86-64|rtld)[.(]|/)' | sort -u | sed 's/^/Provides: /'
 }
 
 copy_of_host() {
@@ -71,9 +71,8 @@ make_stand_ins() {
     copy_of_host basesystem /bin/sh /sbin/ldconfig /lib64/ld-linux-x86-64.so.2 "${libraries[@]}"
     install -d "$scratch/basesystem/etc"
     echo /usr/lib64 >"$scratch/basesystem/etc/ld.so.conf"
-    mapfile -t provides < <(asked_of_the_toolchain)
-    stand_in basesystem 1 "${provides[@]}" \
-        "Provides: /bin/sh, /sbin/ldconfig, /usr/bin/env, /usr/bin/pkg-config"
+    mapfile -t provides < <(asked_of_the_base)
+    stand_in basesystem 1 "${provides[@]}"
     stand_in unixODBC-devel 2.3.9 "Provides: unixODBC-devel(x86-64)"
     stand_in python3 3.9.18 "Provides: python(abi) = 3.9"
     [ -z "$slurm_release" ] || stand_in slurm "$slurm_release.8"
