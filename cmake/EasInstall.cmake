@@ -37,7 +37,8 @@ set(data_dir ${CMAKE_INSTALL_DATADIR}/eas)
 install(FILES examples/scheduler.c examples/node_daemon.c examples/node_meter.c
               examples/node_frequency.c DESTINATION ${data_dir}/examples
         COMPONENT development)
-install(DIRECTORY examples/cluster examples/galera examples/haproxy examples/hooks examples/odbc
+install(DIRECTORY examples/cluster examples/galera examples/haproxy examples/hooks examples/metrics
+                  examples/odbc
         DESTINATION ${data_dir}/examples COMPONENT tools USE_SOURCE_PERMISSIONS)
 install(DIRECTORY sql DESTINATION ${data_dir} COMPONENT tools)
 install(DIRECTORY docs/ DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/eas COMPONENT tools

@@ -59,36 +59,6 @@ constexpr bool is_plain(char c) {
            std::string_view("_.:+,/@-").find(c) != std::string_view::npos;
 }
 
-std::string encoded(std::string_view text) {
-    constexpr std::string_view digits = "0123456789ABCDEF";
-    std::string out;
-    for (const char c : text) {
-        const auto byte = static_cast<unsigned char>(c);
-        if (is_plain(c))
-            out += c;
-        else
-            out.append({'%', digits[byte / 16U], digits[byte % 16U]});
-    }
-    return out;
-}
-
-/// What is no escape stays as it is.
-std::string decoded(std::string_view text) {
-    std::string out;
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        unsigned byte = 0;
-        const char* const from = text.data() + i + 1;
-        if (text[i] == '%' && i + 2 < text.size() &&
-            std::from_chars(from, from + 2, byte, 16).ptr == from + 2) {
-            out += static_cast<char>(byte);
-            i += 2;
-        } else {
-            out += text[i];
-        }
-    }
-    return out;
-}
-
 /// The shortest text that reads back as the same number.
 std::string number(double value) {
     std::array<char, 32> text;
@@ -128,13 +98,42 @@ void read_word(std::string_view text, RunRecord& record) {
             continue;
         const std::string_view value = text.substr(equals + 1);
         if (known.text != nullptr)
-            record.*known.text = decoded(value);
+            record.*known.text = from_word(value);
         else
             record.*known.figure = figure(value);
     }
 }
 
 }  // namespace
+
+std::string to_word(std::string_view text) {
+    constexpr std::string_view digits = "0123456789ABCDEF";
+    std::string out;
+    for (const char c : text) {
+        const auto byte = static_cast<unsigned char>(c);
+        if (is_plain(c))
+            out += c;
+        else
+            out.append({'%', digits[byte / 16U], digits[byte % 16U]});
+    }
+    return out;
+}
+
+std::string from_word(std::string_view text) {
+    std::string out;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        unsigned byte = 0;
+        const char* const from = text.data() + i + 1;
+        if (text[i] == '%' && i + 2 < text.size() &&
+            std::from_chars(from, from + 2, byte, 16).ptr == from + 2) {
+            out += static_cast<char>(byte);
+            i += 2;
+        } else {
+            out += text[i];
+        }
+    }
+    return out;
+}
 
 std::string to_text(const RunRecord& record) {
     std::string out(begin);
@@ -143,7 +142,7 @@ std::string to_text(const RunRecord& record) {
     };
     for (const Word& known : words) {
         if (known.text != nullptr && !(record.*known.text).empty())
-            add(known.key, encoded(record.*known.text));
+            add(known.key, to_word(record.*known.text));
         if (known.figure != nullptr && record.*known.figure)
             add(known.key, number(*(record.*known.figure)));
     }

@@ -47,6 +47,10 @@ struct RunRecord {
     std::optional<double> default_joules;
 };
 
+/// A text as the value of a word, and back; what is no escape stays as it is.
+std::string to_word(std::string_view text);
+std::string from_word(std::string_view word);
+
 /// The record as words, without a line end.
 std::string to_text(const RunRecord& record);
 

@@ -185,6 +185,23 @@ class JsonDocuments : public NodeTest {
                "6.6e13", "--instructions", "1.5e14", "--memory-bytes", "1e13"});
         run({"tag", "verify", "--jobs", runs.path()});
         run({"simulate", jobs.path(), "--sweep", "0:2:1", "--class-column", "user"}, 1);
+        const ScratchFile history(
+            "user,tag,job_id,class,cluster,start,end,outcome,reason,policy,type,meter,"
+            "frequency_khz,default_frequency_khz,nodes,count,elapsed_s,energy_j,spread,cycles,"
+            "instructions,memory_bytes,predicted_s,predicted_j,default_s,default_j\n"
+            "anna,hpl,1,a,c,1,9,used,r,minimize_energy,t,m,2000000,2300000,2,1,8,9,0.1,1,1,1,9,9,"
+            "9,9\n");
+        run({"history", history.path()}, 1);
+        run({"report", history.path(), "--price", "1", "--co2", "1"}, 1);
+        run({"drift", history.path(), "--all"}, 1);
+        run({"metrics", history.path()}, 1);
+        run({"tag", "list", "--runs", history.path()});
+        const ScratchFile tags(run_easctl({"tag", "export"}).out);
+        run({"tag", "export"});
+        const ScratchFile changed(tags.text() + "anna,zz,1,1,1200000,1,0,1,0\n");
+        run({"tag", "import", changed.path()});
+        run({"tag", "regenerate", "--jobs", jobs.path()});
+        run({"tag", "import", changed.path()});
         run({"tag", "remove", "--all", "--yes"});
     }
 

@@ -80,11 +80,12 @@ TEST_P(Tags, AreMadeOfWhatAJobsFileHoldsAndTheOtherRowsAreNamed) {
 
 TEST_P(Tags, AreListedShownAndSelectedFrom) {
     generate_sample();
+    plain().run("update TQVN_EnergyPolicyTag set create_time = 1700000000");
     EXPECT_EQ(tag({"list", "--user", "bert", "--format", "csv"}).out,
               "user,tag,job_id,default_frequency_khz,elapsed_s,power_w,minimize_energy_khz,"
-              "minimize_time_khz\n"
-              "bert,md,1002.0,2300000,3600,270.1,2200000,2700000\n"
-              "bert,solve,1005.0,2300000,900,260.3,2000000,2400000\n");
+              "minimize_time_khz,created_s,model\n"
+              "bert,md,1002.0,2300000,3600,270.1,2200000,2700000,1700000000,present\n"
+              "bert,solve,1005.0,2300000,900,260.3,2000000,2400000,1700000000,present\n");
 
     const std::string picture = database().folder() / "triad.svg";
     expect_all({{{"tag", "show", "--user", "carla", "--tag", "triad", "--plot", picture},
@@ -223,6 +224,115 @@ TEST_P(Tags, AreRemovedOnlyAsFarAsWasSaid) {
     EXPECT_EQ(tag({"remove", "--user", "anna"}).code, 0);
 }
 
+/// The coefficients with one figure changed in the fourth digit, as by another calibration.
+std::string other_model() {
+    std::string text = source_file("examples/cluster/coefficients.txt");
+    const std::size_t place = text.find("1800000:0.");
+    text[place + 13] = text[place + 13] == '9' ? '8' : '9';
+    return text;
+}
+
+/// A record of a run by what it measured against its prediction.
+std::string run_line(const std::string& user, const std::string& tag, int end, double miss) {
+    return "eas=1 outcome=used policy=minimize_energy user=" + user + " tag=" + tag +
+           " start=" + std::to_string(1700000000 + end) +
+           " frequency=2000000 nodes=1 predicted_seconds=100 predicted_joules=1000 seconds=100 "
+           "joules=" +
+           std::to_string(1000 * (1 + miss)) + "\n";
+}
+
+TEST_P(Tags, OfAnotherModelAreToldAndMadeAnewOrRemoved) {
+    generate_sample();
+    EXPECT_THAT(run_easctl({"doctor"}).out, HasSubstr("6 tags, all by the present model"));
+    const ScratchFile model(other_model());
+    expect_all({{{"model", "import", model.path(), "--cluster", "sample", "--replace"}, 0, ""},
+                {{"tag", "list", "--before-model"}, 0, "other"},
+                {{"doctor"}, 0, "6 of 6 tags were made by another model"}});
+    // Only what is meant, and only what a run is known of.
+    const ToolRun some = tag({"regenerate", "--user", "anna", "--jobs", cluster_file("jobs.csv")});
+    EXPECT_EQ(some.out,
+              "regenerated tag \"flame\" of anna from job 1003.0\n"
+              "regenerated tag \"hpl\" of anna from job 1001.0\n");
+    const ScratchFile jobs(
+        "user,tag,job_id,elapsed_s,power_w,cycles,instructions,memory_bytes\n"
+        "bert,md,7,3600,270.1,1.3e14,1.6e14,7e13\nbert,md,8,3600,271,1.3e14,1.6e14,7e13\n");
+    const json made = tag_json({"regenerate", "--before-model", "--jobs", jobs.path()}, 1);
+    EXPECT_EQ(made["regenerated"].size(), 1U);
+    EXPECT_EQ(made["figures_unknown"].size(), 3U);
+    EXPECT_EQ(tag_json({"list", "--tag", "md"})["tags"][0]["job_id"], "8");  // the last one
+
+    const ToolRun asked = run_easctl({"tag", "remove", "--before-model"}, "", "n\n");
+    EXPECT_EQ(asked.code, 1);
+    EXPECT_THAT(asked.err, HasSubstr("remove 3 tags of 2 users of cluster \"sample\"?"));
+    EXPECT_EQ(tag_json({"remove", "--before-model", "--older-than", "1d", "--yes"})["removed"],
+              json::array());
+    EXPECT_EQ(tag_json({"remove", "--before-model", "--yes"})["removed"].size(), 3U);
+    EXPECT_EQ(tag_json({"list"})["tags"].size(), 3U);
+}
+
+TEST_P(Tags, ThatRunsNoLongerFitOrNobodyUsesAreToldByTheRuns) {
+    generate_sample();
+    std::string lines;
+    for (int i = 0; i < 12; ++i) {
+        lines += run_line("anna", "hpl", i, i == 5 ? -0.5 : 0.15);   // 11 of 12
+        lines += run_line("anna", "flame", i, i < 2 ? -0.5 : 0.15);  // 10 of 12
+        lines += run_line("bert", "md", i, i % 2 == 0 ? 0.3 : -0.3);
+        lines += run_line("carla", "triad", i, 0.09);
+    }
+    const ScratchFile runs(lines);
+    const auto names = [&](std::vector<std::string> options) {
+        options.insert(options.begin(), "list");
+        options.insert(options.end(), {"--runs", runs.path()});
+        std::vector<std::string> found;
+        const json listed = tag_json(options);
+        for (const json& one : listed["tags"])
+            found.push_back(one["tag"]);
+        return found;
+    };
+    using ::testing::ElementsAre;
+    EXPECT_THAT(names({"--stale"}), ElementsAre("hpl"));
+    EXPECT_THAT(names({"--unused"}), ElementsAre("solve", "forecast"));
+    EXPECT_THAT(names({"--stale", "--tag-limit", "20"}), ElementsAre());
+    expect_all({{{"doctor", "--runs", runs.path()}, 0, "1 of 4 tags stale by 48 runs"},
+                {{"tag", "remove", "--stale"}, 2, "--stale and --unused are told by runs"}});
+
+    // Nine tags of three users that all miss by 7 %: no tag is stale, but the model is.
+    lines.clear();
+    for (int i = 0; i < 108; ++i)
+        lines += run_line("u" + std::to_string(i % 3), std::to_string(i % 9), i, 0.07);
+    const ScratchFile drifted(lines);
+    const json drift = document_of({"drift", drifted.path()}, 1);
+    EXPECT_EQ(drift["stale"], 0);
+    EXPECT_EQ(drift["model"]["state"], "stale");
+    EXPECT_EQ(document_of({"drift", drifted.path(), "--model-limit", "8"})["model"]["state"],
+              "fits");
+}
+
+TEST_P(Tags, AreTheSameAfterExportAndImportWhateverTheirNames) {
+    generate_sample();
+    EXPECT_EQ(tag({"generate", "--user", "e,\"%\n\xff", "--tag", "#1", "--job-id", "1 2",
+                   "--cycles", "6.624e13", "--instructions", "1.555806e14", "--memory-bytes",
+                   "9.957159e12", "--elapsed", "1800", "--power", "300.1"})
+                  .code,
+              0);
+    const auto rows = [&] {
+        return plain().run("select * from TQVN_EnergyPolicyTag order by 2, 1, 5");
+    };
+    const auto before = rows();
+    const ScratchFile file(tag({"export", "-q"}).out);
+    EXPECT_EQ(tag_json({"import", file.path()})["same"], 7);
+    EXPECT_EQ(tag({"remove", "--all", "--yes"}).code, 0);
+    EXPECT_EQ(tag_json({"import", file.path()})["stored"], 7);
+    EXPECT_EQ(rows(), before);
+    EXPECT_EQ(tag({"export", "-q"}).out, file.text());
+    plain().run("update TQVN_EnergyPolicyTag set create_time = 5 where energy_tag_name = 'md'");
+    EXPECT_EQ(tag_json({"import", file.path()}, 1)["failed"][0]["tag"], "md");
+    EXPECT_EQ(tag_json({"import", file.path(), "--replace"})["stored"], 1);
+    EXPECT_EQ(rows(), before);
+    const ScratchFile cut(file.text().substr(0, file.text().find_last_of(',') - 9));
+    EXPECT_EQ(tag({"import", cut.path()}).code, 3);
+}
+
 TEST_P(Tags, FailuresNameTheReturnCodeOfTheLibraryAndWhatToDo) {
     // What SQLite would take for a column could not be found again.
     const bool sqlite = GetParam() == Engine::sqlite;
@@ -234,7 +344,7 @@ TEST_P(Tags, FailuresNameTheReturnCodeOfTheLibraryAndWhatToDo) {
          2,
          "missing: --job-id, --instructions, --memory-bytes, --elapsed\n"},
         {{"tag", "generate", "--power", "nan"}, 2, "--power: nan is no number above 0"},
-        {{"tag", "list", "--user", "x\" or \"1\"=\"1"},
+        {{"tag", "show", "--user", "x\" or \"1\"=\"1"},
          5,
          "(eas_query_tag returned -4, EAS_QUERY_FAILED)"},
         {{"tag", "list", "--thresholds", "/nowhere"},

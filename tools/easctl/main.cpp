@@ -7,6 +7,10 @@
 #include "tools/easctl/cli/Command.h"
 #include "tools/easctl/cli/CommandTree.h"
 #include "tools/easctl/cli/Json.h"
+#include "tools/easctl/history/DriftCommand.h"
+#include "tools/easctl/history/HistoryCommand.h"
+#include "tools/easctl/history/MetricsCommand.h"
+#include "tools/easctl/history/ReportCommand.h"
 
 namespace easctl {
 namespace {
@@ -33,6 +37,10 @@ void add_all_commands(CLI::App& app, Globals& globals) {
     add_doctor_command(app, globals);
     add_tag_commands(app, globals);
     add_simulate_command(app, globals);
+    add_history_command(app, globals);
+    add_report_command(app, globals);
+    add_metrics_command(app, globals);
+    add_drift_command(app, globals);
     add_node_commands(app, globals);
     add_job_commands(app, globals);
 }

@@ -48,8 +48,10 @@ bool unquote(char* text, char* end, std::string_view& field, char*& rest) {
 
 }  // namespace
 
-LineReader::LineReader(std::string path)
-    : path_(std::move(path)), fd_(open_input(path_)), buffer_(4 * max_line) {
+LineReader::LineReader(std::string path) : LineReader(path, open_input(path)) {}
+
+LineReader::LineReader(std::string name, eas::UniqueFd fd)
+    : path_(std::move(name)), fd_(std::move(fd)), buffer_(4 * max_line) {
     struct stat status {};
     if (::fstat(fd_.get(), &status) == 0 && S_ISREG(status.st_mode))
         bytes_total_ = static_cast<std::uint64_t>(status.st_size);
@@ -72,6 +74,21 @@ bool LineReader::fill() {
     end_ += static_cast<std::size_t>(got);
     bytes_read_ += static_cast<std::uint64_t>(got);
     return !at_end_;
+}
+
+std::string_view LineReader::peek() {
+    while (end_ - begin_ < max_line && fill()) {
+    }
+    std::string_view rest(buffer_.data() + begin_, end_ - begin_);
+    if (has_byte_order_mark(rest))
+        rest.remove_prefix(byte_order_mark.size());
+    while (!rest.empty()) {
+        const std::string_view line = rest.substr(0, rest.find('\n'));
+        if (!line.empty() && line != "\r" && line.front() != '#')
+            return trimmed(line.substr(0, max_line));
+        rest.remove_prefix(std::min(line.size() + 1, rest.size()));
+    }
+    return {};
 }
 
 void LineReader::skip_line() {
@@ -123,7 +140,7 @@ bool LineReader::next(char*& text, std::size_t& length) {
     return true;
 }
 
-CsvFile::CsvFile(std::string path) : lines_(std::move(path)) {
+CsvFile::CsvFile(LineReader lines) : lines_(std::move(lines)) {
     char* text = nullptr;
     std::size_t length = 0;
     if (!next_line(text, length))

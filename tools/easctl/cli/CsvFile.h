@@ -9,6 +9,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "base/UniqueFd.h"
@@ -23,6 +24,12 @@ class LineReader {
 
     /// Throws Failure when the file cannot be opened.
     explicit LineReader(std::string path);
+    /// Reads what is open already; `name` stands for the path in messages.
+    LineReader(std::string name, eas::UniqueFd fd);
+
+    /// The first line that is neither empty nor a comment, cut to max_line; nothing is taken away.
+    /// Before the first call of next only.
+    [[nodiscard]] std::string_view peek();
 
     /// The next line without its end, changeable and valid until the next call; false at the end of
     /// the file. Throws Failure when the file cannot be read, or a line seems to have no end.
@@ -57,7 +64,8 @@ class CsvFile {
     enum class Step { row, bad_row, end };
 
     /// Reads the header. Throws Failure when the file cannot be read or has no header.
-    explicit CsvFile(std::string path);
+    explicit CsvFile(std::string path) : CsvFile(LineReader(std::move(path))) {}
+    explicit CsvFile(LineReader lines);
 
     /// The place of a column, compared without case. Throws Failure when the header names it twice.
     [[nodiscard]] std::optional<std::size_t> column(std::string_view name) const;

@@ -22,6 +22,8 @@ enum class LinkId {
     rights,
     coefficients,
     thresholds,
+    tags,
+    drift,
     // what libeasnode measures and sets on the node
     processor,
     instructions,

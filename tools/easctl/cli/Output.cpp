@@ -171,6 +171,18 @@ std::string Table::csv() const {
     return out;
 }
 
+std::vector<std::vector<std::string>> Table::cells() const {
+    std::vector<std::vector<std::string>> all(1);
+    for (const Column& column : columns_)
+        all[0].push_back(column.title);
+    for (const auto& row : rows_) {
+        all.emplace_back(columns_.size());
+        for (std::size_t i = 0; i < columns_.size() && i < row.size(); ++i)
+            all.back()[i] = row[i].text;
+    }
+    return all;
+}
+
 void print(std::string_view text) {
     if (std::fwrite(text.data(), 1, text.size(), stdout) != text.size())
         flush_output();

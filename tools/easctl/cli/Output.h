@@ -63,6 +63,8 @@ class Table {
     [[nodiscard]] std::string text(bool colored, std::size_t indent = 0) const;
     /// Comma-separated, a cell in quotes where it must be.
     [[nodiscard]] std::string csv() const;
+    /// The titles, then the rows; each as long as the titles.
+    [[nodiscard]] std::vector<std::vector<std::string>> cells() const;
 
   private:
     [[nodiscard]] std::vector<std::size_t> widths() const;

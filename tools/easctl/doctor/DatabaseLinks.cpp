@@ -22,6 +22,7 @@
 #include "tools/easctl/database/OdbcConfiguration.h"
 #include "tools/easctl/database/Schema.h"
 #include "tools/easctl/database/ServerKind.h"
+#include "tools/easctl/doctor/TagLinks.h"
 #include "tools/easctl/model/ModelFile.h"
 #include "tools/easctl/model/ModelStore.h"
 #include "tools/easctl/model/ThresholdFile.h"
@@ -365,6 +366,10 @@ void examine_contents(DoctorOptions options, std::optional<Database>& database, 
     }
     if (!options.thresholds.empty())
         chain.add(LinkId::thresholds, thresholds(options, model));
+    if (database && model.total_frequencies() > 0)
+        chain.add(LinkId::tags, examined("tags", [&] {
+                      return tags_of_model(*database, options.cluster, model);
+                  }));
 }
 
 }  // namespace

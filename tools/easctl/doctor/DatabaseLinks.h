@@ -7,6 +7,7 @@
 #include "common/model/CoEfficients.h"
 #include "tools/easctl/cli/Link.h"
 #include "tools/easctl/database/Database.h"
+#include "tools/easctl/history/RunSource.h"
 
 namespace easctl {
 
@@ -15,6 +16,7 @@ struct DoctorOptions {
     std::string cluster;
     int default_khz = 0;
     std::string thresholds;
+    RunOptions runs;
     bool node = false;
     bool node_only = false;
 };

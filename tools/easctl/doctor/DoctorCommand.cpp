@@ -5,6 +5,7 @@
 #include "tools/easctl/cli/Command.h"
 #include "tools/easctl/cli/Json.h"
 #include "tools/easctl/doctor/DatabaseLinks.h"
+#include "tools/easctl/doctor/TagLinks.h"
 #include "tools/easctl/node/NodeLinks.h"
 #include "tools/easctl/tag/Library.h"
 
@@ -33,6 +34,8 @@ void examine(const DoctorOptions& options, Globals& globals) {
     std::vector<Link> links;
     if (!options.node_only)
         links = examine_database(options, model);
+    if (options.runs.given())
+        links.push_back(identified(LinkId::drift, drift_of_tags(options.runs, globals)));
     if (options.node || options.node_only) {
         for (Link& link : examine_whole_node(model))
             links.push_back(std::move(link));
@@ -69,6 +72,7 @@ void add_doctor_command(CLI::App& app, Globals& globals) {
         .check(positive_number())
         .type_name("KHZ");
     add_thresholds_option(command, options->thresholds);
+    options->runs.add_to(command, "--runs");
     add_flag(command, "--node", options->node, "also the hardware of this machine");
     add_flag(command, "--node-only", options->node_only, "only the hardware of this machine");
     set_action(command, [options, &globals] { examine(*options, globals); });

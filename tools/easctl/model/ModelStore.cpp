@@ -20,11 +20,6 @@ int int_of(const Database::Value& value) {
     return eas::to_int(value.value_or("0").c_str());
 }
 
-/// SQLite's driver cuts numbers to 15 digits; a text that the engine makes has all of them.
-std::string exact_column(Database& database, const std::string& column) {
-    return database.engine() == Engine::sqlite ? "printf('%!.17g', " + column + ")" : column;
-}
-
 /// In ascending order of frequency.
 std::vector<eas::ModelRow> sorted_rows(const CoEfficients& model) {
     std::vector<eas::ModelRow> rows;
@@ -44,6 +39,10 @@ std::string choice(const std::vector<StoredModel>& models) {
 }
 
 }  // namespace
+
+std::string exact_column(Database& database, const std::string& column) {
+    return database.engine() == Engine::sqlite ? "printf('%!.17g', " + column + ")" : column;
+}
 
 std::vector<StoredModel> stored_models(Database& database,
                                        const std::optional<std::string>& cluster) {

@@ -28,6 +28,10 @@ std::vector<StoredModel> stored_models(Database& database,
 /// when there is none, or several to choose from.
 StoredModel pick_model(Database& database, const std::string& cluster, int default_khz);
 
+/// A column of doubles as a query asks for it, so that every digit comes: SQLite's driver cuts
+/// numbers to 15 digits; a text that the engine makes has all of them.
+std::string exact_column(Database& database, const std::string& column);
+
 /// The coefficients, in ascending order of frequency.
 CoEfficients load_model(Database& database, const std::string& cluster, int default_khz);
 

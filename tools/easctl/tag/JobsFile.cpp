@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "tools/easctl/cli/Errors.h"
+#include "tools/easctl/history/RunCsv.h"
 
 namespace easctl {
 
@@ -16,39 +17,89 @@ constexpr double most_runs = 1e9;  // of a row; the sum of no file that fits a d
 }  // namespace
 
 JobsFile::JobsFile(std::string path, unsigned needs, const std::string& class_column)
-    : csv_(std::move(path)), needs_frequency_((needs & frequency) != 0) {
-    if ((needs & names) != 0) {
+    : needs_(needs) {
+    LineReader lines(std::move(path));
+    const std::string_view first = lines.peek();
+    if (first.empty() || (is_csv_header(first) && !is_run_csv_header(first)))
+        open_csv(std::move(lines), class_column);
+    else
+        runs_ = read_runs(std::move(lines));
+}
+
+void JobsFile::open_csv(LineReader lines, const std::string& class_column) {
+    csv_.emplace(std::move(lines));
+    if ((needs_ & names) != 0) {
         user_ = find("user", true);
         tag_ = find("tag", true);
     }
-    if ((needs & job) != 0)
+    if ((needs_ & job) != 0)
         job_ = find("job_id", true);
     for (std::size_t i = 0; i < counters_.size(); ++i)
-        counters_[i] = find(counter_names[i], (needs & counters) != 0);
+        counters_[i] = find(counter_names[i], (needs_ & counters) != 0);
     elapsed_ = find("elapsed_s", true);
     power_ = find("power_w", true);
-    frequency_ = find("frequency_khz", needs_frequency_);
+    frequency_ = find("frequency_khz", (needs_ & frequency) != 0);
     count_ = find("count", false);
     meter_ = find("meter", false);
     class_ = find(class_column.c_str(), class_column != "class");
 }
 
 JobsFile::Place JobsFile::find(const char* name, bool needed) const {
-    const Place place = csv_.column(name);
+    const Place place = csv_->column(name);
     if (needed && !place)
         throw Failure(ExitCode::input,
-                      csv_.where() + ": the header names no column \"" + name + '"');
+                      csv_->where() + ": the header names no column \"" + name + '"');
     return place;
 }
 
+/// Runs that lack what is needed are passed over: most jobs of a site have no tag.
+CsvFile::Step JobsFile::next_run(JobRow& row) {
+    for (;;) {
+        const RunForm::Step step = runs_->next(run_);
+        if (step == RunForm::Step::end)
+            return CsvFile::Step::end;
+        if (step == RunForm::Step::bad) {
+            problem_ = runs_->problem();
+            return CsvFile::Step::bad_row;
+        }
+        const bool at_other_frequency =
+            only_khz_ != 0 && run_.frequency.value_or(only_khz_) != only_khz_;
+        if (step == RunForm::Step::run && !at_other_frequency && take_run(row))
+            return take_meter(run_.meter) ? CsvFile::Step::row : CsvFile::Step::bad_row;
+        ++passed_over_;
+    }
+}
+
+bool JobsFile::take_run(JobRow& row) {
+    row = {run_.user, run_.tag, run_.job, run_.job_class};
+    row.has_counters = run_.cycles && run_.instructions && run_.bytes;
+    const bool named = !run_.user.empty() && !run_.tag.empty();
+    const double khz = run_.frequency.value_or(0.0);
+    if (run_.outcome == "failed" || !run_.is_measured() || !(*run_.seconds >= 1.0) ||
+        *run_.seconds > INT_MAX || khz > INT_MAX || run_.runs() > most_runs ||
+        ((needs_ & names) != 0 && !named) || ((needs_ & job) != 0 && run_.job.empty()) ||
+        ((needs_ & counters) != 0 && !row.has_counters) ||
+        ((needs_ & frequency) != 0 && !(khz >= 1.0)))
+        return false;
+    if (row.has_counters)
+        row.counters = {*run_.cycles, *run_.instructions, *run_.bytes};
+    row.elapsed_s = static_cast<int>(*run_.seconds);
+    row.power_w = *run_.watts();
+    row.frequency_khz = static_cast<int>(khz);
+    row.count = static_cast<std::uint64_t>(run_.runs());
+    return true;
+}
+
 CsvFile::Step JobsFile::next(JobRow& row) {
-    const CsvFile::Step step = csv_.next();
+    if (runs_)
+        return next_run(row);
+    const CsvFile::Step step = csv_->next();
     if (step != CsvFile::Step::row) {
-        problem_ = csv_.problem();
+        problem_ = csv_->problem();
         return step;
     }
     return take_names(row) && take_counters(row) && take_figures(row) && take_frequency(row) &&
-                   take_meter()
+                   take_meter(meter_ ? csv_->fields()[*meter_] : std::string_view())
                ? CsvFile::Step::row
                : CsvFile::Step::bad_row;
 }
@@ -56,7 +107,7 @@ CsvFile::Step JobsFile::next(JobRow& row) {
 bool JobsFile::text(Place place, const char* name, std::string_view& value) {
     if (!place)
         return true;
-    value = csv_.fields()[*place];
+    value = csv_->fields()[*place];
     if (!value.empty() && value.find('\0') == std::string_view::npos)
         return true;
     problem_ = std::string(name) + (value.empty() ? " is empty" : " holds a NUL character");
@@ -66,7 +117,7 @@ bool JobsFile::text(Place place, const char* name, std::string_view& value) {
 bool JobsFile::number(Place place, const char* name, double& value) {
     if (!place)
         return true;
-    const std::string_view field = csv_.fields()[*place];
+    const std::string_view field = csv_->fields()[*place];
     const std::optional<double> parsed = parse_number(field);
     if (parsed && *parsed >= 0.0) {
         value = *parsed;
@@ -89,15 +140,15 @@ bool JobsFile::whole(Place place, const char* name, double smallest, double larg
                                 : value > largest      ? "\" is too large"
                                                        : nullptr;
     if (problem != nullptr)
-        problem_ =
-            std::string(name) + ": \"" + std::string(csv_.fields()[*place].substr(0, 40)) + problem;
+        problem_ = std::string(name) + ": \"" + std::string(csv_->fields()[*place].substr(0, 40)) +
+                   problem;
     return problem == nullptr;
 }
 
 bool JobsFile::take_names(JobRow& row) {
     row.job_class = {};
     if (class_)
-        row.job_class = csv_.fields()[*class_];
+        row.job_class = csv_->fields()[*class_];
     return text(user_, "user", row.user) && text(tag_, "tag", row.tag) &&
            text(job_, "job_id", row.job_id);
 }
@@ -106,7 +157,7 @@ bool JobsFile::take_names(JobRow& row) {
 bool JobsFile::take_counters(JobRow& row) {
     row.has_counters = true;
     for (const auto& column : counters_) {
-        if (!column || csv_.fields()[*column].empty())
+        if (!column || csv_->fields()[*column].empty())
             row.has_counters = false;
     }
     for (std::size_t i = 0; i < counters_.size() && row.has_counters; ++i) {
@@ -134,7 +185,7 @@ bool JobsFile::take_figures(JobRow& row) {
 
 bool JobsFile::take_frequency(JobRow& row) {
     row.frequency_khz = 0;
-    if (!frequency_ || (!needs_frequency_ && csv_.fields()[*frequency_].empty()))
+    if (!frequency_ || ((needs_ & frequency) == 0 && csv_->fields()[*frequency_].empty()))
         return true;
     double khz = 0.0;
     if (!whole(frequency_, "frequency_khz", 1.0, INT_MAX, khz))
@@ -148,10 +199,9 @@ bool JobsFile::take_frequency(JobRow& row) {
 }
 
 /// The watts of two meters have no common measure: one may see the packages, one the whole node.
-bool JobsFile::take_meter() {
-    if (!meter_ || csv_.fields()[*meter_].empty())
+bool JobsFile::take_meter(std::string_view meter) {
+    if (meter.empty())
         return true;
-    const std::string_view meter = csv_.fields()[*meter_];
     if (only_meter_.empty())
         only_meter_ = meter;
     if (meter == only_meter_)

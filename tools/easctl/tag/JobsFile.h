@@ -9,15 +9,21 @@
 //   count               how often such a job ran (1), a whole number
 //   class               the kind of job that totals are wanted for
 //   meter               what measured it, as of a calibration: the same in all rows
+//
+// Instead of a CSV file, the output of sacct or a file of records is read, too
+// (history/RunReader.h): runs that ended otherwise than wanted, that were not measured, or lack
+// what is needed, are passed over and counted.
 #pragma once
 
 #include <array>
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
 
 #include "tools/easctl/cli/CsvFile.h"
+#include "tools/easctl/history/RunReader.h"
 
 namespace easctl {
 
@@ -50,17 +56,22 @@ class JobsFile {
     void require_meter(const std::string& meter) { only_meter_ = meter; }
     /// After `bad_row`, problem() says what is wrong, with file and line.
     CsvFile::Step next(JobRow& row);
-    [[nodiscard]] std::string problem() const { return csv_.where() + ": " + problem_; }
+    [[nodiscard]] std::string problem() const { return where() + ": " + problem_; }
     /// The same without them.
     [[nodiscard]] const std::string& reason() const { return problem_; }
-    [[nodiscard]] std::string where() const { return csv_.where(); }
-    [[nodiscard]] const LineReader& lines() const { return csv_.lines(); }
-    [[nodiscard]] bool has_classes() const { return class_.has_value(); }
+    [[nodiscard]] std::string where() const { return runs_ ? runs_->where() : csv_->where(); }
+    [[nodiscard]] const LineReader& lines() const { return runs_ ? runs_->lines() : csv_->lines(); }
+    [[nodiscard]] bool has_classes() const { return runs_ || class_.has_value(); }
+    /// Of records: how many were passed over.
+    [[nodiscard]] std::uint64_t passed_over() const { return passed_over_; }
 
   private:
     using Place = std::optional<std::size_t>;
 
+    void open_csv(LineReader lines, const std::string& class_column);
     Place find(const char* name, bool needed) const;
+    CsvFile::Step next_run(JobRow& row);
+    bool take_run(JobRow& row);
     bool text(Place place, const char* name, std::string_view& value);
     bool number(Place place, const char* name, double& value);
     bool whole(Place place, const char* name, double smallest, double largest, double& value,
@@ -69,13 +80,16 @@ class JobsFile {
     bool take_counters(JobRow& row);
     bool take_figures(JobRow& row);
     bool take_frequency(JobRow& row);
-    bool take_meter();
+    bool take_meter(std::string_view meter);
 
-    CsvFile csv_;
+    std::optional<CsvFile> csv_;     // or
+    std::unique_ptr<RunForm> runs_;  // one of them
+    Run run_;                        // the latest
+    std::uint64_t passed_over_ = 0;
     Place user_, tag_, job_, class_;
     std::array<Place, 3> counters_;
     Place elapsed_, power_, frequency_, count_, meter_;
-    bool needs_frequency_;
+    unsigned needs_;
     int only_khz_ = 0;
     std::string only_meter_;
     std::string problem_;

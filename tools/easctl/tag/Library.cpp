@@ -1,8 +1,5 @@
 #include "tools/easctl/tag/Library.h"
 
-#include <cstdlib>
-#include <memory>
-
 #include "common/model/CoEfficients.h"
 #include "interface/Initialization.h"
 #include "interface/LibraryState.h"
@@ -30,17 +27,6 @@ EnergyTag tag_of(const energyPolicyTag_t& record) {
                            record.perf_degrad_pct[i]);
     }
     return tag;
-}
-
-/// Takes a list of heap strings over into `names`.
-std::vector<std::string> take_list(char** list, int count) {
-    std::vector<std::string> names;
-    for (int i = 0; i < count; ++i) {
-        const std::unique_ptr<char, decltype(&std::free)> entry(list[i], &std::free);
-        names.emplace_back(entry.get());
-    }
-    std::free(list);
-    return names;
 }
 
 /// Names are stored as printf writes them.
@@ -141,27 +127,6 @@ std::vector<EnergyTag> Library::query(const std::string& user, const std::string
     for (const energyPolicyTag_t& record : found)
         result.push_back(tag_of(record));
     return result;
-}
-
-std::vector<std::pair<std::string, std::string>> Library::remove(const std::string& user,
-                                                                 const std::string& tag) {
-    require_names(user, tag);
-    std::string users(user);
-    std::string tags(tag);
-    int count = 0;
-    char** user_list = nullptr;
-    char** name_list = nullptr;
-    const int code = eas_remove_tag(options_.cluster.data(), options_.default_khz, users.data(),
-                                    tags.data(), &count, &user_list, &name_list);
-    const std::string said = diagnostics_->take();
-    if (code != EAS_OK)
-        throw refusal(Function::remove_tag, code, name_of_tag(user, tag), said);
-    const std::vector<std::string> owners = take_list(user_list, count);
-    const std::vector<std::string> names = take_list(name_list, count);
-    std::vector<std::pair<std::string, std::string>> removed;
-    for (std::size_t i = 0; i < owners.size(); ++i)
-        removed.emplace_back(owners[i], names[i]);
-    return removed;
 }
 
 eas::FrequencyChoice Library::select(const std::string& user, const std::string& tag,

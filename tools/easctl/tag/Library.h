@@ -6,7 +6,6 @@
 #include <array>
 #include <optional>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "common/model/EnergyTag.h"
@@ -51,11 +50,11 @@ class Library {
     void generate(const TagRequest& request);
     /// An empty name matches all.
     std::vector<EnergyTag> query(const std::string& user, const std::string& tag);
-    /// User and name of each tag removed.
-    std::vector<std::pair<std::string, std::string>> remove(const std::string& user,
-                                                            const std::string& tag);
     eas::FrequencyChoice select(const std::string& user, const std::string& tag,
                                 const std::string& policy);
+
+    /// Makes way for a connection of one's own; none of the three is called after it.
+    void stop_calling() { diagnostics_.reset(); }
 
   private:
     void read_back(const TagRequest& request);

@@ -122,6 +122,7 @@ class Reading {
     }
 
     [[nodiscard]] std::uint64_t bad() const { return bad_; }
+    [[nodiscard]] std::uint64_t passed_over() const { return jobs_.passed_over(); }
 
   private:
     void complain(const std::string& message) {
@@ -156,12 +157,18 @@ void simulate(Globals& globals, const Options& options) {
     if (globals.json) {
         Json json = report.json();
         json["rows_left_out"] = reading.bad();
+        json["runs_passed_over"] = reading.passed_over();
         print_json(json);
     } else {
         print(options.format == Format::csv ? report.csv() : report.text(globals.colored()));
     }
     if (options.format == Format::csv && !report.class_remark().empty())
         remark(globals, report.class_remark());
+    if (reading.passed_over() > 0)
+        remark(globals,
+               std::to_string(reading.passed_over()) +
+                   " runs passed over: not at the default frequency, not measured, without "
+                   "counters, or failed");
     if (reading.bad() > 0)
         globals.outcome = ExitCode::found;
     draw(options.plot, report.plot(), globals);
@@ -180,7 +187,7 @@ void add_simulate_command(CLI::App& app, Globals& globals) {
                "CSV file of jobs, - for standard input; its header names the columns cycles,\n"
                "instructions, memory_bytes, elapsed_s, power_w and, if there are such, count\n"
                "(how often the job ran), class, and frequency_khz: other rows than those of\n"
-               "the default frequency are left out")
+               "the default frequency are left out. Or runs as of easctl history")
         .required();
     options->model.add_to(command);
     add_thresholds_option(command, options->thresholds);

@@ -214,7 +214,8 @@ JobOptions add_run_options(CLI::App& command, Options& options) {
     JobOptions given(command, options.jobs,
                      "CSV file of runs, - for standard input; its header names the columns\n"
                      "user, tag, frequency_khz, elapsed_s, power_w and, if at hand, cycles,\n"
-                     "instructions, memory_bytes, meter");
+                     "instructions, memory_bytes, meter; or runs as of easctl history, of which\n"
+                     "those that ran with a tag and were measured are taken");
     given.add("--user", options.names.user, "owner of the tag", "NAME");
     given.add("--tag", options.names.tag, "name of the tag", "NAME");
     given.add("--frequency", options.run.frequency, "at which the job ran", "KHZ");

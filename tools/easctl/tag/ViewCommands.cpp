@@ -1,14 +1,15 @@
 #include "tools/easctl/tag/ViewCommands.h"
 
-#include <algorithm>
 #include <memory>
-#include <tuple>
 
 #include "common/model/EnergyPerfThreshold.h"
 #include "tools/easctl/cli/Gnuplot.h"
 #include "tools/easctl/cli/Json.h"
 #include "tools/easctl/cli/Units.h"
+#include "tools/easctl/history/RunSource.h"
+#include "tools/easctl/tag/TagFilter.h"
 #include "tools/easctl/tag/TagNames.h"
+#include "tools/easctl/tag/TagTable.h"
 #include "tools/easctl/tag/TradeOffPlot.h"
 
 namespace easctl {
@@ -16,6 +17,7 @@ namespace easctl {
 namespace {
 
 struct View : TagChoice {
+    TagFilterOptions filter;
     Format format = Format::table;
     bool khz = false;
     std::string plot;
@@ -66,65 +68,93 @@ Json as_json(const std::vector<EnergyTag>& tags, const Library& library) {
     return {{"tags", std::move(all)}};
 }
 
-Table empty_list(bool csv) {
+Table empty_list(bool csv, bool with_runs) {
+    std::vector<Column> columns;
     if (csv)
-        return Table({{"user"},
-                      {"tag"},
-                      {"job_id"},
-                      {"default_frequency_khz"},
-                      {"elapsed_s"},
-                      {"power_w"},
-                      {"minimize_energy_khz"},
-                      {"minimize_time_khz"}});
-    return Table({{"User"},
-                  {"Tag"},
-                  {"Job"},
-                  {"Time s", Align::right},
-                  {"Power W", Align::right},
-                  {"Energy kWh", Align::right},
-                  {"minimize_energy", Align::right},
-                  {"minimize_time", Align::right}});
+        columns = {{"user"},
+                   {"tag"},
+                   {"job_id"},
+                   {"default_frequency_khz"},
+                   {"elapsed_s"},
+                   {"power_w"},
+                   {"minimize_energy_khz"},
+                   {"minimize_time_khz"},
+                   {"created_s"},
+                   {"model"}};
+    else
+        columns = {{"User"},
+                   {"Tag"},
+                   {"Job"},
+                   {"Time s", Align::right},
+                   {"Power W", Align::right},
+                   {"Energy kWh", Align::right},
+                   {"minimize_energy", Align::right},
+                   {"minimize_time", Align::right},
+                   {"Made"},
+                   {"Model"}};
+    if (with_runs)
+        columns.push_back({csv ? "drift" : "Drift"});
+    return Table(std::move(columns));
 }
 
-std::vector<Cell> row_of_list(const EnergyTag& tag, const Library& library, bool csv) {
+std::vector<Cell> row_of_list(const EnergyTag& tag, const TagFacts& facts, const Library& library,
+                              bool csv) {
     const eas::TagRow run = measured_run(tag);
     const int by_energy = choice(tag, eas::minimize_energy, library).frequency;
     const int by_time = choice(tag, eas::minimize_time, library).frequency;
     std::vector<Cell> row{tag.user_name(), tag.energy_tag_name(), tag.job_step_id()};
     if (csv)
-        row.insert(row.end(),
-                   {std::to_string(tag.default_frequency()), std::to_string(run.seconds),
-                    exact(run.power), std::to_string(by_energy), std::to_string(by_time)});
+        row.insert(row.end(), {std::to_string(tag.default_frequency()), std::to_string(run.seconds),
+                               exact(run.power), std::to_string(by_energy), std::to_string(by_time),
+                               std::to_string(tag.create_time())});
     else
-        row.insert(row.end(),
-                   {std::to_string(run.seconds), number(run.power, 1),
-                    number(run.energy() / joules_per_kwh, 4), ghz(by_energy), ghz(by_time)});
+        row.insert(row.end(), {std::to_string(run.seconds), number(run.power, 1),
+                               number(run.energy() / joules_per_kwh, 4), ghz(by_energy),
+                               ghz(by_time), day_of(static_cast<double>(tag.create_time()))});
+    const bool other = facts.origin == TagOrigin::other_model;
+    row.emplace_back(name_of(facts.origin), other ? Style::warning : Style::plain);
+    if (facts.drift)
+        row.emplace_back(name_of(facts.drift->state),
+                         facts.drift->state == DriftState::stale ? Style::bad : Style::plain);
     return row;
 }
 
-std::string list_of(const std::vector<EnergyTag>& tags, const Library& library, Format format,
-                    bool colored) {
-    const bool csv = format == Format::csv;
-    Table table = empty_list(csv);
-    for (const EnergyTag& tag : tags)
-        table.add(row_of_list(tag, library, csv));
-    return csv ? table.csv() : table.text(colored);
+Json listed_as_json(const EnergyTag& tag, const TagFacts& facts, const Library& library) {
+    Json json = tag_as_json(tag, library);
+    json["created_s"] = tag.create_time();
+    json["model"] = name_of(facts.origin);
+    if (facts.drift) {
+        json["drift"] = name_of(facts.drift->state);
+        json["used"] = facts.used;
+    }
+    return json;
 }
 
 void list(Globals& globals, const View& options) {
     Library library(options.library);
-    std::vector<EnergyTag> tags = library.query(options.names.user, options.names.tag);
-    std::sort(tags.begin(), tags.end(), [](const EnergyTag& a, const EnergyTag& b) {
-        return std::tie(a.user_name(), a.energy_tag_name()) <
-               std::tie(b.user_name(), b.energy_tag_name());
+    library.stop_calling();
+    const TagFilter filter(globals, options.filter, library.coefficients());
+    Database database(options.library.database);
+    TagTable stored(database, library.cluster(), library.default_khz());
+    const bool csv = options.format == Format::csv;
+    Table table = empty_list(csv, filter.has_runs());
+    Json all = Json::array();
+    stored.for_each(options.names.user, options.names.tag, [&](const EnergyTag& tag) {
+        const TagFacts facts = filter.facts(tag);
+        if (!filter.wants(tag, facts))
+            return;
+        if (globals.json)
+            all.push_back(listed_as_json(tag, facts, library));
+        else
+            table.add(row_of_list(tag, facts, library, csv));
     });
     if (globals.json) {
-        print_json(as_json(tags, library));
+        print_json({{"tags", std::move(all)}});
         return;
     }
-    if (tags.empty())
+    if (table.empty())
         remark(globals, "cluster \"" + library.cluster() + "\" has no such tag");
-    print(list_of(tags, library, options.format, globals.colored()));
+    print(csv ? table.csv() : table.text(globals.colored()));
 }
 
 /// The library's own report, with names that cannot steer the terminal.
@@ -157,7 +187,12 @@ void add_tag_list(CLI::App& group, Globals& globals) {
     const auto options = std::make_shared<View>();
     CLI::App& command =
         options->add_command(group, "list", "list tags, with what each policy selects for them",
-                             "easctl tag list\neasctl tag list --user anna --format csv", false);
+                             "easctl tag list\n"
+                             "easctl tag list --user anna --format csv\n"
+                             "easctl tag list --before-model\n"
+                             "easctl tag list --stale --runs /var/lib/eas/runs.csv",
+                             false);
+    options->filter.add_to(command);
     add_format_option(command, options->format);
     set_action(command, [options, &globals] { list(globals, *options); });
 }
