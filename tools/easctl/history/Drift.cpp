@@ -9,6 +9,7 @@ namespace easctl {
 namespace {
 
 constexpr double false_alarm = 0.005;    // at a true median miss of just the limit, each test
+constexpr std::size_t latest = 8;        // the fewest that the test can tell from chance
 constexpr std::size_t fewest_runs = 5;   // for a tag to speak for the model
 constexpr std::size_t tags_of_user = 3;  // that do
 constexpr std::size_t fewest_users = 3;
@@ -86,10 +87,22 @@ void TagDrift::add(double energy_miss, double time_miss) {
     ++count_;
 }
 
+/// All that is known, or the latest eight alone, so that a change is not hidden by the runs before
+/// it.
 DriftVerdict TagDrift::verdict(double limit) const {
-    const auto known = static_cast<std::ptrdiff_t>(count());
-    return test_drift({energy_.begin(), energy_.begin() + known},
-                      {time_.begin(), time_.begin() + known}, limit);
+    std::vector<double> energy;
+    std::vector<double> time;
+    for (std::size_t i = count_ - count(); i < count_; ++i) {
+        energy.push_back(static_cast<double>(energy_[i % window]));
+        time.push_back(static_cast<double>(time_[i % window]));
+    }
+    DriftVerdict all = test_drift(energy, time, limit);
+    if (all.state != DriftState::fits || energy.size() <= latest)
+        return all;
+    const auto before = static_cast<std::ptrdiff_t>(energy.size() - latest);
+    const DriftVerdict late = test_drift({energy.begin() + before, energy.end()},
+                                         {time.begin() + before, time.end()}, limit);
+    return late.state == DriftState::stale ? late : all;
 }
 
 void Drift::add(const Run& run) {

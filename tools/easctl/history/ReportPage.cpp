@@ -35,13 +35,14 @@ svg .ring { fill: var(--a); fill-opacity: .3; stroke: var(--a); }
 table { border-collapse: collapse; font-variant-numeric: tabular-nums; font-size: .88rem; }
 th, td { padding: .3rem .7rem; text-align: right; border-bottom: 1px solid var(--line); }
 th { color: var(--soft); font-weight: 600; vertical-align: bottom; }
-th:first-child, td:first-child { text-align: left; overflow-wrap: anywhere; }
+th:first-child, td:first-child { text-align: left; min-width: 5.5rem; overflow-wrap: break-word; }
 tr.total td { font-weight: 600; border-top: 2px solid var(--soft); }
 footer { margin-top: 2.5rem; font-size: .85rem; }
 @media print {
   :root { --paper: #fff; --ink: #000; --soft: #444; --line: #bbb; --a: #0068a8; --b: #c4500a;
     --tile: #fff; }
-  body { max-width: none; padding: 0; font-size: 10pt; } figure, .tile, tr { break-inside: avoid; }
+  body { max-width: none; padding: 0; font-size: 10pt; } svg { max-height: 6cm; }
+  figure, .tile, tr { break-inside: avoid; }
   h2 { break-after: avoid; } .wide { overflow: visible; } table { font-size: 8pt; }
   th, td { padding: .2rem .35rem; } svg .dot, svg .ring { print-color-adjust: exact; } }
 )";
