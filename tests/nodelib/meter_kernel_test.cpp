@@ -193,19 +193,6 @@ TEST(Meter, RefusesWhatItCannotDoAndLeavesNothingOpen) {
     EXPECT_EQ(before, descriptors());
 }
 
-TEST(Meter, FillsNoMoreThanTheCallerKnows) {
-    const OwnedMeter meter = opened(plain_options());
-    struct {
-        easnode_reading reading;
-        char behind[64];
-    } newer{};
-    newer.reading.size = sizeof newer;
-    ASSERT_EQ(EASNODE_OK, easnode_meter_read(meter.get(), &newer.reading));
-    EXPECT_EQ(sizeof newer, newer.reading.size);
-    for (const char c : newer.behind)
-        EXPECT_EQ(0, c);
-}
-
 /// A meter whose energy is that of a script.
 class SiteCommandTest : public ::testing::Test {
   protected:
