@@ -226,6 +226,8 @@ class JsonDocuments : public NodeTest {
             run({"node", command});
         run({"node", "sample", "--", "true"});
         run({"node", "gather", ScratchFile("").path()});
+        for (const char* command : {"begin", "end"})
+            run({"job", command});
         const Hidden meter("/sys/devices/platform");
         run({"node", "sensors"});
     }
