@@ -206,6 +206,15 @@ void call_off(const SiteSettings& settings, const JobRequest& request, const Job
 
 }  // namespace
 
+bool note_plain_job(const SiteSettings& settings, const JobRequest& request,
+                    const JobPlace& place) {
+    const StateFolder folder(settings.state);
+    if (request.purpose() != Purpose::plain || folder.read(request.job))
+        return false;
+    folder.create(request, place);  // first, as below
+    return folder.jobs() == std::vector<uint32_t>{request.job};
+}
+
 // The record comes first: a job that comes later, or that starts at this moment, sees by it that
 // the node is shared, whatever becomes of this process.
 Outcome start_job(const SiteSettings& settings, const JobRequest& request, const JobPlace& place,

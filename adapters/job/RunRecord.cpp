@@ -59,10 +59,14 @@ constexpr bool is_plain(char c) {
            std::string_view("_.:+,/@-").find(c) != std::string_view::npos;
 }
 
-/// The shortest text that reads back as the same number.
+/// The shortest text that reads back as the same number; whole numbers have no exponent.
 std::string number(double value) {
+    constexpr double largest_whole = 1e15;
     std::array<char, 32> text;
-    return {text.data(), std::to_chars(text.data(), text.data() + text.size(), value).ptr};
+    char* const end = text.data() + text.size();
+    if (value == std::floor(value) && value < largest_whole)
+        return {text.data(), std::to_chars(text.data(), end, value, std::chars_format::fixed).ptr};
+    return {text.data(), std::to_chars(text.data(), end, value).ptr};
 }
 
 std::optional<double> figure(std::string_view text) {

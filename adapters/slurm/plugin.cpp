@@ -269,6 +269,9 @@ EAS_CALLBACK int slurm_spank_job_prolog(spank_t spank, int count, char** words) 
         for (const std::string& complaint : settings.complaints)
             log(job, {false, complaint});
         const JobRequest typed = request_of(spank);
+        if (!needs_a_look(settings, typed) && typed.policy.empty() &&
+            note_plain_job(settings, typed, place_of_job()))
+            return;
         log(job, call_in_child(settings.limit, [&] { return start(settings, typed); }));
     });
 }

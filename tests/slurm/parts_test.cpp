@@ -110,8 +110,10 @@ TEST(JobRecord, WhatARunWasStandsInOneLineWhateverItsWordsAre) {
     run.reason = "50% of \"it\"; a=b\nc\xff";
     run.tag = "eas=1";
     run.default_joules = 1e300;
+    run.frequency = 2000000;
     const std::string text = to_text(run);
     EXPECT_EQ(std::string::npos, text.find_first_of("\n;\""));
+    EXPECT_NE(std::string::npos, text.find(" frequency=2000000 "));
     const auto same = find_record("noise eas=10 x; " + text + "; eas=1 tag=other");
     ASSERT_TRUE(same);
     EXPECT_EQ(text, to_text(*same));

@@ -1,4 +1,5 @@
-/* A client's plugin that does not check: it passes what TAMPERED_TAG holds as --energy-tag. */
+/* A client's plugin that does not check: it passes what TAMPERED_TAG holds as --energy-tag. On a node
+   its prolog and epilog are empty ones. */
 #include <slurm/spank.h>
 #include <stdlib.h>
 
@@ -14,4 +15,15 @@ int slurm_spank_init_post_opt(spank_t spank, int count, char** words) {
         spank_job_control_setenv(spank, "_SLURM_SPANK_OPTION_eas_energy_tag", tag, 1);
     }
     return 0;
+}
+
+int slurm_spank_job_prolog(spank_t spank, int count, char** words) {
+    (void)spank;
+    (void)count;
+    (void)words;
+    return 0;
+}
+
+int slurm_spank_job_epilog(spank_t spank, int count, char** words) {
+    return slurm_spank_job_prolog(spank, count, words);
 }
