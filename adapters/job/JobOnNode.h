@@ -9,8 +9,8 @@
 
 namespace eas::job {
 
-/// Starts the record of a job that asks for nothing. False when that is not all there is to do: there
-/// are other records. Touches files below /run only, so it needs no child process.
+/// Starts the record of a job that asks for nothing. False when that is not all there is to do:
+/// there are other records. Touches files below /run only, so it needs no child process.
 bool note_plain_job(const SiteSettings& settings, const JobRequest& request, const JobPlace& place);
 
 /// Sets back what dead jobs left and starts the job's record; with a tag chooses the frequency or

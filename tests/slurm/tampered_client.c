@@ -1,5 +1,5 @@
-/* A client's plugin that does not check: it passes what TAMPERED_TAG holds as --energy-tag. On a node
-   its prolog and epilog are empty ones. */
+/* A client's plugin that does not check: it passes what TAMPERED_TAG holds as --energy-tag. On a
+   node its prolog and epilog are empty ones. */
 #include <slurm/spank.h>
 #include <stdlib.h>
 
