@@ -105,20 +105,17 @@ std::optional<std::string> comment_of_ended(const Connection& accounting, Condit
         slurm_list_iterator_create(jobs.get()), slurm_list_iterator_destroy);
     std::optional<std::string> comment;
     while (const auto* job = static_cast<slurmdb_job_rec_t*>(slurm_list_next(next.get())))
-        if (job->jobid == number && job->end != 0)
+        if (job->jobid == number && job->end != 0 && (job->state & JOB_STATE_BASE) >= JOB_COMPLETE)
             comment = job->admin_comment != nullptr ? job->admin_comment : "";
     return comment;
 }
 
-}  // namespace
-
-void keep_in_accounting(std::string cluster, uint32_t job, const job::RunRecord& record) {
-    const PromptAnswers prompt;
+/// False: accounting does not yet know that the job has ended.
+bool change_comment(Condition& condition, uint32_t job, const job::RunRecord& record) {
     const Connection accounting;
-    Condition condition(cluster, job);
-    std::optional<std::string> comment;
-    while (!(comment = comment_of_ended(accounting, condition, job)))
-        ::poll(nullptr, 0, pause_ms);
+    const std::optional<std::string> comment = comment_of_ended(accounting, condition, job);
+    if (!comment)
+        return false;
     std::string text = with_record(*comment, record);
     slurmdb_job_rec_t change{};
     change.array_task_id = change.derived_ec = NO_VAL;
@@ -129,6 +126,17 @@ void keep_in_accounting(std::string cluster, uint32_t job, const job::RunRecord&
         fail("Slurm's accounting does not take the record");
     if (slurmdb_connection_commit(accounting.get(), true) != 0)
         fail("Slurm's accounting does not keep the record");
+    return true;
+}
+
+}  // namespace
+
+void keep_in_accounting(std::string cluster, uint32_t job, const job::RunRecord& record) {
+    const PromptAnswers prompt;
+    Condition condition(cluster, job);
+    // A connection sees the job as it was when it looked first: each look takes a new one.
+    while (!change_comment(condition, job, record))
+        ::poll(nullptr, 0, pause_ms);
 }
 
 }  // namespace eas::slurm

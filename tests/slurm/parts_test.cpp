@@ -66,6 +66,7 @@ TEST(JobSettings, WordsThatMakeNoSenseChangeNothingAndLeaveAComplaint) {
                            "library=other",
                            "cluster=",
                            "nonsense",
+                           "limit=-5",
                            "limit=99999999999",
                            "default_policy=none",
                            "record=somewhere"};
@@ -77,7 +78,7 @@ TEST(JobSettings, WordsThatMakeNoSenseChangeNothingAndLeaveAComplaint) {
     EXPECT_EQ(10, settings.limit);
     EXPECT_EQ("/run/eas-slurm", settings.state);
     EXPECT_EQ("other", settings.library);
-    EXPECT_EQ(8U, settings.complaints.size());
+    EXPECT_EQ(9U, settings.complaints.size());
 }
 
 TEST(JobSettings, ATypeOfNodesHasFiguresOfItsOwn) {
@@ -88,7 +89,7 @@ TEST(JobSettings, ATypeOfNodesHasFiguresOfItsOwn) {
         site);
     EXPECT_EQ(2U, site.complaints.size()) << "a limit of x, and one for a type alone";
     const SiteSettings fat = settings_of_node(site, "big, fat"),
-                       thin = settings_of_node(site, "fa");
+                       thin = settings_of_node(site, "fatter");
     EXPECT_EQ("fat f 2000000",
               fat.type + ' ' + fat.cluster + ' ' + std::to_string(fat.default_frequency));
     EXPECT_EQ(" c 2300000",
