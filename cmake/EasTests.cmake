@@ -8,6 +8,8 @@
 find_package(GTest REQUIRED)
 include(GoogleTest)
 
+set(EAS_TEST_LABELS "" CACHE STRING "Test programs of these labels are built, or all")
+
 # What is under test is compiled as it ships; the tests themselves need no optimisation.
 function(eas_compile_as_test name)
     target_compile_options(${name} PRIVATE -O0 -U_FORTIFY_SOURCE)
@@ -26,11 +28,11 @@ function(eas_add_test name)
     target_link_libraries(${name} PRIVATE eas_options eas_objects eas_test_support GTest::gmock
                                           GTest::gtest_main ${arg_LIBRARIES})
     eas_compile_as_test(${name})
-    if(NOT TARGET tests-${arg_LABELS})  # builds what one label needs
-        add_custom_target(tests-${arg_LABELS})
-    endif()
-    add_dependencies(tests-${arg_LABELS} ${name})
     target_precompile_headers(${name} REUSE_FROM eas_test_support)
+    if(EAS_TEST_LABELS AND NOT arg_LABELS IN_LIST EAS_TEST_LABELS)
+        set_target_properties(${name} PROPERTIES EXCLUDE_FROM_ALL ON)
+        return()
+    endif()
     set(properties LABELS ${arg_LABELS} TIMEOUT ${arg_TIMEOUT})
     if(arg_SERIAL)  # it holds times against each other
         list(APPEND properties RUN_SERIAL TRUE)

@@ -3,8 +3,8 @@
 
 usage: tutorial.py PAGE SOURCE_FOLDER BUILD_FOLDER
 
-"$ " begins a command and "> " goes on with it; the lines below are what it prints, "..." any lines. All
-commands run in one shell, in SOURCE_FOLDER, with a home of their own; where the page names its own build
+"$ " begins a command and "> " goes on with it; the lines below are what it prints, "..." any lines, a
+date any date. All commands run in one shell, in SOURCE_FOLDER, with a home of their own; where the page names its own build
 folder, build/tutorial, they use BUILD_FOLDER. A command must succeed.
 """
 import os
@@ -39,7 +39,7 @@ def script_of(commands, folder):
 
 def pattern_of(lines):
     parts = [r"(.*\n)*" if line == "..." else re.escape(line.rstrip()) + r"[ ]*\n" for line in lines]
-    return "".join(parts)
+    return re.sub(r"\d{4}\\-\d\d\\-\d\d", r"\\d{4}-\\d\\d-\\d\\d", "".join(parts))
 
 
 def main():

@@ -4,6 +4,7 @@
 #include "interface/Initialization.h"
 #include "interface/LibraryState.h"
 #include "interface/TagRecord.h"
+#include "interface/TagRequest.h"
 #include "interface/interface.h"
 #include "tools/easctl/cli/Command.h"
 #include "tools/easctl/cli/Output.h"
@@ -89,6 +90,13 @@ void Library::require_names(const std::string& user, const std::string& tag) con
 
 void Library::generate(const TagRequest& request) {
     require_names(request.user, request.tag);
+    for (const std::string& name : {request.user, request.tag}) {
+        if (!eas::is_safe_in_condition(as_stored(name)))
+            throw Failure(ExitCode::usage,
+                          name_of_tag(request.user, request.tag) + ": a tag of the name \"" + name +
+                              "\" could never be looked up",
+                          "leave out double quotes, and a backslash at the end");
+    }
     TagRequest copy(request);  // the function takes pointers to what it could change
     const int code = eas_generate_tag(options_.cluster.data(), options_.default_khz,
                                       copy.user.data(), copy.tag.data(), copy.counters.data(),
