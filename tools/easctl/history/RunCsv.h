@@ -1,6 +1,7 @@
 // Runs as a CSV file: what easctl history writes, and every command that takes jobs or runs reads.
 #pragma once
 
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
