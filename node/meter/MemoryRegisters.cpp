@@ -37,6 +37,7 @@ RegisterLook in_the_way(Obstacle obstacle, const std::string& what, int error) {
 /// The first CPU of each socket.
 std::vector<int> first_cpus(const cpuinfo_t& processors) {
     std::vector<int> cpus;
+    cpus.reserve(static_cast<std::size_t>(std::max(0, processors.numSockets)));
     for (int s = 0; s < processors.numSockets; ++s)
         cpus.push_back(std::max(0, processors.cpuId[processors.SId[s]]));
     return cpus;
