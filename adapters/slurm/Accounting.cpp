@@ -19,7 +19,7 @@
 namespace eas::slurm {
 namespace {
 
-constexpr int pause_ms = 20;  // between looks whether accounting knows of the job's end
+constexpr int pause_ms = 8;  // between looks whether accounting knows of the job's end
 
 using ListOwner = std::unique_ptr<std::remove_pointer_t<List>, void (*)(List)>;
 
