@@ -135,10 +135,14 @@ void run_begin(const JobCommandOptions& options, Globals& globals) {
 void run_end(const JobCommandOptions& options, Globals& globals) {
     const SiteSettings settings = settings_of(options, globals);
     FolderScheduler scheduler = scheduler_of(options);
-    const Outcome outcome =
+    Outcome outcome =
         eas::job::end_job(settings, static_cast<std::uint32_t>(options.job), scheduler);
-    if (place_of(options, settings).is_first())
-        scheduler.forget();
+    try {
+        if (place_of(options, settings).is_first())
+            scheduler.forget();
+    } catch (const std::exception& error) {  // the job's own line is what the log needs
+        outcome = {false, outcome.text + (outcome.text.empty() ? "" : "; ") + error.what()};
+    }
     show(outcome, options.job, globals);
 }
 
