@@ -71,3 +71,13 @@ if(EAS_COVERAGE)
     target_compile_options(eas_options INTERFACE --coverage)
     target_link_options(eas_options INTERFACE --coverage)
 endif()
+
+# eas_precompile(TARGET): reads the standard headers that most of its files include once, which saves
+# a third of the library's compile time. clang, for clang-tidy and CI, does without: it sees whether
+# each file includes what it uses.
+function(eas_precompile target)
+    if(NOT CMAKE_CXX_COMPILER_ID MATCHES Clang)
+        target_precompile_headers(${target} PRIVATE <algorithm> <array> <cstring> <functional> <map>
+                                  <memory> <mutex> <optional> <string> <string_view> <vector>)
+    endif()
+endfunction()

@@ -1,5 +1,4 @@
 // easctl: the administrator's tool of the energy-aware scheduling library.
-#include <CLI/CLI.hpp>
 #include <cstdio>
 #include <map>
 #include <string>
@@ -18,14 +17,12 @@ namespace {
 void add_global_options(CLI::App& app, Globals& globals) {
     static const std::map<std::string, ColorMode> modes{
         {"auto", ColorMode::automatic}, {"always", ColorMode::always}, {"never", ColorMode::never}};
-    app.set_version_flag("--version", "easctl " EASCTL_VERSION);
-    app.add_flag("--json", globals.json, "print one JSON document on standard output");
-    app.add_flag("-q,--quiet", globals.quiet, "no remarks and no progress on standard error");
-    app.add_option_function<std::string>(
-           "--color", [&globals](const std::string& name) { globals.color = modes.at(name); },
-           "auto (on a terminal, without NO_COLOR), always, never")
-        ->check(CLI::IsMember({"auto", "always", "never"}))
-        ->type_name("WHEN");
+    add_flag(app, "--json", globals.json, "print one JSON document on standard output");
+    add_flag(app, "-q,--quiet", globals.quiet, "no remarks and no progress on standard error");
+    add_option(app, "--color", "auto (on a terminal, without NO_COLOR), always, never",
+               [&globals](const std::string& name) { globals.color = modes.at(name); })
+        .check(one_of({"auto", "always", "never"}))
+        .type_name("WHEN");
 }
 
 void add_all_commands(CLI::App& app, Globals& globals) {
@@ -53,50 +50,14 @@ int report(const Failure& failure, const Globals& globals) {
         Json error{{"code", code}, {"name", name_of(failure.code)}, {"message", failure.message}};
         if (!failure.hint.empty())
             error["hint"] = failure.hint;
-        const std::string text =
-            Json{{"error", error}}.dump(2, ' ', false, Json::error_handler_t::replace);
-        std::puts(text.c_str());
+        std::puts(Json{{"error", error}}.text().c_str());
     }
     return code;
 }
 
-/// What the command line lacks. A word that is no command is named, with the commands there are.
-Failure usage_failure(const CLI::App& app, const CLI::ParseError& error) {
-    const CLI::App* command = &app;
-    std::string path = app.get_name();
-    while (!command->get_subcommands().empty()) {
-        command = command->get_subcommands().front();
-        path += ' ' + command->get_name();
-    }
-    std::string names;
-    for (const CLI::App* below : command->get_subcommands([](const CLI::App*) { return true; })) {
-        if (!below->get_name().empty() && !below->get_group().empty())
-            names += (names.empty() ? "" : ", ") + below->get_name();
-    }
-    if (names.empty() || dynamic_cast<const CLI::RequiredError*>(&error) == nullptr)
-        return {ExitCode::usage, error.what(), path + " --help"};
-    const std::vector<std::string> words = app.remaining(true);
-    if (words.empty())
-        return {ExitCode::usage, path + ": which command?", "one of " + names};
-    const char* const kind = words.front().front() == '-' ? "option" : "command";
-    return {ExitCode::usage, '"' + words.front() + "\" is no " + kind + " of " + path,
-            "its commands: " + names};
-}
-
-/// Runs the command, or prints the help or version that was asked for.
-void parse(CLI::App& app, int argc, char** argv) {
+int run(CommandLine& line, Globals& globals, int argc, char** argv) {
     try {
-        app.parse(argc, argv);
-    } catch (const CLI::ParseError& e) {
-        if (e.get_exit_code() != static_cast<int>(CLI::ExitCodes::Success))
-            throw usage_failure(app, e);
-        app.exit(e);
-    }
-}
-
-int run(CLI::App& app, Globals& globals, int argc, char** argv) {
-    try {
-        parse(app, argc, argv);
+        line.run(argc, argv);
         flush_output();
         return static_cast<int>(globals.outcome);
     } catch (const Failure& failure) {
@@ -106,28 +67,29 @@ int run(CLI::App& app, Globals& globals, int argc, char** argv) {
     }
 }
 
+constexpr const char* footer =
+    "From nothing to a working cluster:\n"
+    "  easctl db init\n"
+    "  easctl model import coefficients.txt --cluster NAME\n"
+    "  easctl thresholds check thresholds.conf --cluster NAME\n"
+    "  easctl doctor --cluster NAME --thresholds thresholds.conf\n\n"
+    "Exit codes: 0 ok; 1 a check found something, a part failed, or the result could not be\n"
+    "written; 2 usage; 3 an input file is wrong (the message has file and line); 4 database;\n"
+    "5 the library refused (the message names its return code); 6 hardware or a privilege of\n"
+    "the node is missing; 130 interrupted.\n"
+    "With --json, standard output holds one JSON document: the result, or {\"error\": ...}.\n"
+    "\"easctl COMMAND --help\" shows the options of a command, with examples.";
+
 }  // namespace
 }  // namespace easctl
 
 int main(int argc, char** argv) {
     easctl::Globals globals;
-    CLI::App app("The administrator's tool of the energy-aware scheduling library.", "easctl");
-    app.require_subcommand(1);
-    app.formatter(easctl::plain_formatter());
-    app.footer(
-        "From nothing to a working cluster:\n"
-        "  easctl db init\n"
-        "  easctl model import coefficients.txt --cluster NAME\n"
-        "  easctl thresholds check thresholds.conf --cluster NAME\n"
-        "  easctl doctor --cluster NAME --thresholds thresholds.conf\n\n"
-        "Exit codes: 0 ok; 1 a check found something, a part failed, or the result could not be\n"
-        "written; 2 usage; 3 an input file is wrong (the message has file and line); 4 database;\n"
-        "5 the library refused (the message names its return code); 6 hardware or a privilege of\n"
-        "the node is missing; 130 interrupted.\n"
-        "With --json, standard output holds one JSON document: the result, or {\"error\": ...}.\n"
-        "\"easctl COMMAND --help\" shows the options of a command, with examples.");
-    easctl::add_global_options(app, globals);
-    easctl::add_all_commands(app, globals);
-    easctl::add_completion_command(app);
-    return easctl::run(app, globals, argc, argv);
+    easctl::CommandLine line("easctl",
+                             "The administrator's tool of the energy-aware scheduling library.",
+                             "easctl " EASCTL_VERSION, easctl::footer);
+    easctl::add_global_options(line.root(), globals);
+    easctl::add_all_commands(line.root(), globals);
+    easctl::add_completion_command(line.root());
+    return easctl::run(line, globals, argc, argv);
 }

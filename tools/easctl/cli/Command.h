@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "tools/easctl/cli/CommandLine.h"
 #include "tools/easctl/cli/Errors.h"
 #include "tools/easctl/cli/Options.h"
 #include "tools/easctl/cli/Output.h"

@@ -1,8 +1,11 @@
 #include "tools/easctl/cli/CommandTree.h"
 
 #include <CLI/CLI.hpp>
-#include <cstdio>
 #include <sstream>
+
+#include "tools/easctl/cli/CommandLine.h"
+#include "tools/easctl/cli/Options.h"
+#include "tools/easctl/cli/Output.h"
 
 namespace easctl {
 namespace {
@@ -131,17 +134,15 @@ CommandEntry command_tree(const CLI::App& app) {
 }
 
 void add_completion_command(CLI::App& app) {
-    CLI::App& command = *app.add_subcommand("completion", "what a shell needs to complete easctl");
+    const auto format = std::make_shared<std::string>();
+    CLI::App& command = add_command(app, "completion", "what a shell needs to complete easctl", "");
     command.group("");
-    command.add_option("FORMAT", "bash, zsh, or mdoc for the manual page's sections")
-        ->required()
-        ->check(CLI::IsMember({"bash", "zsh", "mdoc"}));
-    command.callback([&app, &command] {
-        const std::string format = command.get_option("FORMAT")->as<std::string>();
+    add_option(command, "FORMAT", *format, "bash, zsh, or mdoc for the manual page's sections")
+        .required()
+        .check(one_of({"bash", "zsh", "mdoc"}));
+    set_action(command, [&app, format] {
         const CommandEntry root = command_tree(app);
-        const std::string text =
-            format == "mdoc" ? manual_sections(root) : completion_script(root, format);
-        std::fputs(text.c_str(), stdout);
+        print(*format == "mdoc" ? manual_sections(root) : completion_script(root, *format));
     });
 }
 

@@ -3,7 +3,6 @@
 #include <CLI/CLI.hpp>
 #include <map>
 #include <optional>
-#include <sstream>
 #include <utility>
 
 #include "tools/easctl/cli/CsvFile.h"
@@ -21,37 +20,7 @@ Check check_of(CLI::Validator validator) {
     return Check(std::make_shared<const CLI::Validator>(std::move(validator)));
 }
 
-std::string footer_of(const std::string& examples) {
-    std::string text;
-    if (!examples.empty()) {
-        text += "Examples:\n";
-        std::istringstream lines(examples);
-        for (std::string line; std::getline(lines, line);)
-            text += "  " + line + '\n';
-        text += '\n';
-    }
-    return text +
-           "Of every command: --json, --quiet, --color auto|always|never.\n"
-           "Exit codes: 0 ok, 1 something found, 2 usage, 3 input file, 4 database,\n"
-           "            5 refused by the library, 6 node, 130 interrupted.";
-}
-
 }  // namespace
-
-CLI::App& add_command(CLI::App& parent, const std::string& name, const std::string& description,
-                      const std::string& examples) {
-    CLI::App& command = *parent.add_subcommand(name, description);
-    command.fallthrough();  // the options of the whole tool may stand behind the command, too
-    command.footer(footer_of(examples));
-    return command;
-}
-
-CLI::App& add_group(CLI::App& parent, const std::string& name, const std::string& description) {
-    CLI::App& group = *parent.add_subcommand(name, description);
-    group.fallthrough();
-    group.require_subcommand(1);
-    return group;
-}
 
 Check::Check(std::function<std::string(std::string&)> check)
     : validator_(std::make_shared<const CLI::Validator>(std::move(check), "")) {}
@@ -177,10 +146,6 @@ Option add_flag(CLI::App& command, const std::string& names, bool& value,
 
 Option option_of(CLI::App& command, const std::string& name) {
     return Option(*command.get_option(name));
-}
-
-void set_action(CLI::App& command, std::function<void()> action) {
-    command.callback(std::move(action));
 }
 
 void add_format_option(CLI::App& command, Format& format) {

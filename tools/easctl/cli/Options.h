@@ -1,5 +1,5 @@
-// Commands and their options, in front of the option parser. Only the room cli/ includes the
-// parser's headers, which cost seconds in every file; the other rooms know its types by name.
+// The options of commands, in front of the option parser. Only the room cli/ includes the parser's
+// headers, which cost seconds in every file; the other rooms know its types by name.
 //
 // A value that an option fills must outlive the command's run. Handles are copied freely; they are
 // valid as long as the command.
@@ -19,12 +19,6 @@ class Validator;
 }  // namespace CLI
 
 namespace easctl {
-
-/// Adds a command below `parent`. `examples`: one command line per line, shown under --help.
-CLI::App& add_command(CLI::App& parent, const std::string& name, const std::string& description,
-                      const std::string& examples);
-/// Adds a group of commands, one of which must be given.
-CLI::App& add_group(CLI::App& parent, const std::string& name, const std::string& description);
 
 /// What the value of an option must be, or how its text is rewritten before it is converted.
 class Check {
@@ -92,9 +86,6 @@ Option add_flag(CLI::App& command, const std::string& names, bool& value,
                 const std::string& description);
 /// An option that `command` has.
 Option option_of(CLI::App& command, const std::string& name);
-
-/// What the command does when it is given.
-void set_action(CLI::App& command, std::function<void()> action);
 
 enum class Format { table, csv };
 /// Adds --format.

@@ -189,8 +189,7 @@ void print(std::string_view text) {
 }
 
 void print_json(const Json& document) {
-    // A name may be in any encoding; JSON is UTF-8.
-    print(document.dump(2, ' ', false, Json::error_handler_t::replace) + '\n');
+    print(document.text() + '\n');
 }
 
 void flush_output() {

@@ -3,7 +3,6 @@
 #pragma once
 
 #include <cstdio>
-#include <nlohmann/json_fwd.hpp>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -11,9 +10,7 @@
 
 namespace easctl {
 
-/// A document; its members stay in the order in which they were written. Who writes one includes
-/// cli/Json.h.
-using Json = nlohmann::ordered_json;
+class Json;
 
 enum class ColorMode { automatic, always, never };
 /// Whether to colour what goes to `stream`: by default on a terminal that can, without NO_COLOR.

@@ -75,7 +75,7 @@ void show(Globals& globals, const Options& options) {
                    pct(verdict.time_miss),
                    Cell(name_of(verdict.state), stale ? Style::bad : Style::plain)});
         Json one{{"user", key.first}, {"tag", key.second}};
-        one.update(as_json(verdict));
+        one.add_members(as_json(verdict));
         tags.push_back(std::move(one));
     }
     const auto counts = drift.counts();

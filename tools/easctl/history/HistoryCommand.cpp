@@ -177,9 +177,7 @@ void append(Globals& globals, const Options& options) {
         journal.finish(until);
     }
     if (globals.json)
-        print_json({{"file", options.append},
-                    {"appended", count},
-                    {"until", journal.until() ? Json(*journal.until()) : Json()}});
+        print_json({{"file", options.append}, {"appended", count}, {"until", journal.until()}});
     else
         remark(globals, std::to_string(count) + " runs appended to " + options.append);
 }

@@ -62,10 +62,6 @@ std::string part_of(double part, double whole) {
     return count_text(part) + " of " + count_text(whole);
 }
 
-Json as_json(const std::optional<double>& value) {
-    return value ? Json(*value) : Json();
-}
-
 Json as_json(const RunSums& sums, const Factors& factors) {
     const Pair& compared = sums.compared;
     const Pair& checked = sums.checked;
@@ -79,11 +75,11 @@ Json as_json(const RunSums& sums, const Factors& factors) {
                         {"energy_measured_j", compared.measured_j},
                         {"default_energy_predicted_j", compared.predicted_j},
                         {"energy_saved_j", compared.saved_j()},
-                        {"energy_saved_pct", as_json(compared.saved_pct())},
+                        {"energy_saved_pct", compared.saved_pct()},
                         {"time_measured_s", compared.measured_s},
                         {"default_time_predicted_s", compared.predicted_s},
                         {"time_added_s", compared.added_s()},
-                        {"time_added_pct", as_json(compared.added_pct())}};
+                        {"time_added_pct", compared.added_pct()}};
     if (factors.price)
         json["compared"]["cost_saved"] = saved_kwh * *factors.price;
     if (factors.co2_g)
@@ -91,12 +87,12 @@ Json as_json(const RunSums& sums, const Factors& factors) {
     json["checked"] = {{"runs", checked.runs},
                        {"energy_measured_j", checked.measured_j},
                        {"energy_predicted_j", checked.predicted_j},
-                       {"energy_miss_half_within_pct", as_json(sums.energy_miss.within_pct(0.5))},
-                       {"energy_miss_most_within_pct", as_json(sums.energy_miss.within_pct(0.9))},
+                       {"energy_miss_half_within_pct", sums.energy_miss.within_pct(0.5)},
+                       {"energy_miss_most_within_pct", sums.energy_miss.within_pct(0.9)},
                        {"time_measured_s", checked.measured_s},
                        {"time_predicted_s", checked.predicted_s},
-                       {"time_miss_half_within_pct", as_json(sums.time_miss.within_pct(0.5))},
-                       {"time_miss_most_within_pct", as_json(sums.time_miss.within_pct(0.9))}};
+                       {"time_miss_half_within_pct", sums.time_miss.within_pct(0.5)},
+                       {"time_miss_most_within_pct", sums.time_miss.within_pct(0.9)}};
     return json;
 }
 
@@ -219,7 +215,7 @@ Json Report::json() const {
     Json list = Json::array();
     for (const auto& [name, sums] : groups.groups()) {
         Json one{{"name", name}};
-        one.update(as_json(sums, factors));
+        one.add_members(as_json(sums, factors));
         list.push_back(std::move(one));
     }
     Json json{
@@ -234,8 +230,7 @@ Json Report::json() const {
         json["co2_g_per_kwh"] = *factors.co2_g;
     json["jobs_without_record"] = counts.without_record;
     json["lines_left_out"] = counts.unreadable;
-    const auto shown = groups.total().saving_exceeds_miss();
-    json["saving_exceeds_miss"] = shown ? Json(*shown) : Json();
+    json["saving_exceeds_miss"] = groups.total().saving_exceeds_miss();
     return json;
 }
 

@@ -162,7 +162,7 @@ class SampleTable {
     static Json json(const std::vector<Figure>& figures) {
         Json json = Json::object();
         for (const Figure& figure : figures)
-            json[figure.member] = figure.value ? Json(*figure.value) : Json(nullptr);
+            json[figure.member] = figure.value;
         return json;
     }
 
@@ -241,13 +241,9 @@ void require_a_figure(const easnode_reading& reading) {
 
 Json whole_run_json(const SampleTable& table) {
     Json json = SampleTable::json(table.figures(true));
-    const auto count = [](const easnode_figure& figure) {
-        const auto value = value_of(figure);
-        return value ? Json(*value) : Json(nullptr);
-    };
-    json["cycles"] = count(table.last().cycles);
-    json["instructions"] = count(table.last().instructions);
-    json["memory_bytes"] = count(table.last().memory);
+    json["cycles"] = value_of(table.last().cycles);
+    json["instructions"] = value_of(table.last().instructions);
+    json["memory_bytes"] = value_of(table.last().memory);
     return json;
 }
 

@@ -115,7 +115,7 @@ void generate_tags(Globals& globals, const Generate& options, bool one) {
     }
     library.generate(request);
     if (globals.json)
-        print_json({{"generated", Json::array({as_json(request)})}, {"failed", Json::array()}});
+        print_json({{"generated", std::vector<Json>{as_json(request)}}, {"failed", Json::array()}});
     else
         print_made(request);
 }

@@ -52,7 +52,7 @@ Json as_json(const ClassSums& sums, const std::vector<Scenario>& scenarios) {
         Json result{{"policy", scenarios[i].policy}};
         if (scenarios[i].limit_pct)
             result["threshold_pct"] = *scenarios[i].limit_pct;
-        result.update(as_json(cost));
+        result.add_members(as_json(cost));
         result["energy_saved_j"] = sums.measured.energy_j - cost.energy_j;
         result["energy_change_pct"] = change_pct(cost.energy_j, sums.measured.energy_j);
         result["time_change_pct"] = change_pct(cost.time_s, sums.measured.time_s);
@@ -173,7 +173,7 @@ Json SavingsReport::json() const {
     Json classes = Json::array();
     for (const NamedSums& entry : classes_) {
         Json json{{"class", entry.name}};
-        json.update(as_json(entry.sums, savings_.scenarios()));
+        json.add_members(as_json(entry.sums, savings_.scenarios()));
         classes.push_back(std::move(json));
     }
     return {{"classes", std::move(classes)},
