@@ -24,18 +24,17 @@ class Hybrid(unittest.TestCase):
 
     def test_the_meter_says_what_happened_between_its_readings(self):
         with node.Meter(interval=0.2) as meter:
-            first = meter.read()
             usages = [next(meter) for _ in range(2)]
-            whole = meter.read() - first
+            whole = meter.read()
         for usage in (*usages, whole):
-            # The shape: 20 W at the lowest frequency to 200 W at the highest, four fifths counted.
-            self.assertTrue(10 < usage.power < 240, usage)
+            # The shape: 20 W at the lowest frequency to 200 W at the highest, four fifths counted;
+            # who is kept waiting between clock and counter sees more, or less.
+            self.assertTrue(5 < usage.power < 500, usage)
             self.assertGreater(usage.instructions.value, usage.cycles.value * 0.5)
             self.assertEqual(usage.energy.source, "rapl-perf")
             self.assertIs(usage.energy.extent, node.Extent.PACKAGES)
-        self.assertAlmostEqual(usages[1].seconds, 0.2, delta=0.15)
-        parts = sum(usage.energy.value for usage in usages)
-        self.assertAlmostEqual(parts / whole.energy.value, 1, delta=0.5)
+        self.assertTrue(0.399 < sum(usage.seconds for usage in usages) <= whole.seconds)
+        self.assertLessEqual(sum(usage.energy.value for usage in usages), whole.energy.value)
         self.assertRaises(StopIteration, next, meter)
         self.assertRaises(ValueError, meter.read)
 
