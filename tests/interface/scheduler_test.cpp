@@ -114,12 +114,20 @@ TEST_P(Scheduler, QueriesAndRemovesSeveralTagsAtOnce) {
     EXPECT_EQ(tag_rows(), 12);
 }
 
-TEST_P(Scheduler, OrdersTheRowsOfATagWhateverTheTableDoes) {
-    plain().run(
-        "create table kept as select * from TQVN_EnergyCoEfficients order by frequency desc");
-    plain().run("drop table TQVN_EnergyCoEfficients");
-    plain().run("alter table kept rename to TQVN_EnergyCoEfficients");  // it has no key
+TEST_P(Scheduler, ReadsModelAndTagsInWhateverOrderTheTablesGiveTheirRows) {
+    const auto reorder = [this](const std::string& table, const std::string& order) {
+        plain().run("create table kept as select * from " + table + " order by " + order);
+        plain().run("drop table " + table);
+        plain().run("alter table kept rename to " + table);  // it has no key
+    };
+    reorder("TQVN_EnergyCoEfficients", "frequency desc");
     ASSERT_EQ(initialize(), EAS_OK);
+    for (const char* tag : {"t1", "t2", "t3"})
+        ASSERT_EQ(generate("anna", tag), EAS_OK);
+    reorder("TQVN_EnergyPolicyTag",  // the three forth, back, and forth again
+            "frequency, case frequency when 1800000 then '' else energy_tag_name end, "
+            "energy_tag_name desc");
+    EXPECT_EQ(Tags("anna", nullptr).count, 3);
     EXPECT_EQ(global_coeffs->frequencyArray(),
               (std::vector<int>{1600000, 1800000, 2000000, 2400000}));
 }

@@ -234,12 +234,13 @@ TEST(Prediction, RefusesSingleRowsThatDoNotExist) {
 }
 
 TEST(Prediction, UsesTheFirstRowOfAFrequencyThatOccursTwice) {
-    CoEfficients set = eas_test::make_set({1200000, 2400000}, 2400000);
-    set.setArrayData(1200000, 5, 0, 0, 5, 0, 0);
+    CoEfficients set = eas_test::make_set({1200000}, 2400000);
+    for (const auto& [khz, factor] : {std::pair(1200000, 5), {2400000, 0}, {1200000, 6}})
+        set.setArrayData(khz, factor, 0, 0, factor, 0, 0);
     const EnergyTag tag = tag_of(set, 100, 100);
-    EXPECT_EQ(tag.frequency_array(), (std::vector<int>{1200000, 2400000, 1200000}));
-    EXPECT_EQ(tag.predict_power_array(), (std::vector<double>{100, 100, 100}));
-    EXPECT_EQ(tag.predict_elapse_time_array(), (std::vector<int>{200, 100, 200}));
+    EXPECT_EQ(tag.frequency_array(), (std::vector<int>{1200000, 1200000, 2400000, 1200000}));
+    EXPECT_EQ(tag.predict_power_array(), (std::vector<double>{100, 100, 100, 100}));
+    EXPECT_EQ(tag.predict_elapse_time_array(), (std::vector<int>{200, 200, 100, 200}));
 }
 
 TEST(Tag, IsTheSameForClusterNameUserAndDefaultFrequency) {

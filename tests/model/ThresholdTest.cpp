@@ -95,6 +95,7 @@ TEST(Thresholds, TakeTheFirstUsableEnergyLine) {
         {"THRESHOLD_RUNTIME_VAR x = 1 2\t7.25", 7.25},
         {"THRESHOLD_RUNTIME_VAR=-1", 0.0},
         {"THRESHOLD_RUNTIME_VAR=-1\nTHRESHOLD_RUNTIME_VAR=3\nTHRESHOLD_RUNTIME_VAR=4", 3.0},
+        {"THRESHOLD_RUNTIME_VAR=0\nTHRESHOLD_RUNTIME_VAR=4", 0.0},
         {"THRESHOLD_RUNTIME_VAR=1e1", 0.0},
         {"THRESHOLD_RUNTIME_VAR=", 0.0},
         {"=5", 0.0},
