@@ -137,6 +137,7 @@ TEST(TraceLog, SyslogGetsWhatIsSevereEnough) {
     DBTracer::syslog(4);
     eas::trace(3, "an error, %s", "100 %s");
     eas::trace(4, "at the level");
+    DBTracer::get() << "outside a record" << std::flush;
     eas::trace(5, "detail");
     DBTracer::syslog(-1);
     eas::trace(3, "not now");

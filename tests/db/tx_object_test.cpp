@@ -117,7 +117,11 @@ TEST_P(Transaction, RowsGoInAndComeBackAsTheyWere) {
     }
     EXPECT_EQ(rc, SQL_NO_DATA);
     EXPECT_THAT(frequencies, ElementsAre(1, 2, 3));
+    row._frequency = 4;
+    ASSERT_EQ(tx.insert(&row, false), 0);
     EXPECT_EQ(tx.fetch(&row), SQL_INVALID_HANDLE) << "idle after the last row";
+    ASSERT_EQ(tx.commit(), 0);
+    EXPECT_EQ(stored(), 3) << "like any failure it rolled back";
 }
 
 TEST_P(Transaction, UpdatesDeletesAndCounts) {

@@ -88,9 +88,9 @@ TEST(JobSettings, ATypeOfNodesHasFiguresOfItsOwn) {
         "default_frequency=2000000\nlimit=5\n\n[gpu node]\nthresholds=/t\n",
         site);
     EXPECT_EQ(2U, site.complaints.size()) << "a limit of x, and one for a type alone";
-    const SiteSettings fat = settings_of_node(site, "big, fat"),
+    const SiteSettings fat = settings_of_node(site, "gpu node, fat"),
                        thin = settings_of_node(site, "fatter");
-    EXPECT_EQ("fat f 2000000",
+    EXPECT_EQ("fat f 2000000",  // the first type that the node is of
               fat.type + ' ' + fat.cluster + ' ' + std::to_string(fat.default_frequency));
     EXPECT_EQ(" c 2300000",
               thin.type + ' ' + thin.cluster + ' ' + std::to_string(thin.default_frequency));
