@@ -15,6 +15,7 @@
 #include <tuple>
 
 #include "adapters/job/ChildCall.h"
+#include "adapters/job/FrequencyGuard.h"
 #include "adapters/job/JobOnNode.h"
 #include "adapters/job/JobRecord.h"
 #include "adapters/job/NodeFigures.h"
@@ -267,6 +268,11 @@ TEST(JobStart, NothingHindersItFromSettingTheNodeBackFirst) {
     EXPECT_FALSE(silent.good || refused.good || locked.good);
     EXPECT_EQ(mark, folder.read(3)->disturbed);
     EXPECT_TRUE(folder.read(4));
+
+    EXPECT_EQ("", restore(settings,  // of another boot, with which it went
+                          "easnode-frequency 1\nboot 0d6d6f0e-6c1f-4d5e-9f86-1a2b3c4d5e6f\n"
+                          "asked 2000000\npolicies 0 driver=d governor=g min=1 max=2\n"
+                          "end 06774d1d320caf2e\n"));
 
     // One that changed nothing is in the way of a job that would.
     settings.state = scratch.path("other");
