@@ -260,6 +260,10 @@ TEST(JobStart, NothingHindersItFromSettingTheNodeBackFirst) {
         << refused.text;
     fs::remove(settings.state + "/job-4");
 
+    OneNode scheduler([] {});
+    EXPECT_FALSE(end_job(settings, 3, scheduler).good);
+    EXPECT_TRUE(folder.read(3)) << "the next start tries again";
+
     settings.limit = 1;
     const Descriptor lock = folder.lock(std::chrono::milliseconds(0));
     const Outcome locked = start_of(settings, {4, 1000, "", "", false}, [] {});
@@ -277,7 +281,6 @@ TEST(JobStart, NothingHindersItFromSettingTheNodeBackFirst) {
     // One that changed nothing is in the way of a job that would.
     settings.state = scratch.path("other");
     StateFolder(settings.state).create({3, 1000, "", "", false}, here);
-    OneNode scheduler([] {});
     const Outcome beside = call_in_child(ample, [&] {
         return start_job(settings, {4, 1000, "t", "", false}, here, scheduler);
     });

@@ -60,10 +60,13 @@ records_are_kept_beside_what_is_there() {
     check "the record of an observed job" 'The site "says" 5|6; eas=0; eas=1 outcome=observed' \
         "$(record_of observed | grep -o '^.*outcome=[a-z]*')"
     settings record=file record_file="$scratch/runs"
-    run in_file nobody -w n1 --energy-tag=solve --energy-policy=minimize_energy -- sleep 1.1
+    run in_file nobody -N 2 -w n1,n2 --energy-tag=solve --energy-policy=minimize_energy -- sleep 1.1
     settle
     check "the record in a file" 1 "$(grep -cE "^eas=1 cluster=sample job=$(id_of in_file) user=nobody \
 start=[0-9.e+]+ outcome=used tag=solve " "$scratch/runs")"
+    check "the joules of two nodes are predicted" 1 "$(sql "select abs(
+        $(figure "$(cat "$scratch/runs")" default_joules) / (2 * predict_power * predict_elapse_time) - 1) < 1e-9
+        from TQVN_EnergyPolicyTag where energy_tag_name='solve' and user_name='nobody' and frequency=2300000")"
     settings record=accounting limit=2
     kill -STOP "$(cat "$scratch/run/slurmdbd.pid")"
     run unheard nobody -w n1 --energy-tag=solve --energy-policy=minimize_energy -- sleep 1.1
@@ -96,6 +99,9 @@ nodes_agree() {
     check_log gpu "$(id_of gpu)" 'the job holds GPUs, which the meter \(pm_counters,node\) counts, too'
     check "rows of two nodes' tag" 12 "$(rows "energy_tag_name='together'")"
     check "the spread is in the record" 1 "$(record_of together | grep -c 'nodes=2 .* spread=')"
+    check "the tag's power is that of one node" 1 "$(sql "select abs(2 * predict_power *
+        $(figure "$(record_of together)" seconds) / $(figure "$(record_of together)" joules) - 1) < 0.001
+        from TQVN_EnergyPolicyTag where energy_tag_name='together' and frequency=2300000")"
     run uneven nobody -N 2 -w n1,n2 --energy-tag=uneven --energy-policy=minimize_energy -- \
         "$held" "$go/uneven" sleep 1.1 &
     patiently has_begun uneven
