@@ -8,6 +8,7 @@ what a report must say. A stand-in for sacct answers for periods. --large: a mil
 bounded memory.
 """
 
+import csv
 import json
 import math
 import os
@@ -37,7 +38,7 @@ def make_runs(count, seed):
         run = {
             "job": str(1000 + i),
             "user": lots.choice(USERS),
-            "end": 1_760_000_000 + i * 3600 + seconds,
+            "end": 1_750_000_000 + i * 3600 + seconds,
             "outcome": "used" if i % 5 else "failed",
             "tag": HOSTILE if i % 7 == 0 else f"t{i % 3}",
             "policy": lots.choice(("minimize_energy", "minimize_time")),
@@ -108,13 +109,18 @@ def expected(runs):
         return math.ceil(misses[math.ceil(part * len(misses)) - 1] * 200) / 2
 
     saved = sum(r["default_joules"] - r["joules"] for r in compared)
+    added = sum(r["seconds"] - r["default_seconds"] for r in compared)
     return {
         "runs": len(runs),
         "failed_runs": sum(r["outcome"] == "failed" for r in runs),
+        "measured_runs": len(measured),
         "energy_measured_j": sum(r["joules"] for r in measured),
+        "time_measured_s": sum(r["seconds"] for r in measured),
         "compared.runs": len(compared),
         "compared.energy_saved_j": saved,
-        "compared.time_added_s": sum(r["seconds"] - r["default_seconds"] for r in compared),
+        "compared.energy_saved_pct": 100 * saved / sum(r["default_joules"] for r in compared),
+        "compared.time_added_s": added,
+        "compared.time_added_pct": 100 * added / sum(r["default_seconds"] for r in compared),
         "compared.cost_saved": saved / 3.6e6 * 0.25,
         "compared.co2_saved_g": saved / 3.6e6 * 400,
         "checked.runs": len(checked),
@@ -140,7 +146,7 @@ def check_figures(found, runs, what):
 class Tool:
     def __init__(self, program, path=None):
         self.program = program
-        self.environment = dict(os.environ, TZ="Europe/Berlin")
+        self.environment = dict(os.environ)
         if path:
             self.environment["PATH"] = path + ":" + self.environment["PATH"]
 
@@ -172,7 +178,45 @@ def check_forms(tool, folder):
         check(tool.report(once, "--by", "policy")["total"] == found["total"], f"{name} as CSV")
         with open(once, "rb") as a, open(twice, "rb") as b:
             check(a.read() == b.read(), f"{name}: CSV of CSV differs")
+        with open(once, newline="", encoding="utf-8") as text:
+            rows = list(csv.DictReader(text))
+        for run, row in zip(runs, rows):
+            end = str(int(run["end"])) if name == "accounting" else ""  # records know none
+            check(row["end"] == end, f"{name}: end of {row}")
+        check_counted(tool, folder, rows, runs)
     check(tool.report(os.path.join(folder, "accounting"))["jobs_without_record"] == 1, "eve's job")
+
+
+def check_counted(tool, folder, rows, runs):
+    """Each row stands for three runs, in the report and in the metrics."""
+    path = os.path.join(folder, "thrice.csv")
+    with open(path, "w", newline="", encoding="utf-8") as out:
+        writer = csv.DictWriter(out, rows[0])
+        writer.writeheader()
+        writer.writerows(dict(row, count=3) for row in rows)
+    totals = expected([r for r in runs for _ in range(3)])
+    found = tool.report(path)["total"]
+    metrics = tool.run("metrics", path)
+    for name, family in (
+        ("runs", "eas_runs_total"),
+        ("energy_measured_j", "eas_energy_joules_total"),
+        ("time_measured_s", "eas_run_seconds_total"),
+        ("checked.runs", "eas_checked_runs_total"),
+    ):
+        samples = [li.split() for li in metrics.splitlines() if li.startswith(family + "{")]
+        shown = sum(float(words[-1]) for words in samples)
+        check(math.isclose(shown, totals[name], rel_tol=1e-9), f"{family} {shown}")
+    check(found["runs"] == totals["runs"], "runs of rows that stand for three")
+
+
+def check_verdict(tool, folder):
+    """A saving that is smaller than what the predictions missed is none, in either direction."""
+    for factor in (1.0, 1.06):
+        runs = [dict(r, joules=r["predicted_joules"] * factor) for r in make_runs(60, 4)]
+        compared = [r for r in runs if r["outcome"] == "used" and "default_joules" in r]
+        saved = sum(r["joules"] for r in compared) / sum(r["default_joules"] for r in compared)
+        found = tool.report(write_forms(folder, runs)["records"])
+        check(found["saving_exceeds_miss"] == (1 - saved > factor - 1), f"{factor}: {saved}")
 
 
 def check_page(tool, folder):
@@ -246,11 +290,14 @@ def check_large(tool, folder):
 
 def main():
     program = sys.argv[1]
+    os.environ["TZ"] = "Europe/Berlin"  # in summer time, which a text does not name
+    time.tzset()
     with tempfile.TemporaryDirectory() as folder:
         if "--large" in sys.argv:
             check_large(Tool(program), folder)
             return
         check_forms(Tool(program), folder)
+        check_verdict(Tool(program), folder)
         check_page(Tool(program), folder)
         check_sacct(program, folder)
 

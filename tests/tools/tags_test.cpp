@@ -280,6 +280,9 @@ TEST_P(Tags, ThatRunsNoLongerFitOrNobodyUsesAreToldByTheRuns) {
         lines += run_line("bert", "solve", i, -0.15);
         lines += run_line("carla", "triad", i, 0.09);
     }
+    for (int i = 0; i < 12; ++i)
+        lines += run_line("dora", "anew", i, 0.3);
+    lines += "eas=1 outcome=measured user=dora tag=anew start=1700000099\n";
     const ScratchFile runs(lines);
     const auto names = [&](std::vector<std::string> options) {
         options.insert(options.begin(), "list");
@@ -294,12 +297,12 @@ TEST_P(Tags, ThatRunsNoLongerFitOrNobodyUsesAreToldByTheRuns) {
     EXPECT_THAT(names({"--stale"}), ElementsAre("hpl", "solve"));
     EXPECT_THAT(names({"--unused"}), ElementsAre("forecast"));
     EXPECT_THAT(names({"--stale", "--tag-limit", "20"}), ElementsAre());
-    expect_all({{{"doctor", "--runs", runs.path()}, 0, "2 of 5 tags stale by 60 runs"},
+    expect_all({{{"doctor", "--runs", runs.path()}, 0, "2 of 6 tags stale by 73 runs"},
                 {{"tag", "remove", "--stale"}, 2, "--stale and --unused are told by runs"}});
 
-    // Nine tags of three users that all miss by 7 %: no tag is stale, but the model is.
+    // Nine tags of three users that all miss by 7 %: none has runs enough, but the model is stale.
     lines.clear();
-    for (int i = 0; i < 108; ++i)
+    for (int i = 0; i < 45; ++i)
         lines += run_line("u" + std::to_string(i % 3), std::to_string(i % 9), i, 0.07);
     const ScratchFile drifted(lines);
     const json drift = document_of({"drift", drifted.path()}, 1);
