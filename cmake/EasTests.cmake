@@ -10,9 +10,11 @@ include(GoogleTest)
 
 set(EAS_TEST_LABELS "" CACHE STRING "Test programs of these labels are built, or all")
 
-# What is under test is compiled as it ships; the tests themselves need no optimisation.
+# What is under test is compiled as it ships; the tests themselves need no optimisation, and what a
+# debugger reads only where the build is one for it.
 function(eas_compile_as_test name)
-    target_compile_options(${name} PRIVATE -O0 -U_FORTIFY_SOURCE)
+    target_compile_options(${name} PRIVATE -O0 -U_FORTIFY_SOURCE
+                                           $<$<NOT:$<CONFIG:Debug>>:-g0>)
 endfunction()
 
 function(eas_add_test name)
@@ -47,6 +49,12 @@ function(eas_add_test name)
     endif()
     gtest_discover_tests(${name} TEST_PREFIX "${name}." DISCOVERY_TIMEOUT 60
                          PROPERTIES ${properties})
+endfunction()
+
+# eas_runs_many_programs(TEST...): one of these at a time, and first, with little beside it: they run
+# a site's servers, and mostly wait for them.
+function(eas_runs_many_programs)
+    set_tests_properties(${ARGN} PROPERTIES RESOURCE_LOCK site PROCESSORS 3 COST 100)
 endfunction()
 
 # eas_tests_left_out(REASON): says which tests are not built, and why; in CI that is an error.
