@@ -1,6 +1,6 @@
 // FrequencyGuard.h - fixes the frequency of a node's CPUs, and gives back what was set before. What
 // it was is written down before anything changes; the caller keeps the text, so that another
-// process can give it back. KHz. Needs root; errors are std::runtime_error.
+// process can give it back. kHz. Needs root; errors are std::runtime_error.
 #pragma once
 
 #include <string>

@@ -1,5 +1,5 @@
 // SiteSettings.h - what the administrator decided for the jobs of a site: words "name=value" in the
-// scheduler's configuration, lines "name=value" in a file. Plain data; seconds, KHz.
+// scheduler's configuration, lines "name=value" in a file. Plain data; seconds, kHz.
 #pragma once
 
 #include <chrono>
@@ -32,7 +32,7 @@ struct SiteSettings {
     std::string record_file = "/var/log/eas/runs";        // of record=file
     std::string observe = "no";                           // or "yes": count, set nothing
     std::string energy_sources;           // of libeasnode's meter; empty: its own order
-    int default_frequency = 0;            // KHz, at which jobs are measured
+    int default_frequency = 0;            // kHz, at which jobs are measured
     int limit = 10;                       // s, for each visit to the library
     int spread = 20;                      // %, of the nodes' joules; more makes no tag
     std::vector<NodeType> types;          // the first that fits a node counts
