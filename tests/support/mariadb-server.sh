@@ -86,7 +86,7 @@ start() {
     scratch=$(mktemp -d /tmp/eas-db.XXXXXX)
     echo "$scratch" >"$dir/scratch"
     if ! mariadb-install-db --no-defaults --user="$(id -un)" --datadir="$scratch/data" \
-        --auth-root-authentication-method=normal --skip-test-db \
+        --auth-root-authentication-method=normal --skip-test-db --tmpdir="$scratch" \
         >"$scratch/install.log" 2>&1; then
         cat "$scratch/install.log" >&2
         stop
