@@ -135,12 +135,14 @@ void TagTable::remove_batch(const std::string& user, const std::vector<std::stri
         "energy_tag_name in (" +
         marks + ") and default_frequency = " + std::to_string(default_khz_) +
         " and create_time <= " + number(made_until, 0);
-    for (const Database::Row& row :
-         database_.run("select distinct user_name, energy_tag_name" + condition, values)) {
+    const Rows rows =
+        database_.run("select distinct user_name, energy_tag_name" + condition, values);
+    // On SQLite two writers that had read first would each wait for the other's lock of readers.
+    database_.rollback();
+    for (const Database::Row& row : rows) {
         const std::string other = row[1].value_or("");
         if (row[0] == user && std::find(names.begin(), names.end(), other) != names.end())
             continue;
-        database_.rollback();
         throw Failure(ExitCode::refused,
                       name_of_tag(row[0].value_or(""), other) +
                           " would be removed, too: the table compares names without case",
