@@ -104,6 +104,39 @@ TEST_F(NodeCommands, NameTheBrokenLinkAndItsRemedy) {
     });
 }
 
+TEST_F(NodeCommands, SetANodeUpForAJobAndGiveItBack) {
+    NodeShape shape = small_node();
+    shape.workload = {{2400000, 200, 1.0, 0.01}};
+    FakeNode node(shape);
+    inside(node, [&] {
+        const std::string share = path("share");
+        fs::create_directory(share);
+        fs::permissions(share, fs::perms::owner_all);
+        write_file(path("job.conf"), "cluster=c\ndefault_frequency=2400000\nlimit=8\nstate=" +
+                                         path("state") + "\nnode_library=" EAS_NODE_LIBRARY "\n");
+        const auto job = [&](std::vector<std::string> words, const char* number) {
+            words.insert(words.begin(), "job");
+            words.insert(words.end(), {"--job", number, "--config", path("job.conf")});
+            return words;
+        };
+        const auto of_two = [&](std::vector<std::string> words, const char* number) {
+            words.insert(words.end(), {"--nodes", "a,b", "--share", share, "--run", "r"});
+            return job(words, number);
+        };
+        expect_all({{job({"begin", "--user", "0x"}, "7"), 2, "this node knows no such user"},
+                    {job({"begin", "--user", "0", "--tag", "t"}, "7"), 0, "measuring for tag"}});
+        EXPECT_EQ(settings(), "userspace\nuserspace\n2400000\n");
+        ::sleep(1);
+        expect_all({{job({"end", "--gpus"}, "7"), 1, "the job holds GPUs, which the meter (qpx,"}});
+        EXPECT_EQ(settings().substr(0, 12), "performance\n");
+        expect_all({{of_two({"begin", "--user", "0", "--tag", "t", "--node", "a"}, "8"), 0, ""},
+                    {of_two({"end", "--node", "b"}, "9"), 0, ""}});
+        EXPECT_TRUE(fs::exists(share + "/run-r")) << "the first node still needs it";
+        expect_all({{of_two({"end", "--node", "a"}, "8"), 1, "no figures of 1 of 2 nodes"}});
+        EXPECT_FALSE(fs::exists(share + "/run-r"));
+    });
+}
+
 // Every CPU is opened and bound to by its number, and a set of the usual size ends at 1024.
 TEST_F(NodeCommands, KnowMoreCpusThanACpuSetHolds) {
     NodeShape shape = fake::read_shape("xeon2023");
