@@ -266,6 +266,7 @@ TEST_P(Tags, OfAnotherModelAreToldAndMadeAnewOrRemoved) {
     EXPECT_THAT(asked.err, HasSubstr("remove 3 tags of 2 users of cluster \"sample\"?"));
     EXPECT_EQ(tag_json({"remove", "--before-model", "--older-than", "1d", "--yes"})["removed"],
               json::array());
+    plain().run("update TQVN_EnergyPolicyTag set create_time = 5 where energy_tag_name = 'triad'");
     EXPECT_EQ(tag_json({"remove", "--before-model", "--yes"})["removed"].size(), 3U);
     EXPECT_EQ(tag_json({"list"})["tags"].size(), 3U);
 }
@@ -335,6 +336,17 @@ TEST_P(Tags, AreTheSameAfterExportAndImportWhateverTheirNames) {
     EXPECT_EQ(rows(), before);
     const ScratchFile cut(file.text().substr(0, file.text().find_last_of(',') - 9));
     EXPECT_EQ(tag({"import", cut.path()}).code, 3);
+
+    // More rows of a user than are read at a time.
+    const std::string one = tag({"export", "-q", "--user", "anna", "--tag", "hpl"}).out;
+    std::string all = one.substr(0, one.find('\n') + 1);  // the header
+    for (int i = 1000; i < 1400; ++i)
+        for (auto at = one.find("anna,hpl,"); at != one.npos;
+             at = one.find("anna,hpl,", at + 1))
+            all += "zoe," + std::to_string(i) + one.substr(at + 8, one.find('\n', at) - at - 7);
+    const ScratchFile many(all);
+    EXPECT_EQ(tag_json({"import", many.path()})["stored"], 400);
+    EXPECT_EQ(tag({"export", "-q", "--user", "zoe"}).out, all);
 }
 
 TEST_P(Tags, FailuresNameTheReturnCodeOfTheLibraryAndWhatToDo) {
