@@ -341,8 +341,7 @@ TEST_P(Tags, AreTheSameAfterExportAndImportWhateverTheirNames) {
     const std::string one = tag({"export", "-q", "--user", "anna", "--tag", "hpl"}).out;
     std::string all = one.substr(0, one.find('\n') + 1);  // the header
     for (int i = 1000; i < 1400; ++i)
-        for (auto at = one.find("anna,hpl,"); at != one.npos;
-             at = one.find("anna,hpl,", at + 1))
+        for (auto at = one.find("anna,hpl,"); at != one.npos; at = one.find("anna,hpl,", at + 1))
             all += "zoe," + std::to_string(i) + one.substr(at + 8, one.find('\n', at) - at - 7);
     const ScratchFile many(all);
     EXPECT_EQ(tag_json({"import", many.path()})["stored"], 400);
