@@ -1,8 +1,10 @@
 // easctl model fit: known coefficients come back from measurements that were made from them, and
 // what cannot be fitted is named with file and line.
 #include <gmock/gmock.h>
+#include <sys/resource.h>
 
 #include <cmath>
+#include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <nlohmann/json.hpp>
@@ -111,6 +113,19 @@ TEST_F(ModelFit, FindsTheCoefficientsThatTheMeasurementsWereMadeFrom) {
     EXPECT_EQ(run_easctl(words).out, written);
     words.resize(5);
     EXPECT_EQ(run_easctl(words).out, written);
+
+    // A disk without room leaves what is there, and no draft beside it.
+    const auto files = [this] {
+        return std::distance(fs::directory_iterator(folder_.path()), fs::directory_iterator());
+    };
+    const auto before = files();
+    const rlimit little{100, RLIM_INFINITY};
+    ::signal(SIGXFSZ, SIG_IGN);
+    ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &little), 0);
+    words.insert(words.end(), {"-o", path("c.txt")});
+    EXPECT_EQ(run_easctl(words).code, 1);
+    EXPECT_EQ(read_file(path("c.txt")), written);
+    EXPECT_EQ(files(), before);
 }
 
 TEST_F(ModelFit, RefusesWhatIsNoCompleteMeasurementWithFileAndLine) {
