@@ -51,10 +51,10 @@ function(eas_add_test name)
                          PROPERTIES ${properties})
 endfunction()
 
-# eas_runs_many_programs(TEST...): one of these at a time, and first, with little beside it: they run
-# a site's servers, and mostly wait for them.
+# eas_runs_many_programs(TEST...): one of these at a time, and from the beginning: they run a site's
+# servers, and mostly wait for them.
 function(eas_runs_many_programs)
-    set_tests_properties(${ARGN} PROPERTIES RESOURCE_LOCK site PROCESSORS 3 COST 100)
+    set_tests_properties(${ARGN} PROPERTIES RESOURCE_LOCK site COST 100)
 endfunction()
 
 # eas_tests_left_out(REASON): says which tests are not built, and why; in CI that is an error.

@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cmath>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -21,6 +22,20 @@ using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 
 using NodeCommands = SmallNodeTest;
+
+/// A command is sampled, whose figure must be near; anew while it is not, since on a busy machine
+/// the clock and what is counted are read apart.
+ToolRun sampled_near(const char* member, double expected, double share, const char* command) {
+    ToolRun run;
+    double value = 0;
+    for (int i = 0; i < 5 && std::abs(value - expected) > share * expected; ++i) {
+        run = run_easctl(
+            {"node", "sample", "--interval", "0.1", "--json", "--", "sh", "-c", command});
+        value = nlohmann::json::parse(run.out).at("whole_run").at(member).get<double>();
+    }
+    EXPECT_NEAR(value, expected, share * expected);
+    return run;
+}
 
 TEST_F(NodeCommands, ShowAndSteerANode) {
     NodeShape shape = small_node();
@@ -44,11 +59,8 @@ TEST_F(NodeCommands, ShowAndSteerANode) {
         });
         // A change that fails leaves nothing behind, on no CPU.
         EXPECT_EQ(settings(), "performance\nuserspace\n1600000\n");
-        const auto run = run_easctl({"node", "sample", "--interval", "0.1", "--json", "--", "sh",
-                                     "-c", "echo mixed in; sleep 1"});
-        const auto json = nlohmann::json::parse(run.out);
-        EXPECT_GE(json.at("samples").size(), 3U);
-        EXPECT_NEAR(json.at("whole_run").at("power_w").get<double>(), 150, 15);
+        const ToolRun run = sampled_near("power_w", 150, 0.1, "echo mixed in; sleep 1");
+        EXPECT_GE(nlohmann::json::parse(run.out).at("samples").size(), 3U);
         EXPECT_THAT(run.err, HasSubstr("mixed in"));
         EXPECT_THAT(run.err, HasSubstr("energy: qpx: the platform's energy meter"));
         // Somebody samples already: his figures are left alone.
@@ -153,8 +165,7 @@ TEST_F(NodeCommands, KnowMoreCpusThanACpuSetHolds) {
                       shape.files.end());
     FakeNode node(shape);
     inside(node, [&] {
-        const auto whole = document_of({"node", "sample", "--", "sleep", "0.2"}).at("whole_run");
-        EXPECT_NEAR(whole.at("giga_cycles_per_second").get<double>(), 600 * 3.8, 250) << whole;
+        sampled_near("giga_cycles_per_second", 600 * 3.8, 0.11, "sleep 0.2");
         expect_all({{{"model", "calibrate", "--seconds", "0.2", "--kernels", "stream", "--cpu-list",
                       "1100-1101", "--frequencies", "2000000", "--out", path("m.csv")},
                      0,
