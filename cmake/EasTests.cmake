@@ -1,6 +1,7 @@
 # eas_add_test(NAME [SERIAL] LABELS label SOURCES file... [LIBRARIES target...] [TIMEOUT seconds]
-#              [FIXTURES name])
+#              [FIXTURES name] [HEADERS target])
 #
+# HEADERS names the target whose precompiled headers it reads, with whose options it is compiled.
 # One GoogleTest program; CTest then runs every case of it in a process of its own, since the
 # library keeps process-wide state. CONTRIBUTING.md says what the labels mean; a program has one,
 # for gtest_discover_tests takes no list as a property's value.
@@ -18,7 +19,8 @@ function(eas_compile_as_test name)
 endfunction()
 
 function(eas_add_test name)
-    cmake_parse_arguments(PARSE_ARGV 1 arg "SERIAL" "LABELS;TIMEOUT;FIXTURES" "SOURCES;LIBRARIES")
+    cmake_parse_arguments(PARSE_ARGV 1 arg "SERIAL" "LABELS;TIMEOUT;FIXTURES;HEADERS"
+                          "SOURCES;LIBRARIES")
     if(arg_UNPARSED_ARGUMENTS OR NOT arg_LABELS OR NOT arg_SOURCES)
         message(FATAL_ERROR "eas_add_test(${name}): one label, sources, and not "
                             "\"${arg_UNPARSED_ARGUMENTS}\"")
@@ -30,7 +32,10 @@ function(eas_add_test name)
     target_link_libraries(${name} PRIVATE eas_options eas_objects eas_test_support GTest::gmock
                                           GTest::gtest_main ${arg_LIBRARIES})
     eas_compile_as_test(${name})
-    target_precompile_headers(${name} REUSE_FROM eas_test_support)
+    if(NOT arg_HEADERS)
+        set(arg_HEADERS eas_test_support)
+    endif()
+    target_precompile_headers(${name} REUSE_FROM ${arg_HEADERS})
     if(EAS_TEST_LABELS AND NOT arg_LABELS IN_LIST EAS_TEST_LABELS)
         set_target_properties(${name} PROPERTIES EXCLUDE_FROM_ALL ON)
         return()
