@@ -4,6 +4,8 @@
 #include <nlohmann/json.hpp>
 #include <utility>
 
+#include "tools/easctl/cli/Output.h"
+
 namespace easctl {
 
 Json::Json() noexcept : value_(nullptr) {}
@@ -89,6 +91,10 @@ struct JsonWriter {
 std::string Json::text() const {
     using Written = JsonWriter::Written;
     return JsonWriter::written(*this).dump(2, ' ', false, Written::error_handler_t::replace);
+}
+
+void print_json(const Json& document) {
+    print(document.text() + '\n');
 }
 
 }  // namespace easctl

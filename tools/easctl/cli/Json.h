@@ -102,4 +102,7 @@ struct Json::Member {
     Json value;
 };
 
+/// Writes to standard output, like print().
+void print_json(const Json& document);
+
 }  // namespace easctl

@@ -11,7 +11,6 @@
 #include <cstring>
 
 #include "tools/easctl/cli/Errors.h"
-#include "tools/easctl/cli/Json.h"
 
 namespace easctl {
 namespace {
@@ -186,10 +185,6 @@ std::vector<std::vector<std::string>> Table::cells() const {
 void print(std::string_view text) {
     if (std::fwrite(text.data(), 1, text.size(), stdout) != text.size())
         flush_output();
-}
-
-void print_json(const Json& document) {
-    print(document.text() + '\n');
 }
 
 void flush_output() {

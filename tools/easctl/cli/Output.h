@@ -10,7 +10,7 @@
 
 namespace easctl {
 
-class Json;
+class Json;  // of cli/Json.h
 
 enum class ColorMode { automatic, always, never };
 /// Whether to colour what goes to `stream`: by default on a terminal that can, without NO_COLOR.
@@ -72,7 +72,6 @@ class Table {
 
 /// Writes to standard output. Throws Failure when it cannot be written (a full disk).
 void print(std::string_view text);
-void print_json(const Json& document);
 /// Ends the output; throws Failure when some of it could not be written.
 void flush_output();
 
