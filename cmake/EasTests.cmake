@@ -1,18 +1,18 @@
 # eas_add_test(NAME [SERIAL] LABELS label SOURCES file... [LIBRARIES target...] [TIMEOUT seconds]
 #              [FIXTURES name] [HEADERS target])
 #
-# HEADERS names the target whose precompiled headers it reads, with whose options it is compiled.
 # One GoogleTest program; CTest then runs every case of it in a process of its own, since the
 # library keeps process-wide state. CONTRIBUTING.md says what the labels mean; a program has one,
-# for gtest_discover_tests takes no list as a property's value.
+# for gtest_discover_tests takes no list as a property's value. HEADERS names the target whose
+# precompiled headers it reads (eas_test_support); it must be compiled with that target's options.
 
 find_package(GTest REQUIRED)
 include(GoogleTest)
 
 set(EAS_TEST_LABELS "" CACHE STRING "Test programs of these labels are built, or all")
 
-# What is under test is compiled as it ships; the tests themselves need no optimisation, and what a
-# debugger reads only where the build is one for it.
+# What is under test is compiled as it ships; the tests themselves need no optimisation, and debug
+# information in a debug build only.
 function(eas_compile_as_test name)
     target_compile_options(${name} PRIVATE -O0 -U_FORTIFY_SOURCE
                                            $<$<NOT:$<CONFIG:Debug>>:-g0>)
