@@ -99,6 +99,13 @@ void expect_all(const std::vector<Expectation>& rows) {
     }
 }
 
+void expect_transcript(const std::string& name) {
+    ::setenv("ASAN_OPTIONS", "detect_leaks=0", 1);  // as above
+    const std::string file = " " EAS_TRANSCRIPTS "/" + name + ".transcript";
+    EXPECT_EQ(std::system(("python3 " EAS_TRANSCRIPTS "/transcript.py " EAS_EASCTL + file).c_str()),
+              0);
+}
+
 void let_file_modes_bind() {
     for (const int capability : {CAP_DAC_OVERRIDE, CAP_DAC_READ_SEARCH})
         ASSERT_EQ(0, ::prctl(PR_CAPBSET_DROP, capability, 0, 0, 0));

@@ -29,6 +29,9 @@ struct Expectation {
 };
 void expect_all(const std::vector<Expectation>& rows);
 
+/// Compares all that the commands of tests/tools/`name`.transcript print with what stands there.
+void expect_transcript(const std::string& name);
+
 /// The modes of files bind what is started from here on, although root starts it.
 void let_file_modes_bind();
 

@@ -180,6 +180,11 @@ struct FileCase {
     int check_code;  // of db check
 };
 
+TEST(ToolOnSqlite, PrintsWhatTheTranscriptSays) {
+    const ScratchDatabase database(Engine::sqlite);
+    expect_transcript("database");
+}
+
 TEST(ToolOnSqlite, TellsWhatIsDeniedFromWhatIsMissing) {
     ScratchDatabase database(Engine::sqlite);
     database.seed_coefficients("c", 2000000, 1600000, 400000, 2);

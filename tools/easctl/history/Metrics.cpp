@@ -46,12 +46,12 @@ void gauge(std::string& text, const std::string& name, const char* help,
 
 }  // namespace
 
-void Metrics::Misses::add(double miss) {
+void Metrics::Misses::add(double miss, double runs) {
     const double size = std::fabs(miss);
     for (std::size_t i = 0; i < limits.size(); ++i)
-        at_most[i] += size <= limits[i] ? 1.0 : 0.0;
-    ++count;
-    sum += size;
+        at_most[i] += size <= limits[i] ? runs : 0.0;
+    count += runs;
+    sum += runs * size;
 }
 
 std::string Metrics::cluster_label(const std::string& cluster) {
@@ -77,7 +77,7 @@ void Metrics::add(const Run& run) {
         sums.compared.add(run, *run.default_joules, *run.default_seconds);
     if (run.is_used() && run.can_be_checked()) {
         sums.checked.add(run, *run.predicted_joules, *run.predicted_seconds);
-        sums.misses.add(*run.joules / *run.predicted_joules - 1.0);
+        sums.misses.add(*run.joules / *run.predicted_joules - 1.0, run.runs());
     }
 }
 

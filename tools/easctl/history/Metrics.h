@@ -27,7 +27,7 @@ class Metrics {
         std::array<double, limits.size()> at_most{};
         double count = 0;
         double sum = 0;
-        void add(double miss);
+        void add(double miss, double runs);
     };
     struct Sums {
         std::map<std::string, double> runs;  // by outcome

@@ -1,6 +1,7 @@
 // What the pictures of a report show, gathered in bounded memory.
 #pragma once
 
+#include <cstdint>
 #include <map>
 #include <random>
 #include <string>

@@ -57,8 +57,7 @@ std::unique_ptr<RunForm> read_runs(LineReader lines) {
         ExitCode::input,
         lines.path() + (first.empty() ? ": empty" : ":1: neither runs nor the names of columns"),
         "what is read: the output of sacct --parsable2 with its header and AdminComment, a file "
-        "of\n"
-        "records, or a CSV file of easctl history");
+        "of records, or a CSV file of easctl history");
 }
 
 }  // namespace easctl

@@ -14,13 +14,13 @@ std::optional<double> change_pct(double after, double before) {
 
 }  // namespace
 
-void MissSpread::add(double miss) {
+void MissSpread::add(double miss, double runs) {
     const double bin = std::ceil(std::fabs(miss) * 100.0 * bins_per_pct);
     const auto last = static_cast<double>(bins_.size() - 1);
     // Bin i holds what lies within i half percents; NaN goes to the last one.
     const auto place = static_cast<std::size_t>(bin <= last ? std::max(bin, 1.0) - 1.0 : last);
-    ++bins_[place];
-    ++count_;
+    bins_[place] += runs;
+    count_ += runs;
 }
 
 void MissSpread::add(const MissSpread& other) {
@@ -30,10 +30,10 @@ void MissSpread::add(const MissSpread& other) {
 }
 
 std::optional<double> MissSpread::within_pct(double part) const {
-    std::uint64_t below = 0;
+    double below = 0;
     for (std::size_t i = 0; i + 1 < bins_.size() && count_ > 0; ++i) {
         below += bins_[i];
-        if (static_cast<double>(below) >= part * static_cast<double>(count_))
+        if (below >= part * count_)
             return static_cast<double>(i + 1) / bins_per_pct;
     }
     return std::nullopt;
@@ -78,8 +78,8 @@ void RunSums::add(const Run& run) {
         compared.add(run, *run.default_joules, *run.default_seconds);
     if (run.is_used() && run.can_be_checked()) {
         checked.add(run, *run.predicted_joules, *run.predicted_seconds);
-        energy_miss.add(*run.joules / *run.predicted_joules - 1.0);
-        time_miss.add(*run.seconds / *run.predicted_seconds - 1.0);
+        energy_miss.add(*run.joules / *run.predicted_joules - 1.0, run.runs());
+        time_miss.add(*run.seconds / *run.predicted_seconds - 1.0, run.runs());
     }
 }
 

@@ -3,7 +3,6 @@
 #pragma once
 
 #include <array>
-#include <cstdint>
 #include <map>
 #include <optional>
 #include <string>
@@ -16,8 +15,8 @@ namespace easctl {
 /// what is told of it is an upper limit, never too good.
 class MissSpread {
   public:
-    /// A fraction of the prediction, of either sign.
-    void add(double miss);
+    /// A fraction of the prediction, of either sign; of so many runs.
+    void add(double miss, double runs);
     void add(const MissSpread& other);
     /// The smallest bin limit, in percent, within which this part of the runs lies; no value
     /// without runs, and where that is above 100 %.
@@ -25,8 +24,8 @@ class MissSpread {
 
   private:
     static constexpr std::size_t bins_per_pct = 2;
-    std::array<std::uint32_t, 100 * bins_per_pct + 1> bins_{};  // the last: above 100 %
-    std::uint64_t count_ = 0;
+    std::array<double, 100 * bins_per_pct + 1> bins_{};  // the last: above 100 %
+    double count_ = 0;
 };
 
 /// What was measured of some runs, and what was predicted for the same ones.
