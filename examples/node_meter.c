@@ -47,6 +47,15 @@ static void print_rate(const easnode_figure* before, const easnode_figure* now, 
         printf(" %12.3f", (now->value - before->value) / divisor);
 }
 
+/* What was counted in all; a missing figure is not 0 here, either. */
+static void print_growth(const easnode_figure* before, const easnode_figure* now, int decimals,
+                         const char* unit) {
+    if (before->quality == EASNODE_MISSING || now->quality == EASNODE_MISSING)
+        printf("- %s", unit);
+    else
+        printf("%.*f %s", decimals, now->value - before->value, unit);
+}
+
 static void print_line(const easnode_reading* before, const easnode_reading* now) {
     const double seconds = (double)(now->time_ns - before->time_ns) * 1e-9;
     printf("%9.3f", (double)now->time_ns * 1e-9);
@@ -108,9 +117,11 @@ static int measure(const struct run* run, easnode_meter* meter, pid_t pid, int g
             print_line(&last, &now);
         last = now;
     }
-    printf("in all: %.0f cycles, %.0f instructions, %.0f bytes, %.3f J\n",
-           now.cycles.value - first.cycles.value, now.instructions.value - first.instructions.value,
-           now.memory.value - first.memory.value, now.energy.value - first.energy.value);
+    printf("in all: ");
+    print_growth(&first.cycles, &now.cycles, 0, "cycles, ");
+    print_growth(&first.instructions, &now.instructions, 0, "instructions, ");
+    print_growth(&first.memory, &now.memory, 0, "bytes, ");
+    print_growth(&first.energy, &now.energy, 3, "J\n");
     print_figure("cycles", &now.cycles);
     print_figure("instructions", &now.instructions);
     print_figure("memory", &now.memory);

@@ -73,23 +73,47 @@ class Hook(unittest.TestCase):
         self.assertEqual(LIMIT.read_text().strip(), "2300000")
         time.sleep(1.6)
         said = self.run_hook("EXECJOB_EPILOGUE", ANNA)
-        self.assertRegex(said, r'^eas: frequency given back; \d+\.\d J in \d+\.\d\d s, mean \d+\.\d W; '
-                               r'tag "flame" generated$')
-        seconds = said.split(" J in ")[1].split(" s, ")[0]
+        shown = re.fullmatch(r"eas: frequency given back; ([\d.]+) J in ([\d.]+) s, mean ([\d.]+) W; "
+                             r'tag "flame" generated', said)
+        joules, seconds, watts = map(float, shown.groups())
+        self.assertAlmostEqual(watts, joules / seconds, delta=1)
+        self.assertTrue(1.6 <= seconds and 150 < watts < 270, said)  # four fifths of 260.32 W are counted
         self.assertEqual(LIMIT.read_text(), self.free)
         self.assertEqual(self.run_hook("EXECJOB_END", ANNA), "")
 
         policy = {**ANNA, "eas_policy": "minimize_energy"}
         eas.initialize("sample", 2_300_000, self.settings["thresholds"])
         self.addCleanup(eas.remove_tag, None, None)
-        khz = eas.auto_select_frequency("anna", "flame", "minimize_energy").frequency
+        khz, slower = eas.auto_select_frequency("anna", "flame", "minimize_energy")
         (tag,) = eas.query_tag("anna", "flame")
         (at_default,) = (row for row in tag.predictions if row.frequency == 2_300_000)
-        self.assertAlmostEqual(at_default.seconds, float(seconds), delta=0.51)
-        self.assertIn(f": {khz} kHz", self.run_hook("EXECJOB_BEGIN", policy))
+        self.assertAlmostEqual(at_default.seconds, seconds, delta=0.51)
+        self.assertAlmostEqual(at_default.power, watts, delta=0.06)
+        self.assertEqual(tag.job_id, "17.server")
+        self.assertEqual(
+            self.run_hook("EXECJOB_BEGIN", policy),
+            f'eas: minimize_energy of tag "flame", run time expected to change by {slower:+.1%}: {khz} kHz',
+        )
         self.assertEqual(LIMIT.read_text().strip(), str(khz))
         said = self.run_hook("EXECJOB_EPILOGUE", policy)
         self.assertNotIn("tag", said)
+        self.assertEqual(LIMIT.read_text(), self.free)
+        for expected, end, settings in (
+            (r'\d W; tag "flame" not generated: this user has a tag of that name already$', {}, {}),
+            (r"; 1\.\d+ s, no energy: [^;]+; tag \"flame\" not generated: no energy: ", {}, {"energy_sources": "qpx"}),
+            (r"given back, another program had changed it; [^;]+ W$", {"first": False}, {}),
+            (r"^eas: the node was booted meanwhile; [^;]+ W$", {"exit_status": 1}, {}),
+        ):
+            self.run_hook("EXECJOB_BEGIN", ANNA, **settings)
+            if "changed" in expected:
+                LIMIT.write_text("2500000")
+            if "booted" in expected:
+                (record,) = pathlib.Path(self.settings["state"]).glob("*.json")
+                text = record.read_text()
+                record.write_text(re.sub(r"boot \w", "boot x", text))
+            time.sleep(1)
+            self.assertRegex(self.run_hook("EXECJOB_EPILOGUE", ANNA, **end), expected)
+        eas.node.give_back(json.loads(text)["saved"])
         self.assertEqual(LIMIT.read_text(), self.free)
 
     def test_what_goes_wrong_is_logged_and_the_node_left_as_it_was(self):
@@ -108,7 +132,8 @@ class Hook(unittest.TestCase):
                 self.run_hook("EXECJOB_END", ANNA)
                 self.assertEqual(LIMIT.read_text(), self.free)
         self.run_hook("EXECJOB_BEGIN", ANNA)
-        self.assertNotIn("tag", self.run_hook("EXECJOB_EPILOGUE", ANNA, exit_status=1))
+        said = self.run_hook("EXECJOB_EPILOGUE", ANNA)
+        self.assertRegex(said, 'tag "flame" not generated: the job ran for less than a second$')
 
     def test_what_a_dead_keeper_or_a_lost_job_left_is_given_back(self):
         self.run_hook("EXECJOB_BEGIN", ANNA)

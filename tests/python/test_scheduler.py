@@ -1,5 +1,6 @@
 """The five functions through Python: the real library, on a scratch SQLite database."""
 import ctypes
+import dataclasses
 import os
 import pathlib
 import re
@@ -24,6 +25,19 @@ FLAME = {
 }
 
 
+def predicted():
+    """What the tag must hold, calculated apart from the coefficients, by the formulas."""
+    cycles, instructions, traffic = FLAME["counters"]
+    pace, lines = cycles / instructions, traffic / instructions / 64
+    for line in (SAMPLES / "coefficients.txt").read_text().splitlines():
+        if not line.startswith("#"):
+            khz, a, b, c, d, e, f = map(float, re.split("[:,]", line))
+            a, d = (a, d) if a else (1, 1)  # the default frequency's row
+            seconds = int(2400 * (d * pace + e * lines + f) / pace * 2_300_000 / khz)
+            watts = a * 268.4 + b * lines + c
+            yield khz, watts, seconds * watts / (2400 * 268.4) - 1, seconds, seconds / 2400 - 1
+
+
 class Scheduler(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
@@ -45,12 +59,10 @@ class Scheduler(unittest.TestCase):
                 (tag,) = eas.query_tag("anna", name)
                 self.assertEqual((tag.name, tag.user, tag.job_id), (name, "anna", "100%d"))
                 self.assertEqual((tag.cluster, tag.default_frequency), ("sample", 2_300_000))
-                rows = {row.frequency: row for row in tag.predictions}
-                self.assertEqual(rows[2_300_000], eas.Prediction(2_300_000, 268.4, 0.0, 2400, 0.0))
-                # Calculated apart from the coefficients, by the formulas.
-                self.assertEqual(rows[2_200_000].seconds, 2460)
-                self.assertAlmostEqual(rows[2_200_000].energy_change, -0.019, places=3)
-                self.assertEqual(len(rows), 12)
+                found = sum(map(dataclasses.astuple, tag.predictions), ())
+                self.assertEqual(len(found), 60)
+                for one, other in zip(found, sum(predicted(), ())):
+                    self.assertAlmostEqual(one, other, places=9)
                 selected = eas.auto_select_frequency("anna", name, eas.MINIMIZE_ENERGY)
                 self.assertEqual(selected.frequency, 2_200_000)
                 self.assertAlmostEqual(selected.time_change, 0.025)
@@ -74,6 +86,11 @@ class Scheduler(unittest.TestCase):
             (eas.BadArgument, -1, lambda: eas.remove_tag("", None)),
             (eas.BadArgument, -1, lambda: eas.query_tag(default_frequency=2**32 + 2_300_000)),
             (eas.BadArgument, -1, lambda: eas.generate_tag("a", "t" * 257, **FLAME)),
+            (eas.BadArgument, -1, lambda: eas.generate_tag("u" * 257, "t", **FLAME)),
+            (eas.BadArgument, -1, lambda: eas.generate_tag("a", "t", **{**FLAME, "job_id": "j" * 1025})),
+            (eas.BadArgument, -1, lambda: eas.generate_tag("a", "t", **{**FLAME, "seconds": 2**31})),
+            (eas.BadArgument, -1, lambda: eas.generate_tag("a", "t", **{**FLAME, "seconds": 0})),
+            (eas.BadArgument, -1, lambda: eas.query_tag(cluster="c" * 41)),
             (eas.BadArgument, -1, lambda: select("anna\0", "flame", policy)),
             (eas.BadArgument, -1, lambda: eas.generate_tag("a", "b", **{**FLAME, "counters": (1, 2)})),
             # The last ones leave the library without a cluster.
@@ -87,11 +104,14 @@ class Scheduler(unittest.TestCase):
                 call()
             self.assertEqual(raised.exception.code, code)
             self.assertRegex(str(raised.exception), rf"^eas_\w+: .+ \({code}\)$")
-        with mock.patch.dict(os.environ, ODBCINI="/none", ODBCSYSINI="/none"):
+        with mock.patch.dict(os.environ, ODBCINI="/no/such", ODBCSYSINI="/no/such"):
             with self.assertRaises(eas.NoConnection):
                 eas.initialize("sample", 2_300_000, THRESHOLDS)
         eas.initialize("sample", 2_300_000, THRESHOLDS)
-        eas.generate_tag("a", "50 %", **FLAME)
+        eas.generate_tag("u" * 256, "t" * 256, **{**FLAME, "job_id": "j" * 1024}, cluster="sample")
+        self.assertEqual(eas.query_tag("u" * 256, default_frequency=2_300_000)[0].job_id, "j" * 1024)
+        self.assertEqual(select("anna", "flame", policy, cluster="sample", default_frequency=2_300_000).frequency, 2_600_000)
+        self.assertEqual([row.name for row in eas.remove_tag(None, "flame", cluster="sample")], ["flame"])
 
     def test_what_the_library_hands_out_is_freed_once_whatever_happens(self):
         freed = []

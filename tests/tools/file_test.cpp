@@ -114,45 +114,6 @@ TEST_F(Thresholds, AreShownWithWhatIsGivenInterpolatedAndExtrapolated) {
     EXPECT_TRUE(result.at("findings").empty());
 }
 
-TEST_F(Thresholds, SayWhichLinesAreDroppedAndWhatWouldBeAccepted) {
-    const std::pair<const char*, const char*> lines[] = {
-        {"4.1GHz -5", "4099999"},           {"4.1GHz -5", "write 4100MHz"},
-        {"2600MHz -5", "does not have"},    {"1600MHz -5", "not above the default"},
-        {"2400mhz -5", "is no frequency"},  {"2400MHz 5", "below 0"},
-        {"2400MHz -5%", "no plain number"}, {"2800MHz -7", "gives the same frequency again"},
-        {"nonsense", "not of the form"},
-    };
-    for (const auto& [line, reason] : lines) {
-        SCOPED_TRACE(line);
-        const nlohmann::json result = check(std::string("Begin Min_Time\nCPU_FREQ RUNTIME_VAR\n") +
-                                                line + "\n2800MHz -8\nEnd Min_Time\n",
-                                            1);
-        EXPECT_TRUE(result.at("valid"));
-        ASSERT_EQ(result.at("findings").size(), 1U) << result;
-        EXPECT_THAT(result.at("findings")[0].at("place").get<std::string>(),
-                    ::testing::EndsWith(":3"));
-        EXPECT_THAT(result.at("findings")[0].dump(), HasSubstr(reason));
-    }
-}
-
-TEST_F(Thresholds, ThatAreRefusedSayWhy) {
-    const std::pair<std::string, const char*> files[] = {
-        {mark + "Begin Min_Time\nCPU_FREQ RUNTIME_VAR\n2800MHz -8\nEnd Min_Time\n",
-         "begins with a byte order mark"},
-        {"# nothing\n", "no section Min_Time"},
-        {"Begin Min_Time\nCPU_FREQ RUNTIME_VAR\n2800MHz -8\n", "never closed"},
-        {"Begin Min_Time\n2800MHz -8\nEnd Min_Time\n", "does not begin with"},
-        {"Begin Min_Time\nCPU_FREQ RUNTIME_VAR\n2800MHz 8\nEnd Min_Time\n", "below 0"},
-        {"Begin Min_Time\nCPU_FREQ RUNTIME_VAR\n2400MHz -10\n2800MHz -5\nEnd Min_Time\n",
-         "come out above 0"},
-    };
-    for (const auto& [text, reason] : files) {
-        const nlohmann::json result = check(text, 3);
-        EXPECT_FALSE(result.at("valid"));
-        EXPECT_THAT(result.at("findings").dump(), HasSubstr(reason));
-    }
-}
-
 TEST_F(Thresholds, AndModelsAreReadOnceSoThatAPipeIsAsGoodAsAFile) {
     const char* const good = "Begin Min_Time\nCPU_FREQ RUNTIME_VAR\n2800MHz -8\nEnd Min_Time\n";
     for (const std::string path : {"-", "/dev/stdin"}) {

@@ -301,7 +301,10 @@ class Meter(Handle):
     def __next__(self) -> Usage:
         """Waits until the interval is over. One that was missed altogether is not made up for."""
         time.sleep(max(0.0, self._due - time.monotonic()))
-        self._due = max(self._due + self._interval, time.monotonic())
+        passed = time.monotonic()
+        self._due += self._interval
+        if self._due <= passed:
+            self._due = passed + self._interval
         if self._handle is None:
             raise StopIteration
         now = self.read()
