@@ -10,6 +10,7 @@ import tempfile
 import time
 import types
 import unittest
+from unittest import mock
 
 import eas
 from eas import job
@@ -102,18 +103,13 @@ class Hook(unittest.TestCase):
             (r'\d W; tag "flame" not generated: this user has a tag of that name already$', {}, {}),
             (r"; 1\.\d+ s, no energy: [^;]+; tag \"flame\" not generated: no energy: ", {}, {"energy_sources": "qpx"}),
             (r"given back, another program had changed it; [^;]+ W$", {"first": False}, {}),
-            (r"^eas: the node was booted meanwhile; [^;]+ W$", {"exit_status": 1}, {}),
+            (r"^eas: frequency given back; [^;]+ W$", {"exit_status": 1}, {}),
         ):
             self.run_hook("EXECJOB_BEGIN", ANNA, **settings)
             if "changed" in expected:
                 LIMIT.write_text("2500000")
-            if "booted" in expected:
-                (record,) = pathlib.Path(self.settings["state"]).glob("*.json")
-                text = record.read_text()
-                record.write_text(re.sub(r"boot \w", "boot x", text))
             time.sleep(1)
             self.assertRegex(self.run_hook("EXECJOB_EPILOGUE", ANNA, **end), expected)
-        eas.node.give_back(json.loads(text)["saved"])
         self.assertEqual(LIMIT.read_text(), self.free)
 
     def test_what_goes_wrong_is_logged_and_the_node_left_as_it_was(self):
@@ -146,6 +142,15 @@ class Hook(unittest.TestCase):
         self.assertIn("frequency given back; the meter's process is gone: no figures", said)
         self.assertEqual(LIMIT.read_text(), self.free)
         self.assertIsNotNone(job._end_keeper(socket.with_suffix(".lost")))
+        state = self.folder / "made"
+        settings = job.Settings("sample", 1_500_000, state=str(state), interval=0.2)
+        self.assertEqual(job.begin(settings, "1", "anna", "t"), 'measuring for tag "t": 1500000 kHz')
+        self.assertEqual((state.stat().st_mode & 0o777, LIMIT.read_text()), (0o700, "1500000\n"))
+        (record,) = state.glob("*.json")
+        saved = json.loads(record.read_text())["saved"]
+        with mock.patch.object(eas.node, "give_back", side_effect=eas.node.OtherNode("restore")):
+            self.assertRegex(job.end(settings, "1"), r"^the node was booted meanwhile; [^;]+ W$")
+        self.assertEqual((list(state.iterdir()), eas.node.give_back(saved)), ([], True))
 
 
 if __name__ == "__main__":
