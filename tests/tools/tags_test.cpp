@@ -300,6 +300,10 @@ TEST_P(Tags, AreTheSameAfterExportAndImportWhateverTheirNames) {
     const ScratchFile many(all);
     EXPECT_EQ(tag_json({"import", many.path()})["stored"], 400);
     EXPECT_EQ(tag({"export", "-q", "--user", "zoe"}).out, all);
+    const json removed = tag_json({"remove", "--user", "zoe", "--yes"})["removed"];
+    EXPECT_EQ(removed.size(), 400U);
+    EXPECT_EQ(removed[77]["tag"], "1077");
+    EXPECT_EQ(rows(), before);
 }
 
 TEST_P(Tags, FailuresNameTheReturnCodeOfTheLibraryAndWhatToDo) {

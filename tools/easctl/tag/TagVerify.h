@@ -27,9 +27,9 @@ struct Comparison {
 /// The largest errors at which a tag still counts as describing its job, fractions. Models of this
 /// kind predict power and time to a few percent; energy is their product.
 struct ErrorLimits {
-    double power = 0.10;
-    double time = 0.10;
-    double energy = 0.15;
+    double power;
+    double time;
+    double energy;
 };
 
 struct Verification {
