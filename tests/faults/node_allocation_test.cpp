@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include "common/node/EasMisc.h"
+#include "common/node/EnergyUtil.h"
 #include "tests/node/NodeTest.h"
 #include "tests/support/AllocationFaults.h"
 #include "tests/support/ChildProcess.h"
@@ -75,6 +76,32 @@ TEST_F(NodeAllocationFaults, NoSampleAfterTheFirstOneAllocates) {
             EXPECT_EQ(0, gethwrusage(0, nullptr));
         });
     }
+}
+
+TEST_F(NodeAllocationFaults, OfAListLeaveItAsItWas) {
+    if (!allocations_are_watched)
+        GTEST_SKIP() << "the sanitizer allocates";
+    FakeNode node(of_model(45));
+    inside(node, [] {
+        const std::vector<double> x1{0, 1, 0, 1, 2, 0, 2}, x2{0, 0, 1, 1, 0, 2, 2};
+        fail_each_allocation([&] {
+            std::vector<int> cpus, steps;
+            std::vector<double> fit;
+            int codes[4];
+            EnergyUtil::nominal_frequency = 0;
+            {
+                const WatchAllocations watch;
+                codes[0] = EnergyUtil::get_all_cpu_ids(cpus);
+                codes[1] = EnergyUtil::get_available_freqs(steps, 0);
+                codes[2] = EnergyUtil::cal_coefficients(x1, x1, x2, fit);
+                codes[3] = EnergyUtil::get_nominal_freq(0);
+            }
+            EXPECT_EQ(codes[0] == 1 ? 16U : 0U, cpus.size());
+            EXPECT_EQ(codes[1] == 1 ? 5U : 0U, steps.size());
+            EXPECT_EQ(codes[2] == 1 ? 3U : 0U, fit.size());
+            EXPECT_TRUE(codes[3] == 2667000 || (codes[3] == -1 && allocation_failed()));
+        });
+    });
 }
 
 }  // namespace

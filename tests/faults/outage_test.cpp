@@ -16,12 +16,6 @@
 #include "tests/support/ChildProcess.h"
 #include "tests/support/DescriptorLimit.h"
 
-// Of the leak check, where it is built in.
-extern "C" {
-[[gnu::weak]] void __lsan_disable();
-[[gnu::weak]] void __lsan_enable();
-}
-
 namespace {
 
 using namespace eas::test;
@@ -212,30 +206,11 @@ class ServerOutages : private PrivateServer, public Outages {
         Outages::SetUp();
     }
     using PrivateServer::server;
-
-    void crash_and_resume();
-};
-
-/// The driver manager keeps connections, which the server's end leaves dead. What its pool holds of
-/// those it forgets.
-class PooledServerOutages : public ServerOutages {
-  protected:
-    PooledServerOutages() {
-        pooled_ = true;
-        if (__lsan_disable != nullptr)
-            __lsan_disable();
-    }
-    ~PooledServerOutages() override {
-        if (__lsan_enable != nullptr)
-            __lsan_enable();
-    }
 };
 
 INSTANTIATE_TEST_SUITE_P(On, ServerOutages, ::testing::Values(Engine::mariadb), engine_suffix);
-INSTANTIATE_TEST_SUITE_P(On, PooledServerOutages, ::testing::Values(Engine::mariadb),
-                         engine_suffix);
 
-void ServerOutages::crash_and_resume() {
+TEST_P(ServerOutages, BetweenAndDuringCallsEndInTheirCodesAndLeaveNothing) {
     ASSERT_EQ(server("crash"), 0);
     const Codes none{EAS_NO_CONNECTION, EAS_NO_CONNECTION, EAS_NO_CONNECTION, EAS_NO_CONNECTION,
                      EAS_NO_CONNECTION};
@@ -267,13 +242,6 @@ void ServerOutages::crash_and_resume() {
         database().reconnect();
         expect_all_in_order();
     }
-}
-
-TEST_P(ServerOutages, BetweenAndDuringCallsEndInTheirCodesAndLeaveNothing) {
-    crash_and_resume();
-}
-TEST_P(PooledServerOutages, BetweenAndDuringCallsEndInTheirCodesAndLeaveNothing) {
-    crash_and_resume();
 }
 
 }  // namespace

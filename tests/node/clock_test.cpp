@@ -68,6 +68,13 @@ TEST_F(ClockTest, TheClockShowsWhetherTheHardwareFollows) {
                 clock_of(all, row.khz, row.source == std::string("busy time") ? 1200000 : 200000);
             EXPECT_EQ(row.verdict, clock.verdict) << clock.mean_khz << ' ' << clock.text;
             EXPECT_NEAR(row.mean, clock.mean_khz, 0.1 * row.mean);
+            EXPECT_EQ(row.khz, clock.asked_khz);
+            if (row.trouble == moved) {
+                EXPECT_NEAR(3000000, clock.fastest_khz, 1e5);
+                EXPECT_NEAR(1400000, clock.slowest_khz, 1e5);
+                EXPECT_EQ(0, clock.fastest_cpu);
+                EXPECT_NE(0, clock.slowest_cpu);
+            }
             EXPECT_STREQ(row.source, clock.source);
             EXPECT_THAT(clock.text, HasSubstr(row.text));
             easnode_frequency_check* check = nullptr;

@@ -136,7 +136,10 @@ TEST_F(PinningTest, CpusThatShareAClockAreSetTogetherAndNoOthers) {
 
 TEST_F(PinningTest, TheTurboSwitchFollowsTheFrequencyOfTheWholeNode) {
     {
-        FakeNode node(small_node("epyc2019"));
+        NodeShape boosted = small_node("epyc2019");
+        for (int i = 0; i < 4; ++i)
+            put(boosted, policy_file(i, "scaling_max_freq"), "2000000");
+        FakeNode node(boosted);
         inside(node, [&] {
             Frequency part("0"), all;
             const std::string before = all_settings();
@@ -150,6 +153,11 @@ TEST_F(PinningTest, TheTurboSwitchFollowsTheFrequencyOfTheWholeNode) {
             EXPECT_EQ(EASNODE_OK, all.restore(before)) << all.problem.text;
             EXPECT_EQ("-1 cpufreq/boost=1", writes(node).at(0));
             EXPECT_EQ(before, all_settings());
+            store(cpu_folder + "cpufreq/boost", "0");  // it sets the limits anew
+            for (int i = 0; i < 4; ++i)
+                store(policy_file(i, "scaling_max_freq"), "2000000");
+            EXPECT_EQ(EASNODE_OK, all.restore(before)) << all.problem.text;
+            EXPECT_EQ(before, all_settings()) << "after the switch";
         });
     }
     NodeShape shape = small_node("xeon2023");
@@ -171,6 +179,23 @@ TEST_F(PinningTest, TheTurboSwitchFollowsTheFrequencyOfTheWholeNode) {
 TEST_F(PinningTest, WhatIsNotOfferedChangesNothing) {
     NodeShape limited = small_node("epyc2019"), capped = small_node("xeon2023");
     put(limited, policy_file(3, "bios_limit"), "1500000");
+    NodeShape uneven = limited;
+    put(uneven, policy_file(0, "scaling_governor"), "performance");
+    put(uneven, policy_file(1, "cpuinfo_max_freq"), "2000000");
+    put(uneven, policy_file(2, "cpuinfo_min_freq"), "1600000");
+    {
+        FakeNode node(uneven);
+        inside(node, [] {  // each the narrowest of all CPUs
+            const easnode_frequency_info info = Frequency().info();
+            EXPECT_EQ(1600000, info.lowest_khz);
+            EXPECT_EQ(2000000, info.highest_khz);
+            EXPECT_EQ(1500000, info.bios_limit_khz);
+            EXPECT_STREQ("mixed", info.governor);
+            EXPECT_STREQ("acpi-cpufreq", info.driver);
+            EXPECT_EQ(EASNODE_TURBO_ON, info.turbo);
+            EXPECT_EQ(1, info.has_table);
+        });
+    }
     put(capped, cpu_folder + "intel_pstate/max_perf_pct", "50");
     const struct {
         NodeShape shape;
@@ -182,6 +207,7 @@ TEST_F(PinningTest, WhatIsNotOfferedChangesNothing) {
         {limited, 1500000, EASNODE_OK, ""},
         {limited, 1900000, EASNODE_NOT_OFFERED, "scaling_available_frequencies"},
         {capped, 2000000, EASNODE_NOT_OFFERED, "max_perf_pct"},
+        {capped, 1900000, EASNODE_OK, ""},
         {capped, 700000, EASNODE_NOT_OFFERED, "cpuinfo_min_freq"},
         {capped, 4000000, EASNODE_NOT_OFFERED, "cpuinfo_max_freq"},
         {bare(), 2000000, EASNODE_NO_FREQUENCY, "cpufreq"},

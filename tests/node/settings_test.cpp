@@ -140,6 +140,17 @@ TEST(ClockVerdict, JudgesBusyCpusByTheFrequencyAskedFor) {
             << row.khz[0] << ' ' << row.khz[1];
     }
     EXPECT_EQ(EASNODE_CANNOT_TELL, judge({}, 2000000, false, 10).verdict);
+    // The last one is idle but for 0.9 s; the others' mean is (15 x 2.0 + 5 x 1.92) / 20 GHz.
+    const ClockVerdict found = judge({{4, 2500000, 20e9, 10},
+                                      {5, 2500000, 9.6e9, 5},
+                                      {7, 2500000, 10e9, 5},
+                                      {8, 2500000, 9e8, 0.9}},
+                                     2000000, false, 10);
+    EXPECT_DOUBLE_EQ(1980000, found.mean_khz);
+    EXPECT_DOUBLE_EQ(1920000, found.slowest_khz);
+    EXPECT_DOUBLE_EQ(2000000, found.fastest_khz);
+    EXPECT_DOUBLE_EQ(20.9, found.busy_seconds);
+    EXPECT_EQ(5004, found.slowest_cpu * 1000 + found.fastest_cpu);
 }
 
 }  // namespace

@@ -115,50 +115,6 @@ TEST(TaskEvents, CountAProcessItsThreadsAndItsChildrenOnly) {
     EXPECT_THAT(reason, HasSubstr("task clock: "));
 }
 
-/// Instructions of `child`, counted beside the meter; -1 when the machine cannot.
-UniqueFd independent_count(pid_t child) {
-    EventTarget target;
-    target.process = child;
-    target.inherit = true;
-    return open_event({PERF_TYPE_HARDWARE, PERF_COUNT_HW_INSTRUCTIONS}, target, -1, false);
-}
-
-TEST(Meter, CountsTheInstructionsOfACommandOrSaysThatTheMachineCannot) {
-    int go[2];
-    ASSERT_EQ(0, ::pipe(go));
-    const pid_t child = ::fork();
-    if (child == 0) {
-        char byte = 0;
-        if (::read(go[0], &byte, 1) != 1)
-            ::_exit(1);
-        volatile unsigned sum = 0;
-        for (unsigned i = 0; i < 50'000'000; ++i)
-            sum = sum + i;
-        ::_exit(0);
-    }
-    easnode_meter_options options = plain_options();
-    options.process = child;
-    const OwnedMeter meter = opened(options);
-    const UniqueFd other = independent_count(child);
-    ASSERT_EQ(1, ::write(go[1], "", 1));
-    ::waitpid(child, nullptr, 0);
-    ::close(go[0]);
-    ::close(go[1]);
-    const easnode_reading reading = reading_of(meter);
-    if (!other.is_open()) {
-        EXPECT_EQ(EASNODE_MISSING, reading.instructions.quality);
-        EXPECT_EQ(0, reading.instructions.value);
-        EXPECT_STRNE("", reading.instructions.reason);
-        return;
-    }
-    std::array<uint64_t, 3> words{};  // value, time enabled, time running
-    ASSERT_EQ(static_cast<ssize_t>(sizeof words), ::read(other.get(), words.data(), sizeof words));
-    const double expected = static_cast<double>(words[0]) * static_cast<double>(words[1]) /
-                            static_cast<double>(words[2]);
-    EXPECT_NEAR(1, reading.instructions.value / expected, 0.01);
-    EXPECT_GE(reading.instructions.value, 50e6);
-}
-
 TEST(Meter, RefusesWhatItCannotDoAndLeavesNothingOpen) {
     const size_t before = descriptors();
     easnode_meter* meter = nullptr;

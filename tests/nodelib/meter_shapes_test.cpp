@@ -37,15 +37,16 @@ TEST_F(MeterShapes, FindTheBestSourceAndTheRightFigures) {
         const char* energy;
         int extent;
         double watts;
+        double read_within;  // s
     } rows[] = {
         {"xeon2023", 1.20, "imc", EASNODE_COUNTED, 0.64, "rapl-perf", EASNODE_PACKAGES_AND_MEMORY,
-         1300},
-        {"epyc2023", 1.00, "umc", EASNODE_COUNTED, 0.768, "rapl-perf", EASNODE_PACKAGES, 820},
-        {"epyc2019", 1.02, "df", EASNODE_SCALED, 0.96, "powercap", EASNODE_PACKAGES, 430},
-        {"hybrid", 0, "imc", EASNODE_COUNTED, 0.512, "rapl-perf", EASNODE_PACKAGES, 0},
-        {"meter-only", 0, "", EASNODE_MISSING, 0, "hwmon", EASNODE_NODE, 0},
-        {"pm-counters", 1.02, "df", EASNODE_SCALED, 0.96, "pm_counters", EASNODE_NODE, 0},
-        {"arm-module", 0.80, "", EASNODE_MISSING, 0, "hwmon", EASNODE_MODULES, 700},
+         1300, 0},
+        {"epyc2023", 1.00, "umc", EASNODE_COUNTED, 0.768, "rapl-perf", EASNODE_PACKAGES, 820, 0},
+        {"epyc2019", 1.02, "df", EASNODE_SCALED, 0.96, "powercap", EASNODE_PACKAGES, 430, 65.53},
+        {"hybrid", 0, "imc", EASNODE_COUNTED, 0.512, "rapl-perf", EASNODE_PACKAGES, 0, 0},
+        {"meter-only", 0, "", EASNODE_MISSING, 0, "hwmon", EASNODE_NODE, 0, 1},
+        {"pm-counters", 1.02, "df", EASNODE_SCALED, 0.96, "pm_counters", EASNODE_NODE, 0, 0},
+        {"arm-module", 0.80, "", EASNODE_MISSING, 0, "hwmon", EASNODE_MODULES, 700, 1},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.shape);
@@ -75,8 +76,76 @@ TEST_F(MeterShapes, FindTheBestSourceAndTheRightFigures) {
             EXPECT_EQ(row.extent, now.energy.extent) << now.energy.reason;
             EXPECT_NEAR(row.watts > 0 ? row.watts : rates.watts, rates.watts, 0.05 * row.watts);
             EXPECT_GT(rates.watts, 50);
+            EXPECT_NEAR(row.read_within, static_cast<double>(now.energy.read_within_ns) / 1e9,
+                        0.01);
         });
     }
+}
+
+/// Counts of an event's reads or writes, a share of them for each of `events` alike.
+void count(NodeShape& shape, const char* pmu, uint64_t config, bool writes, double events = 1) {
+    shape.counts.push_back({pmu, config, writes ? "writes" : "reads", 1 / events});
+}
+
+/// Whether the source finds so many bytes an instruction; only the first of two sockets has CPUs
+/// that speak for boxes.
+void expect_traffic(const NodeShape& shape, const char* source, double bytes = 0.32) {
+    FakeNode node(shape);
+    inside(node, [&] {
+        easnode_meter_options options{};
+        options.memory_sources = source;
+        options.energy_sources = "none";
+        Metered meter(options);
+        const auto holds = [bytes](const Metered::Rates& got) {
+            return near(bytes, got.bytes / got.instructions, 0.1);
+        };
+        EXPECT_TRUE(holds(meter.rates_of_which(holds, 60ms))) << meter.fate(EASNODE_MEMORY, source);
+    });
+}
+
+// The codes of their manuals: reads, then writes.
+TEST_F(MeterShapes, EveryGenerationsControllersAreCountedByTheirCodes) {
+    NodeShape bare = small_node("xeon2023"), named = bare, fabric = small_node("epyc2023");
+    bare.counts.clear();
+    const std::pair<std::vector<int>, std::vector<uint64_t>> rows[] = {
+        {{45, 62, 63, 79, 86, 85}, {0x0304, 0x0c04}},
+        {{106, 108, 134}, {0x0f04, 0x3004}},
+        {{143, 207}, {0xcf05, 0xf005}},
+        {{173, 174, 175}, {0xcf05, 0xcf06, 0xf005, 0xf006}}};
+    for (const auto& [models, codes] : rows)
+        for (const int model : models) {
+            SCOPED_TRACE(model);
+            NodeShape shape = bare;
+            shape.model = model;
+            for (size_t i = 0; i < codes.size(); ++i)
+                count(shape, "uncore_imc_*", codes[i], 2 * i >= codes.size(),
+                      static_cast<double>(codes.size()) / 2);
+            expect_traffic(shape, "imc");
+        }
+    named.model = 142;  // of a client
+    const std::string events = "/sys/bus/event_source/devices/uncore_imc_";
+    for (int box = 0; box < 8; ++box)
+        for (const auto& [name, code] : {std::pair("data_reads", "0x05,umask=0xcf"),
+                                         std::pair("data_writes", "0x05,umask=0xf0")}) {
+            const std::string file = events + std::to_string(box) + "/events/" + name;
+            test::put(named, file, "event=" + std::string(code));
+            test::put(named, file + ".unit", "MiB");
+            test::put(named, file + ".scale", "6.103515625e-5");
+        }
+    expect_traffic(named, "imc");
+    expect_traffic(named, "misses", 2 * 0.6 * 0.64);  // each of two events sees 0.6 of all
+
+    const std::string device = "/sys/bus/event_source/devices/amd_df/";
+    for (const auto& [file, text] : {std::pair("type", "90"), std::pair("cpumask", "0,2"),
+                                     std::pair("format/event", "config:0-7,32-37"),
+                                     std::pair("format/umask", "config:8-15,24-27")})
+        test::put(fabric, device + file, text);
+    for (uint64_t event = 0x1f; event < 0x1f + 12 * 0x40; event += 0x40)
+        for (const uint64_t mask : {0xffeU, 0xfffU})
+            count(fabric, "amd_df",
+                  (event & 0xff) | event >> 8 << 32 | (mask & 0xff) << 8 | mask >> 8 << 24,
+                  mask == 0xfff, 12);
+    expect_traffic(fabric, "df", 0.768);
 }
 
 TEST_F(MeterShapes, ArmsControllersCountWhereTheySayTheirUnit) {
@@ -112,10 +181,11 @@ TEST_F(MeterShapes, PowercapAddsEachPackageOnceAndFoldsWraps) {
         const char* shape;
         const char* source;
         double watts;
+        double read_within;  // s, at a kilowatt
     } rows[] = {
-        {"xeon2023", "powercap", 1300},  // wraps within a second, and the memory's too
-        {"epyc2019", "powercap", 430},   // twelve zones of two packages, one of them number a
-        {"hybrid", "psys", 253},         // 1.5 of the whole
+        {"xeon2023", "powercap", 1300, 65.71},  // wraps within a second, and the memory's too
+        {"epyc2019", "powercap", 430, 65.53},   // twelve zones of two packages, one is number a
+        {"hybrid", "psys", 253, 262.14},        // 1.5 of the whole
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.shape);
@@ -127,7 +197,8 @@ TEST_F(MeterShapes, PowercapAddsEachPackageOnceAndFoldsWraps) {
                     [&row](const Metered::Rates& got) { return near(row.watts, got.watts, 0.05); });
                 const easnode_figure& energy = rates.now.energy;
                 EXPECT_EQ(EASNODE_COUNTED, energy.quality) << energy.reason;
-                EXPECT_GT(energy.read_within_ns, 60'000'000'000U);
+                EXPECT_NEAR(row.read_within, static_cast<double>(energy.read_within_ns) / 1e9,
+                            0.01);
                 EXPECT_NEAR(row.watts, rates.watts, 0.05 * row.watts);
                 // A wrap that is not folded shows in one rate only, but is missed for good.
                 const double joules = row.watts * static_cast<double>(rates.now.time_ns) / 1e9;

@@ -96,6 +96,10 @@ TEST(SiteCommandOutput, IsOneQuantityOrTheLineOfAKnownTool) {
         {"3 kWh", true, 10.8e6},
         {"0\n", true, 0},
         {"1e3 watts", false, 1000},
+        {"5e5 mW", false, 500},
+        {"2 Wh", true, 7200},
+        {"4 kJ", true, 4000},
+        {"8e6 uJ", true, 8},
         {"\n  Instantaneous power reading:                   215 Watts\n"
          "  Minimum during sampling period:                 54 Watts\n",
          false, 215},
@@ -159,7 +163,10 @@ TEST(PowerIntegral, IsATrapezoidUntilNobodyLooked) {
         "meter, integrated from 3 samples every 1.5 s; below 30 s it errs by about 1 s of "
         "power",
         integral.words("meter"));
-    EXPECT_FALSE(integral.add(74 * second, 200));
+    EXPECT_TRUE(integral.add(73 * second, 300)) << "a minute";
+    EXPECT_DOUBLE_EQ(500 + 250 * 60, integral.joules());
+    EXPECT_EQ("meter, integrated from 4 samples every 21.0 s", integral.words("meter"));
+    EXPECT_FALSE(integral.add(134 * second, 200));
 }
 
 TEST(SourceOrder, IsTheDefaultOneOrTheOneAskedFor) {

@@ -15,8 +15,6 @@
 #include <tuple>
 
 #include "adapters/job/ChildCall.h"
-#include "adapters/job/FrequencyGuard.h"
-#include "adapters/job/JobOnNode.h"
 #include "adapters/job/JobRecord.h"
 #include "adapters/job/NodeFigures.h"
 #include "adapters/job/SiteSettings.h"
@@ -60,26 +58,30 @@ TEST(JobRequest, NamesAndPoliciesAreCheckedToTheLetter) {
 }
 
 TEST(JobSettings, WordsThatMakeNoSenseChangeNothingAndLeaveAComplaint) {
-    std::string words[] = {"default_frequency=2300000",
-                           "limit=0",
-                           "limit=7s",
-                           "state=relative",
-                           "library=other",
-                           "cluster=",
-                           "nonsense",
-                           "limit=-5",
-                           "limit=99999999999",
-                           "default_policy=none",
-                           "record=somewhere"};
-    std::vector<const char*> given;
-    for (const std::string& word : words)
-        given.push_back(word.c_str());
-    const SiteSettings settings = parse_settings(static_cast<int>(given.size()), given.data());
+    const char* const words[] = {"default_frequency=2300000",
+                                 "limit=0",
+                                 "limit=7s",
+                                 "limit=-5",
+                                 "limit=121",
+                                 "spread=1000",
+                                 "spread=1001",
+                                 "state=relative",
+                                 "library=other",
+                                 "cluster=",
+                                 "nonsense",
+                                 "observe=maybe",
+                                 "tag=name",
+                                 "default_policy=none",
+                                 "record=somewhere"};
+    const SiteSettings settings = parse_settings(static_cast<int>(std::size(words)), words);
     EXPECT_EQ(2300000, settings.default_frequency);
-    EXPECT_EQ(10, settings.limit);
+    EXPECT_EQ("10 1000 8000", std::to_string(settings.limit) + ' ' +
+                                  std::to_string(settings.spread) + ' ' +
+                                  std::to_string(settings.patience().count()));
     EXPECT_EQ("/run/eas-slurm", settings.state);
     EXPECT_EQ("other", settings.library);
-    EXPECT_EQ(9U, settings.complaints.size());
+    ASSERT_EQ(12U, settings.complaints.size());
+    EXPECT_EQ("plugstack.conf: \"limit=0\" is not understood and left out", settings.complaints[0]);
 }
 
 TEST(JobSettings, ATypeOfNodesHasFiguresOfItsOwn) {
@@ -163,6 +165,19 @@ TEST(JobRecord, NodesAreOneRunOnlyWhereTheyAreAlike) {
                   run.reason = "no joules";
               })));
     EXPECT_EQ("no figures of 1 of 2 nodes", combine(record, {{"a", run_of(1)}}).trouble);
+    for (const auto figure :
+         {&RunRecord::joules, &RunRecord::cycles, &RunRecord::instructions, &RunRecord::bytes}) {
+        RunRecord run = run_of(100);
+        run.*figure = 0;
+        EXPECT_EQ("a counter of the node stands still", objection(run, 20));
+        (run.*figure).reset();
+        EXPECT_EQ("a figure is missing", objection(run, 20));
+        run.seconds = 0.99;
+        EXPECT_EQ("the job ran for less than a second", objection(run, 20));
+    }
+    RunRecord unmetered = run_of(0);
+    unmetered.joules.reset();
+    EXPECT_EQ("10.00 s, no energy meter", describe(unmetered));
 }
 
 TEST(JobRecord, FoldersAndRecordsThatOthersCouldHavePlantedAreRefused) {
@@ -200,91 +215,6 @@ TEST(JobRecord, FoldersAndRecordsThatOthersCouldHavePlantedAreRefused) {
     ASSERT_EQ(0, ::mkfifo((good / "job-9").c_str(), 0600));
     EXPECT_THROW((void)folder.read(9), std::runtime_error) << "and does not wait for a writer";
     EXPECT_FALSE(fs::is_symlink(good / "job-8"));
-}
-
-/// A scheduler of one node; what `ask` does is done when it is asked whether a job is over, and the
-/// answer is that it runs.
-class OneNode : public Scheduler {
-  public:
-    explicit OneNode(std::function<void()> ask) : ask_(std::move(ask)) {}
-    bool job_is_over(uint32_t) override {
-        ask_();
-        return false;
-    }
-    JobEnding ending_of(uint32_t) override { return {}; }
-    void announce(uint32_t, const RunRecord&) override {}
-    std::optional<RunRecord> announced(uint32_t) override { return std::nullopt; }
-    void report(uint32_t, const RunRecord&) override {}
-    std::vector<NodeReport> reports(uint32_t) override { return {}; }
-    void keep(uint32_t, const RunRecord&) override {}
-
-  private:
-    std::function<void()> ask_;
-};
-
-const JobPlace here{"n", "n", 1, ""};
-
-/// Job 4's start beside job 3, which set the frequency.
-Outcome start_of(const SiteSettings& settings, const JobRequest& request,
-                 const std::function<void()>& ask) {
-    const StateFolder folder(settings.state);
-    folder.create({3, 1000, "t", "minimize_energy", false}, here);
-    folder.append(3, line::settings("no settings\n"));
-    OneNode scheduler(ask);
-    return call_in_child(ample, [&] { return start_job(settings, request, here, scheduler); });
-}
-
-TEST(JobStart, NothingHindersItFromSettingTheNodeBackFirst) {
-    const test::ScratchFolder scratch;
-    SiteSettings settings;
-    settings.node_library = EAS_NODE_LIBRARY;
-    settings.state = scratch.path("state");
-    const StateFolder folder(settings.state);
-    const std::string mark = "job 4 ran on the node at the same time";
-    const std::string done = "set back the frequency of running job 3, but ";
-
-    const Outcome silent = start_of(settings, {4, 1000, "", "", false}, [&] {
-        const StateFolder its(settings.state);  // it has none of our descriptors
-        if (its.read(3)->disturbed == mark && its.read(4))
-            throw std::runtime_error("was asked last");
-    });
-    EXPECT_EQ("was asked last", silent.text);
-
-    const Outcome refused = start_of(settings, {4, 1000, "t", "", false}, [&] {
-        fs::remove(settings.state + "/job-4");
-        fs::create_directory(settings.state + "/job-4");
-    });
-    EXPECT_EQ(0U, refused.text.find(done)) << refused.text;
-    EXPECT_NE(std::string::npos,
-              refused.text.find("; job 3 runs on this node too; job-4: not a file of root's"))
-        << refused.text;
-    fs::remove(settings.state + "/job-4");
-
-    OneNode scheduler([] {});
-    EXPECT_FALSE(end_job(settings, 3, scheduler).good);
-    EXPECT_TRUE(folder.read(3)) << "the next start tries again";
-
-    settings.limit = 1;
-    const Descriptor lock = folder.lock(std::chrono::milliseconds(0));
-    const Outcome locked = start_of(settings, {4, 1000, "", "", false}, [] {});
-    EXPECT_EQ(0U, locked.text.find(done)) << locked.text;
-    EXPECT_NE(std::string::npos, locked.text.find("; the lock of the records: ")) << locked.text;
-    EXPECT_FALSE(silent.good || refused.good || locked.good);
-    EXPECT_EQ(mark, folder.read(3)->disturbed);
-    EXPECT_TRUE(folder.read(4));
-
-    EXPECT_EQ("", restore(settings,  // of another boot, with which it went
-                          "easnode-frequency 1\nboot 0d6d6f0e-6c1f-4d5e-9f86-1a2b3c4d5e6f\n"
-                          "asked 2000000\npolicies 0 driver=d governor=g min=1 max=2\n"
-                          "end 06774d1d320caf2e\n"));
-
-    // One that changed nothing is in the way of a job that would.
-    settings.state = scratch.path("other");
-    StateFolder(settings.state).create({3, 1000, "", "", false}, here);
-    const Outcome beside = call_in_child(ample, [&] {
-        return start_job(settings, {4, 1000, "t", "", false}, here, scheduler);
-    });
-    EXPECT_EQ(0U, beside.text.find("job 3 runs on this node too")) << beside.text;
 }
 
 /// Gone, or waiting to be collected by whoever adopted it; a busy machine is given time.

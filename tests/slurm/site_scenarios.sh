@@ -32,7 +32,7 @@ site_defaults_serve_unchanged_scripts() {
     check "the first run" "measured Nightly.Run 2300000 rapl-perf,packages" \
         "$(for word in outcome tag frequency meter; do figure "$first" $word; done | xargs)"
     for again in default_2 default_3; do
-        check "a further run" "used minimize_energy $(cheapest_of Nightly.Run)" "$(for word in \
+        check "a further run" "used minimize_energy $(cheapest Nightly.Run | cut -d' ' -f2)" "$(for word in \
             outcome policy frequency; do figure "$(record_of $again)" $word; done | xargs)"
         check "a further run needs less" 1 "$(is_a_saving "$(microjoules $again)" "$(microjoules default_1)")"
     done
@@ -40,11 +40,16 @@ site_defaults_serve_unchanged_scripts() {
         "$(figure "$changed" predicted_joules)")"
     check "jobs that are none of ours" "" \
         "$(log_of "$(id_of opted_out)"; log_of "$(id_of nameless)"; log_of "$(id_of shared)")"
-}
-cheapest_of() {
-    sql "select frequency from TQVN_EnergyPolicyTag where user_name='nobody' and
-        energy_tag_name='$1' and frequency <= 2300000 and perf_degrad_pct <= 0.05
-        order by energy_saving_pct limit 1"
+    settings tag=jobname
+    run by_name nobody -w n1 -J Nightly.Run --energy-policy=minimize_time -- true
+    settle
+    settings default_policy=minimize_time
+    run by_default nobody -w n1 --energy-tag=Nightly.Run -- true
+    settle
+    for name in by_name by_default; do
+        check_log $name "$(id_of $name)" \
+            'minimize_time of tag "Nightly.Run": 2700000 kHz, run time expected to change by -'
+    done
 }
 
 records_are_kept_beside_what_is_there() {
@@ -52,6 +57,7 @@ records_are_kept_beside_what_is_there() {
     settings record=accounting observe=yes
     run observed nobody -w n1 --energy-tag=solve --energy-policy=minimize_energy -- \
         "$held" "$go/observed" "$bin/work" 1 &
+    run unobserved nobody -p shared -n1 -w n2 --energy-tag=solve -- true
     patiently has_begun observed
     check "nothing is set for an observed job" "$idle" "$(setting n1)"
     scontrol update jobid="$(id_of observed)" AdminComment='The site "says" 5|6; eas=0'
@@ -59,14 +65,12 @@ records_are_kept_beside_what_is_there() {
     settle
     check "the record of an observed job" 'The site "says" 5|6; eas=0; eas=1 outcome=observed' \
         "$(record_of observed | grep -o '^.*outcome=[a-z]*')"
+    check "one that shares its node is none" "" "$(log_of "$(id_of unobserved)")"
     settings record=file record_file="$scratch/runs"
     run in_file nobody -N 2 -w n1,n2 --energy-tag=solve --energy-policy=minimize_energy -- sleep 1.1
     settle
     check "the record in a file" 1 "$(grep -cE "^eas=1 cluster=sample job=$(id_of in_file) user=nobody \
 start=[0-9.e+]+ outcome=used tag=solve " "$scratch/runs")"
-    check "the joules of two nodes are predicted" 1 "$(sql "select abs(
-        $(figure "$(cat "$scratch/runs")" default_joules) / (2 * predict_power * predict_elapse_time) - 1) < 1e-9
-        from TQVN_EnergyPolicyTag where energy_tag_name='solve' and user_name='nobody' and frequency=2300000")"
     settings record=accounting limit=2
     kill -STOP "$(cat "$scratch/run/slurmdbd.pid")"
     run unheard nobody -w n1 --energy-tag=solve --energy-policy=minimize_energy -- sleep 1.1
@@ -90,41 +94,14 @@ forbid() {
 # All nodes of a job run alike, or none is set.
 nodes_agree() {
     settings record=accounting
-    run together nobody -p many -N 2 -w n1,n2 --energy-tag=together -- "$bin/work" 2 &
-    run mixed nobody -p many -N 2 -w n3,n4 --energy-tag=mixed -- sleep 1.1 &
     run gpu nobody -p many -w n5 --energy-tag=gpu -- sleep 1.1 &
     settle
-    check_log mixed "$(id_of mixed)" \
-        'not generated: the meters differ: pm_counters,node on n3, rapl-perf,packages on n4'
     check_log gpu "$(id_of gpu)" 'the job holds GPUs, which the meter \(pm_counters,node\) counts, too'
-    check "rows of two nodes' tag" 12 "$(rows "energy_tag_name='together'")"
-    check "the spread is in the record" 1 "$(record_of together | grep -c 'nodes=2 .* spread=')"
-    check "the tag's power is that of one node" 1 "$(sql "select abs(2 * predict_power *
-        $(figure "$(record_of together)" seconds) / $(figure "$(record_of together)" joules) - 1) < 0.001
-        from TQVN_EnergyPolicyTag where energy_tag_name='together' and frequency=2300000")"
-    run uneven nobody -N 2 -w n1,n2 --energy-tag=uneven --energy-policy=minimize_energy -- \
-        "$held" "$go/uneven" sleep 1.1 &
-    patiently has_begun uneven
-    # As a node would that comes late and cannot set it.
-    scontrol update jobid="$(id_of uneven)" AdminComment="$(scontrol show job "$(id_of uneven)" |
-        sed -n 's/ *AdminComment=//p') outcome=failed reason=n9:%20late"
-    for node in n1 n2; do
-        becomes "$node when another node cannot" $node "$idle"
-    done
-    let_go uneven
-    settle
-    check_log uneven "$(id_of uneven)" 'tag "uneven" not generated: n1: called off: n9: late'
     printf '%s\n' "default_frequency=2300000" "[fat]" "cluster=none" >"$scratch/etc/types"
     settings config="$scratch/etc/types"
     forbid n4
-    run one_refuses nobody -N 2 -w n1,n4 --energy-tag=solve --energy-policy=minimize_energy -- \
-        "$held" "$go/one_refuses" true &
     run types nobody -p many -N 2 -w n3,n5 --energy-tag=types -- sleep 1.1 &
-    patiently has_begun one_refuses
-    becomes "n1 when n4 refuses" n1 "$idle"
-    let_go one_refuses
     settle
-    check_log one_refuses "$(id_of one_refuses)" 'frequency left as it is; called off for the whole job'
     check_log types "$(id_of types)" "not generated: the job's nodes are of different types"
 }
 thirty_two_nodes_ask_once() {
