@@ -163,35 +163,28 @@ interrupted_runs_count_for_nothing() {
     local setting requeued
     setting=$(cheapest)
     printf '#!/bin/bash\nsleep 60\n' >"$out/script"
-    requeued=$(as nobody sbatch --parsable -o /dev/null -p many -N 2 -w n1,n6 --energy-tag=solve \
-        --energy-policy=minimize_energy "$out/script")
+    requeued=$(as nobody sbatch --parsable --hold -o /dev/null -p many -N 2 -w n1,n6 \
+        --energy-tag=solve --energy-policy=minimize_energy "$out/script")
+    # As its former run left it, which was called off.
+    scontrol update jobid="$requeued" \
+        AdminComment="eas=1 job=$requeued start=1000000000 outcome=failed reason=former"
+    scontrol release "$requeued"
     run suspended nobody -w n2 --energy-tag=paused -- "$held" "$go/suspended" sleep 1.1 &
     patiently has_begun suspended
     scontrol suspend "$(running_on n2)"
-    becomes "n1 before the job is called off" n1 "$setting"
-    becomes "n6 before the job is called off" n6 "$setting"
-    # As a node would that comes late and cannot set it.
-    scontrol update jobid="$requeued" AdminComment="$(scontrol show job "$requeued" |
-        sed -n 's/ *AdminComment=//p') outcome=failed reason=n9:%20late"
-    becomes "n1 when another node cannot" n1 "$idle"
-    becomes "n6 when another node cannot" n6 "$idle"
+    for node in n6 n1; do
+        becomes "$node before the job is requeued" $node "$setting"
+    done
     scontrol requeue "$requeued"
-    patiently has_restarted "$requeued"
-    becomes "n6 in the second run, which nobody called off" n6 "$setting"
-    becomes "n1 in the second run" n1 "$setting"
+    for node in n6 n1; do
+        becomes "$node after the job is requeued" $node "$idle"
+    done
     scancel "$requeued"
     scontrol resume "$(squeue -h -w n2 -o %i)"
     let_go suspended
     settle
     check_log suspended "$(id_of suspended)" 'tag "paused" not generated: the job was suspended'
-    check_log requeued "$requeued" ' n1: called off: n9: late$'
-}
-has_restarted() { # without the two minutes that Slurm waits with it
-    case $(squeue -h -j "$1" -o %T) in
-        PENDING) scontrol update jobid="$1" StartTime=now ;;
-        RUNNING) return 0 ;;
-    esac
-    return 1
+    check_log requeued "$requeued" 'as n1 says$'
 }
 
 other_wishes_are_respected() {
