@@ -2,8 +2,6 @@
 // order outside of the library, and are compared to the bit.
 #include <gtest/gtest.h>
 
-#include <cmath>
-
 #include "common/node/EnergyUtil.h"
 
 namespace {
@@ -49,16 +47,6 @@ TEST(FitTest, UsesTheFirstSevenSamplesAndAppends) {
         EXPECT_DOUBLE_EQ(3, res[i + 1]);
         EXPECT_DOUBLE_EQ(1, res[i + 2]);
     }
-}
-
-TEST(FitTest, CollinearPointsGiveNoFiniteValues) {
-    const Vector x1{1, 2, 3, 4, 5, 6, 7};
-    const Vector x2{2, 4, 6, 8, 10, 12, 14};
-    Vector res;
-    EXPECT_EQ(1, EnergyUtil::cal_coefficients(x1, x1, x2, res));
-    ASSERT_EQ(3U, res.size());
-    for (const double value : res)
-        EXPECT_FALSE(std::isfinite(value));
 }
 
 TEST(FitTest, FewerSamplesAreRefused) {
