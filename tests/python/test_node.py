@@ -54,6 +54,7 @@ class Hybrid(unittest.TestCase):
         with node.Meter(energy_sources=["qpx", "powercap"], memory_sources=[]) as meter:
             states = {s.name: s.state.name for s in meter.sources(node.FigureId.ENERGY)}
             reading = meter.read()
+        self.assertAlmostEqual(reading.energy.read_within, 262.14332885)  # its range at 1 kW
         self.assertEqual((states["qpx"], states["powercap"]), ("REFUSED", "SERVES"))
         self.assertEqual(states["rapl-perf"], "NOT_WANTED")
         self.assertIsNone(reading.memory.value)
