@@ -202,17 +202,6 @@ TEST_F(Connection, SchemaIsSetWhenItDiffersFromTheUser) {
     EXPECT_EQ(odbc.live_handles(), 1) << "the environment";
 }
 
-TEST_F(Connection, WithoutAStatementNoSchemaIsSet) {
-    ASSERT_EQ(connect(), 0);
-    for (const SQLRETURN code :
-         std::vector<SQLRETURN>{SQL_STILL_EXECUTING, SQL_NEED_DATA, SQL_NO_DATA}) {
-        answer("SQLAllocHandle", {code});
-        EXPECT_EQ(con->setDbSchema("site"), code);
-        EXPECT_EQ(count("SQLExecDirect"), 0);
-    }
-    EXPECT_EQ(con->disconnect(), 0);
-}
-
 // SQLite's driver refuses to disconnect while a transaction is open.
 TEST_F(Connection, OpenTransactionIsRolledBackAndDoesNotKeepTheConnection) {
     for (int round = 0; round < 3; ++round) {

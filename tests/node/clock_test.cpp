@@ -87,17 +87,19 @@ TEST_F(ClockTest, TheClockShowsWhetherTheHardwareFollows) {
 TEST_F(ClockTest, CountsCpusThatAreOnline) {
     const struct {
         const char* shape;
-        int cpus, sockets, cores, threads;
+        int cpus, sockets, cores, threads, possible, model;
+        int (*core)(int cpu);
     } rows[] = {
-        {"xeon2023", 224, 2, 112, 2},
-        {"hybrid", 24, 1, 16, 2},
+        {"xeon2023", 224, 2, 112, 2, 256, 143, [](int cpu) { return cpu % 112; }},
+        {"hybrid", 24, 1, 16, 2, 24, 151, [](int cpu) { return cpu < 16 ? cpu / 2 : cpu - 8; }},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.shape);
         NodeShape shape = fake::read_shape(row.shape);
-        put(shape, "/sys/devices/system/node/online", "0-1");
-        put(shape, "/sys/devices/system/node/node0/cpulist", "0-1023");
+        put(shape, "/sys/devices/system/node/online", "0-2");
+        put(shape, "/sys/devices/system/node/node0/cpulist", "0-3,6-1023");
         put(shape, "/sys/devices/system/node/node1/cpulist", "");  // memory alone
+        put(shape, "/sys/devices/system/node/node2/cpulist", "4-5");
         FakeNode node(shape);
         inside(node, [&] {
             easnode_topology found{};
@@ -107,10 +109,21 @@ TEST_F(ClockTest, CountsCpusThatAreOnline) {
             EXPECT_EQ(row.sockets, found.sockets);
             EXPECT_EQ(row.cores, found.cores);
             EXPECT_EQ(row.threads, found.threads_per_core);
-            EXPECT_EQ(1, found.numa_nodes);
-            store(cpu_folder + "cpu1/online", "0");
+            EXPECT_EQ(2, found.numa_nodes);
+            EXPECT_EQ(row.possible, found.possible_cpus);
+            EXPECT_EQ(6000 + row.model, 1000 * found.family + found.model);
             std::vector<easnode_cpu> cpus(1024);
             size_t count = 0;
+            std::vector<int> threads(1024);
+            ASSERT_EQ(EASNODE_OK, easnode_topology_cpus(cpus.data(), cpus.size(), &count));
+            for (int cpu = 0; cpu < row.cpus; ++cpu) {
+                const easnode_cpu& one = cpus[static_cast<size_t>(cpu)];
+                const int core = row.core(cpu), thread = threads[static_cast<size_t>(core)]++;
+                EXPECT_THAT((std::vector{one.cpu, one.socket, one.core, one.thread, one.numa_node}),
+                            ::testing::ElementsAre(cpu, core / 56, core, thread,
+                                                   cpu == 4 || cpu == 5 ? 2 : 0));
+            }
+            store(cpu_folder + "cpu1/online", "0");
             EXPECT_EQ(EASNODE_TOO_SMALL, easnode_topology_cpus(cpus.data(), 1, &count));
             ASSERT_EQ(static_cast<size_t>(row.cpus - 1), count);
             ASSERT_EQ(EASNODE_OK, easnode_topology_cpus(cpus.data(), cpus.size(), &count));
