@@ -146,6 +146,9 @@ TEST_F(Pool, CleanupKeepsTheMinimum) {
     pool.doCleanup();
     EXPECT_EQ(pool.availableCount(), 2);
     EXPECT_EQ(pool.minCount(), 2);
+    DBConnection* const last = pool.checkout();
+    pool.checkin(last);
+    EXPECT_EQ(pool.checkout(), last) << "the warmest";
 }
 
 TEST_F(Pool, PropertiesFileConfiguresItUnlessTheEnvironmentSaysMore) {

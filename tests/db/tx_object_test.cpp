@@ -301,12 +301,16 @@ TEST_P(Transaction, APooledConnectionGoesBackUncommitted) {
 // The other statements fail in every way in the tests of the scheduler functions, which count none.
 TEST_P(Transaction, ACountThatFailsIsNoNumberAndLeavesNoStatement) {
     const int open = odbc.live_handles();
-    for (const char* entry :
-         {"SQLAllocHandle", "SQLBindCol", "SQLExecDirect", "SQLFetch", "SQLFreeHandle"}) {
-        SCOPED_TRACE(entry);
+    for (const Fault& fault : {Fault{"SQLAllocHandle", 1, SQL_ERROR},
+                               {"SQLBindCol", 1, SQL_ERROR},
+                               {"SQLExecDirect", 1, SQL_ERROR},
+                               {"SQLFetch", 1, SQL_ERROR},
+                               {"SQLFetch", 1, SQL_NO_DATA},
+                               {"SQLFreeHandle", 1, SQL_ERROR}}) {
+        SCOPED_TRACE(fault.entry_point);
         {
             TxObject tx(connection());
-            odbc.inject({{entry, 1, SQL_ERROR}});
+            odbc.inject({fault});
             EXPECT_EQ(tx.count(tags, nullptr), SQL_ERROR);
             EXPECT_TRUE(odbc.end_faults());
         }

@@ -6,12 +6,14 @@
 #include <array>
 #include <atomic>
 #include <cstdlib>
+#include <ctime>
 #include <filesystem>
 #include <new>
 #include <string>
 #include <vector>
 
 #include "common/model/CoEfficients.h"
+#include "common/model/EnergyTag.h"
 #include "db/base_class/DBLibrary.h"
 #include "db/base_class/DB_Ptr.h"
 #include "gtest/gtest.h"
@@ -42,7 +44,7 @@ TEST_P(Scheduler, TakesAJobFromItsCountersToASelectedFrequency) {
     EXPECT_EQ(generate("anna", "cfd"), EAS_TAG_EXISTS);
     EXPECT_EQ(generate("bert", "cfd"), EAS_OK);
 
-    // By hand: cycles per instruction 2, one billion instructions and one GB in a second.
+    // By hand: cycles per instruction 2, one billion instructions and 3 GB in a second.
     const Tags tags("anna", "cfd");
     ASSERT_EQ(tags.status, EAS_OK);
     ASSERT_EQ(tags.count, 1);
@@ -60,7 +62,7 @@ TEST_P(Scheduler, TakesAJobFromItsCountersToASelectedFrequency) {
         int time;
         double degrade;
     } expected[] = {{1600000, 110.0, -0.395, 1100, 0.1},
-                    {1800000, 160.0, -0.1824, 1022, 0.022},
+                    {1800000, 170.0, -0.12195, 1033, 0.033},
                     {2000000, 200.0, 0.0, 1000, 0.0},
                     {2400000, 300.0, 0.2495, 833, -0.167}};
     for (int i = 0; i < 4; ++i) {
@@ -71,10 +73,16 @@ TEST_P(Scheduler, TakesAJobFromItsCountersToASelectedFrequency) {
         EXPECT_NEAR(tag.perf_degrad_pct[i], expected[i].degrade, 1e-12);
     }
 
+    std::vector<EnergyTag> read;
+    read_tags_from_db(DB_Ptr(create_db_connection()).get(), "c1", default_frequency, "anna", "cfd",
+                      read);
+    EXPECT_NEAR(static_cast<double>(read.at(0).create_time()),
+                static_cast<double>(std::time(nullptr)), 60);
+
     const Selection energy = select("anna", "cfd", "minimize_energy");
     EXPECT_EQ(energy.status, EAS_OK);
     EXPECT_EQ(energy.frequency, 1800000);
-    EXPECT_NEAR(energy.time_var, 0.022, 1e-12);
+    EXPECT_NEAR(energy.time_var, 0.033, 1e-12);
     const Selection time = select("anna", "cfd", "minimize_time");
     EXPECT_EQ(time.status, EAS_OK);
     EXPECT_EQ(time.frequency, 2400000);

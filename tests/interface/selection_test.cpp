@@ -57,6 +57,8 @@ TEST(Selection, FollowsThePolicyAndItsLimits) {
         {"the default itself saves", energy, {{3, -0.1, 0.02}}, 3, 0.02},
         {"the highest that qualifies", quick, {{3, 0, 0}, {4, 0.2, -0.1}, {5, 0.3, -0.2}}, 5, -0.2},
         {"highest gains too little", quick, {{3, 0, 0}, {4, 0.2, -0.1}, {5, 0.3, -0.19}}, 4, -0.1},
+        {"its tolerance", quick, {{3, 0, 0}, {4, 0.2, -0.1 + 0.9e-7}}, 4, -0.1 + 0.9e-7},
+        {"no more than that", quick, {{3, 0, 0}, {4, 0.2, -0.1 + 1.1e-7}}, 3, 0},
         {"default meets its own 0", quick, {{2, 0, -0.5}, {3, 0, -0.01}, {4, 0.2, 0}}, 3, -0.01},
         {"never below the default, whatever is gained",
          quick,

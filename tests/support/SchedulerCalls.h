@@ -75,7 +75,7 @@ inline Removed remove_tags(const char* user, const char* tag) {
 
 inline int generate(const std::string& user, const std::string& tag, double power = 200.0,
                     int frequency = default_frequency, int elapsed = 1000) {
-    double counters[] = {2e12, 1e12, 1e12};
+    double counters[] = {2e12, 1e12, 3e12};
     return eas_generate_tag(text("c1"), frequency, text(user), text(tag), counters, text("42.0"),
                             elapsed, power);
 }
