@@ -98,7 +98,6 @@ TEST(SiteCommandOutput, IsOneQuantityOrTheLineOfAKnownTool) {
         {"1e3 watts", false, 1000},
         {"5e5 mW", false, 500},
         {"2 Wh", true, 7200},
-        {"4 kJ", true, 4000},
         {"8e6 uJ", true, 8},
         {"\n  Instantaneous power reading:                   215 Watts\n"
          "  Minimum during sampling period:                 54 Watts\n",
