@@ -72,8 +72,7 @@ TEST_F(ClockTest, TheClockShowsWhetherTheHardwareFollows) {
             if (row.trouble == moved) {
                 EXPECT_NEAR(3000000, clock.fastest_khz, 1e5);
                 EXPECT_NEAR(1400000, clock.slowest_khz, 1e5);
-                EXPECT_EQ(0, clock.fastest_cpu);
-                EXPECT_NE(0, clock.slowest_cpu);
+                EXPECT_TRUE(clock.fastest_cpu == 0 && clock.slowest_cpu != 0);
             }
             EXPECT_STREQ(row.source, clock.source);
             EXPECT_THAT(clock.text, HasSubstr(row.text));

@@ -13,6 +13,7 @@ using TopologyTest = NodeTest;
 NodeShape with_ids(NodeShape shape, std::vector<int> sockets, std::vector<int> cores = {}) {
     shape.socket_ids = std::move(sockets);
     shape.core_ids = std::move(cores);
+    shape.nonturbo_ratio = 200;
     return shape;
 }
 
@@ -31,18 +32,19 @@ std::string found() {
     return text.str();
 }
 
-// The clock is that of ratio 20. Gaps in core ids count hyper-threads twice.
+// The clock is that of ratio 20, and of 200 where ids are given. Gaps in core ids count
+// hyper-threads twice.
 const std::pair<NodeShape, const char*> kNodes[] = {
     {of_model(30, 1, 4, 2), "26: 1 4 8 2; 0 -1 -1 -1; 0 -1 -1 -1; 2666666660"},
     {of_model(42, 1, 4, 1), "42: 1 4 4 1; 0 -1 -1 -1; 0 -1 -1 -1; 2000000000"},
     {of_model(62, 2, 12, 2), "62: 2 24 48 2; 0 1 -1 -1; 0 12 -1 -1; 2000000000"},
     {of_model(46, 4, 16, 2), "46: 4 64 128 2; 0 1 2 3; 0 16 32 48; 2666666660"},
     {with_ids(of_model(44, 2, 6, 2), {}, {0, 1, 2, 8, 9, 10}),
-     "44: 2 18 24 1; 0 1 -1 -1; 0 6 -1 -1; 2666666660"},
+     "44: 2 18 24 1; 0 1 -1 -1; 0 6 -1 -1; 26666666600"},
     {with_ids(of_model(37, 1, 4, 1), {}, {0, 1, 9, 10}),
-     "37: 1 4 4 1; 0 -1 -1 -1; 0 -1 -1 -1; 2666666660"},
-    {with_ids(of_model(45, 2, 2, 1), {0, 3}), "45: 2 4 4 1; 0 3 -1 -1; 0 -1 -1 2; 2000000000"},
-    {with_ids(of_model(47, 2, 2, 1), {1, 0}), "47: 2 4 4 1; 1 0 -1 -1; 2 0 -1 -1; 2666666660"},
+     "37: 1 4 4 1; 0 -1 -1 -1; 0 -1 -1 -1; 26666666600"},
+    {with_ids(of_model(45, 2, 2, 1), {0, 3}), "45: 2 4 4 1; 0 3 -1 -1; 0 -1 -1 2; 20000000000"},
+    {with_ids(of_model(47, 2, 2, 1), {1, 0}), "47: 2 4 4 1; 1 0 -1 -1; 2 0 -1 -1; 26666666600"},
 };
 
 TEST_F(TopologyTest, CountsSocketsCoresAndThreads) {
