@@ -212,6 +212,17 @@ TEST(ToolOnSqlite, TellsWhatIsDeniedFromWhatIsMissing) {
         ASSERT_NE(found, links.end()) << links;
         EXPECT_THAT(found->at("remedy").get<std::string>(), HasSubstr(one.remedy));
     }
+    std::filesystem::remove(database.folder() / "easdb.sqlite");
+    ASSERT_EQ(::chmod(database.folder().c_str(), 0555), 0);
+    expect_all({{{"doctor"}, 1, "missing connection: "}, {{"db", "init"}, 4, "as root: chown "}});
+    ASSERT_EQ(::chmod(database.folder().c_str(), 0755), 0);
+    // The user's own file could hold what the system's does not.
+    const std::string own = database.folder() / ".odbc.ini";
+    std::ofstream(own) << "";
+    ASSERT_EQ(::chmod(own.c_str(), 0), 0);
+    ::unsetenv("ODBCINI");
+    ::setenv("HOME", database.folder().c_str(), 1);
+    expect_all({{{"doctor", "--dsn", "x"}, 1, own + ": this user may not read it"}});
 }
 
 TEST(ToolOnSqlite, MakesNoFileWhereThePathIsWrongButToInitialise) {
