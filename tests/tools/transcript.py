@@ -32,7 +32,7 @@ def replayed(easctl, text):
             done = subprocess.run(
                 ["sh", "-c", step[1].replace("\n> ", "\n")], cwd=folder, env=own,
                 stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
-                text=True, check=False,
+                text=True, check=False, start_new_session=True,  # without a terminal to ask on
             )  # fmt: skip
             told += step[0] + done.stdout + (f"[{done.returncode}]\n" if done.returncode else "")
         for name, place in places.items():
