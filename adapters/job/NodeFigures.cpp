@@ -7,10 +7,8 @@
 namespace eas::job {
 namespace {
 
-using Figure = std::optional<double> RunRecord::*;
-
 /// No value unless every node has one.
-std::optional<double> sum_of(const std::vector<NodeReport>& reports, Figure figure) {
+std::optional<double> sum_of(const std::vector<NodeReport>& reports, RunFigure figure) {
     double sum = 0;
     for (const NodeReport& one : reports) {
         if (!(one.figures.*figure))
@@ -20,7 +18,7 @@ std::optional<double> sum_of(const std::vector<NodeReport>& reports, Figure figu
     return reports.empty() ? std::nullopt : std::optional(sum);
 }
 
-std::optional<double> mean_of(const std::vector<NodeReport>& reports, Figure figure) {
+std::optional<double> mean_of(const std::vector<NodeReport>& reports, RunFigure figure) {
     const std::optional<double> sum = sum_of(reports, figure);
     return sum ? std::optional(*sum / static_cast<double>(reports.size())) : std::nullopt;
 }

@@ -11,19 +11,18 @@ namespace {
 constexpr std::string_view begin = "eas=1";
 
 using Text = std::string RunRecord::*;
-using Figure = std::optional<double> RunRecord::*;
 
 /// A word of the record: one of the two members is set.
 struct Word {
     std::string_view key;
     Text text = nullptr;
-    Figure figure = nullptr;
+    RunFigure figure = nullptr;
 };
 
 constexpr Word word(std::string_view key, Text text) {
     return {key, text, nullptr};
 }
-constexpr Word word(std::string_view key, Figure figure) {
+constexpr Word word(std::string_view key, RunFigure figure) {
     return {key, nullptr, figure};
 }
 

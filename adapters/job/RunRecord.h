@@ -47,6 +47,9 @@ struct RunRecord {
     std::optional<double> default_joules;
 };
 
+/// One of its figures.
+using RunFigure = std::optional<double> RunRecord::*;
+
 /// A text as the value of a word, and back; what is no escape stays as it is.
 std::string to_word(std::string_view text);
 std::string from_word(std::string_view word);

@@ -22,7 +22,7 @@ namespace {
 
 constexpr std::string_view prefix = "job-";
 
-std::string name_of(uint32_t job) {
+std::string file_of(uint32_t job) {
     return std::string(prefix) + std::to_string(job);
 }
 
@@ -83,12 +83,12 @@ Descriptor StateFolder::lock(std::chrono::milliseconds patience) const {
 /// Not open where there is no such record. What is no file of root's would not be ours, and a pipe
 /// would hold up whoever opens it.
 Descriptor StateFolder::open(uint32_t job, int flags) const {
-    Descriptor file(::openat(folder_.get(), name_of(job).c_str(),
+    Descriptor file(::openat(folder_.get(), file_of(job).c_str(),
                              flags | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600));
     struct stat status {};
     if (file.is_open() && (::fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode) ||
                            status.st_uid != ::geteuid()))
-        throw std::runtime_error(name_of(job) + ": not a file of root's");
+        throw std::runtime_error(file_of(job) + ": not a file of root's");
     return file;
 }
 
@@ -142,7 +142,7 @@ std::string StateFolder::socket_of(uint32_t job) const {
 
 void StateFolder::remove(uint32_t job) const {
     ::unlink(socket_of(job).c_str());
-    if (::unlinkat(folder_.get(), name_of(job).c_str(), 0) != 0 && errno != ENOENT)
+    if (::unlinkat(folder_.get(), file_of(job).c_str(), 0) != 0 && errno != ENOENT)
         fail("removing a job's record");
 }
 

@@ -20,7 +20,6 @@ namespace {
 constexpr EventCode core_cycles{PERF_TYPE_HARDWARE, PERF_COUNT_HW_CPU_CYCLES};
 constexpr EventCode reference_cycles{PERF_TYPE_HARDWARE, PERF_COUNT_HW_REF_CPU_CYCLES};
 constexpr const char* msr_pmu = "/sys/bus/event_source/devices/msr";
-constexpr int type_shift = 32;  // where the kernel takes the PMU of one kind of core
 
 // By ticks of 10 ms a shorter period, or one with idle times in it, tells too little.
 constexpr double least_seconds = 1.0;
@@ -99,7 +98,7 @@ bool ClockCheck::open(const char* source, const std::vector<EventCode>& codes, b
         for (const CorePmu& pmu : pmus)
             if (std::binary_search(pmu.cpus.begin(), pmu.cpus.end(), one.cpu))
                 for (EventCode& code : here)
-                    code.config |= std::uint64_t{pmu.type} << type_shift;
+                    code = pmu.of_this_kind(code);
         const int error = one.group.open(here.data(), here.size(), one.cpu);
         if (error == 0)
             continue;

@@ -8,8 +8,6 @@
 namespace eas::node {
 namespace {
 
-constexpr double mebibyte = 1048576;
-
 /// The PMUs of a maker, a shell pattern, and their events that are reads and writes; those of the
 /// last rows are recognised only.
 struct ArmRow {

@@ -21,7 +21,6 @@ namespace {
 constexpr std::size_t most_output = 65536;
 // The end of a child that closed its output is looked for this often.
 constexpr int poll_milliseconds = 5;
-constexpr Nanoseconds millisecond = 1'000'000;
 // A killed process that is not gone by then is stuck in the kernel.
 constexpr Nanoseconds death_limit = 100 * millisecond;
 

@@ -26,6 +26,12 @@ struct EventSet {
 struct CorePmu {
     std::uint32_t type;
     std::vector<int> cpus;
+
+    /// An event of this kind of core: the kernel takes the type of its PMU in the upper half.
+    [[nodiscard]] EventCode of_this_kind(EventCode code) const {
+        code.config |= std::uint64_t{type} << 32;
+        return code;
+    }
 };
 
 /// Those of a processor with several kinds of cores; none where all are alike.

@@ -9,9 +9,6 @@
 namespace eas::node {
 namespace {
 
-// The kernel takes an event of one kind of core by the type of its PMU in the upper half.
-constexpr int pmu_type_shift = 32;
-
 std::string on_cpu(const EventSet& events, int cpu) {
     return std::string(events.name) + " on CPU " + decimal(cpu);
 }
@@ -32,7 +29,7 @@ int CpuEvents::add_cpu(int cpu) {
     for (const CorePmu& pmu : pmus_)
         if (std::binary_search(pmu.cpus.begin(), pmu.cpus.end(), cpu))
             for (EventCode& code : codes)
-                code.config |= std::uint64_t{pmu.type} << pmu_type_shift;
+                code = pmu.of_this_kind(code);
     CpuGroup added{cpu, {}};
     const int error = added.group.open(codes.data(), events_.count, cpu);
     if (error == 0)

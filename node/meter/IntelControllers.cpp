@@ -14,7 +14,6 @@ namespace {
 
 constexpr int intel_family = 6;
 constexpr double line_size = 64;  // bytes of a column access
-constexpr double mebibyte = 1048576;
 
 /// Column accesses of one generation of controllers; 0 for none.
 struct Codes {

@@ -11,8 +11,6 @@
 namespace eas::node {
 namespace {
 
-constexpr double micro = 1e-6;
-
 class NodeCounter : public Source {
   public:
     bool open(std::string& reason) {

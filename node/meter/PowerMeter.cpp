@@ -16,8 +16,6 @@ namespace eas::node {
 namespace {
 
 const char* const hwmon_class = "/sys/class/hwmon/";
-constexpr double micro = 1e-6;
-constexpr Nanoseconds millisecond = 1'000'000;
 constexpr int first_average = 50;  // ms
 constexpr Nanoseconds usual_interval = 1'000'000'000;
 

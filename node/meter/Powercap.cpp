@@ -14,10 +14,8 @@ namespace {
 
 const char* const zones_folder = "/sys/class/powercap/";
 constexpr std::string_view control_type = "intel-rapl:";
-constexpr double micro = 1e-6;
 // More than a package draws: a counter that cannot have wrapped twice at that power is sure.
 constexpr double most_microwatts = 1e9;
-constexpr Nanoseconds settled_after = 2'000'000'000;  // by then every counter has moved
 
 /// A counter in microjoules that begins anew at its range.
 class WrappingCounter {

@@ -12,8 +12,6 @@
 namespace eas::node {
 namespace {
 
-constexpr Nanoseconds settled_after = 2'000'000'000;
-
 /// The event, if the device has it in joules.
 std::optional<BoxEvent> energy_event(const PmuDevice& device, const char* name) {
     const auto event = device.event(name);

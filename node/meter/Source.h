@@ -14,6 +14,9 @@ namespace eas::node {
 
 using Nanoseconds = std::uint64_t;
 constexpr double nanoseconds_per_second = 1e9;
+constexpr Nanoseconds millisecond = 1'000'000;
+constexpr double micro = 1e-6;
+constexpr double mebibyte = 1048576;
 
 /// What a source counted since it was opened, or why there is no count.
 struct Result {

@@ -11,7 +11,6 @@
 namespace eas::node {
 namespace {
 
-constexpr int pmu_type_shift = 32;
 // A process that starts threads faster than they can be listed is given up after so many attempts.
 constexpr int most_attempts = 20;
 
@@ -32,7 +31,7 @@ int TaskEvents::open_counter(int thread, std::size_t event) {
     for (std::size_t kind = 0; kind < kinds; ++kind) {
         EventCode code = events_.codes[event];
         if (kind < pmus_.size())
-            code.config |= std::uint64_t{pmus_[kind].type} << pmu_type_shift;
+            code = pmus_[kind].of_this_kind(code);
         EventTarget target;
         target.process = thread;
         target.inherit = true;

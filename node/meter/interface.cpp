@@ -21,7 +21,6 @@ using eas::node::MeterPlan;
 using eas::node::SourceList;
 
 constexpr unsigned usual_timeout = 2000;  // ms
-constexpr eas::node::Nanoseconds millisecond = 1'000'000;
 
 bool is_valid(const easnode_meter_options& options) {
     const bool has_command = options.command != nullptr;
@@ -45,7 +44,7 @@ int make_plan(const easnode_meter_options& options, MeterPlan& plan) {
     plan.request.command_gives_joules = options.command_gives == EASNODE_COMMAND_JOULES;
     const unsigned timeout =
         options.command_timeout_ms != 0 ? options.command_timeout_ms : usual_timeout;
-    plan.request.command_limit = timeout * millisecond;
+    plan.request.command_limit = timeout * eas::node::millisecond;
     const std::array<const char*, eas::node::source_lists> lists = {
         options.core_sources, options.memory_sources, options.energy_sources};
     for (std::size_t i = 0; i < lists.size(); ++i) {

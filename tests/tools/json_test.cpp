@@ -16,8 +16,6 @@
 namespace eas::test {
 namespace {
 
-using nlohmann::json;
-
 /// A line of a table: a field by its path, "rows[].power_w", and the table of what is below it.
 struct Row {
     std::string path, below;
@@ -42,7 +40,7 @@ class Manual {
         }
     }
 
-    void check(const json& document, const std::string& table) {
+    void check(const nlohmann::json& document, const std::string& table) {
         SCOPED_TRACE(table + ": " + document.dump(2));
         ASSERT_EQ(tables_.count(table), 1U);
         std::map<std::string, Field> fields;
@@ -102,7 +100,7 @@ class Manual {
         }
     }
 
-    void compare(const json& object, const std::string& where,
+    void compare(const nlohmann::json& object, const std::string& where,
                  const std::map<std::string, Field>& fields) {
         std::set<std::string> present;
         for (const auto& [key, value] : object.items()) {
@@ -113,7 +111,8 @@ class Manual {
             const auto field = fields.find(path);
             ASSERT_NE(field, fields.end()) << path << " is not in the manual page";
             seen_.insert(field->second.origin);
-            for (const json& one : value.is_array() ? value : json::array({value})) {
+            for (const nlohmann::json& one :
+                 value.is_array() ? value : nlohmann::json::array({value})) {
                 if (one.is_object())
                     compare(one, path + '.', fields);
             }
@@ -149,7 +148,7 @@ class JsonDocuments : public NodeTest {
         arguments.insert(arguments.begin(), "--json");
         const ToolRun run = run_easctl(arguments);
         commands_.insert(command);
-        const json document = json::parse(run.out, nullptr, false);
+        const nlohmann::json document = nlohmann::json::parse(run.out, nullptr, false);
         ASSERT_TRUE(document.is_object()) << command << ": " << run.out << run.err;
         manual_.check(document, document.contains("error") ? "failure" : command);
     }

@@ -16,7 +16,7 @@ namespace {
 constexpr int tags_tried = 2000;
 constexpr int runs_tried = 200;  // of each
 
-struct Options {
+struct DriftOptions {
     RunOptions runs;
     DriftLimits limits;
     bool all = false;
@@ -53,7 +53,7 @@ std::string summary(const Drift& drift) {
            pct(model.time_miss) + " % time (median of " + std::to_string(model.count) + " tags)\n";
 }
 
-void show(Globals& globals, const Options& options) {
+void show(Globals& globals, const DriftOptions& options) {
     Drift drift(options.limits);
     RunSource source(globals, options.runs);
     for (Run run; source.next(run);)
@@ -128,7 +128,7 @@ Trial try_out(double miss, double spread, double limit) {
 }
 
 /// The test on simulated runs, tested again after each.
-void try_all(const Globals& globals, const Options& options) {
+void try_all(const Globals& globals, const DriftOptions& options) {
     const double spread = options.trial_pct / 100.0;
     Table table({{"true miss %", Align::right},
                  {"called stale %", Align::right},
@@ -157,7 +157,7 @@ void try_all(const Globals& globals, const Options& options) {
 }  // namespace
 
 void add_drift_command(CLI::App& app, Globals& globals) {
-    const auto options = std::make_shared<Options>();
+    const auto options = std::make_shared<DriftOptions>();
     CLI::App& command =
         add_command(app, "drift", "tags and models that no longer say what runs do; 1: there are",
                     "easctl drift /var/lib/eas/runs.csv\n"

@@ -15,7 +15,7 @@
 namespace easctl {
 namespace {
 
-struct Options {
+struct HistoryOptions {
     RunOptions runs;
     Format format = Format::table;
     std::string user, tag, policy, outcome;
@@ -70,7 +70,7 @@ Json as_json(const Run& run) {
 /// Shows the last runs, or prints all of them as CSV while they are read.
 class Output {
   public:
-    Output(const Globals& globals, const Options& options)
+    Output(const Globals& globals, const HistoryOptions& options)
         : globals_(globals), options_(options), csv_(options.format == Format::csv) {
         if (csv_)
             print(run_csv_header());
@@ -134,13 +134,13 @@ class Output {
     }
 
     const Globals& globals_;
-    const Options& options_;
+    const HistoryOptions& options_;
     bool csv_;
     std::size_t count_ = 0;
     std::deque<Run> last_;
 };
 
-void show(Globals& globals, const Options& options) {
+void show(Globals& globals, const HistoryOptions& options) {
     if (globals.json && options.format == Format::csv)
         throw Failure(ExitCode::usage, "--json and --format csv: which of them?");
     RunSource source(globals, options.runs);
@@ -155,7 +155,7 @@ void show(Globals& globals, const Options& options) {
 
 /// Asks sacct for what ended since the last update. The latest minutes are left to the next one: a
 /// record is written some time after its job has ended.
-void append(Globals& globals, const Options& options) {
+void append(Globals& globals, const HistoryOptions& options) {
     if (!options.runs.file.empty() || !options.runs.to.empty())
         throw Failure(ExitCode::usage, "--append takes its runs from sacct, up to now",
                       "leave the file and --to away");
@@ -185,7 +185,7 @@ void append(Globals& globals, const Options& options) {
 }  // namespace
 
 void add_history_command(CLI::App& app, Globals& globals) {
-    const auto options = std::make_shared<Options>();
+    const auto options = std::make_shared<HistoryOptions>();
     CLI::App& command =
         add_command(app, "history", "what runs used, and what was expected of them",
                     "easctl history --from 7d\n"

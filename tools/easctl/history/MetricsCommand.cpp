@@ -10,13 +10,13 @@
 namespace easctl {
 namespace {
 
-struct Options {
+struct MetricsOptions {
     RunOptions runs;
     DriftLimits limits;
     std::string output;
 };
 
-void write_metrics(Globals& globals, const Options& options) {
+void write_metrics(Globals& globals, const MetricsOptions& options) {
     if (globals.json)
         throw Failure(ExitCode::usage, "metrics have a form of their own, not JSON",
                       "easctl --json report has the same sums");
@@ -35,7 +35,7 @@ void write_metrics(Globals& globals, const Options& options) {
 }  // namespace
 
 void add_metrics_command(CLI::App& app, Globals& globals) {
-    const auto options = std::make_shared<Options>();
+    const auto options = std::make_shared<MetricsOptions>();
     CLI::App& command = add_command(
         app, "metrics",
         "sums of all runs for Prometheus, as its node exporter's textfile collector\n"

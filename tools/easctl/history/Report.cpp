@@ -12,7 +12,7 @@ namespace {
 
 constexpr double kg = 1000.0;
 
-std::string pct(const std::optional<double>& value) {
+std::string two_decimals(const std::optional<double>& value) {
     return value ? signed_number(*value, 2) : "";
 }
 
@@ -40,8 +40,8 @@ std::vector<Cell> row_of(const std::string& name, const RunSums& sums, const Fac
                           any ? kwh(pair.measured_j) : "",
                           any ? kwh(pair.predicted_j) : "",
                           any ? kwh(pair.saved_j()) : "",
-                          pct(pair.saved_pct()),
-                          pct(pair.added_pct())};
+                          two_decimals(pair.saved_pct()),
+                          two_decimals(pair.added_pct())};
     if (factors.price)
         row.emplace_back(any ? number(saved_kwh * *factors.price, 2) : "");
     if (factors.co2_g)
@@ -144,8 +144,8 @@ std::vector<std::string> Report::coverage() const {
             "Checked: " + part_of(checked.runs, total.runs) +
             " runs against what their tags predicted for the frequency at which they ran. "
             "Energy measured " +
-            pct(-checked.saved_pct().value_or(0.0)) + " % against predicted, " +
-            within(total.energy_miss) + "; time " + pct(checked.added_pct()) + " %, " +
+            two_decimals(-checked.saved_pct().value_or(0.0)) + " % against predicted, " +
+            within(total.energy_miss) + "; time " + two_decimals(checked.added_pct()) + " %, " +
             within(total.time_miss) + ".");
     } else {
         said.emplace_back("Checked: no run can be held against a prediction of its tag.");

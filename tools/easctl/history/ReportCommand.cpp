@@ -12,7 +12,7 @@
 namespace easctl {
 namespace {
 
-struct Options {
+struct ReportOptions {
     RunOptions runs;
     std::string by = "month";
     double price = -1;
@@ -32,7 +32,7 @@ const std::map<std::string, GroupBy>& groupings() {
     return all;
 }
 
-void report(Globals& globals, const Options& options) {
+void report(Globals& globals, const ReportOptions& options) {
     Report report{options.by, {}, RunGroups(groupings().at(options.by)), {}, {}, {}};
     if (options.price >= 0)
         report.factors.price = options.price;
@@ -64,7 +64,7 @@ void report(Globals& globals, const Options& options) {
 }  // namespace
 
 void add_report_command(CLI::App& app, Globals& globals) {
-    const auto options = std::make_shared<Options>();
+    const auto options = std::make_shared<ReportOptions>();
     CLI::App& command =
         add_command(app, "report", "what runs used and saved; 1: lines were left out",
                     "easctl report --from 2026-10-01 --to 2026-11-01\n"

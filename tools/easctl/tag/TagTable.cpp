@@ -20,8 +20,10 @@ constexpr std::size_t tags_of_batch = 50;
 /// In which others get the lock of a database that has only one.
 constexpr auto pause_between = std::chrono::milliseconds(3);
 
-// Places in a row of a page.
-enum Column : std::size_t { name, job, frequency, power, saving, seconds, degradation, created };
+/// Places in a row of a page.
+namespace place {
+enum : std::size_t { name, job, frequency, power, saving, seconds, degradation, created };
+}
 
 int int_of(const Database::Value& value) {
     return eas::to_int(value.value_or("0").c_str());
@@ -32,11 +34,12 @@ double double_of(const Database::Value& value) {
 }
 
 void add_row(const Database::Row& row, EnergyTag& tag) {
-    tag.energy_tag_name(row[name].value_or(""));
-    tag.job_step_id(row[job].value_or(""));
-    tag.create_time(static_cast<std::int64_t>(double_of(row[created])));
-    tag.set_array_data(int_of(row[frequency]), double_of(row[power]), double_of(row[saving]),
-                       int_of(row[seconds]), double_of(row[degradation]));
+    tag.energy_tag_name(row[place::name].value_or(""));
+    tag.job_step_id(row[place::job].value_or(""));
+    tag.create_time(static_cast<std::int64_t>(double_of(row[place::created])));
+    tag.set_array_data(int_of(row[place::frequency]), double_of(row[place::power]),
+                       double_of(row[place::saving]), int_of(row[place::seconds]),
+                       double_of(row[place::degradation]));
 }
 
 template <std::size_t N>
@@ -89,7 +92,7 @@ void TagTable::read_user(const std::string& user, const std::string& tag, const 
         for (std::size_t i = 0; i < rows.size(); ++i) {
             add_row(rows[i], one);
             const bool complete =
-                i + 1 < rows.size() ? rows[i + 1][name] != rows[i][name] : last_page;
+                i + 1 < rows.size() ? rows[i + 1][place::name] != rows[i][place::name] : last_page;
             if (!complete)
                 continue;
             one.cluster_name(cluster_);

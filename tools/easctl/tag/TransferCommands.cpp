@@ -24,7 +24,7 @@ namespace {
 constexpr std::size_t tags_of_transaction = 50;
 
 // In the order in which they are written; found by name when read.
-enum Column : std::size_t {
+enum class TagColumn : std::size_t {
     user,
     tag,
     job,
@@ -33,12 +33,11 @@ enum Column : std::size_t {
     power,
     saving,
     seconds,
-    degradation,
-    columns
+    degradation
 };
-constexpr std::array<const char*, columns> titles{"user",          "tag",           "job_id",
-                                                  "created_s",     "frequency_khz", "power_w",
-                                                  "energy_change", "elapsed_s",     "time_change"};
+constexpr std::array<const char*, 9> titles{"user",          "tag",           "job_id",
+                                            "created_s",     "frequency_khz", "power_w",
+                                            "energy_change", "elapsed_s",     "time_change"};
 
 /// A word without the separator of the columns.
 std::string name_word(const std::string& name) {
@@ -75,7 +74,7 @@ std::string header() {
 class TagReader {
   public:
     explicit TagReader(const std::string& path) : csv_(path) {
-        for (std::size_t i = 0; i < columns; ++i) {
+        for (std::size_t i = 0; i < titles.size(); ++i) {
             const auto place = csv_.column(titles[i]);
             if (!place)
                 throw Failure(ExitCode::input,
@@ -108,15 +107,18 @@ class TagReader {
     [[nodiscard]] const LineReader& lines() const { return csv_.lines(); }
 
   private:
-    std::string text(Column column) const {
-        return eas::job::from_word(csv_.fields()[places_[column]]);
+    std::string_view field(TagColumn column) const {
+        return csv_.fields()[places_[static_cast<std::size_t>(column)]];
     }
-    double number_of(Column column, double largest) const {
-        const auto value = parse_number(csv_.fields()[places_[column]]);
-        const bool whole = column != power && column != saving && column != degradation;
+    std::string text(TagColumn column) const { return eas::job::from_word(field(column)); }
+    double number_of(TagColumn column, double largest) const {
+        const auto value = parse_number(field(column));
+        const bool whole = column != TagColumn::power && column != TagColumn::saving &&
+                           column != TagColumn::degradation;
         if (!value || std::fabs(*value) > largest || (whole && *value != std::floor(*value)))
-            throw Failure(ExitCode::input,
-                          csv_.where() + ": " + titles[column] + " is no such number");
+            throw Failure(ExitCode::input, csv_.where() + ": " +
+                                               titles[static_cast<std::size_t>(column)] +
+                                               " is no such number");
         return *value;
     }
 
@@ -127,19 +129,20 @@ class TagReader {
         at_end_ = step == CsvFile::Step::end;
         if (at_end_)
             return;
-        key_ = {text(user), text(tag)};
-        job_ = text(job);
-        created_ = static_cast<std::int64_t>(number_of(created, 1e15));
-        row_ = {static_cast<int>(number_of(frequency, INT_MAX)), number_of(power, 1e300),
-                number_of(saving, 1e300), static_cast<int>(number_of(seconds, INT_MAX)),
-                number_of(degradation, 1e300)};
+        key_ = {text(TagColumn::user), text(TagColumn::tag)};
+        job_ = text(TagColumn::job);
+        created_ = static_cast<std::int64_t>(number_of(TagColumn::created, 1e15));
+        row_ = {static_cast<int>(number_of(TagColumn::frequency, INT_MAX)),
+                number_of(TagColumn::power, 1e300), number_of(TagColumn::saving, 1e300),
+                static_cast<int>(number_of(TagColumn::seconds, INT_MAX)),
+                number_of(TagColumn::degradation, 1e300)};
         if (key_.first.empty() || key_.second.empty() || key_.first.size() > 256 ||
             key_.second.size() > 256 || job_.size() > 1024 || row_.frequency < 1)
             throw Failure(ExitCode::input, csv_.where() + ": no tag that the library could store");
     }
 
     CsvFile csv_;
-    std::array<std::size_t, columns> places_{};
+    std::array<std::size_t, titles.size()> places_{};
     bool at_end_ = false;
     TagKey key_;
     std::string job_;
