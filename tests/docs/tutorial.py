@@ -4,7 +4,8 @@
 usage: tutorial.py PAGE SOURCE_FOLDER BUILD_FOLDER
 
 "$ " begins a command and "> " goes on with it; the lines below are what it prints, "..." any lines, a
-date any date, "~150" a figure that may be four tenths off: it was measured, maybe on a busy machine.
+date any date, "~150" a measured figure that may be four tenths off; a page with such figures has three
+attempts.
 All commands run in one shell, in SOURCE_FOLDER, with a home of their own; where the page names its own
 build folder, build/tutorial, they use BUILD_FOLDER. A command must succeed.
 """
@@ -56,12 +57,8 @@ def is_printed(lines, text):
                          for one, other in zip(found.groups(), expected))
 
 
-def main():
-    page, source, build = sys.argv[1:]
-    text = pathlib.Path(page).read_text(encoding="utf-8").replace("$source/build/tutorial", build)
-    commands = commands_of(text)
-    if len(commands) < 10:
-        sys.exit(f"{page}: only {len(commands)} commands")
+def run(commands, source):
+    """Runs them; the objection to what they print, empty if there is none."""
     with tempfile.TemporaryDirectory() as scratch:
         outputs = pathlib.Path(scratch, "outputs")
         outputs.mkdir()
@@ -75,10 +72,23 @@ def main():
             printed = output.read_text(encoding="utf-8") if output.exists() else "(not run)\n"
             print(f"$ {command}\n{printed}", end="")
             if not output.exists() or not is_printed(expected, printed):
-                sys.exit(f"{page}: it should print\n" + "\n".join(expected))
-        if ran.returncode != 0:
-            sys.exit(f"{page}: the last of these commands failed")
-    print(f"{len(commands)} commands print what the page says")
+                return "it should print\n" + "\n".join(expected)
+        return "the last of these commands failed" if ran.returncode != 0 else ""
+
+
+def main():
+    page, source, build = sys.argv[1:]
+    text = pathlib.Path(page).read_text(encoding="utf-8").replace("$source/build/tutorial", build)
+    commands = commands_of(text)
+    if len(commands) < 10:
+        sys.exit(f"{page}: only {len(commands)} commands")
+    # What is measured may be spoilt by a busy machine: then all of it is run again.
+    for _ in range(3 if re.search(f"~{FIGURE}", text) else 1):
+        objection = run(commands, source)
+        if not objection:
+            print(f"{len(commands)} commands print what the page says")
+            return
+    sys.exit(f"{page}: {objection}")
 
 
 if __name__ == "__main__":
