@@ -21,7 +21,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr int ample = 60;  // s, for what a busy machine must be given time to do
+constexpr int long_enough = 60;  // s, for what a busy machine must be given time to do
 
 /// What the nodes "a" and "b" say stands in files: they ask from processes of their own. What `ask`
 /// does is done when it is asked whether a job is over, and the answer is that it runs.
@@ -64,7 +64,8 @@ Outcome start_of(const SiteSettings& settings, const JobRequest& request,
     folder.create({3, 1000, "t", "minimize_energy", false}, here);
     folder.append(3, line::settings("no settings\n"));
     TwoNodes scheduler(ask);
-    return call_in_child(ample, [&] { return start_job(settings, request, here, scheduler); });
+    return call_in_child(long_enough,
+                         [&] { return start_job(settings, request, here, scheduler); });
 }
 
 TEST(JobStart, NothingHindersItFromSettingTheNodeBackFirst) {
@@ -109,7 +110,7 @@ TEST(JobStart, NothingHindersItFromSettingTheNodeBackFirst) {
     // One that changed nothing is in the way of a job that would.
     settings.state = scratch.path("other");
     StateFolder(settings.state).create({3, 1000, "", "", false}, here);
-    const Outcome beside = call_in_child(ample, [&] {
+    const Outcome beside = call_in_child(long_enough, [&] {
         return start_job(settings, {4, 1000, "t", "", false}, here, scheduler);
     });
     EXPECT_EQ(0U, beside.text.find("job 3 runs on this node too")) << beside.text;
@@ -134,7 +135,7 @@ class JobRun : public test::SchedulerTest {
     }
     std::string start(const std::string& node, const JobRequest& request, unsigned nodes = 2) {
         const SiteSettings fat = settings_of_node(site(node), "fat");
-        return said(call_in_child(ample, [&] {
+        return said(call_in_child(long_enough, [&] {
             return start_job(fat, request, {node, "a", nodes, "fat"}, scheduler_);
         }));
     }
@@ -159,7 +160,7 @@ class JobRun : public test::SchedulerTest {
         while (std::getline(lines, line))
             run = *find_record(line);
         EXPECT_NEAR(static_cast<double>(std::time(nullptr)) - std::floor(run.seconds.value_or(0)),
-                    run.start.value_or(0), ample);
+                    run.start.value_or(0), long_enough);
         run.start.reset();
         return to_text(run);
     }
