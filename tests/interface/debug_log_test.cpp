@@ -75,7 +75,9 @@ TEST_P(InPrivateNamespace, TheDebugLogBeginsWithTheFirstQueryThatIsAskedToLog) {
     ASSERT_EQ(initialize(), EAS_OK);
     EXPECT_NE(::access(debug_log, F_OK), 0);  // only a query opens it
     ASSERT_EQ(Tags(nullptr, "loud").status, EAS_OK);
+    const int opened = debug_fd;
     ASSERT_EQ(Tags(nullptr, "a\"b").status, EAS_QUERY_FAILED);
+    EXPECT_EQ(opened, debug_fd);
     eas_debug_printf(debug_fd, std::string(2000, 'x'));
 
     const std::string log = read_file(debug_log);

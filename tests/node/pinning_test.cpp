@@ -118,7 +118,7 @@ TEST_F(PinningTest, EveryDriverIsFixedReadBackAndGivenBack) {
 TEST_F(PinningTest, CpusThatShareAClockAreSetTogetherAndNoOthers) {
     FakeNode node(small_node("epyc2019"));
     inside(node, [&] {
-        Frequency two("3,6");
+        Frequency two("3, 6");
         EXPECT_EQ(4, two.info().cpus);
         ASSERT_EQ(EASNODE_OK, two.set(2000000));
         std::vector<int> cpus;
@@ -288,6 +288,9 @@ TEST_F(PinningTest, ChangesByOtherProgramsAreNoticedAndTextsOfOtherNodesRefused)
         EXPECT_EQ(EASNODE_MOVED, all.restore(before));
         EXPECT_EQ(4, all.problem.cpu);
         EXPECT_EQ(before, all.save());
+        ASSERT_EQ(EASNODE_OK, all.set(2000000));
+        store(policy_file(2, "scaling_governor"), "performance");
+        EXPECT_EQ(EASNODE_MOVED, all.restore(before));
 
         ASSERT_EQ(EASNODE_OK, all.set(2000000));
         writes(node);

@@ -51,6 +51,7 @@ TEST_F(MeterFaults, ASourceThatFailsEndsItsFigureWithTheReason) {
     } rows[] = {
         {"epyc2023", of_energy("powercap"), zone, "!EIO", "Input/output error"},
         {"epyc2023", of_energy("powercap"), zone, "12kg", "says \"12kg\""},
+        {"epyc2023", of_energy("powercap"), zone, "-1", "says \"-1\""},
         {"epyc2023", of_energy("powercap"), zone, "99999999999999", "above its range"},
         {"epyc2023", of_memory("resctrl"), caches, "Unavailable", "says \"Unavailable\""},
         {"epyc2023", of_memory("resctrl"), caches, "3", "went backwards"},

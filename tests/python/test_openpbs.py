@@ -115,18 +115,23 @@ class Hook(unittest.TestCase):
     def test_what_goes_wrong_is_logged_and_the_node_left_as_it_was(self):
         shared = {**ANNA, "place": "pack"}
         unknown = {**ANNA, "eas_policy": "minimize_time"}
+        slow = self.folder / "slow"
+        slow.write_text("#!/bin/sh\nexec sleep 60")
+        slow.chmod(0o755)
+        start = time.monotonic()
         for expected, arguments in (
             ("error: the job shares its nodes", {"resources": shared}),
             ("error: .*not exactly one such tag", {"resources": unknown}),
             ("error: the meter did not start: .*names one that does not exist", {"resources": ANNA, "energy_sources": "x"}),
             ("error: \\w+Error", {"resources": ANNA, "python": "/none"}),
-            ("error: no answer within 0", {"resources": ANNA, "limit": 0}),
+            ("error: no answer within 0", {"resources": ANNA, "limit": 0, "python": str(slow)}),
             ("^$", {"resources": {}}),
         ):
             with self.subTest(expected=expected):
                 self.assertRegex(self.run_hook("EXECJOB_BEGIN", **arguments), expected)
                 self.run_hook("EXECJOB_END", ANNA)
                 self.assertEqual(LIMIT.read_text(), self.free)
+        self.assertLess(time.monotonic() - start, 60)
         self.run_hook("EXECJOB_BEGIN", ANNA)
         said = self.run_hook("EXECJOB_EPILOGUE", ANNA)
         self.assertRegex(said, 'tag "flame" not generated: the job ran for less than a second$')
