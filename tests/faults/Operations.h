@@ -103,7 +103,7 @@ class OperationTest : public SchedulerTest {
                 return eas_initialize(cluster_.data(), default_frequency, threshold_file_.data());
             }
             case Operation::generate: {
-                double counters[] = {2e12, 1e12, 1e12};
+                double counters[] = {2e12, 1e12, 3e12};  // as the tags that it is held against
                 const WatchAllocations watch;
                 return eas_generate_tag(cluster_.data(), default_frequency, user_.data(),
                                         tag_.data(), counters, job_.data(), 1000, 200.0);
