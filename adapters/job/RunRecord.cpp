@@ -27,7 +27,7 @@ constexpr Word word(std::string_view key, RunFigure figure) {
 }
 
 // In the order in which they are written.
-constexpr std::array words{
+constexpr std::array known_words{
     word("cluster", &RunRecord::cluster),
     word("job", &RunRecord::job),
     word("user", &RunRecord::user),
@@ -96,7 +96,7 @@ void read_word(std::string_view text, RunRecord& record) {
     const std::size_t equals = text.find('=');
     if (equals == std::string_view::npos)
         return;
-    for (const Word& known : words) {
+    for (const Word& known : known_words) {
         if (known.key != text.substr(0, equals))
             continue;
         const std::string_view value = text.substr(equals + 1);
@@ -143,7 +143,7 @@ std::string to_text(const RunRecord& record) {
     const auto add = [&out](std::string_view key, const std::string& value) {
         out.append(" ").append(key).append("=").append(value);
     };
-    for (const Word& known : words) {
+    for (const Word& known : known_words) {
         if (known.text != nullptr && !(record.*known.text).empty())
             add(known.key, to_word(record.*known.text));
         if (known.figure != nullptr && record.*known.figure)
