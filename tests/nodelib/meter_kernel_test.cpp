@@ -2,6 +2,8 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <linux/perf_event.h>
+#include <poll.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -177,6 +179,13 @@ TEST_F(SiteCommandTest, GivesWattsOverTimeOrJoulesAsTheyAre) {
     EXPECT_EQ(EASNODE_INTEGRATED, reading.energy.quality) << reading.energy.reason;
     EXPECT_NEAR(200, reading.energy.value / (static_cast<double>(reading.time_ns) / 1e9), 60);
     EXPECT_THAT(reading.energy.covers, HasSubstr("integrated from 2 samples"));
+
+    ASSERT_EQ(0, ::mkfifo((path_ + ".fifo").c_str(), 0600));
+    const UniqueFd fifo(::open((path_ + ".fifo").c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    meter = meter_of("sleep 60 >$0.fifo & echo 200");
+    EXPECT_STREQ("", reading_of(meter).energy.reason);
+    pollfd left_over{fifo.get(), POLLIN, 0};
+    EXPECT_EQ(1, ::poll(&left_over, 1, 20000)) << "a process of the command's lives on";
 
     meter = meter_of("echo 1000 J", EASNODE_COMMAND_JOULES);
     write("echo 1500 J");

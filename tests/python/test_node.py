@@ -137,8 +137,14 @@ class Hybrid(unittest.TestCase):
     def test_another_programs_change_is_noticed(self):
         with node.Frequency() as frequency:
             frequency.set(1_500_000)
-            (CPUFREQ / "policy0/scaling_max_freq").write_text("1700000")
-        self.assertTrue(frequency.moved)
+            highest = CPUFREQ / "policy0/scaling_max_freq"
+            highest.write_text("1700000")
+            frequency.restore()
+            self.assertTrue(frequency.moved)
+            self.assertEqual(limits(), self.free)
+            highest.write_text("1700000")  # by then nothing is left to be given back
+        self.assertEqual(limits()[1], 1_700_000)
+        highest.write_text(str(self.free[1]))
         self.assertEqual(limits(), self.free)
 
     def test_the_clock_is_checked_while_the_cpus_are_busy(self):
