@@ -220,8 +220,7 @@ TEST(ToolOnSqlite, TellsWhatIsDeniedFromWhatIsMissing) {
     const std::string own = database.folder() / ".odbc.ini";
     std::ofstream(own) << "";
     ASSERT_EQ(::chmod(own.c_str(), 0), 0);
-    ::unsetenv("ODBCINI");
-    ::setenv("HOME", database.folder().c_str(), 1);
+    ::setenv("ODBCINI", own.c_str(), 1);
     expect_all({{{"doctor", "--dsn", "x"}, 1, own + ": this user may not read it"}});
 }
 

@@ -1,6 +1,7 @@
 #include "tools/easctl/database/OdbcConfiguration.h"
 
 #include <dlfcn.h>
+#include <pwd.h>
 #include <strings.h>
 #include <unistd.h>
 
@@ -77,6 +78,13 @@ std::string system_folder() {
     return system != nullptr ? system : "/etc";
 }
 
+/// Where the driver manager looks for the user's data sources, whatever $HOME says; for the drivers
+/// it is $HOME that counts.
+std::string home_of_user() {
+    const passwd* user = ::getpwuid(::getuid());
+    return user != nullptr ? user->pw_dir : "/home";
+}
+
 }  // namespace
 
 std::vector<int> OdbcConfiguration::sections(const std::string& file, const std::string& name) {
@@ -102,13 +110,9 @@ std::vector<int> OdbcConfiguration::sections(const std::string& file, const std:
 std::vector<std::string> OdbcConfiguration::data_source_files() {
     std::vector<std::string> files;
     const char* named = std::getenv("ODBCINI");
-    const char* home = std::getenv("HOME");
-    if (named != nullptr)
-        files.emplace_back(named);
-    else if (home != nullptr)
-        files.push_back(std::string(home) + "/.odbc.ini");
+    files.push_back(named != nullptr ? named : home_of_user() + "/.odbc.ini");
     const std::string last = system_folder() + "/odbc.ini";
-    if (files.empty() || files[0] != last)
+    if (files[0] != last)
         files.push_back(last);
     return files;
 }
