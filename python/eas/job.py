@@ -72,7 +72,11 @@ def _end_keeper(path: pathlib.Path) -> bytes | None:
     """The keeper's last figures; None where there is no keeper."""
     with socket.socket(socket.AF_UNIX) as client, contextlib.suppress(OSError):
         client.settimeout(30)
-        client.connect(str(path))
+        try:
+            client.connect(str(path))
+        except ConnectionRefusedError:  # it was killed
+            path.unlink(missing_ok=True)
+            raise
         return b"".join(iter(lambda: client.recv(65536), b"")) or None
     return None
 

@@ -1,6 +1,7 @@
 """The five functions through Python: the real library, on a scratch SQLite database."""
 import ctypes
 import dataclasses
+import doctest
 import os
 import pathlib
 import re
@@ -71,47 +72,16 @@ class Scheduler(unittest.TestCase):
                 self.assertEqual(eas.remove_tag("anna", name), [eas.RemovedTag("anna", name)])
                 self.assertEqual(eas.query_tag(), [])
 
-    def test_what_fails_says_which_code_and_what_it_means(self):
-        eas.generate_tag("anna", "flame", **FLAME)
-        select, policy = eas.auto_select_frequency, eas.MINIMIZE_TIME
-        for error, code, call in (
-            (eas.TagExists, -6, lambda: eas.generate_tag("anna", "flame", **FLAME)),
-            (eas.TagNotAvailable, -4, lambda: eas.generate_tag("a", "b", **{**FLAME, "counters": (1, 1, 1)})),
-            (eas.StoreFailed, -5, lambda: eas.generate_tag('a"', "%", **FLAME) or eas.generate_tag('a"', "%", **FLAME)),
-            (eas.NoUniqueTag, -4, lambda: select("bert", "flame", policy)),
-            (eas.QueryFailed, -4, lambda: eas.query_tag('a"')),
-            (eas.RemoveFailed, -4, lambda: eas.remove_tag('a"', None)),
-            (eas.BadArgument, -1, lambda: select("anna", "flame", "fastest")),
-            # Refused here: C would take these for every user, another number, a shorter name.
-            (eas.BadArgument, -1, lambda: eas.remove_tag("", None)),
-            (eas.BadArgument, -1, lambda: eas.query_tag(default_frequency=2**32 + 2_300_000)),
-            (eas.BadArgument, -1, lambda: eas.generate_tag("a", "t" * 257, **FLAME)),
-            (eas.BadArgument, -1, lambda: eas.generate_tag("u" * 257, "t", **FLAME)),
-            (eas.BadArgument, -1, lambda: eas.generate_tag("a", "t", **{**FLAME, "job_id": "j" * 1025})),
-            (eas.BadArgument, -1, lambda: eas.generate_tag("a", "t", **{**FLAME, "seconds": 2**31})),
-            (eas.BadArgument, -1, lambda: eas.generate_tag("a", "t", **{**FLAME, "seconds": 0})),
-            (eas.BadArgument, -1, lambda: eas.query_tag(cluster="c" * 41)),
-            (eas.BadArgument, -1, lambda: select("anna\0", "flame", policy)),
-            (eas.BadArgument, -1, lambda: eas.generate_tag("a", "b", **{**FLAME, "counters": (1, 2)})),
-            # The last ones leave the library without a cluster.
-            (eas.ThresholdsCommentedOut, -5, lambda: eas.initialize("sample", 2_300_000, "/none")),
-            (eas.BadThresholdFile, -4, lambda: eas.initialize("sample", 2_300_000, __file__)),
-            (eas.NoCoefficients, -3, lambda: eas.initialize("none", 2_300_000, THRESHOLDS)),
-            (eas.NotInitialized, -3, lambda: eas.query_tag()),
-            (eas.NotInitialized, -3, lambda: eas.query_tag(cluster="sample", default_frequency=1)),
-        ):
-            with self.subTest(error=error.__name__), self.assertRaises(error) as raised:
-                call()
-            self.assertEqual(raised.exception.code, code)
-            self.assertRegex(str(raised.exception), rf"^eas_\w+: .+ \({code}\)$")
-        with mock.patch.dict(os.environ, ODBCINI="/no/such", ODBCSYSINI="/no/such"):
-            with self.assertRaises(eas.NoConnection):
-                eas.initialize("sample", 2_300_000, THRESHOLDS)
+    def test_a_session_says_what_its_transcript_says(self):
+        transcript = str(SOURCE / "tests/python/scheduler.transcript")
+        found = doctest.testfile(transcript, module_relative=False, globs={"thresholds": THRESHOLDS})
         eas.initialize("sample", 2_300_000, THRESHOLDS)
-        eas.generate_tag("u" * 256, "t" * 256, **{**FLAME, "job_id": "j" * 1024}, cluster="sample")
-        self.assertEqual(eas.query_tag("u" * 256, default_frequency=2_300_000)[0].job_id, "j" * 1024)
-        self.assertEqual(select("anna", "flame", policy, cluster="sample", default_frequency=2_300_000).frequency, 2_600_000)
-        self.assertEqual([row.name for row in eas.remove_tag(None, "flame", cluster="sample")], ["flame"])
+        self.assertEqual((found.failed, found.attempted > 50), (0, True))
+        with mock.patch.dict(os.environ, ODBCINI="/no/such", ODBCSYSINI="/no/such"):
+            with self.assertRaises(eas.NoConnection) as raised:
+                eas.initialize("sample", 2_300_000, THRESHOLDS)
+        self.assertEqual(str(raised.exception), "eas_initialize: no connection to the database (-2)")
+        eas.initialize("sample", 2_300_000, THRESHOLDS)
 
     def test_what_the_library_hands_out_is_freed_once_whatever_happens(self):
         freed = []
