@@ -10,6 +10,8 @@
 #include <regex>
 #include <stdexcept>
 
+#include "adapters/job/EasLibrary.h"
+#include "adapters/job/JobKeeper.h"
 #include "adapters/job/JobOnNode.h"
 #include "adapters/job/StateFolder.h"
 #include "adapters/job/UserName.h"
@@ -102,18 +104,44 @@ TEST(JobStart, NothingHindersItFromSettingTheNodeBackFirst) {
     const Descriptor lock = folder.lock(std::chrono::milliseconds(0));
     const Outcome locked = start_of(settings, {4, 1000, "", "", false}, [] {});
     EXPECT_EQ(0U, locked.text.find(done)) << locked.text;
-    EXPECT_NE(std::string::npos, locked.text.find("; the lock of the records: ")) << locked.text;
+    EXPECT_THAT(locked.text,
+                ::testing::EndsWith("; the lock of the records: Resource temporarily unavailable"));
     EXPECT_FALSE(silent.good || refused.good || locked.good);
     EXPECT_EQ(mark, folder.read(3)->disturbed);
     EXPECT_TRUE(folder.read(4));
 
     // One that changed nothing is in the way of a job that would.
     settings.state = scratch.path("other");
-    StateFolder(settings.state).create({3, 1000, "", "", false}, here);
-    const Outcome beside = call_in_child(long_enough, [&] {
-        return start_job(settings, {4, 1000, "t", "", false}, here, scheduler);
+    EXPECT_TRUE(note_plain_job(settings, {3, 1000, "", "", false}, here));
+    EXPECT_FALSE(note_plain_job(settings, {3, 1000, "", "", false}, here));
+    EXPECT_FALSE(note_plain_job(settings, {4, 1000, "t", "", false}, here));
+    const auto start = [&] {
+        return call_in_child(long_enough, [&] {
+            return start_job(settings, {4, 1000, "t", "", false}, here, scheduler);
+        });
+    };
+    EXPECT_EQ("job 3 runs on this node too; frequency left as it is", start().text);
+    EXPECT_FALSE(note_plain_job(settings, {5, 1000, "", "", false}, here));
+    fs::remove_all(settings.state);
+    EXPECT_EQ("no default_frequency is configured; frequency left as it is", start().text);
+}
+
+TEST(JobLibrary, SeesNothingThatAUserMayHaveSet) {
+    SiteSettings settings;
+    settings.odbcini = "/i";
+    settings.odbcsysini = "/s";
+    ::setenv("SLURM_CONF", "/c", 1);
+    const Outcome seen = call_in_child(long_enough, [&] {
+        set_up_environment(settings);
+        std::string all;
+        for (char** one = environ; *one != nullptr; ++one)
+            all += std::string(*one) + '\n';
+        return Outcome{true, all};
     });
-    EXPECT_EQ(0U, beside.text.find("job 3 runs on this node too")) << beside.text;
+    EXPECT_EQ(
+        "SLURM_CONF=/c\nPATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin\n"
+        "HOME=/root\nABORT_ON_DB_FAILED=NO\nODBCINI=/i\nODBCSYSINI=/s\n",
+        seen.text);
 }
 
 /// Jobs of the nodes "a" and "b", of the type "fat", each with a node library and records of its
@@ -216,12 +244,27 @@ TEST_P(JobRun, IsPlannedMeasuredAndPredictedToTheFigure) {
 }
 
 TEST_P(JobRun, ThatCannotBeAsItsUserWantedSaysWhyOnEveryNode) {
+    fs::create_symlink(file("state-a/job-99"), file("a.calls"));  // comes with the first call
+    EXPECT_EQ("bad: job 99 runs on this node too; frequency left as it is",
+              start("a", {2, user_, "t", "", false}, 1));
+    EXPECT_EQ("all\nsave 2000000\nset 2000000\nrestore former\n settings\n\n", calls("a"));
+    fs::remove_all(file("state-a"));
+    fs::remove(file("a.calls"));
     EXPECT_EQ("observed, nothing is set", start("a", {3, user_, "t", "minimize_time", true}, 1));
     for (int i = 0; i < 1500 && test::read_file(file("a.calls")).size() < 20; ++i)
         ::usleep(10000);
     EXPECT_EQ(0U, test::read_file(file("a.calls")).find("fake\nread\nread\nread\n")) << "in time";
     EXPECT_EQ("189943.0 J in 999.60 s, mean 190.0 W", end("a", 3));
     EXPECT_THAT(last_run(), ::testing::HasSubstr(" outcome=observed tag=t type=fat default_f"));
+    int extent = EASNODE_NODE;
+    for (const std::string covers :
+         {"node", "packages+memory", "packages", "platform", "modules"}) {
+        test::write_file(file("a.extent"), std::to_string(extent++));
+        start("a", {4, user_, "t", "", true}, 1);
+        end("a", 4);
+        EXPECT_THAT(last_run(), ::testing::HasSubstr(" meter=fake," + covers + " "));
+        EXPECT_EQ(covers.rfind("packages", 0) == 0, covers_processors_alone("fake," + covers));
+    }
 
     const JobRequest request{9, user_, "t", "minimize_energy", false};
     const std::string measuring = "measuring for tag \"t\" at 2000000 kHz";
@@ -238,6 +281,7 @@ TEST_P(JobRun, ThatCannotBeAsItsUserWantedSaysWhyOnEveryNode) {
     for (int i = 0; i < 3000 && records.read(9)->disturbed.empty(); ++i)
         ::usleep(10000);
     EXPECT_EQ("bad: the job's keeper has gone", end("b", 9));
+    EXPECT_EQ("bad: b: of_set: not offered; frequency left as it is", start("b", request));
     const std::string off = "a: called off: b: of_set: not offered";
     EXPECT_EQ("bad: 189943.0 J in 999.60 s, mean 190.0 W; tag \"t\" not generated: " + off,
               end("a", 9));

@@ -56,19 +56,15 @@ int easnode_meter_open(const easnode_meter_options* options, easnode_meter** met
 }
 int easnode_meter_read(easnode_meter*, easnode_reading* now) {
     const int more = beside("").stem() == "b" ? 1 : 0;
+    int extent = EASNODE_PACKAGES;
+    std::ifstream(beside("extent")) >> extent;
     now->time_ns = more != 0 ? 999'800'000'000 : 999'600'000'000;
     now->cycles = {1.9e12 + more * 2e11, EASNODE_COUNTED, EASNODE_NODE, 0, "perf", "", "", {}};
     now->instructions = {9e11 + more * 2e11, EASNODE_SCALED, EASNODE_NODE, 0, "perf", "", "", {}};
     now->memory = {
         2.8e12 + more * 4e11, EASNODE_COUNTED, EASNODE_NODE, 9'000'000'000, "imc", "", "", {}};
-    now->energy = {189943.0 + more * 19994,
-                   EASNODE_COUNTED,
-                   EASNODE_PACKAGES,
-                   100'000'000,
-                   "fake",
-                   "",
-                   "",
-                   {}};
+    now->energy = {
+        189943.0 + more * 19994, EASNODE_COUNTED, extent, 100'000'000, "fake", "", "", {}};
     return noted("read", "read");
 }
 void easnode_meter_close(easnode_meter*) {}

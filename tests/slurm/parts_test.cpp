@@ -4,13 +4,17 @@
 #include <gtest/gtest.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cctype>
 #include <csignal>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
+#include <sstream>
 #include <stdexcept>
 #include <tuple>
 
@@ -43,12 +47,12 @@ TEST(JobRequest, TheNodesOfAListAreFoundAndCounted) {
 }
 
 TEST(JobRequest, NamesAndPoliciesAreCheckedToTheLetter) {
-    EXPECT_TRUE(is_tag_name("a") && is_tag_name("A_9.x-") && is_tag_name(std::string(255, 'x')));
-    for (const std::string& name :
-         {std::string(), std::string(256, 'x'), std::string("a b"), std::string("a\n"),
-          std::string("a\"b"), std::string("100%"), std::string("a/b"), std::string("\xe4"),
-          std::string("a\0b", 3)})
-        EXPECT_FALSE(is_tag_name(name)) << name;
+    for (int c = 0; c < 256; ++c)
+        EXPECT_EQ((c < 128 && std::isalnum(c) != 0) || c == '_' || c == '.' || c == '-',
+                  is_tag_name("a" + std::string(1, static_cast<char>(c))))
+            << c;
+    EXPECT_TRUE(is_tag_name("a") && is_tag_name(std::string(255, 'x')));
+    EXPECT_FALSE(is_tag_name("") || is_tag_name(std::string(256, 'x')));
     EXPECT_TRUE(is_policy("none") && is_policy("minimize_time") && is_policy("minimize_energy"));
     EXPECT_FALSE(is_policy("") || is_policy("minimize") || is_policy("minimize_energy "));
     EXPECT_EQ("My_job__v1.2_", tag_of_name("My job (v1.2)").substr(0, 13));
@@ -57,47 +61,72 @@ TEST(JobRequest, NamesAndPoliciesAreCheckedToTheLetter) {
         EXPECT_EQ("", tag_of_name(shared));
 }
 
-TEST(JobSettings, WordsThatMakeNoSenseChangeNothingAndLeaveAComplaint) {
-    const char* const words[] = {"default_frequency=2300000",
-                                 "limit=0",
-                                 "limit=7s",
-                                 "limit=-5",
-                                 "limit=121",
-                                 "spread=1000",
-                                 "spread=1001",
-                                 "state=relative",
-                                 "library=other",
-                                 "cluster=",
-                                 "nonsense",
-                                 "observe=maybe",
-                                 "tag=name",
-                                 "default_policy=none",
-                                 "record=somewhere"};
-    const SiteSettings settings = parse_settings(static_cast<int>(std::size(words)), words);
-    EXPECT_EQ(2300000, settings.default_frequency);
-    EXPECT_EQ("10 1000 8000", std::to_string(settings.limit) + ' ' +
-                                  std::to_string(settings.spread) + ' ' +
-                                  std::to_string(settings.patience().count()));
-    EXPECT_EQ("/run/eas-slurm", settings.state);
-    EXPECT_EQ("other", settings.library);
-    ASSERT_EQ(12U, settings.complaints.size());
-    EXPECT_EQ("plugstack.conf: \"limit=0\" is not understood and left out", settings.complaints[0]);
+std::string all_of(const SiteSettings& s) {
+    std::string text;
+    for (const std::string& one :
+         {s.library, s.node_library, s.cluster, s.thresholds, s.state, s.odbcini, s.odbcsysini,
+          s.default_policy, s.tag, s.record, s.record_file, s.observe, s.energy_sources,
+          std::to_string(s.default_frequency), std::to_string(s.limit), std::to_string(s.spread)})
+        text += one + ' ';
+    return text;
+}
+
+TEST(JobSettings, EachWordSetsItsOwnValueAndOneThatMakesNoSenseSetsNone) {
+    const std::string defaults =
+        "libeas.so.1 libeasnode.so.1  /etc/eas/thresholds.conf /run/eas-slurm /etc/odbc.ini /etc  "
+        "option none /var/log/eas/runs no  0 10 20 ";
+    EXPECT_EQ(defaults, all_of({}));
+    EXPECT_EQ(8000, SiteSettings{}.patience().count());
+    const auto parsed = [](const std::string& text, std::vector<const char*>& words) {
+        static std::vector<std::string> kept;
+        std::istringstream all(text);
+        kept.assign(std::istream_iterator<std::string>(all), {});
+        for (const std::string& word : kept)
+            words.push_back(word.c_str());
+        return parse_settings(static_cast<int>(words.size()), words.data());
+    };
+    std::vector<const char*> good, bad;
+    EXPECT_EQ("a b c /d /e /f /g minimize_time jobname accounting /h yes i=j 1 120 1000 ",
+              all_of(parsed("library=a node_library=b cluster=c thresholds=/d state=/e odbcini=/f "
+                            "odbcsysini=/g record_file=/h energy_sources=i=j tag=jobname "
+                            "record=accounting default_policy=minimize_time observe=yes "
+                            "default_frequency=1 limit=120 spread=1000",
+                            good)));
+    const SiteSettings unchanged = parsed(
+        "limit=121 limit=0 limit=7s limit=-5 default_frequency=1000000000 spread=0 "
+        "spread=1001 state=relative thresholds=t odbcini=o odbcsysini=o cluster= "
+        "record_file=r config=relative observe=maybe tag=name default_policy=none nonsense "
+        "record=somewhere Limit=5",
+        bad);
+    EXPECT_EQ(defaults, all_of(unchanged));
+    std::vector<std::string> complaints;
+    for (const std::string word : bad)
+        complaints.push_back("plugstack.conf: \"" + word + "\" is not understood and left out");
+    EXPECT_EQ(complaints, unchanged.complaints);
 }
 
 TEST(JobSettings, ATypeOfNodesHasFiguresOfItsOwn) {
     SiteSettings site;
     read_lines(
-        "# remark\n default_frequency = 2300000\ncluster=c\nlimit=x\n[fat]\ncluster=f\n"
-        "default_frequency=2000000\nlimit=5\n\n[gpu node]\nthresholds=/t\n",
+        "# remark\r\n\tdefault_frequency =\t2300000 \r\ncluster=c\r\nlimit=x\n[]\n[fat]\r\n"
+        "cluster=f\ndefault_frequency=2000000\nlimit=5\nthresholds=t\ncluster=\n\n"
+        "[gpu node]\nthresholds=/t",
         site);
-    EXPECT_EQ(2U, site.complaints.size()) << "a limit of x, and one for a type alone";
+    std::string complaints;  // also about what is none for a type alone
+    for (const std::string& one : site.complaints)
+        complaints += one.substr(0, one.find(" is not")) + '\n';
+    const std::string file = "configuration file: ";
+    EXPECT_EQ(file + "\"limit=x\"\n" + file + "\"[]\"\n" + file + "\"limit=5\"\n" + file +
+                  "\"thresholds=t\"\n" + file + "\"cluster=\"\n",
+              complaints);
     const SiteSettings fat = settings_of_node(site, "gpu node, fat"),
                        thin = settings_of_node(site, "fatter");
     EXPECT_EQ("fat f 2000000",  // the first type that the node is of
               fat.type + ' ' + fat.cluster + ' ' + std::to_string(fat.default_frequency));
     EXPECT_EQ(" c 2300000",
               thin.type + ' ' + thin.cluster + ' ' + std::to_string(thin.default_frequency));
-    EXPECT_EQ("/t", settings_of_node(site, "gpu node").thresholds);
+    const SiteSettings gpu = settings_of_node(site, "x,gpu node");
+    EXPECT_EQ("gpu node /t c", gpu.type + ' ' + gpu.thresholds + ' ' + gpu.cluster);
 }
 
 RunRecord run_of(double joules, const char* meter = "qpx,node") {
@@ -124,10 +153,14 @@ TEST(JobRecord, WhatARunWasStandsInOneLineWhateverItsWordsAre) {
     EXPECT_EQ(run.reason, same->reason);
     EXPECT_EQ(0.1 + 0.2, same->joules);
     EXPECT_FALSE(find_record("xeas=1 tag=t").has_value() || find_record("eas=12").has_value());
-    const auto odd =
-        find_record("eas=1 joules=-1 seconds=nan nodes=1e999 what=ever cycles=2x tag=%zz");
+    const auto odd = find_record(
+        "x\neas=1 joules=-1 seconds=nan nodes=1e999 what=ever cycles=2x spread=0 "
+        "tag=%zz%4 user=%41%c3%42%\npolicy=behind");
     EXPECT_TRUE(odd && !odd->joules && !odd->seconds && !odd->nodes && !odd->cycles);
-    EXPECT_EQ("%zz", odd->tag);
+    EXPECT_EQ("eas=1 user=A%C3B%25 tag=%25zz%254 spread=0", to_text(*odd));
+    EXPECT_EQ("09AZaz_.:+,/@-%20%25%3D%3B%22%7F", to_word("09AZaz_.:+,/@- %=;\"\x7f"));
+    EXPECT_EQ("x\neas=1 tag=t\ny", with_record("x\neas=1\ny", *find_record("eas=1 tag=t")));
+    EXPECT_EQ(text, with_record("", run));
     const std::string kept = with_record("before; eas=1 tag=old; behind", run);
     EXPECT_EQ("before; " + text + "; behind", kept);
     EXPECT_EQ("site; " + text, with_record("site", run));
@@ -146,9 +179,26 @@ TEST(JobRecord, NodesAreOneRunOnlyWhereTheyAreAlike) {
         change(run);
         return NodeReport{"b", run};
     };
-    const WholeRun whole = combine(record, {{"a", run_of(100)}, {"b", run_of(110)}});
-    EXPECT_EQ("210.0 J in 10.00 s, mean 10.5 W", describe(whole.run));
-    EXPECT_NEAR(10 / 105.0, *whole.run.spread, 1e-12);
+    EXPECT_EQ("", outcome({"b", run_of(100)}));
+    record.place.nodes = 3;
+    const NodeReport more{"b", run_of(110)}, odd{"c", run_of(90, "fake,node")};
+    EXPECT_EQ("the meters differ: qpx,node on b, fake,node on c",
+              combine(record, {more, more, odd}).unlike);
+    EXPECT_EQ("no figures of 2 of 3 nodes", combine(record, {more}).trouble);
+    const WholeRun whole = combine(record, {{"a", run_of(100)}, {"c", run_of(90)}, more});
+    EXPECT_EQ("300.0 J in 10.00 s, mean 10.0 W", describe(whole.run));
+    EXPECT_NEAR(0.2, *whole.run.spread, 1e-12);
+    EXPECT_EQ("the nodes' joules differ by 20 %", objection(whole.run, 19));
+    RunRecord least = run_of(100);
+    least.seconds = 1;
+    least.spread = 0.5;
+    EXPECT_EQ("", objection(least, 50));
+    least.seconds.reset();
+    EXPECT_EQ("the job ran for less than a second", objection(least, 50));
+    EXPECT_EQ("", describe(least));
+    EXPECT_EQ("failed the node's meter was not read",
+              report_of(record).figures.outcome + ' ' + report_of(record).figures.reason);
+    record.place.nodes = 2;
     EXPECT_EQ("", outcome({"b", run_of(122)}));
     EXPECT_EQ("the nodes' joules differ by 21 %", outcome({"b", run_of(123.6)}));
     EXPECT_EQ("the meters differ: qpx,node on a, rapl-perf,packages on b",
@@ -193,17 +243,25 @@ TEST(JobRecord, FoldersAndRecordsThatOthersCouldHavePlantedAreRefused) {
     const StateFolder folder(good.string());
     fs::create_directory_symlink(good, link);
     EXPECT_THROW(StateFolder(link.string()), std::runtime_error);
-    folder.create({5, 1000, "t", "minimize_time", false}, {"n2", "n1", 3, "fat"});
+    folder.create({5, 1000, "old", "", true}, {});
+    folder.create({5, 4000000000, "t", "minimize_time", false}, {"n2", "n1", 3, "fat"});
+    EXPECT_EQ(fs::perms(0600), fs::status(good / "job-5").permissions());
     folder.append(5, line::settings("a b\n\nc\n") + line::plan(run_of(7)) + line::disturbed("x y"));
     const std::optional<JobRecord> record = folder.read(5);
     ASSERT_TRUE(record && record->plan);
-    EXPECT_EQ("minimize_time", record->request.policy);
+    EXPECT_EQ("4000000000 t minimize_time", std::to_string(record->request.user) + ' ' +
+                                                record->request.tag + ' ' + record->request.policy);
+    EXPECT_FALSE(record->request.observed);
+    for (const char* none : {"job-", "job-5x", "job--5", "job-4294967296", "5", "keeper-5", "lock"})
+        std::ofstream(good / none) << '\n';
     EXPECT_EQ("n2 n1 3 fat", record->place.node + ' ' + record->place.first + ' ' +
                                  std::to_string(record->place.nodes) + ' ' + record->place.type);
     EXPECT_EQ("a b\n\nc\n", record->settings);
     EXPECT_EQ("x y", record->disturbed);
     EXPECT_EQ(std::vector<uint32_t>{5}, folder.jobs());
-    EXPECT_FALSE(folder.read(6));
+    folder.remove(5);
+    folder.remove(5);
+    EXPECT_FALSE(folder.read(5) || fs::exists(good / "keeper-5"));
     EXPECT_THROW(folder.append(6, "x\n"), std::runtime_error);
 
     std::ofstream(victim) << "untouched";
@@ -215,6 +273,15 @@ TEST(JobRecord, FoldersAndRecordsThatOthersCouldHavePlantedAreRefused) {
     ASSERT_EQ(0, ::mkfifo((good / "job-9").c_str(), 0600));
     EXPECT_THROW((void)folder.read(9), std::runtime_error) << "and does not wait for a writer";
     EXPECT_FALSE(fs::is_symlink(good / "job-8"));
+    std::ofstream(good / "job-10").close();
+    fs::resize_file(good / "job-10", (16U << 20) + 1);
+    EXPECT_THROW((void)folder.read(10), std::runtime_error);
+    if (::geteuid() != 0)
+        return;
+    for (const fs::path& others : {good / "job-8", good})
+        ASSERT_EQ(0, ::chown(others.c_str(), 1, 1));
+    EXPECT_THROW((void)folder.read(8), std::runtime_error);
+    EXPECT_THROW(StateFolder(good.string()), std::runtime_error);
 }
 
 /// Gone, or waiting to be collected by whoever adopted it; a busy machine is given time.
@@ -235,6 +302,8 @@ TEST(JobChild, WhateverHappensInItIsToldInTimeAndItEnds) {
         return (result.good ? "good: " : "bad: ") + result.text;
     };
     EXPECT_EQ("good: done", outcome([] { return Outcome{true, "done"}; }));
+    const std::string pieces(5000, 'x');
+    EXPECT_EQ("bad: " + pieces, outcome([&] { return Outcome{false, pieces}; }));
     EXPECT_EQ("good: ", outcome([] { return Outcome{}; }));
     EXPECT_EQ("bad: why", outcome([]() -> Outcome { throw std::runtime_error("why"); }));
     EXPECT_EQ("bad: failed for an unknown reason", outcome([]() -> Outcome { throw 1; }));
@@ -256,17 +325,35 @@ TEST(JobChild, WhateverHappensInItIsToldInTimeAndItEnds) {
 TEST(JobChild, ItHoldsNothingOfItsParentAndLeavesNoDump) {
     int ends[2];
     ASSERT_EQ(0, ::pipe(ends));
+    sigset_t mask;
+    sigemptyset(&mask);
+    sigaddset(&mask, SIGUSR1);
+    ASSERT_EQ(0, ::pthread_sigmask(SIG_BLOCK, &mask, nullptr));
+    ::signal(SIGTERM, SIG_IGN);
     const Outcome result = call_in_child(ample, [&] {
         const bool wrote = ::write(ends[1], "x", 1) == 1;  // the number is taken, the pipe is not
-        return Outcome{wrote && ::prctl(PR_GET_DUMPABLE) == 0,
-                       fs::read_symlink("/proc/self/fd/" + std::to_string(ends[1]))};
+        std::string seen, line;
+        for (const int fd : {0, 1, 2, ends[1]})
+            seen += fs::read_symlink("/proc/self/fd/" + std::to_string(fd)).string() + ' ';
+        for (std::ifstream status("/proc/self/status"); std::getline(status, line);)
+            if (line.rfind("SigBlk", 0) == 0 || line.rfind("SigIgn", 0) == 0)
+                seen += line + ' ';
+        rlimit core{};
+        ::getrlimit(RLIMIT_CORE, &core);
+        seen += std::to_string(core.rlim_cur) + std::to_string(core.rlim_max);
+        return Outcome{wrote && ::prctl(PR_GET_DUMPABLE) == 0, seen};
     });
+    ::signal(SIGTERM, SIG_DFL);
+    ::pthread_sigmask(SIG_UNBLOCK, &mask, nullptr);
     ::close(ends[1]);
     char byte = 0;
     EXPECT_EQ(0, ::read(ends[0], &byte, 1));
     ::close(ends[0]);
     EXPECT_TRUE(result.good);
-    EXPECT_EQ("/dev/null", result.text);
+    EXPECT_EQ(
+        "/dev/null /dev/null /dev/null /dev/null SigBlk:\t0000000000000000 "
+        "SigIgn:\t0000000000001000 00",  // of a pipe nobody reads
+        result.text);
 }
 
 TEST(JobChild, ACompanionIsNoChildOfItsMasterNorInItsSession) {
@@ -278,6 +365,8 @@ TEST(JobChild, ACompanionIsNoChildOfItsMasterNorInItsSession) {
     EXPECT_EQ(-1, ::waitpid(-1, nullptr, WNOHANG));
     EXPECT_NE(::getsid(0), ::getsid(std::stoi(process)));
     EXPECT_TRUE(ends(process));
+    const Companion silent([](int) { ::usleep(2000000); });
+    EXPECT_EQ("", silent.answer(0));
 }
 
 }  // namespace
