@@ -157,7 +157,7 @@ bool JobsFile::take_names(JobRow& row) {
 bool JobsFile::take_counters(JobRow& row) {
     row.has_counters = true;
     for (const auto& column : counters_) {
-        if (!column || csv_->fields()[*column].empty())
+        if (!column || ((needs_ & counters) == 0 && csv_->fields()[*column].empty()))
             row.has_counters = false;
     }
     for (std::size_t i = 0; i < counters_.size() && row.has_counters; ++i) {
