@@ -14,7 +14,6 @@ using ::testing::HasSubstr;
 
 const char* const low = "1600000:0.5,20,10,0.99,-2,0.001\n";
 const char* const middle = "2000000:0,0,0,0,0,0\n";
-const std::string mark = "\xEF\xBB\xBF";  // of the order of bytes
 const char* const high = "4100000:1.8,-20,-9,1.01,2,-0.001\n";
 
 TEST(CommandLine, IsRefusedInWordsAndForProgramsToo) {
@@ -41,47 +40,6 @@ TEST(CommandLine, IsRefusedInWordsAndForProgramsToo) {
                 {{"simulate", "j.csv", "--model", "m.txt", "--dsn", "d"}, 2, "--model excludes"}});
     const auto run = run_easctl({"model", "--json"});
     EXPECT_EQ(nlohmann::json::parse(run.out).at("error").at("name"), "usage");
-}
-
-struct BadModel {
-    std::string text;
-    int line;
-    const char* reason;
-};
-
-TEST(ModelFile, IsRefusedWithTheLineOfEveryFaultThatTheReaderWouldAccept) {
-    const std::string good = std::string(low) + middle;
-    const BadModel files[] = {
-        {good + "2400000:1,2,3,x,5,6\n", 3, "is not a number"},
-        {good + "2400000:1,2,3,4W,5,6\n", 3, "is not a number"},
-        {good + "2400000:1,2,3,nan,5,6\n", 3, "not finite"},
-        {good + "2400000:1,2,3,4,5,6,7\n", 3, "7 coefficients"},
-        {good + "2400000:1,2,,4,5,6\n", 3, "5 coefficients"},
-        {std::string(low) + "\n" + middle, 2, "blank line"},
-        {good + "2400000 1,2,3,4,5,6\n", 3, "no \":\""},
-        {good + "2.4GHz:1,2,3,4,5,6\n", 3, "whole number of kHz"},
-        {good + "2400:1,2,3,1,5,6\n", 3, "no frequency in kHz"},
-        {"#" + std::string(1100, 'x') + "\n" + good, 1, "longer than"},
-        {good + low, 3, "stands at"},
-        {good + "2400000:0,0,0,0,0,0\n", 3, "takes the last one"},
-        {good + "2400000:-1,-1,-1,-1,-1,-1\n", 3, "default frequency"},
-        {good + "2400000:1,2,3,-1,-5,-6\n", 3, "times the run time"},
-    };
-    for (const BadModel& bad : files) {
-        SCOPED_TRACE(bad.text);
-        const ScratchFile file("# a cluster\n" + bad.text);
-        const auto run = run_easctl({"model", "import", file.path(), "--cluster", "c"});
-        EXPECT_EQ(run.code, 3) << run.err;
-        EXPECT_EQ(run.out, "");
-        EXPECT_THAT(run.err, HasSubstr(file.path() + ":" + std::to_string(bad.line + 1) + ": "));
-        EXPECT_THAT(run.err, HasSubstr(bad.reason));
-    }
-    const ScratchFile no_default(std::string(low) + high), marked(mark + good);
-    expect_all({{{"model", "import", no_default.path(), "--cluster", "c"}, 3, "no row of zeros"},
-                {{"model", "import", marked.path(), "--cluster", "c"}, 3, ":1: the file begins"},
-                {{"model", "import", "/nonexistent/file", "--cluster", "c"}, 3, ""}});
-    for (const char* name : {"a\"b", "back\\", "job_id", ""})
-        EXPECT_EQ(run_easctl({"model", "import", no_default.path(), "--cluster", name}).code, 2);
 }
 
 class Thresholds : public ::testing::Test {

@@ -99,7 +99,7 @@ TEST_F(ModelFit, FindsTheCoefficientsThatTheMeasurementsWereMadeFrom) {
               fs::perms::owner_read | fs::perms::owner_write);
 
     // What may be written but not replaced is written.
-    std::ofstream(path("secret")) << "old";
+    std::ofstream(path("secret")) << std::string(99999, 'o');
     let_file_modes_bind();
     fs::permissions(folder_.path(), fs::perms::owner_read | fs::perms::owner_exec);
     std::vector<std::string> words{"model",   "fit", path("m.csv"), "--default-frequency",

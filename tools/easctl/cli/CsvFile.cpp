@@ -116,13 +116,13 @@ bool LineReader::next(char*& text, std::size_t& length) {
         if (newline != nullptr) {
             length = static_cast<std::size_t>(static_cast<const char*>(newline) - text);
             begin_ += length + 1;
+            too_long_ = length > max_line;
             break;
         }
         searched = end_ - begin_;
         if (searched > max_line) {
             skip_line();
             too_long_ = true;
-            length = 0;
             break;
         }
         if (!fill()) {
@@ -135,6 +135,8 @@ bool LineReader::next(char*& text, std::size_t& length) {
         }
     }
     ++line_;
+    if (too_long_)
+        length = 0;
     if (length > 0 && text[length - 1] == '\r')
         --length;
     return true;

@@ -49,7 +49,10 @@ Check whole_number_from(int lowest, int highest) {
 }
 
 Check positive_number() {
-    return check_of(CLI::PositiveNumber);
+    return test_of([](const std::string& text) {
+        const std::optional<double> value = parse_number(text);
+        return value && *value > 0.0 ? std::string() : text + " is no number above 0";
+    });
 }
 
 Check one_of(const std::vector<std::string>& words) {

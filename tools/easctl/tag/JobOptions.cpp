@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <climits>
-#include <optional>
 
 #include "tools/easctl/cli/CsvFile.h"
 #include "tools/easctl/cli/Errors.h"
@@ -51,19 +50,12 @@ void JobOptions::require(const std::vector<Option>& options) {
                       "give all options of the job, or --jobs FILE for many jobs");
 }
 
-Check figure() {
-    return Check([](const std::string& text) {
-        const std::optional<double> value = parse_number(text);
-        return value && *value > 0.0 ? std::string() : text + " is no number above 0";
-    });
-}
-
 Check whole_seconds() {
     return Check([](std::string& text) {
         const double seconds = parse_number(text).value_or(0.0);
         if (seconds >= 1.0 && seconds <= INT_MAX)
             text = std::to_string(static_cast<int>(seconds));
-        return std::string();  // figure() and the conversion say what is wrong
+        return std::string();  // the check and the conversion say what is wrong
     });
 }
 

@@ -9,8 +9,6 @@
 
 namespace easctl {
 
-/// A number above 0.
-Check figure();
 /// Cuts a run time to whole seconds, as it is in a file of jobs.
 Check whole_seconds();
 
@@ -39,7 +37,7 @@ class JobOptions {
     template <typename T>
     Option add_single(const char* name, T& value, const char* description, const char* type) {
         const Option option = add_option(*command_, name, value, description).type_name(type);
-        return option.check(std::is_arithmetic_v<T> ? figure() : some_text());
+        return option.check(std::is_arithmetic_v<T> ? positive_number() : some_text());
     }
     void refuse_beside_file() const;
     static void require(const std::vector<Option>& options);
