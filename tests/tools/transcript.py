@@ -38,6 +38,8 @@ def replayed(easctl, text):
         for name, place in places.items():
             told = told.replace(place, name)
     told = re.sub(r"SQLite 3[0-9.]*", "SQLite 3", told)
+    told = re.sub(r"eas_\d+_\w+?(?=_[ab]\b|\W)", "SCHEMA", re.sub(r"MariaDB \d[0-9.]*", "MariaDB 1", told))
+    told = re.sub(r"\[ma-[^]]*\](\[[^]]*\])?", "[MariaDB]", told)
     # SQLite's driver cuts figures to 15 digits.
     return re.sub(r"\d+\.\d{10,}", lambda figure: f"{float(figure[0]):.11g}", told)
 

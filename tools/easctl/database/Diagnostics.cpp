@@ -73,7 +73,9 @@ std::string advice_on(const std::string& said, const std::string& dsn) {
         Advice{"doesn't exist", "make the tables with: easctl db init --dsn %"},
         Advice{"SQL State=42S02", "make the tables with: easctl db init --dsn %"},
     };
-    const std::string denied = OdbcConfiguration::denied_of(OdbcConfiguration::data_source_files());
+    std::string denied = OdbcConfiguration::denied_of(OdbcConfiguration::data_source_files());
+    if (denied.empty())
+        denied = OdbcConfiguration::denied_of(OdbcConfiguration::driver_files());
     for (const Advice& one : advice) {
         if (said.find(one.mark) == std::string::npos)
             continue;
