@@ -35,6 +35,7 @@ std::optional<std::string_view> KeptFile::read(Buffer& buffer) noexcept {
     if (!fd_.is_open())
         return std::nullopt;
     const ssize_t count = ::pread(fd_.get(), buffer.data(), buffer.size(), 0);
+    said_.clear();
     error_ = count < 0 ? errno : EFBIG;
     if (count < 0 || static_cast<std::size_t>(count) == buffer.size())
         return std::nullopt;
@@ -49,7 +50,6 @@ std::optional<std::uint64_t> KeptFile::number() {
         return std::nullopt;
     const auto value = parse_number(*text);
     if (!value || *value < 0) {
-        error_ = EINVAL;
         said_ = quoted(*text);
         return std::nullopt;
     }
@@ -57,7 +57,7 @@ std::optional<std::uint64_t> KeptFile::number() {
 }
 
 std::string KeptFile::reason() const {
-    return error_ == EINVAL ? path_ + " says " + said_ : why(path_, error_);
+    return said_.empty() ? why(path_, error_) : path_ + " says " + said_;
 }
 
 }  // namespace eas::node

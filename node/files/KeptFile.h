@@ -44,8 +44,8 @@ class KeptFile {
   private:
     std::string path_;
     UniqueFd fd_;
-    int error_ = 0;     // errno; EINVAL: not a number
-    std::string said_;  // what stood there instead of a number
+    int error_ = 0;     // errno
+    std::string said_;  // what stood there instead of a number; empty: a number, or none was read
 };
 
 }  // namespace eas::node
