@@ -1,6 +1,9 @@
 #include "tests/node/SmallNode.h"
 
+#include <algorithm>
 #include <cstdio>
+#include <filesystem>
+#include <fstream>
 #include <vector>
 
 namespace eas::test {
@@ -15,7 +18,7 @@ std::string policy_file(int policy, const char* name) {
 
 NodeShape small_node(const std::string& name) {
     NodeShape shape = fake::read_shape(name);
-    const int clocks = name == "epyc2019" ? 4 : 8;
+    const int clocks = name == "epyc2019" || name == "pm-counters" ? 4 : 8;
     shape.sockets = shape.threads = 2;
     shape.cores = 2;
     std::vector<fake::ShapeFile> files;
@@ -37,6 +40,68 @@ NodeShape small_node(const std::string& name) {
     if (name == "hybrid")  // one small core
         put(shape, policy_file(7, "base_frequency"), "1800000");
     return shape;
+}
+
+namespace {
+
+void change(const std::string& path, const std::string& text) {
+    if (text.empty()) {
+        std::filesystem::remove(path);
+        return;
+    }
+    std::filesystem::permissions(path, std::filesystem::perms(0644));
+    std::ofstream(path) << text << std::flush;
+}
+
+void run_block(const std::vector<std::string>& lines,
+               const std::function<std::string(FakeNode&, const std::string&)>& command) {
+    SCOPED_TRACE(lines[0]);
+    NodeShape shape = small_node(lines[0].substr(3));
+    shape.workload.clear();
+    const auto sign = [&lines](size_t i) { return lines[i].find(" ="); };
+    const auto text = [&](size_t i) {
+        return lines[i].substr(std::min(lines[i].size(), sign(i) + 3));
+    };
+    size_t at = 1;
+    for (; lines[at][0] == '/'; ++at)
+        for (const char number : std::string_view("01234567")) {
+            std::string path = lines[at].substr(0, sign(at));
+            std::replace(path.begin(), path.end(), '*', number);
+            const auto is_it = [&](const auto& file) { return "/" + file.path == path; };
+            auto& files = shape.files;
+            files.erase(std::remove_if(files.begin(), files.end(), is_it), files.end());
+            if (!text(at).empty())
+                put(shape, path, text(at));
+        }
+    FakeNode node(shape);
+    inside(node, [&] {
+        for (; at < lines.size(); ++at) {
+            const std::string& line = lines[at];
+            if (line[0] == '/') {
+                change(line.substr(0, sign(at)), text(at));
+                continue;
+            }
+            const std::string given = command(node, line);
+            EXPECT_EQ(lines.at(++at), given) << line;
+        }
+        command(node, "end");
+    });
+}
+
+}  // namespace
+
+void replay(const std::string& transcript,
+            const std::function<std::string(FakeNode&, const std::string& line)>& command) {
+    std::ifstream file(transcript);
+    std::vector<std::string> lines;
+    for (std::string line; std::getline(file, line) || !lines.empty(); line.clear()) {
+        if (!line.empty() && line[0] != '#')
+            lines.push_back(line);
+        if (!line.empty() || lines.empty())
+            continue;
+        run_block(lines, command);
+        lines.clear();
+    }
 }
 
 }  // namespace eas::test

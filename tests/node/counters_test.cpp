@@ -96,15 +96,14 @@ TEST_F(CountersTest, FollowsTheNodeOnAsManyCpusAsItHasCoresAndKeepsItsDescriptor
 }
 
 TEST_F(CountersTest, MoreCoresThanTheTableHoldsAreRefused) {
-    FakeNode node(of_model(45, 4, 32, 1));
-    inside(node, [&] {
-        ASSERT_EQ(0, discover_topology());
-        ASSERT_EQ(128, cinfo.numCores);
-        EXPECT_EQ(-1, init_core_counters(-1));
-        hwrusage usage{};
-        EXPECT_EQ(-1, read_core_counters(&usage));
-        EXPECT_EQ(0U, node.state().counters.count);
-    });
+    for (const int cores : {16, 17}) {  // of each of four sockets
+        FakeNode node(of_model(45, 4, cores, 1));
+        EXPECT_EQ(cores == 16 ? 0 : 2, node.run([] {
+            hwrusage usage{};
+            return -(discover_topology() + init_core_counters(-1) + read_core_counters(&usage));
+        }));
+        EXPECT_EQ(cores == 16 ? 15U * 64 : 0U, node.state().counters.count);
+    }
 }
 
 TEST_F(CountersTest, EachEventLandsInItsField) {

@@ -40,8 +40,10 @@ TEST_F(FrequencyTest, FixesAFrequencyThroughTheUserspaceGovernor) {
         EXPECT_EQ("userspace\n", attribute(3, "scaling_governor"));
         EXPECT_EQ(1600000, EnergyUtil::get_current_frequency(3));
         EXPECT_EQ(2667000, EnergyUtil::get_current_frequency(2));
-        EXPECT_EQ(1, EnergyUtil::set_cpu_frequency(2000000, 3));
-        EXPECT_THAT(writes(node), ElementsAre("3 scaling_setspeed=2000000"));
+        for (const int khz : {2000000, 999999999}) {  // as many digits as a frequency may have
+            EXPECT_EQ(1, EnergyUtil::set_cpu_frequency(khz, 3));
+            EXPECT_THAT(writes(node), ElementsAre("3 scaling_setspeed=" + std::to_string(khz)));
+        }
         for (const int bad : {0, -5, 1000000000})
             EXPECT_EQ(-1, EnergyUtil::set_cpu_frequency(bad, 3));
         EXPECT_EQ(-1, EnergyUtil::set_cpu_frequency(1600000, 99));
@@ -131,6 +133,11 @@ TEST_F(FrequencyTest, ListsAreAppendedInTheKernelsOrder) {
         EXPECT_EQ(1, EnergyUtil::get_available_freqs(steps, 1));
         EXPECT_THAT(steps, ElementsAre(7, 2667000, 2400000, 2133000, 1867000, 1600000));
         EXPECT_EQ(-1, EnergyUtil::get_available_freqs(steps, 99));
+        // What one reading of 1023 bytes takes of a longer list.
+        write_file("/sys/devices/system/cpu/cpu1/cpufreq/scaling_available_frequencies",
+                   std::string(1020, ' ') + "12345");
+        EXPECT_EQ(1, EnergyUtil::get_available_freqs(steps, 1));
+        EXPECT_EQ(123, steps.back());
         std::vector<int> cpus;
         write_file("/proc/cpuinfo", "processor\t: 3\nprocessors\nprocessor\t: 1\nmodel\t: 45\n");
         EXPECT_EQ(1, EnergyUtil::get_all_cpu_ids(cpus));

@@ -104,6 +104,9 @@ TEST_F(SensorsTest, ReadsTextUpToTheBuffer) {
         EXPECT_EQ(0U, sysfs_read_file(std::string(400, 'a').c_str(), text.data(), text.size()));
         EXPECT_EQ(0U, sysfs_read_file("energy1_input", text.data(), 1));
         EXPECT_EQ(0U, sysfs_read_file("energy1_input", text.data(), 0));
+        EXPECT_EQ(0U, sysfs_read_file("energy1_input", nullptr, 4));
+        EXPECT_EQ(0U, sysfs_read_file(nullptr, text.data(), text.size()));
+        EXPECT_EQ(-2, getenrusage(RUSAGE_SELF, nullptr) + getearusage(RUSAGE_SELF, nullptr));
         EXPECT_STREQ("100", text.data());
     });
 }

@@ -58,7 +58,8 @@ TEST(SavedSettings, AreRefusedWhereverTheyAreDamaged) {
 // With the checksum that belongs to it: whoever forges a text knows how to count.
 TEST(SavedSettings, ForgedOnesReachNothingButSettings) {
     const std::string begin = "easnode-frequency 1\nboot -\n";
-    const std::string good = "policies 0 driver=x governor=powersave min=1 max=2\n";
+    const std::string good =
+        "policies 0 driver=x governor=" + std::string(36, 'p') + " min=1 max=2\n";
     const auto is_taken = [](const std::string& lines) {
         return parse_settings(lines + end_line(lines)).has_value();
     };
@@ -68,6 +69,7 @@ TEST(SavedSettings, ForgedOnesReachNothingButSettings) {
         "policies 0 driver=x governor=../../x min=1 max=2\n",
         "policies 0 driver=x governor=a.b min=1 max=2\n",
         "policies 0 driver=x governor= min=1 max=2\n",
+        "policies 0 driver=x governor=a234567890123456789012345678901234567 min=1 max=2\n",
         "policies 0 driver=x governor=p min=1 max=2 preference=a/b\n",
         "policies 0 driver=x governor=p min=3 max=2\n",
         "policies 0 driver=x governor=p min=-1 max=2\n",
@@ -109,7 +111,7 @@ TEST(BusyTicks, LeaveOutIdleAndStolenTime) {
     const auto ticks = parse_busy_ticks(
         "cpu  9 9 9 9 9 9 9 9 9 9\ncpu0 1 20 300 4000 50000 600000 7000000 80000000 1 1\n"
         "cpu7 1 1 1 1\ncpu8 1 x 1 1 1 1 1 1\ncpu70000 1 1 1 1 1 1 1 1\nintr 1 2\ncpu9 1 1 1 1 1 1 "
-        "1 1");
+        "1");
     EXPECT_EQ((BusyTicks{{0, 7600321}, {9, 5}}), ticks);
 }
 
@@ -123,13 +125,14 @@ TEST(ClockVerdict, JudgesBusyCpusByTheFrequencyAskedFor) {
         int verdict;
     } rows[] = {
         {{2000000, 2000000}, {10, 10}, 2000000, false, EASNODE_RUNS_AT},
-        {{1970000, 2030000}, {10, 10}, 2000000, false, EASNODE_RUNS_AT},
-        {{1950000, 1950000}, {10, 10}, 2000000, false, EASNODE_RUNS_OTHERWISE},
-        {{2000000, 1880000}, {10, 1.1}, 2000000, false, EASNODE_RUNS_OTHERWISE},  // one CPU
-        {{2000000, 800000}, {10, 0.5}, 2000000, false, EASNODE_RUNS_AT},          // it was idle
+        {{1961000, 1961000}, {10, 10}, 2000000, false, EASNODE_RUNS_AT},
+        {{2041000, 2041000}, {10, 10}, 2000000, false, EASNODE_RUNS_OTHERWISE},
+        {{2000000, 1901000}, {10, 1}, 2000000, false, EASNODE_RUNS_AT},
+        {{2000000, 1899000}, {10, 1}, 2000000, false, EASNODE_RUNS_OTHERWISE},  // one CPU
+        {{2000000, 800000}, {10, 0.99}, 2000000, false, EASNODE_RUNS_AT},       // it was idle
         {{3100000, 3100000}, {10, 10}, 2500000, false, EASNODE_RUNS_OTHERWISE},
         {{3100000, 2600000}, {10, 10}, 2501000, true, EASNODE_RUNS_AT},  // any turbo will do
-        {{2400000, 2400000}, {10, 10}, 2501000, true, EASNODE_RUNS_OTHERWISE},
+        {{2449000, 2449000}, {10, 10}, 2501000, true, EASNODE_RUNS_OTHERWISE},
         {{2000000, 2000000}, {0.5, 0.9}, 2000000, false, EASNODE_CANNOT_TELL},
     };
     for (const auto& row : rows) {
@@ -140,6 +143,7 @@ TEST(ClockVerdict, JudgesBusyCpusByTheFrequencyAskedFor) {
             << row.khz[0] << ' ' << row.khz[1];
     }
     EXPECT_EQ(EASNODE_CANNOT_TELL, judge({}, 2000000, false, 10).verdict);
+    EXPECT_EQ(EASNODE_CANNOT_TELL, judge({{0, 0, 3.8e7, 0.019}}, 2000000, false, 0.1).verdict);
     // The last one is idle but for 0.9 s; the others' mean is (15 x 2.0 + 5 x 1.92) / 20 GHz.
     const ClockVerdict found = judge({{4, 2500000, 20e9, 10},
                                       {5, 2500000, 9.6e9, 5},

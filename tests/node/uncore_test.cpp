@@ -189,6 +189,9 @@ TEST_F(UncoreTest, ProgramsAndSumsTheMemoryChannels) {
             hwrusage usage{};
             EXPECT_EQ(0, read_uncore_counters(&usage));
             EXPECT_EQ(sum * 64, usage.membytes_xferred);
+            EXPECT_EQ(0U, getmcreads(max_sockets) + getmcwrites(max_sockets));
+            EXPECT_EQ(0, get_memory_channels(max_sockets) + program_memory_channels(max_sockets) +
+                             cleanup_memory_channels(max_sockets));
             for (unsigned socket = 0; socket < 3; ++socket)
                 EXPECT_EQ(8, cleanup_uncore(socket));
             EXPECT_EQ(0, read_uncore_counters(&usage));

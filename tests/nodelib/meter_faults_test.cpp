@@ -17,83 +17,18 @@ using ::testing::HasSubstr;
 
 using MeterFaults = NodeTest;
 
-TEST_F(MeterFaults, WhereAllIsDeniedEveryFigureSaysSo) {
-    FakeNode node(fake::read_shape("denied"));
-    inside(node, [] {
-        easnode_meter_options options{};
-        options.allow_estimate = 1;
-        Metered meter(options);
-        const easnode_reading now = meter.next();
-        for (const auto& figure : {now.cycles, now.instructions, now.memory, now.energy}) {
-            EXPECT_EQ(EASNODE_MISSING, figure.quality);
-            EXPECT_EQ(0, figure.value);
-            EXPECT_STRNE("", figure.reason);
-        }
-        EXPECT_THAT(now.cycles.reason, HasSubstr("perf_event_paranoid 0 or lower, which is 4"));
-        for (const char* name : {"imc", "resctrl", "misses"})
-            EXPECT_THAT(meter.fate(EASNODE_MEMORY, name), HasSubstr("Permission denied")) << name;
-        for (const char* name : {"pm_counters", "hwmon", "rapl-perf", "powercap"})
-            EXPECT_THAT(meter.fate(EASNODE_ENERGY, name), HasSubstr("Permission denied")) << name;
-    });
-}
-
-TEST_F(MeterFaults, ASourceThatFailsEndsItsFigureWithTheReason) {
-    const std::string zone = "/sys/class/powercap/intel-rapl:0/energy_uj";
-    const std::string cray = "/sys/cray/pm_counters/";
-    const std::string caches = "/sys/fs/resctrl/batch/mon_data/mon_L3_03/mbm_total_bytes";
-    const std::string power = "/sys/class/hwmon/hwmon1/power1_average";
-    const struct {
-        const char* shape;
-        easnode_meter_options options;
-        std::string path;
-        const char* text;
-        const char* reason;
-    } rows[] = {
-        {"epyc2023", of_energy("powercap"), zone, "!EIO", "Input/output error"},
-        {"epyc2023", of_energy("powercap"), zone, "12kg", "says \"12kg\""},
-        {"epyc2023", of_energy("powercap"), zone, "-1", "says \"-1\""},
-        {"epyc2023", of_energy("powercap"), zone, "99999999999999", "above its range"},
-        {"epyc2023", of_memory("resctrl"), caches, "Unavailable", "says \"Unavailable\""},
-        {"epyc2023", of_memory("resctrl"), caches, "3", "went backwards"},
-        {"pm-counters", of_energy("pm_counters"), cray + "energy", "7 J", "was restarted"},
-        {"pm-counters", of_energy("pm_counters"), cray + "startup", "1800000000", "was restarted"},
-        {"pm-counters", of_energy("pm_counters"), cray + "energy", "1e9 W", "says \"1e9 W\""},
-        {"meter-only", of_energy("hwmon"), power, "0", "says 0 W"},
-        {"meter-only", of_energy("hwmon"), power, "!ENODATA", "No data available"},
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.path + " becomes " + row.text);
-        FakeNode node(fake::read_shape(row.shape));
-        inside(node, [&row] {
-            Metered meter(row.options);
-            const auto figure = [&row](const easnode_reading& reading) {
-                return row.options.energy_sources == std::string("none") ? reading.memory
-                                                                         : reading.energy;
-            };
-            std::this_thread::sleep_for(150ms);
-            EXPECT_NE(EASNODE_MISSING, figure(meter.next()).quality) << figure(meter.next()).reason;
-            put(row.path, row.text);
-            const easnode_figure failed = figure(meter.next());
-            EXPECT_EQ(EASNODE_MISSING, failed.quality);
-            EXPECT_EQ(0, failed.value);
-            EXPECT_THAT(failed.reason, HasSubstr(row.reason));
-            EXPECT_STRNE("", failed.source);
-            EXPECT_EQ(EASNODE_MISSING, figure(meter.next()).quality) << "no jump later";
-        });
-    }
-}
-
 TEST_F(MeterFaults, ResctrlEndsWhenGroupsComeOrGo) {
     FakeNode node(fake::read_shape("epyc2023"));
     inside(node, [] {
-        Metered meter(of_memory("resctrl"));
-        const Metered::Rates rates = meter.rates();
+        easnode_meter_options options = of_memory("resctrl");
+        options.core_sources = nullptr;
+        Metered meter(options);
+        const auto holds = [](const Metered::Rates& got) {
+            return near(0.768, got.bytes / got.instructions, 0.08);
+        };
+        const Metered::Rates rates = meter.rates_of_which(holds);
         EXPECT_EQ(EASNODE_CORES, rates.now.memory.extent) << rates.now.memory.reason;
-        EXPECT_GT(rates.bytes, 1e9);
-        Metered later(of_memory("resctrl"));
-        const double since = later.next().memory.value;
-        EXPECT_LT(since, meter.next().memory.value - 0.5 * rates.now.memory.value)
-            << "what was before it was opened counts for nothing";
+        EXPECT_TRUE(holds(rates)) << rates.bytes / rates.instructions;
         std::filesystem::create_directory("/sys/fs/resctrl/another");
         EXPECT_THAT(meter.next().memory.reason, HasSubstr("groups were made or removed"));
     });
@@ -170,6 +105,28 @@ TEST_F(MeterFaults, CountersThatOthersUseAreScaledOrWaitedFor) {
         rates = meter.rates();
         EXPECT_EQ(EASNODE_SCALED, rates.now.cycles.quality) << "some of what it counted since";
         EXPECT_NEAR(1.00, rates.cycles / rates.instructions, 0.02);
+    });
+}
+
+TEST_F(MeterFaults, WhatIsRefusedIsCountedInPartWhereThatSaysSo) {
+    FakeNode node(fake::read_shape("meter-only"));
+    inside(node, [&node] {
+        node.state().refusal = [](const fake::Counter& one) {
+            return one.attr.exclude_kernel == 0 ? EACCES : 0;
+        };
+        easnode_meter_options options{};
+        options.process = ::getpid();
+        const easnode_figure cycles = Metered(options).next().cycles;
+        EXPECT_EQ(EASNODE_PROCESS_USER, cycles.extent) << cycles.reason;
+        EXPECT_EQ("process " + std::to_string(::getpid()) +
+                      " and what it starts, without the kernel's part",
+                  cycles.covers);
+        const perf_event_attr& asked = node.state().counters.rows[0].attr;
+        EXPECT_EQ(7U, asked.exclude_kernel + 2U * asked.exclude_hv + 4U * asked.inherit);
+        node.state().refusal = [](const fake::Counter& one) {
+            return one.attr.type == PERF_TYPE_HW_CACHE ? ENOENT : 0;
+        };
+        EXPECT_EQ(EASNODE_ESTIMATED, Metered(of_memory("misses")).rates().now.memory.quality);
     });
 }
 

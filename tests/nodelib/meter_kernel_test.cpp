@@ -9,6 +9,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <memory>
@@ -136,6 +137,9 @@ TEST(Meter, RefusesWhatItCannotDoAndLeavesNothingOpen) {
     EXPECT_EQ(EASNODE_BAD_ARGUMENT, easnode_meter_open(&options, &meter));
     EXPECT_EQ(nullptr, meter);
     options = plain_options();
+    options.registers = EASNODE_REGISTERS_LOOK + 1;
+    EXPECT_EQ(EASNODE_BAD_ARGUMENT, easnode_meter_open(&options, &meter));
+    options = plain_options();
     options.core_sources = options.memory_sources = options.energy_sources = "none";
     OwnedMeter nothing = opened(options);
     EXPECT_STREQ("not asked for", reading_of(nothing).cycles.reason);
@@ -144,7 +148,9 @@ TEST(Meter, RefusesWhatItCannotDoAndLeavesNothingOpen) {
     EXPECT_EQ(EASNODE_BAD_ARGUMENT, easnode_meter_read(nothing.get(), &small));
     easnode_source source{};
     source.size = sizeof source;
-    EXPECT_EQ(EASNODE_BAD_ARGUMENT, easnode_meter_source(nothing.get(), 0, 99, &source));
+    for (const auto& [figure, index] : {std::pair(0, 99), {-1, 0}, {EASNODE_FIGURES + 0, 0}})
+        EXPECT_EQ(EASNODE_BAD_ARGUMENT,
+                  easnode_meter_source(nothing.get(), figure, static_cast<size_t>(index), &source));
     opened(plain_options()).reset();
     nothing.reset();
     easnode_meter_close(nullptr);
@@ -178,11 +184,13 @@ TEST_F(SiteCommandTest, GivesWattsOverTimeOrJoulesAsTheyAre) {
     easnode_reading reading = reading_of(meter);
     EXPECT_EQ(EASNODE_INTEGRATED, reading.energy.quality) << reading.energy.reason;
     EXPECT_NEAR(200, reading.energy.value / (static_cast<double>(reading.time_ns) / 1e9), 60);
-    EXPECT_THAT(reading.energy.covers, HasSubstr("integrated from 2 samples"));
+    EXPECT_THAT(reading.energy.covers,
+                HasSubstr("site's power command, integrated from 2 samples"));
+    EXPECT_EQ(60000000000U, reading.energy.read_within_ns);
 
     ASSERT_EQ(0, ::mkfifo((path_ + ".fifo").c_str(), 0600));
     const UniqueFd fifo(::open((path_ + ".fifo").c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
-    meter = meter_of("sleep 60 >$0.fifo & echo 200");
+    meter = meter_of("sleep 60 >$0.fifo & printf %60000d 200");  // few digits
     EXPECT_STREQ("", reading_of(meter).energy.reason);
     pollfd left_over{fifo.get(), POLLIN, 0};
     EXPECT_EQ(1, ::poll(&left_over, 1, 20000)) << "a process of the command's lives on";
@@ -191,6 +199,7 @@ TEST_F(SiteCommandTest, GivesWattsOverTimeOrJoulesAsTheyAre) {
     write("echo 1500 J");
     reading = reading_of(meter);
     EXPECT_EQ(EASNODE_COUNTED, reading.energy.quality);
+    EXPECT_EQ(0U, reading.energy.read_within_ns);
     EXPECT_DOUBLE_EQ(500, reading.energy.value);
     write("echo 7 J");
     EXPECT_THAT(reading_of(meter).energy.reason, HasSubstr("backwards"));
@@ -231,8 +240,18 @@ TEST_F(SiteCommandTest, ThatHangsDiesOrBabblesIsAMissingFigureWithItsReason) {
 TEST_F(SiteCommandTest, SeesNothingOfTheProgramThatAsks) {
     const UniqueFd inherited(::dup2(STDIN_FILENO, 77));  // without O_CLOEXEC
     ::setenv("SECRET", "x", 1);
-    OwnedMeter meter =
-        meter_of("[ -z \"$SECRET\" ] && [ ! -e /proc/$$/fd/77 ] && echo 5", EASNODE_COMMAND_JOULES);
+    sigset_t none{}, held{};
+    ::sigaddset(&held, SIGTERM);
+    ::sigprocmask(SIG_BLOCK, &held, &none);
+    ::signal(SIGPIPE, SIG_IGN);
+    OwnedMeter meter = meter_of(
+        "[ -z \"$SECRET\" ] && [ ! -e /proc/$$/fd/77 ] && "
+        "[ \"$LC_ALL $PATH\" = 'C /usr/sbin:/usr/bin:/sbin:/bin' ] && "
+        "[ \"$(readlink /proc/$$/fd/0 /proc/$$/fd/2 | uniq)\" = /dev/null ] && "
+        "[ $(grep -c 'Sig\\(Blk\\|Ign\\):.*0000000$' /proc/self/status) = 2 ] && echo 5",
+        EASNODE_COMMAND_JOULES);
+    ::sigprocmask(SIG_SETMASK, &none, nullptr);
+    ::signal(SIGPIPE, SIG_DFL);
     const easnode_reading reading = reading_of(meter);
     EXPECT_EQ(EASNODE_COUNTED, reading.energy.quality) << reading.energy.reason;
 }

@@ -1,6 +1,18 @@
 // What the meter makes of the kernel's texts and numbers, apart from where they come from.
 #include <gmock/gmock.h>
 
+#include <cerrno>
+#include <fstream>
+#include <functional>
+#include <iomanip>
+#include <map>
+#include <nlohmann/json.hpp>
+#include <sstream>
+
+#include "base/Numbers.h"
+#include "node/files/CpuList.h"
+#include "node/files/KeptFile.h"
+#include "node/files/PseudoFile.h"
 #include "node/meter/Integrator.h"
 #include "node/meter/NodeCounters.h"
 #include "node/meter/PerfGroup.h"
@@ -10,6 +22,7 @@
 #include "node/meter/Resctrl.h"
 #include "node/meter/SiteCommand.h"
 #include "node/meter/SourceTable.h"
+#include "tests/support/ScratchFolder.h"
 
 namespace eas::node {
 namespace {
@@ -17,34 +30,88 @@ namespace {
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
-uint64_t placed(uint64_t value, const char* format) {
-    const auto bits = parse_term_bits(format);
-    const auto config = bits ? place_bits(value, *bits) : std::nullopt;
-    return config.value_or(~0ULL);
+template <typename Value>
+std::string shown(const std::optional<Value>& value) {
+    std::ostringstream text;
+    if (value)
+        text << std::setprecision(12) << *value;
+    return value ? text.str() : "none";
+}
+std::string yes(bool holds) {
+    return holds ? "yes" : "none";
+}
+std::string placed(const std::string& text) {
+    const auto bits = parse_term_bits(std::string_view(text).substr(text.find(' ') + 1));
+    const auto config = bits ? place_bits(std::stoull(text, nullptr, 0), *bits) : std::nullopt;
+    std::ostringstream hex;
+    hex << "0x" << std::hex << config.value_or(0);
+    return config ? hex.str() : "none";
 }
 
-TEST(PmuFormats, PutTheBitsOfATermWhereTheKernelWantsThem) {
-    EXPECT_EQ(0xcf05U, placed(0x05, "config:0-7") | placed(0xcf, "config:8-15"));
-    // Channel 4 of an older data fabric: the event number is wider than its first range.
-    EXPECT_EQ(0x100003807U, placed(0x107, "config:0-7,32-35,59-60") | placed(0x38, "config:8-15"));
-    EXPECT_EQ(1ULL << 63, placed(1, "config:63"));
-    EXPECT_EQ(~0ULL - 1, placed(~0ULL - 1, "config:0-63"));
-    EXPECT_EQ(~0ULL, placed(0x100, "config:0-7")) << "does not fit";
-    for (const char* text : {"", "config", "config:", "config1:0-7", "config:8-7", "config:0-64",
-                             "config:x", "config:-1", "config:0 -7"})
-        EXPECT_FALSE(parse_term_bits(text)) << text;
+const std::map<std::string, std::function<std::string(const std::string&)>> functions = {
+    {"cpus",
+     [](const std::string& text) {
+         const auto cpus = parse_cpu_list(text);
+         return cpus ? cpu_list_text(*cpus) : std::string("none");
+     }},
+    {"number", [](const std::string& text) { return shown(parse_number(text)); }},
+    {"words", [](const std::string& text) { return ::testing::PrintToString(words_of(text)); }},
+    {"quoted", [](const std::string& text) { return node::quoted(text); }},
+    {"bits", placed},
+    {"terms",
+     [](const std::string& text) {
+         return ::testing::PrintToString(parse_terms(text).value_or(Terms()));
+     }},
+    {"family", [](const std::string& text) { return yes(is_of_family(text, "uncore_imc")); }},
+    {"package", [](const std::string& text) { return shown(package_of(text)); }},
+    {"watts", [](const std::string& text) { return shown(parse_command_output(text, false)); }},
+    {"joules", [](const std::string& text) { return shown(parse_command_output(text, true)); }},
+    {"counter", [](const std::string& text) { return shown(parse_joules(text)); }},
+    // "LIST FLAGS NAMES": e with estimates, c with a command; no names are the default ones.
+    {"sources",
+     [](const std::string& text) {
+         const auto list = text[0] == 'm' ? SourceList::memory : SourceList::energy;
+         const size_t names = text.find(' ', text.find(' ') + 1);
+         const auto has = [&](char flag) { return text.substr(0, names).find(flag, 6) < names; };
+         const auto rows = parse_sources(
+             list, names < text.size() ? text.c_str() + names + 1 : nullptr, has('e'), has('c'));
+         std::string joined = rows ? "" : "none";
+         for (const SourceRow* row : rows.value_or(std::vector<const SourceRow*>()))
+             joined += row->name + std::string(" ");
+         return joined;
+     }},
+    {"mounted", [](const std::string& text) { return yes(is_mounted(text)); }},
+};
+
+TEST(NodeTexts, AreReadWholeOrNotAtAll) {
+    std::ifstream file(EAS_NODE_TEXTS);
+    int count = 0;
+    for (std::string line; std::getline(file, line);) {
+        if (line.empty() || line[0] != '[')
+            continue;
+        const auto row = nlohmann::json::parse(line).get<std::array<std::string, 3>>();
+        EXPECT_EQ(row[2], functions.at(row[0])(row[1])) << line;
+        ++count;
+    }
+    EXPECT_LT(100, count);
 }
 
-TEST(PmuFormats, TermsAreReadWholeOrNotAtAll) {
-    EXPECT_THAT(parse_terms("event=0x04,umask=0x03,edge").value(),
-                ElementsAre(std::pair("event", 4), std::pair("umask", 3), std::pair("edge", 1)));
-    for (const char* text : {"", "=1", "event=", "event=0x", "event=4 ", "event=-4", ",event=1",
-                             "event=0x10000000000000000"})
-        EXPECT_FALSE(parse_terms(text)) << text;
-    EXPECT_TRUE(is_of_family("uncore_imc", "uncore_imc"));
-    EXPECT_TRUE(is_of_family("uncore_imc_12", "uncore_imc"));
-    for (const char* name : {"uncore_imc_free_running_0", "uncore_imc_", "uncore_imc0", "uncore_i"})
-        EXPECT_FALSE(is_of_family(name, "uncore_imc")) << name;
+TEST(KernelFiles, AreReadWholeInOrderAndUpToAnEnd) {
+    const test::ScratchFolder folder;
+    const std::string page(4000, 'x'), path = folder.path("pages");
+    test::write_file(path, page + "\n" + page + std::string("y\n\0\n\0", 5));
+    EXPECT_EQ(page + "\n" + page + "y", read_text(path).text) << "without the padding";
+    const FileText endless = read_text("/dev/zero");
+    EXPECT_EQ(std::pair(EFBIG, std::string()), std::pair(endless.error, endless.text));
+    EXPECT_EQ(ENOENT, write_text(folder.path("none"), "1")) << "attributes are not made";
+    for (const char* name : {"q", "w", "e", ".r", "t", "z", "b", "a"})
+        test::write_file(folder.path() / "names" / name, "");
+    int error = EIO;
+    EXPECT_THAT(names_in(folder.path("names"), &error),
+                ElementsAre("a", "b", "e", "q", "t", "w", "z"));
+    EXPECT_EQ(0, error);
+    EXPECT_THAT(names_in(folder.path("none"), &error), IsEmpty());
+    EXPECT_EQ(ENOENT, error);
 }
 
 TEST(PowercapZones, AreAddedUpOnceEach) {
@@ -74,6 +141,7 @@ TEST(PowerMeters, OfOneLevelAreAddedUpAndNeverLevels) {
                                            {"e", "SysIO Power Socket 0"}};
     EXPECT_THAT(choose_meters(module).folders, ElementsAre("c", "d"));
     EXPECT_EQ(EASNODE_MODULES, choose_meters(module).extent);
+    EXPECT_STREQ("module power, not the whole node", choose_meters(module).words);
     EXPECT_THAT(choose_meters({module[0], module[1]}).folders, ElementsAre("b"));
     EXPECT_THAT(choose_meters({{"x", ""}}).folders, ElementsAre("x"));
     EXPECT_EQ(EASNODE_NODE, choose_meters({{"x", "Vendor"}}).extent);
@@ -81,56 +149,6 @@ TEST(PowerMeters, OfOneLevelAreAddedUpAndNeverLevels) {
         EXPECT_THAT(choose_meters(meters).folders, IsEmpty());
         EXPECT_STRNE("", choose_meters(meters).words);
     }
-}
-
-TEST(SiteCommandOutput, IsOneQuantityOrTheLineOfAKnownTool) {
-    const struct {
-        const char* text;
-        bool joules;
-        double value;  // -1: none
-    } rows[] = {
-        {"215\n", false, 215},
-        {" 215.5 W \n", false, 215.5},
-        {"0.4 kW", false, 400},
-        {"12 J\n", true, 12},
-        {"3 kWh", true, 10.8e6},
-        {"0\n", true, 0},
-        {"1e3 watts", false, 1000},
-        {"5e5 mW", false, 500},
-        {"2 Wh", true, 7200},
-        {"8e6 uJ", true, 8},
-        {"\n  Instantaneous power reading:                   215 Watts\n"
-         "  Minimum during sampling period:                 54 Watts\n",
-         false, 215},
-        {"Current Power                        : 164 Watts\n", false, 164},
-        // Absent sensors say 0; the rest is nonsense.
-        {"0 W", false, -1},
-        {"Instantaneous power reading: 0 Watts", false, -1},
-        {"-5 W", false, -1},
-        {"", false, -1},
-        {"215 W 216 W", false, -1},
-        {"215 J", false, -1},
-        {"215 W", true, -1},
-        {"nan", false, -1},
-        {"inf W", false, -1},
-        {"1e9 W", false, -1},
-        {"215,5 W", false, -1},
-        {"215 volts", false, -1},
-        {"error: timeout 30", false, -1},
-        {"Current Power : n/a", false, -1},
-    };
-    for (const auto& row : rows)
-        EXPECT_DOUBLE_EQ(row.value, parse_command_output(row.text, row.joules).value_or(-1))
-            << row.text;
-}
-
-TEST(NodeCounterText, HoldsJoulesAndPerhapsTheTime) {
-    EXPECT_EQ(598732067U, parse_joules("598732067 J").value_or(0));
-    EXPECT_EQ(598732067U, parse_joules("598732067 J 1764205321000000 us").value_or(0));
-    for (const char* text : {"", "598732067", "5 W", "J", "-5 J", "5.5 J", "5 J 7", "5 J x us"})
-        EXPECT_FALSE(parse_joules(text)) << text;
-    EXPECT_TRUE(is_mounted("proc /proc proc rw 0 0\nresctrl /sys/fs/resctrl resctrl rw 0 0"));
-    EXPECT_FALSE(is_mounted("resctrl /mnt resctrl rw 0 0\nx /sys/fs/resctrl tmpfs rw 0 0\n"));
 }
 
 TEST(EventReadings, AreScaledByDifferencesAndNeverInvented) {
@@ -166,28 +184,6 @@ TEST(PowerIntegral, IsATrapezoidUntilNobodyLooked) {
     EXPECT_DOUBLE_EQ(500 + 250 * 60, integral.joules());
     EXPECT_EQ("meter, integrated from 4 samples every 21.0 s", integral.words("meter"));
     EXPECT_FALSE(integral.add(134 * second, 200));
-}
-
-TEST(SourceOrder, IsTheDefaultOneOrTheOneAskedFor) {
-    const auto names = [](SourceList list, const char* text, bool estimates, bool command) {
-        std::string joined;
-        const auto rows = parse_sources(list, text, estimates, command);
-        if (!rows)
-            return std::string("refused");
-        for (const SourceRow* row : *rows)
-            joined += std::string(row->name) + " ";
-        return joined;
-    };
-    EXPECT_EQ("imc umc arm df resctrl registers ",
-              names(SourceList::memory, nullptr, false, false));
-    EXPECT_EQ("imc umc arm df resctrl registers misses ",
-              names(SourceList::memory, nullptr, true, false));
-    EXPECT_EQ("command pm_counters qpx hwmon rapl-perf powercap ",
-              names(SourceList::energy, nullptr, false, true));
-    EXPECT_EQ("psys powercap ", names(SourceList::energy, "psys, powercap", false, false));
-    EXPECT_EQ("", names(SourceList::energy, "none", false, true));
-    for (const char* text : {"", "imc", "psys,", "powercap,,psys", "none,psys", "PSYS"})
-        EXPECT_EQ("refused", names(SourceList::energy, text, false, false)) << text;
 }
 
 }  // namespace

@@ -123,7 +123,11 @@ void Cpufreq::attach_settings(FreqPolicy& policy) {
            [this, p](const std::string& text) { return store_limit(*p, text, true); });
     attach(
         policy, "scaling_setspeed",
-        [this, p] { return p->governor == "userspace" ? line(requested(*p)) : "<unsupported>\n"; },
+        [this, p] {
+            const int khz = requested(*p);
+            return p->governor != "userspace" ? "<unsupported>\n"
+                                              : line(p->step != 0 ? khz - khz % p->step : khz);
+        },
         [this, p](const std::string& text) { return store_speed(*p, text); });
 }
 

@@ -243,6 +243,7 @@ void NodeState::reset(const NodeShape& shape) {
     cap_khz = 0;
     running_percent = 100;
     counter_fails_at = -1;
+    refusal = nullptr;
     counter_error = ENODEV;
     msr_log.clear();
     freq_log.clear();

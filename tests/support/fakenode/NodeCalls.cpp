@@ -117,6 +117,8 @@ int64_t new_counter(NodeServer& server, const Call& call) {
         return -EMFILE;
     if (static_cast<int>(index) == server.state.counter_fails_at)
         return -server.state.counter_error;
+    if (const int error = server.state.refusal != nullptr ? server.state.refusal(counter) : 0)
+        return -error;
     const int leader = counter.leader >= 0 ? event_behind(call, counter.leader) : -1;
     if (counter.leader >= 0 && leader < 0)
         return -EBADF;

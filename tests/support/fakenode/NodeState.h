@@ -79,9 +79,10 @@ struct NodeState {
     Log<FreqWrite, 4096> freq_log;
 
     Log<Counter, max_counters> counters;
-    int running_percent;   // of every counter
-    int counter_fails_at;  // index of the open that fails; -1: none
-    int counter_error;     // its errno
+    int running_percent;             // of every counter
+    int counter_fails_at;            // index of the open that fails; -1: none
+    int counter_error;               // its errno
+    int (*refusal)(const Counter&);  // errno of an open, 0: none; null: nobody asks
 
     [[nodiscard]] uint64_t* find_msr(int cpu, uint32_t reg) {
         auto& table = msrs[static_cast<size_t>(cpu)];
