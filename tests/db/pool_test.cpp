@@ -23,6 +23,7 @@ int unset_user() {
 }
 
 using eas::test::ScratchFile;
+using testing::HasSubstr;
 using Map = std::map<std::string, std::string>;
 
 TEST(PropertiesFile, LinesAreReadAsDocumented) {
@@ -98,7 +99,7 @@ TEST_F(Pool, HandsOutPooledThenTemporaryConnections) {
 }
 
 TEST_F(Pool, MessagesCountAvailableBeforeUsed) {
-    DBConnectionPool& pool = start(0, 5);
+    DBConnectionPool& pool = start(-1, 5);
     start(3, 3);
     const std::size_t before = log.text().size();
     EXPECT_THAT(log.text(),
@@ -138,6 +139,8 @@ TEST_F(Pool, FailedConnectionsAreDroppedAndFailedExpansionGivesNull) {
     EXPECT_EQ(switched_back, switched);
     EXPECT_EQ(pool.usedCount(), 2);
     EXPECT_EQ(connected(), 2);  // terminate() takes those in use as well
+    DBConnectionPool::terminate();
+    EXPECT_THAT(log.text(), HasSubstr("pool, available connections: 0, used connections: 2\n\n"));
 }
 
 TEST_F(Pool, CleanupKeepsTheMinimum) {

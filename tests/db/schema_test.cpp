@@ -143,6 +143,12 @@ TEST_P(Schema, ATextThatIsTooLongIsRefused) {
     EXPECT_THROW(store("t", "u", 2, std::string(41, 'c')), std::runtime_error);
     EXPECT_THROW(store("t", "u", 2, "c", std::string(1025, 'j')), std::runtime_error);
     EXPECT_EQ(database().rows("TQVN_EnergyPolicyTag"), 1);
+    const auto store_model = [this](std::size_t length) {
+        database().seed_coefficients(std::string(length, 'c'), 2600000, 1200000, 100000, 1);
+    };
+    store_model(40);
+    EXPECT_THROW(store_model(40), std::runtime_error) << "the same row again";
+    EXPECT_THROW(store_model(41), std::runtime_error);
 }
 
 TEST(SchemaGrants, TheSchedulerCanDoWhatItNeedsAndNothingElse) {
@@ -170,8 +176,13 @@ TEST(SchemaGrants, TheSchedulerCanDoWhatItNeedsAndNothingElse) {
     scheduler.run("insert into TQVN_EnergyPolicyTag values ('t','u',1,'c',1,'j',1,1,1,1,1)");
     EXPECT_EQ(scheduler.number("select count(*) from TQVN_EnergyPolicyTag"), 1);
     PlainOdbc node("easdb", database.schema() + "n", "n");
+    EXPECT_EQ(node.number("select count(*) from TQVN_EnergyCoEfficients"), 3);
+    EXPECT_EQ(node.number("select count(*) from TQVN_EnergyPolicyTag"), 1);
     node.run("insert into TQVN_EnergyPolicyTag values ('n','u',1,'c',1,'j',1,1,1,1,1)");
-    EXPECT_THROW(node.run("delete from TQVN_EnergyPolicyTag"), std::runtime_error);
+    for (const char* refused :
+         {"delete from TQVN_EnergyPolicyTag", "update TQVN_EnergyPolicyTag set frequency=1",
+          "insert into TQVN_EnergyCoEfficients values (2,1,'c',1,1,1,1,1,1)"})
+        EXPECT_THROW(node.run(refused), std::runtime_error) << refused;
     scheduler.run("delete from TQVN_EnergyPolicyTag where user_name=\"u\"");
     for (const char* refused :
          {"update TQVN_EnergyPolicyTag set frequency=1", "delete from TQVN_EnergyCoEfficients",
@@ -180,7 +191,14 @@ TEST(SchemaGrants, TheSchedulerCanDoWhatItNeedsAndNothingElse) {
         EXPECT_THROW(scheduler.run(refused), std::runtime_error) << refused;
     }
     PlainOdbc admin("easdb", database.schema() + "a", "a");
-    admin.run("delete from TQVN_EnergyCoEfficients where frequency=1200000");
+    for (const char* allowed :
+         {"delete from TQVN_EnergyCoEfficients where frequency=1200000",
+          "update TQVN_EnergyCoEfficients set factor_a=1", "delete from TQVN_EnergyPolicyTag",
+          "insert into TQVN_EnergyCoEfficients values (2,1,'c',1,1,1,1,1,1)",
+          "insert into TQVN_EnergyPolicyTag values ('n','u',1,'c',1,'j',1,1,1,1,1)",
+          "update TQVN_EnergyPolicyTag set frequency=2", "select * from TQVN_EnergyPolicyTag",
+          "select * from TQVN_EnergyCoEfficients"})
+        EXPECT_NO_THROW(admin.run(allowed)) << allowed;
     EXPECT_THROW(admin.run("drop table TQVN_EnergyPolicyTag"), std::runtime_error);
     for (const char* account : {"s", "n", "a"})
         database.plain().run_script("drop user '" + database.schema() + account +

@@ -74,7 +74,9 @@ TEST_P(InPrivateNamespace, TheDebugLogBeginsWithTheFirstQueryThatIsAskedToLog) {
     ::setenv("DEBUG_THRESHOLD", "", 1);
     ASSERT_EQ(initialize(), EAS_OK);
     EXPECT_NE(::access(debug_log, F_OK), 0);  // only a query opens it
+    ::umask(027);
     ASSERT_EQ(Tags(nullptr, "loud").status, EAS_OK);
+    EXPECT_EQ(std::filesystem::status(debug_log).permissions(), std::filesystem::perms(0750));
     const int opened = debug_fd;
     ASSERT_EQ(Tags(nullptr, "a\"b").status, EAS_QUERY_FAILED);
     EXPECT_EQ(opened, debug_fd);
@@ -129,7 +131,8 @@ TEST_P(InPrivateNamespace, ADebugFileWithSomethingElseInItsPlaceStopsTheProcess)
                 ::_exit(0);
             };
             EXPECT_EXIT(use(), ::testing::KilledBySignal(SIGABRT),
-                        "debug_fd > 0|threshold debug file");
+                        "^libeas: [^:]*[.]cpp:[0-9]+: assertion `(debug_fd > 0|the threshold debug "
+                        "file opens)' failed\n$");
             ASSERT_EQ(std::remove(path), 0);
         }
     }

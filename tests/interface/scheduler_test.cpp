@@ -16,7 +16,7 @@
 #include "common/model/EnergyTag.h"
 #include "db/base_class/DBLibrary.h"
 #include "db/base_class/DB_Ptr.h"
-#include "gtest/gtest.h"
+#include "gmock/gmock.h"
 #include "interface/LibraryState.h"
 #include "interface/TagStore.h"
 #include "interface/interface.h"
@@ -176,27 +176,38 @@ TEST_P(SchedulerArguments, AreRefusedBeforeTheStateIsLookedAt) {
     energyPolicyTag_t* tags = nullptr;
     char** list = nullptr;
     for (const int state : {EAS_NOT_INITIALIZED, EAS_BAD_ARGUMENT}) {
-        EXPECT_EQ(refused(nullptr, 1, "u", "t", counters, "j", 1, 1.0), EAS_BAD_ARGUMENT);
+        for (const char* none : {static_cast<const char*>(nullptr), ""}) {
+            EXPECT_EQ(refused(none, 1, "u", "t", counters, "j", 1, 1.0), EAS_BAD_ARGUMENT);
+            EXPECT_EQ(refused("c1", 1, none, "t", counters, "j", 1, 1.0), EAS_BAD_ARGUMENT);
+            EXPECT_EQ(refused("c1", 1, "u", none, counters, "j", 1, 1.0), EAS_BAD_ARGUMENT);
+            EXPECT_EQ(refused("c1", 1, "u", "t", counters, none, 1, 1.0), EAS_BAD_ARGUMENT);
+        }
         EXPECT_EQ(refused("c1", 0, "u", "t", counters, "j", 1, 1.0), EAS_BAD_ARGUMENT);
-        EXPECT_EQ(refused("c1", 1, nullptr, "t", counters, "j", 1, 1.0), EAS_BAD_ARGUMENT);
-        EXPECT_EQ(refused("c1", 1, "u", "", counters, "j", 1, 1.0), EAS_BAD_ARGUMENT);
         EXPECT_EQ(refused("c1", 1, "u", "t", nullptr, "j", 1, 1.0), EAS_BAD_ARGUMENT);
-        EXPECT_EQ(refused("c1", 1, "u", "t", counters, "", 1, 1.0), EAS_BAD_ARGUMENT);
         EXPECT_EQ(refused("c1", 1, "u", "t", counters, "j", 0, 1.0), EAS_BAD_ARGUMENT);
         EXPECT_EQ(refused("c1", 1, "u", "t", counters, "j", 1, 0.00000009), EAS_BAD_ARGUMENT);
         // Everything is in order but the frequency: an uninitialised library says so first.
         EXPECT_EQ(refused("c1", 1, "u", "t", counters, "j", 1, 0.0000001), state);
 
-        EXPECT_EQ(eas_query_tag(nullptr, 1, nullptr, nullptr, &n, &tags), EAS_BAD_ARGUMENT);
-        EXPECT_EQ(eas_query_tag(text("c1"), 0, nullptr, nullptr, &n, &tags), EAS_BAD_ARGUMENT);
-        EXPECT_EQ(eas_query_tag(text("c1"), 1, nullptr, nullptr, nullptr, &tags), EAS_BAD_ARGUMENT);
-        EXPECT_EQ(eas_query_tag(text("c1"), 1, nullptr, nullptr, &n, nullptr), EAS_BAD_ARGUMENT);
-        EXPECT_EQ(eas_remove_tag(text("c1"), 0, nullptr, nullptr, &n, &list, &list),
-                  EAS_BAD_ARGUMENT);
-        EXPECT_EQ(eas_remove_tag(text("c1"), 1, nullptr, nullptr, &n, nullptr, &list),
-                  EAS_BAD_ARGUMENT);
+        const auto or_null = [](bool there, auto* argument) { return there ? argument : nullptr; };
+        double change = 0;
+        for (int none = 0; none < 7; ++none) {  // the one argument that is missing
+            char* const cluster = or_null(none != 0, text("c1"));
+            const int khz = none != 1 ? 1 : 0;
+            int codes[] = {EAS_BAD_ARGUMENT, EAS_BAD_ARGUMENT, EAS_BAD_ARGUMENT};
+            codes[0] = eas_auto_select_frequency(
+                cluster, khz, or_null(none != 2, text("u")), or_null(none != 3, text("t")),
+                or_null(none != 4, text("minimize_time")), or_null(none != 5, &n),
+                or_null(none != 6, &change));
+            if (none < 4)
+                codes[1] = eas_query_tag(cluster, khz, nullptr, nullptr, or_null(none != 2, &n),
+                                         or_null(none != 3, &tags));
+            if (none < 5)
+                codes[2] = eas_remove_tag(cluster, khz, nullptr, nullptr, or_null(none != 2, &n),
+                                          or_null(none != 3, &list), or_null(none != 4, &list));
+            EXPECT_THAT(codes, ::testing::Each(EAS_BAD_ARGUMENT)) << none;
+        }
         EXPECT_EQ(select("u", "t", "Minimize_Energy").status, EAS_BAD_ARGUMENT);
-        EXPECT_EQ(select(nullptr, "t", "minimize_energy").status, EAS_BAD_ARGUMENT);
         if (state == EAS_NOT_INITIALIZED) {
             n = 7;
             energyPolicyTag_t some;
@@ -226,6 +237,8 @@ TEST_P(Scheduler, AFailedInitialisationLeavesNothingInitialised) {
     };
     ASSERT_EQ(initialize(), EAS_OK);
     EXPECT_EQ(eas_initialize(text("c1"), 0, text(threshold_file_)), EAS_BAD_ARGUMENT);
+    EXPECT_EQ(eas_initialize(nullptr, 1, text(threshold_file_)), EAS_BAD_ARGUMENT);
+    EXPECT_EQ(eas_initialize(text("c1"), 1, nullptr), EAS_BAD_ARGUMENT);
     EXPECT_TRUE(is_uninitialised());
     EXPECT_EQ(initialize("nowhere"), EAS_NO_COEFFICIENTS);
     EXPECT_EQ(initialize("c1", 1600000), EAS_NO_COEFFICIENTS);
@@ -287,6 +300,7 @@ TEST_P(Scheduler, NoNameReachesAnotherUsersTags) {
          {"x\" or \"1\"=\"1", "\"", "x\\", "\\", "\\\\\\", "a\\\"", "\\\" or 1=1 -- "}) {
         EXPECT_EQ(Tags(text(name), "t").status, EAS_QUERY_FAILED) << name;
         EXPECT_EQ(Tags("victim", text(name)).status, EAS_QUERY_FAILED) << name;
+        EXPECT_EQ(Tags("victim", "t", text(name)).status, EAS_QUERY_FAILED) << name;
         EXPECT_EQ(remove_tags(text(name), "t").status, EAS_REMOVE_FAILED) << name;
         EXPECT_EQ(select(text(name), "t", "minimize_time").status, EAS_NO_UNIQUE_TAG) << name;
     }
