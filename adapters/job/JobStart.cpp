@@ -105,7 +105,9 @@ RunRecord agreed_plan(const SiteSettings& settings, const JobRequest& request,
                   " kHz, as " + place.first + " says";
             return *plan;
         }
-        ::poll(nullptr, 0, pause);
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(
+            deadline - std::chrono::steady_clock::now());
+        ::poll(nullptr, 0, std::clamp(static_cast<int>(left.count()), 0, pause));
         pause = std::min(2 * pause, longest_pause);
     } while (std::chrono::steady_clock::now() < deadline);
     throw std::runtime_error("no word from " + place.first);
