@@ -1,17 +1,27 @@
 // Every allocation failure, in the five functions, the pool and the readers.
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <array>
+#include <csignal>
 #include <cstdio>
+#include <filesystem>
 #include <iostream>
 #include <new>
 
 #include "common/model/CoEfficients.h"
 #include "common/model/CoEffsFromFile.h"
 #include "common/model/EnergyPerfThreshold.h"
+#include "common/model/EnergyTag.h"
 #include "db/base_class/DBConnectionPool.h"
 #include "db/base_class/Properties.h"
+#include "interface/LibraryState.h"
 #include "interface/Locator.h"
+#include "interface/TagRecord.h"
 #include "tests/faults/Operations.h"
 #include "tests/model/ModelFixtures.h"
+#include "tests/support/ChildProcess.h"
+#include "tests/support/OwnTmp.h"
 
 namespace {
 
@@ -152,6 +162,61 @@ TEST(AllocationFaultsOfReaders, KeepNothingHalfRead) {
             EXPECT_TRUE(complete || allocation_failed());
         });
     }
+}
+
+class TraceStart : public AllocationFaults {
+  protected:
+    void SetUp() override {
+        if (!own_tmp())  // where the debug log lies
+            GTEST_SKIP() << "needs a private mount namespace";
+        AllocationFaults::SetUp();
+    }
+};
+
+INSTANTIATE_TEST_SUITE_P(On, TraceStart, ::testing::Values(Engine::sqlite), engine_suffix);
+
+TEST_P(TraceStart, ThatLackedMemoryIsMadeUpForByTheNextQuery) {
+    constexpr const char* log = "/tmp/.eas_lib_debug";
+    ::setenv("DEBUG_THRESHOLD", "1", 1);
+    int aborted = 0;
+    for (int n = 1; n <= 12; ++n) {
+        const pid_t child = ::fork();
+        if (child == 0) {
+            fail_allocation(n, false);
+            run(Operation::query);
+            fail_allocation(0, false);
+            const bool well = allocation_failed() && run(Operation::query) == EAS_OK &&
+                              read_file(log).find("Successfully executed") != std::string::npos;
+            ::_exit(well ? 0 : 1);
+        }
+        const int status = exit_status(child);
+        EXPECT_TRUE(status == 0 || status == 128 + SIGABRT) << "allocation " << n;
+        aborted += status != 0 ? 1 : 0;
+        std::filesystem::remove(log);
+    }
+    EXPECT_LE(aborted, 1) << "only the buffer of the trace is indispensable";
+}
+
+TEST(AllocationFaultsOfTheDebugLog, DoNotKeepItFromSayingThatMemoryIsShort) {
+    if (!allocations_are_watched)
+        GTEST_SKIP() << "the sanitizer allocates";
+    ::setenv("DEBUG_THRESHOLD", "1", 1);
+    EnergyTag tag;
+    tag.set_array_data(2000000, 200.0, 0.0, 3600, 0.0);
+    fail_each_allocation([&tag] {
+        const ScratchFile log("");
+        debug_fd = ::open(log.path().c_str(), O_WRONLY | O_CLOEXEC);
+        std::vector<EnergyTag> tags{tag};
+        eas::TagRecords records;
+        bool filled = false;
+        {
+            const WatchAllocations watch;
+            filled = records.fill(tags);
+        }
+        fail_allocation(0, false);
+        EXPECT_EQ(log.text().find("Space allocation failed.\n") == std::string::npos, filled);
+        ::close(debug_fd.exchange(-1));
+    });
 }
 
 }  // namespace

@@ -15,6 +15,7 @@
 #include "tests/faults/Operations.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/DescriptorLimit.h"
+#include "tests/support/OwnTmp.h"
 
 namespace {
 
@@ -107,9 +108,7 @@ class SqliteOutages : public Outages {
   protected:
     /// The whole of /tmp is a small disk of this process's own.
     void SetUp() override {
-        if (::unshare(CLONE_NEWNS) != 0 ||
-            ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-            ::mount("tmpfs", "/tmp", "tmpfs", 0, "size=1m") != 0)
+        if (!own_tmp("size=1m"))
             GTEST_SKIP() << "needs a private mount namespace";
         Outages::SetUp();
     }

@@ -1,7 +1,6 @@
 // The debug files and the locator file at their places, in a private mount namespace.
 #include <dlfcn.h>
 #include <fcntl.h>
-#include <sched.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <syslog.h>
@@ -19,6 +18,7 @@
 #include "gmock/gmock.h"
 #include "interface/LibraryState.h"
 #include "interface/Locator.h"
+#include "tests/support/OwnTmp.h"
 #include "tests/support/SchedulerCalls.h"
 
 namespace {
@@ -49,10 +49,8 @@ constexpr const char* threshold_output = "/tmp/.threshold_output";
 class InPrivateNamespace : public SchedulerTest {
   protected:
     void SetUp() override {
-        if (::unshare(CLONE_NEWNS) != 0)
+        if (!own_tmp())
             GTEST_SKIP() << "a private mount namespace needs CAP_SYS_ADMIN";
-        ASSERT_EQ(::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
-        ASSERT_EQ(::mount("tmpfs", "/tmp", "tmpfs", 0, nullptr), 0);
         ::mkdir("/tmp/upper", 0755);
         ::mkdir("/tmp/work", 0755);
         ASSERT_EQ(::mount("overlay", "/etc", "overlay", 0,
