@@ -77,8 +77,10 @@ void CalibrationFile::read_rows() {
             fields[common + 1] != node_.cpus || fields[common + 2] != node_.host)
             throw Failure(ExitCode::input,
                           csv.where() + ": measured on host " + std::string(fields[common + 2]) +
-                              ", CPUs " + std::string(fields[common + 1]) + ", this is host " +
-                              node_.host + ", CPUs " + node_.cpus,
+                              ", CPUs " + std::string(fields[common + 1]) + ", nominal " +
+                              std::string(fields[common]) + " kHz; this is host " + node_.host +
+                              ", CPUs " + node_.cpus + ", nominal " +
+                              std::to_string(node_.nominal_khz) + " kHz",
                           "one file holds one node's measurements: name another with --out");
         if (fields[common + 3] != node_.meter)
             throw Failure(ExitCode::input,
