@@ -101,8 +101,8 @@ Option& tag_option() {
 
 Option& policy_option() {
     static Option option("energy-policy", "POLICY",
-                         "minimize_energy, minimize_time or none (leave the job alone, or\n"
-                         "                              with a tag measure it)",
+                         "minimize_energy, minimize_time or none (leave the job alone, or "
+                         "with a tag measure it)",
                          policy_given);
     return option;
 }
