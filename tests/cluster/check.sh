@@ -75,6 +75,7 @@ for flush in 0 2; do
     with "innodb_flush_log_at_trx_commit = $flush" "innodb_flush_log_at_trx_commit = 1"
 done
 stop db2
+await 30 writer
 check "one node" $door
 sed -i -e 's/MariaDB [0-9.]*/MariaDB/' -e 's/(db., db., db.)/(db1, db2, db3)/' \
     -e '/port 3307/s/db[123] of/dbN of/' "$said"

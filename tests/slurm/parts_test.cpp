@@ -156,7 +156,7 @@ TEST(JobRecord, WhatARunWasStandsInOneLineWhateverItsWordsAre) {
     const auto odd = find_record(
         "x\neas=1 joules=-1 seconds=nan nodes=1e999 what=ever cycles=2x spread=0 "
         "tag=%zz%4 user=%41%c3%42%\npolicy=behind");
-    EXPECT_TRUE(odd && !odd->joules && !odd->seconds && !odd->nodes && !odd->cycles);
+    ASSERT_TRUE(odd && !odd->joules && !odd->seconds && !odd->nodes && !odd->cycles);
     EXPECT_EQ("eas=1 user=A%C3B%25 tag=%25zz%254 spread=0", to_text(*odd));
     EXPECT_EQ("09AZaz_.:+,/@-%20%25%3D%3B%22%7F", to_word("09AZaz_.:+,/@- %=;\"\x7f"));
     EXPECT_EQ("x\neas=1 tag=t\ny", with_record("x\neas=1\ny", *find_record("eas=1 tag=t")));
