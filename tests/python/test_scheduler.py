@@ -74,7 +74,8 @@ class Scheduler(unittest.TestCase):
 
     def test_a_session_says_what_its_transcript_says(self):
         transcript = str(SOURCE / "tests/python/scheduler.transcript")
-        found = doctest.testfile(transcript, module_relative=False, globs={"thresholds": THRESHOLDS})
+        found = doctest.testfile(transcript, module_relative=False, globs={
+            "thresholds": THRESHOLDS, "version": (SOURCE / "CMakeLists.txt").read_text()})
         eas.initialize("sample", 2_300_000, THRESHOLDS)
         self.assertEqual((found.failed, found.attempted > 50), (0, True))
         with mock.patch.dict(os.environ, ODBCINI="/no/such", ODBCSYSINI="/no/such"):
