@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "db/base_class/Properties.h"
+#include "db/base_class/TxObject.h"
 #include "tests/db/OdbcTest.h"
 
 namespace {
@@ -137,6 +138,16 @@ TEST_F(Pool, FailedConnectionsAreDroppedAndFailedExpansionGivesNull) {
     pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, &state);
     EXPECT_EQ(state, PTHREAD_CANCEL_ENABLE);
     EXPECT_EQ(switched_back, switched);
+    answer("SQLConnect", {SQL_ERROR});
+    {
+        TxObject none(&pool);
+        SQLHANDLE handle = nullptr;
+        EXPECT_THAT((std::vector<int>{none.commit(), none.rollback(), none.setAutoCommit(true),
+                                      none.execStmt("x"), none.count("t", nullptr),
+                                      none.fetch(nullptr), none.alloc(&handle)}),
+                    testing::Each(SQL_ERROR));
+        EXPECT_FALSE(none.isAutoCommit());
+    }
     EXPECT_EQ(pool.usedCount(), 2);
     EXPECT_EQ(connected(), 2);  // terminate() takes those in use as well
     DBConnectionPool::terminate();

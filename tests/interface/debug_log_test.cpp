@@ -15,9 +15,11 @@
 
 #include "base/DebugFile.h"
 #include "common/model/EnergyPerfThreshold.h"
+#include "common/model/EnergyTag.h"
 #include "gmock/gmock.h"
 #include "interface/LibraryState.h"
 #include "interface/Locator.h"
+#include "interface/TagRecord.h"
 #include "tests/support/OwnTmp.h"
 #include "tests/support/SchedulerCalls.h"
 
@@ -78,6 +80,7 @@ TEST_P(InPrivateNamespace, TheDebugLogBeginsWithTheFirstQueryThatIsAskedToLog) {
     const int opened = debug_fd;
     ASSERT_EQ(Tags(nullptr, "a\"b").status, EAS_QUERY_FAILED);
     EXPECT_EQ(opened, debug_fd);
+    EXPECT_EQ(fill_tag_struct(EnergyTag(), nullptr), -1);
     eas_debug_printf(debug_fd, std::string(2000, 'x'));
 
     const std::string log = read_file(debug_log);
@@ -85,6 +88,7 @@ TEST_P(InPrivateNamespace, TheDebugLogBeginsWithTheFirstQueryThatIsAskedToLog) {
     EXPECT_THAT(log, HasSubstr("The SQL condition:  where cluster_name=\"c1\" and "
                                "default_frequency=2000000 and energy_tag_name=\"loud\"\n"));
     EXPECT_THAT(log, HasSubstr("Failed to query energy tags from DB.\n"));
+    EXPECT_THAT(log, HasSubstr("\n\nNULL tag structure pointer or unavailable tag object.\nxxx"));
     // The database layer's records stand in the same file, each followed by an empty line.
     EXPECT_THAT(log, ContainsRegex("[A-Z][a-z]+ [ 0-9]+ [0-9:]+ \\(D\\) \\[[0-9]+\\]\t"
                                    "Connected to the database: easdb\n\n"));

@@ -17,7 +17,6 @@
 #include "node/meter/NodeCounters.h"
 #include "node/meter/PerfGroup.h"
 #include "node/meter/PmuDevice.h"
-#include "node/meter/PowerMeter.h"
 #include "node/meter/Powercap.h"
 #include "node/meter/Resctrl.h"
 #include "node/meter/SiteCommand.h"
@@ -112,6 +111,13 @@ TEST(KernelFiles, AreReadWholeInOrderAndUpToAnEnd) {
     EXPECT_EQ(0, error);
     EXPECT_THAT(names_in(folder.path("none"), &error), IsEmpty());
     EXPECT_EQ(ENOENT, error);
+    KeptFile kept(folder.path("names/a"));
+    for (const auto& [text, said] : {std::pair(std::string("9kg"), " says \"9kg\""),
+                                     {std::string(8192, '9'), ": File too large"}}) {
+        test::write_file(kept.path(), text);
+        EXPECT_FALSE(kept.number());
+        EXPECT_EQ(kept.path() + said, kept.reason());
+    }
 }
 
 TEST(PowercapZones, AreAddedUpOnceEach) {
@@ -131,24 +137,6 @@ TEST(PowercapZones, AreAddedUpOnceEach) {
     const PowerZones dies_repeat = choose_zones(intel, true);
     EXPECT_THAT(dies_repeat.packages, ElementsAre("intel-rapl:1"));
     EXPECT_THAT(dies_repeat.memory, ElementsAre("intel-rapl:1:0"));
-}
-
-TEST(PowerMeters, OfOneLevelAreAddedUpAndNeverLevels) {
-    const std::vector<MeterInfo> module = {{"a", "CPU Power Socket 0"},
-                                           {"b", "Grace Power Socket 0"},
-                                           {"c", "Module Power Socket 0"},
-                                           {"d", "Module Power Socket 1"},
-                                           {"e", "SysIO Power Socket 0"}};
-    EXPECT_THAT(choose_meters(module).folders, ElementsAre("c", "d"));
-    EXPECT_EQ(EASNODE_MODULES, choose_meters(module).extent);
-    EXPECT_STREQ("module power, not the whole node", choose_meters(module).words);
-    EXPECT_THAT(choose_meters({module[0], module[1]}).folders, ElementsAre("b"));
-    EXPECT_THAT(choose_meters({{"x", ""}}).folders, ElementsAre("x"));
-    EXPECT_EQ(EASNODE_NODE, choose_meters({{"x", "Vendor"}}).extent);
-    for (const auto& meters : {std::vector<MeterInfo>{}, {{"x", ""}, {"y", ""}}, {module[4]}}) {
-        EXPECT_THAT(choose_meters(meters).folders, IsEmpty());
-        EXPECT_STRNE("", choose_meters(meters).words);
-    }
 }
 
 TEST(EventReadings, AreScaledByDifferencesAndNeverInvented) {
