@@ -191,14 +191,11 @@ TEST(SchemaGrants, TheSchedulerCanDoWhatItNeedsAndNothingElse) {
         EXPECT_THROW(scheduler.run(refused), std::runtime_error) << refused;
     }
     PlainOdbc admin("easdb", database.schema() + "a", "a");
-    for (const char* allowed :
-         {"delete from TQVN_EnergyCoEfficients where frequency=1200000",
-          "update TQVN_EnergyCoEfficients set factor_a=1", "delete from TQVN_EnergyPolicyTag",
-          "insert into TQVN_EnergyCoEfficients values (2,1,'c',1,1,1,1,1,1)",
-          "insert into TQVN_EnergyPolicyTag values ('n','u',1,'c',1,'j',1,1,1,1,1)",
-          "update TQVN_EnergyPolicyTag set frequency=2", "select * from TQVN_EnergyPolicyTag",
-          "select * from TQVN_EnergyCoEfficients"})
-        EXPECT_NO_THROW(admin.run(allowed)) << allowed;
+    admin.run("insert into TQVN_EnergyCoEfficients values (2,1,'c',1,1,1,1,1,1)");
+    for (const std::string table : {"TQVN_EnergyCoEfficients", "TQVN_EnergyPolicyTag"})
+        for (const std::string verb : {"update ", "select * from ", "delete from "})
+            admin.run(verb + table + (verb == "update " ? " set frequency=frequency+9" : ""));
+    admin.run("insert into TQVN_EnergyPolicyTag values ('n','u',1,'c',1,'j',1,1,1,1,1)");
     EXPECT_THROW(admin.run("drop table TQVN_EnergyPolicyTag"), std::runtime_error);
     for (const char* account : {"s", "n", "a"})
         database.plain().run_script("drop user '" + database.schema() + account +

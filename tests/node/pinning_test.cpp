@@ -70,6 +70,27 @@ TEST_F(PinningTest, AHandleKnowsWhatItFixed) {
     });
 }
 
+TEST_F(PinningTest, FillsAsMuchAsThereIsRoomFor) {
+    FakeNode node(small_node("xeon2023"));
+    inside(node, [] {
+        Frequency all;
+        easnode_frequency* const handle = all.handle.get();
+        easnode_step steps[] = {{1, 2}, {1, 2}, {1, 2}};
+        std::string text = all.save();
+        const size_t room = text.size();
+        size_t count = 0;
+        EXPECT_EQ(EASNODE_TOO_SMALL, easnode_frequency_steps(handle, steps, 2, &count));
+        EXPECT_TRUE(count == 13 && steps[1].khz == 1900000 && steps[2].khz == 1);
+        EXPECT_EQ(EASNODE_OK,
+                  easnode_frequency_save(handle, 0, text.data(), room + 1, &count, nullptr));
+        EXPECT_EQ(EASNODE_TOO_SMALL,
+                  easnode_frequency_save(handle, 0, text.data(), room, nullptr, nullptr));
+        EXPECT_TRUE(count == room && text[0] == '\0');
+        easnode_problem of_no_size{};
+        EXPECT_EQ(EASNODE_BAD_ARGUMENT, easnode_frequency_set(handle, 2000000, &of_no_size));
+    });
+}
+
 std::string said(const Frequency& frequency, FakeNode& node) {
     const easnode_problem& problem = frequency.problem;
     std::ostringstream text;

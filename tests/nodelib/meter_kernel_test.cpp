@@ -239,6 +239,16 @@ TEST_F(SiteCommandTest, ThatHangsDiesOrBabblesIsAMissingFigureWithItsReason) {
     }
 }
 
+TEST_F(SiteCommandTest, HasTwoSecondsWhereNobodySaysMore) {
+    timeout_ = 0;
+    OwnedMeter meter = meter_of("echo 200");
+    write("exec sleep 30");
+    const auto begin = std::chrono::steady_clock::now();
+    EXPECT_EQ(EASNODE_MISSING, reading_of(meter).energy.quality);
+    const auto took = std::chrono::steady_clock::now() - begin;
+    EXPECT_TRUE(took > 1990ms && took < 20s);
+}
+
 TEST_F(SiteCommandTest, SeesNothingOfTheProgramThatAsks) {
     const UniqueFd inherited(::dup2(STDIN_FILENO, 77));  // without O_CLOEXEC
     ::setenv("SECRET", "x", 1);
