@@ -36,7 +36,6 @@ options_are_offered_and_checked() {
     run policy_alone nobody -w n1 --energy-policy=minimize_time -- true
     settle
     check "a policy alone is no obstacle" 0 "$(code_of policy_alone)"
-    cat "$out/policy_alone.err" >>"$out/told"
 }
 
 # What the tag predicts is what the simulated machine does: power at three frequencies, percent.
@@ -110,7 +109,7 @@ jobs_that_end_otherwise() {
     setting=$(cheapest)
     run cancelled nobody -w n1 --energy-tag=solve --energy-policy=minimize_energy -- sleep 60 &
     run failing nobody -w n2 --energy-tag=fails -- bash -c 'sleep 1.1; exit 3' &
-    run plain games -w n3 -- "$held" "$go/plain" true &
+    run plain games -w n3 --energy-policy=none -- "$held" "$go/plain" true &
     becomes "n1 before the cancellation" n1 "$setting"
     cp "$(root_of n1)$scratch/node/eas/job-$(running_on n1)" "$out/left-over"
     patiently has_begun plain
@@ -125,7 +124,8 @@ jobs_that_end_otherwise() {
     # Cancelled with an exit code of 0, after what else would be a whole run; salloc is a whole one.
     run interrupted nobody -w n2 --energy-tag=half -- \
         bash -c 'trap "exit 0" TERM; sleep 1.1; echo begun; sleep 60 & wait' &
-    as nobody salloc -Q -w n1 --energy-tag=interactive srun -Q "$bin/work" 2 >"$out/salloc" &
+    as nobody salloc -Q -w n1 --energy-tag=interactive \
+        srun -Q --energy-policy=minimize_time "$bin/work" 2 >"$out/salloc" 2>"$out/salloc.err" &
     patiently grep -qs begun "$out/interrupted.all"
     scancel -u nobody -w n2
     settle
@@ -242,9 +242,10 @@ for scenario in options_are_offered_and_checked measuring_runs_make_tags policie
     check "$scenario: n1 afterwards" "$idle" "$(setting n1)"
     echo "$scenario: $((SECONDS - start)) s"
 done
-# What the plugin said of the jobs on the first nodes, without what depends on the time.
+# What the plugin said to users, and of the jobs on the first nodes, without what depends on the time.
 said() {
     local node names
+    (cd "$out" && grep -e energy ./*.err)
     names=$(for file in "$out"/*.all; do
         [ ! -s "$file" ] || printf 's/\\bjob %s\\b/%s/g\n' "$(head -n1 "$file")" "$(basename "$file" .all)"
     done)
