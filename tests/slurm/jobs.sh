@@ -34,6 +34,7 @@ options_are_offered_and_checked() {
     done
     check "nothing was submitted" "" "$(squeue -h)"
     run policy_alone nobody -w n1 --energy-policy=minimize_time -- true
+    as nobody salloc -Q -w n2 srun -Q --energy-policy=minimize_time true 2>"$out/inner.err"
     settle
     check "a policy alone is no obstacle" 0 "$(code_of policy_alone)"
 }
