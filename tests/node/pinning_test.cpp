@@ -16,16 +16,11 @@ namespace {
 
 using PinningTest = NodeTest;
 
-/// What is set on the whole node.
-std::string all_settings() {
-    return Frequency().save();
-}
-
 TEST_F(PinningTest, AFailureInTheMiddleGivesBackWhatWasDone) {
     FakeNode node(small_node("xeon2023"));
     inside(node, [&] {
         Frequency some;
-        const std::string before = all_settings(), file = policy_file(5, "scaling_max_freq");
+        const std::string before = Frequency().save(), file = policy_file(5, "scaling_max_freq");
         const auto forbid_writing = [&file] {
             const unsigned long flags = MS_REMOUNT | MS_BIND | MS_RDONLY;
             ASSERT_EQ(0, ::mount(file.c_str(), file.c_str(), nullptr, MS_BIND, nullptr));
@@ -38,7 +33,7 @@ TEST_F(PinningTest, AFailureInTheMiddleGivesBackWhatWasDone) {
         EXPECT_EQ(file, some.problem.path);
         EXPECT_EQ(EROFS, some.problem.error);
         EXPECT_EQ(5, some.problem.cpu);
-        EXPECT_EQ(before, all_settings());
+        EXPECT_EQ(before, Frequency().save());
         EXPECT_FALSE(writes(node).empty()) << "something was done";
 
         // Nor can policy 5 be given back; the others are.
