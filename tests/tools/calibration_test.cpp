@@ -208,13 +208,14 @@ TEST_F(Calibration, LeavesOutWhatDidNotRunAtItsFrequency) {
     inside(node, [&] {
         const auto at = [&](const std::string& frequencies) {
             return std::vector<std::string>{
-                "model", "calibrate", "--out",  path("m.csv"),   "--seconds",
-                "0.4",   "--kernels", "stream", "--frequencies", frequencies};
+                "--json", "model",     "calibrate", "--out",         path("m.csv"), "--seconds",
+                "0.4",    "--kernels", "stream",    "--frequencies", frequencies};
         };
         node.state().cap_khz = 1600000;
         expect_all(
             {{at("2667000"), 6, "did not run at any of the frequencies: the driver acpi-cpufreq "},
-             {at("2667000,1600000"), 1, "2667000 kHz, stream: left out, the CPUs ran at 1"},
+             {at("2667000,1600000"), 1,
+              "[\n    \"2667000 kHz, stream: left out, the CPUs ran at 1"},
              {at("2667000,1600000"), 1, "1 of 1 runs were left out, since the CPUs ran at other"}});
         EXPECT_THAT(read_file(path("m.csv")), HasSubstr("stream,1600000"));
         EXPECT_THAT(read_file(path("m.csv")), ::testing::Not(HasSubstr("stream,2667000")));
