@@ -168,10 +168,11 @@ TEST(PowerIntegral, IsATrapezoidUntilNobodyLooked) {
         "meter, integrated from 3 samples every 1.5 s; below 30 s it errs by about 1 s of "
         "power",
         integral.words("meter"));
-    EXPECT_TRUE(integral.add(73 * second, 300)) << "a minute";
-    EXPECT_DOUBLE_EQ(500 + 250 * 60, integral.joules());
-    EXPECT_EQ("meter, integrated from 4 samples every 21.0 s", integral.words("meter"));
-    EXPECT_FALSE(integral.add(134 * second, 200));
+    EXPECT_TRUE(integral.add(40 * second, 200)) << "half a minute since the beginning";
+    EXPECT_EQ("meter, integrated from 4 samples every 10.0 s", integral.words("meter"));
+    EXPECT_TRUE(integral.add(100 * second, 300)) << "a minute since the last one";
+    EXPECT_DOUBLE_EQ(500 + 200 * 27 + 250 * 60, integral.joules());
+    EXPECT_FALSE(integral.add(161 * second, 200));
 }
 
 }  // namespace
