@@ -74,7 +74,7 @@ class Hook(unittest.TestCase):
 
         def hook(*arguments, **named):
             noted.write_text("")
-            said = re.sub(r"[\d.]+ J in [\d.]+ s, mean [\d.]+ W", "FIGURES", self.run_hook(*arguments, **named))
+            said = re.sub(r"\b\d+\.\d J in \d+\.\d\d s, mean \d+\.\d W", "FIGURES", self.run_hook(*arguments, **named))
             print(*filter(None, (said, noted.read_text().strip())), sep="\n")
 
         names = {"hook": hook, "run_hook": self.run_hook, "helper": str(script), "limit": LIMIT, "folder": self.folder,

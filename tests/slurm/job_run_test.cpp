@@ -265,6 +265,17 @@ TEST_P(JobRun, ThatCannotBeAsItsUserWantedSaysWhyOnEveryNode) {
         EXPECT_THAT(last_run(), ::testing::HasSubstr(" meter=fake," + covers + " "));
         EXPECT_EQ(covers.rfind("packages", 0) == 0, covers_processors_alone("fake," + covers));
     }
+    extent = 3;
+    for (const std::string figure : {"memory%20traffic", "instructions", "cycles", "joules"}) {
+        const std::string number = std::to_string(extent--);
+        test::write_file(file("a.missing"), number);  // this one and those behind it
+        start("a", {4, user_, "t", "", true}, 1);
+        end("a", 4);
+        EXPECT_THAT(last_run(),
+                    ::testing::EndsWith(" reason=no%20" + figure + ":%20why%20" + number));
+    }
+    fs::remove(file("a.missing"));
+    fs::remove(file("a.extent"));
 
     const JobRequest request{9, user_, "t", "minimize_energy", false};
     const std::string measuring = "measuring for tag \"t\" at 2000000 kHz";

@@ -112,6 +112,7 @@ jobs_that_end_otherwise() {
     run failing nobody -w n2 --energy-tag=fails -- bash -c 'sleep 1.1; exit 3' &
     run plain games -w n3 --energy-policy=none -- "$held" "$go/plain" true &
     becomes "n1 before the cancellation" n1 "$setting"
+    patiently has_begun cancelled
     cp "$(root_of n1)$scratch/node/eas/job-$(running_on n1)" "$out/left-over"
     patiently has_begun plain
     check "n3 with a plain job" "$idle" "$(setting n3)"
@@ -253,8 +254,9 @@ said() {
     for node in n{1..6}; do
         sed -nE "s/^\[[^]]*\] (\[[0-9.]+\] )?(error: )?eas: /$node: \2/p" "$scratch/log/slurmd.$node.log"
     done | sed -E -e "$names" -e "s|$scratch|SCRATCH|g" -e 's/job 99999/of nobody/; s/\bjob [0-9]+/job N/g' \
-        -e 's/[0-9.]+ J in [0-9.]+ s, mean [0-9.]+ W/FIGURES/g; s/predicted [0-9.]+ J in [0-9]+ s/PREDICTED/' \
-        -e 's/by [-+][0-9.]+ %/by N %/; s/(1[0-9]|2[0-2])00000 kHz/LOW kHz/; s/seconds=.*joules=[0-9.]+/.../' \
+        -e 's/\b[0-9]+\.[0-9] J in [0-9]+\.[0-9]{2} s, mean [0-9]+\.[0-9] W/FIGURES/g' \
+        -e 's/predicted [0-9]+\.[0-9] J in [0-9]+ s/PREDICTED/' \
+        -e 's/by [-+][0-9]+\.[0-9] %/by N %/; s/(1[0-9]|2[0-2])00000 kHz/LOW kHz/; s/seconds=.*joules=[0-9.]+/.../' \
         -e 's/=1[0-9]00000 /=LOW /; s/both_[12]/both/g; s/^n[12]: (.*\bboth\b)/n1 or n2: \1/' | sort
 }
 [ -n "${SCENARIOS:-}" ] || diff -u "$here/jobs.transcript" <(cat "$out/told" && said) || failures=$((failures + 1))
