@@ -30,7 +30,6 @@ class Hybrid(Session):
         self.assertTrue(0.399 < sum(usage.seconds for usage in usages) <= whole.seconds)
         self.assertLessEqual(sum(usage.energy.value for usage in usages), whole.energy.value)
         self.assertRaises(StopIteration, next, meter)
-        self.assertRaises(ValueError, meter.read)
         with node.Meter(os.getpid(), interval=0.2) as meter:
             time.sleep(0.7)  # what was missed altogether is not made up for
             self.assertEqual([next(meter).seconds > least for least in (0.7, 0.19)], [True] * 2)
@@ -40,12 +39,8 @@ class Hybrid(Session):
         self.assertEqual(figures.energy.read_within, None)
 
 
-class Xeon2023(Session):
-    pass
-
-
-class Denied(Session):
-    pass
+Xeon2023 = type("Xeon2023", (Session,), {})
+Denied = type("Denied", (Session,), {})
 
 
 if __name__ == "__main__":

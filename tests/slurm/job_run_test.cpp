@@ -275,7 +275,6 @@ TEST_P(JobRun, ThatCannotBeAsItsUserWantedSaysWhyOnEveryNode) {
                     ::testing::EndsWith(" reason=no%20" + figure + ":%20why%20" + number));
     }
     fs::remove(file("a.missing"));
-    fs::remove(file("a.extent"));
 
     const JobRequest request{9, user_, "t", "minimize_energy", false};
     const std::string measuring = "measuring for tag \"t\" at 2000000 kHz";
