@@ -15,6 +15,8 @@ TEST(Locator, GivesTheNameOfTheRecognisedFormOnly) {
         {"mysql:dbname=mydsn;host=x\n", "mydsn"},
         {"  mysql ; dbname : mydsn  \n", "mydsn"},
         {"mysql:dbname|mydsn\n", "mydsn"},
+        {"mysql:dbname=mydsn|x\n", "mydsn"},
+        {"mysql;dbname mydsn:x y\n", "mydsn"},
         {"mysql:dbn\\\name=mydsn\n", "mydsn"},  // a continued line
         {"mysql|dbname=mydsn\n", ""},           // the bar does not end the keyword
         {"mysql:dbname=\n", ""},
