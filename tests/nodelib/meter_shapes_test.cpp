@@ -111,7 +111,9 @@ TEST_F(MeterShapes, EveryGenerationsControllersAreCountedByTheirCodes) {
         for (size_t i = 0; i < codes.size(); ++i)
             shape.counts.push_back({"uncore_imc_*", codes[i],
                                     2 * i < codes.size() ? "reads" : "writes",
-                                    2 / static_cast<double>(codes.size())});
+                                    codes.size() == 2 ? 1.0
+                                    : i % 2 == 0      ? 0.2
+                                                      : 0.8});
         return shape;
     };
     const std::pair<std::vector<int>, std::vector<uint64_t>> rows[] = {
