@@ -93,6 +93,7 @@ void run_block(const std::vector<std::string>& lines,
 void replay(const std::string& transcript,
             const std::function<std::string(FakeNode&, const std::string& line)>& command) {
     std::ifstream file(transcript);
+    ASSERT_TRUE(file) << transcript;
     std::vector<std::string> lines;
     for (std::string line; std::getline(file, line) || !lines.empty(); line.clear()) {
         if (!line.empty() && line[0] != '#')

@@ -108,6 +108,7 @@ TEST_F(MeterShapes, EveryGenerationsControllersAreCountedByTheirCodes) {
     const auto counted_by = [&bare](int model, const std::vector<uint64_t>& codes) {
         NodeShape shape = bare;
         shape.model = model;
+        // Of two schedulers one sees more: counted twice, either makes another sum.
         for (size_t i = 0; i < codes.size(); ++i)
             shape.counts.push_back({"uncore_imc_*", codes[i],
                                     2 * i < codes.size() ? "reads" : "writes",
